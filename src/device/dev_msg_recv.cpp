@@ -1,0 +1,1 @@
+#include "device/dev_msg_recv.h"

@@ -1,0 +1,1 @@
+#include "nm/device_init.h"

@@ -1,0 +1,1 @@
+#include "nm/heartbeat.h"

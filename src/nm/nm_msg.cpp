@@ -1,0 +1,1 @@
+#include "nm/nm_msg.h"

@@ -1,0 +1,1 @@
+#include "nm/report_strategy.h"

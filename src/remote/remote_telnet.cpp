@@ -1,0 +1,1 @@
+#include "remote/remote_telnet.h"

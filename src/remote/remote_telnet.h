@@ -1,0 +1,20 @@
+// remote_telnet.h - NM's way to the device's telnet service: after authentication and "INIT" a plain byte relay.
+// Threads: remote_telnet (relay: remote_telnet_turn), the threads that carry NM's commands (set-up, stop).
+#pragma once
+
+#include <stdint.h>
+
+// Handler of the NM command "remote-telnet". 0 when the tunnel stands or was stopped, else -1 (logged).
+int remote_telnet_req_handle(uintptr_t context, const char *answer, const char *payload, uint32_t payload_len);
+
+// One relay step; 0, or -1 after a broken tunnel.
+int remote_telnet_data_handle(void);
+
+// 1 when text is an "INIT" control message.
+int remote_telnet_is_init(const char *text);
+
+// One cycle of the thread remote_telnet: one step and a pause of 5 ms, or rest until the tunnel opens.
+void remote_telnet_turn(void);
+
+// Creates locks and doorbell; start-up, before the threads.
+void remote_telnet_init(void);

@@ -1,0 +1,1 @@
+#include "runtime/plugin_config.h"

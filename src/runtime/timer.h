@@ -1,0 +1,30 @@
+// timer.h - periodic timers, each expiry on a thread of its own, and the process's one-shot alarm.
+#pragma once
+
+#include <pthread.h>
+#include <stdint.h>
+
+// Owned by the module whose callback it runs; lives for the whole process. The owner's lock guards the fields.
+struct PluginTimer {
+    uintptr_t timerid;                  // 0: not running
+    int32_t seconds;
+    int32_t milliseconds;               // 0 to 999
+    void (*handler)(PluginTimer *self); // any thread of the timer service; may overlap with itself
+};
+
+// Creates and starts the timer; the first expiry comes one full period later. A null record is ignored. Failures are
+// logged and leave timerid at 0. A period of 0 creates a timer that never expires; a negative one fails.
+// The record must not be running (callers stop before they start).
+// Callbacks begin with INT, TERM, QUIT and ALRM blocked, return at once when the process is stopping, and are counted.
+void start_timer(PluginTimer *timer);
+
+// Deletes the timer when it runs; silent otherwise. Never waits for a callback, which may outlive its timer.
+void stop_timer(PluginTimer *timer);
+
+// Arms the process's alarm: milliseconds are cut to whole seconds, 0 cancels; an earlier alarm is replaced. Returns the
+// seconds that were left of it, or an error number when the handler cannot be installed. Does nothing and returns 0
+// once the process is stopping: SIGALRM is the hard deadline then.
+int start_alarm_timer(int milliseconds, void (*handler)(int));
+
+// Callbacks that are running now, for the closing sequence.
+int timer_callbacks_running(void);

@@ -1,0 +1,149 @@
+#include "runtime/wait.h"
+
+#include <errno.h>
+#include <sys/eventfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "runtime/stop.h"
+
+constexpr int WAIT_FDS_MAX = 4;
+constexpr int CALL_OFF_SLICE_MS = 50;
+constexpr int LOCK_SLICE_MS = 10;
+
+static thread_local CallOff t_call_off;
+
+int64_t wait_now_ms(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+CallOff wait_call_off_set(CallOff call_off)
+{
+    CallOff before = t_call_off;
+    t_call_off = call_off;
+    return before;
+}
+
+int wait_is_cut(void)
+{
+    if (stop_requested())
+        return 1;
+    return t_call_off.counter && *t_call_off.counter != t_call_off.value;
+}
+
+// Cut, unless the stop finds main without a lock: then the closing sequence takes over.
+static WaitResult cut(void)
+{
+    stop_quit_point();
+    return WAIT_CUT;
+}
+
+static int remaining_ms(int64_t end_ms)
+{
+    int64_t left = end_ms - wait_now_ms();
+    return left > 0 ? (int)left : 0;
+}
+
+WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms)
+{
+    struct pollfd polled[WAIT_FDS_MAX + 1] = {};
+    if (count < 0 || count > WAIT_FDS_MAX) {
+        errno = EINVAL;
+        return WAIT_ERROR;
+    }
+    for (int i = 0; i < count; i++) {
+        polled[i].fd = fds[i].fd > 0 ? fds[i].fd : -1; // 0 counts as none; poll passes over negative ones
+        polled[i].events = fds[i].events;
+        fds[i].revents = 0;
+    }
+    polled[count].fd = stop_wake_fd();
+    polled[count].events = POLLIN;
+
+    int64_t end_ms = timeout_ms < 0 ? INT64_MAX : wait_now_ms() + timeout_ms;
+    for (;;) {
+        if (wait_is_cut())
+            return cut();
+        int slice_ms = timeout_ms < 0 ? -1 : remaining_ms(end_ms);
+        if (t_call_off.counter && (slice_ms < 0 || slice_ms > CALL_OFF_SLICE_MS))
+            slice_ms = CALL_OFF_SLICE_MS;
+        int ready = poll(polled, (nfds_t)(count + 1), slice_ms);
+        if (ready < 0) {
+            if (errno != EINTR)
+                return WAIT_ERROR;
+            continue;
+        }
+        if (wait_is_cut())
+            return cut();
+        if (ready > 0) {
+            for (int i = 0; i < count; i++)
+                fds[i].revents = polled[i].revents;
+            return WAIT_READY;
+        }
+        if (timeout_ms >= 0 && remaining_ms(end_ms) == 0)
+            return WAIT_TIMEOUT;
+    }
+}
+
+WaitResult wait_fd(int fd, short events, int timeout_ms)
+{
+    struct pollfd one = {fd, events, 0};
+    return wait_fds(&one, 1, timeout_ms);
+}
+
+WaitResult wait_sleep_ms(int ms)
+{
+    return wait_fds(nullptr, 0, ms < 0 ? 0 : ms);
+}
+
+void wait_cadence_ms(int ms)
+{
+    struct timespec left = {ms / 1000, (long)(ms % 1000) * 1000000};
+    while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
+    }
+}
+
+WaitResult wait_lock(pthread_mutex_t *mutex)
+{
+    while (pthread_mutex_trylock(mutex) != 0) {
+        if (wait_sleep_ms(LOCK_SLICE_MS) == WAIT_CUT)
+            return WAIT_CUT;
+    }
+    stop_hold_begin();
+    return WAIT_READY;
+}
+
+void wait_unlock(pthread_mutex_t *mutex)
+{
+    pthread_mutex_unlock(mutex);
+    stop_hold_end();
+}
+
+int wait_bell_init(WaitBell *bell)
+{
+    if (bell->fd < 0)
+        bell->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return bell->fd < 0 ? -1 : 0;
+}
+
+void wait_bell_ring(WaitBell *bell)
+{
+    int saved_errno = errno;
+    uint64_t one = 1;
+    ssize_t written = write(bell->fd, &one, sizeof(one));
+    (void)written; // a full counter is a bell that rings already
+    errno = saved_errno;
+}
+
+WaitResult wait_bell(WaitBell *bell, int timeout_ms)
+{
+    WaitResult result = wait_fd(bell->fd, POLLIN, timeout_ms);
+    if (result == WAIT_READY) {
+        uint64_t rings;
+        ssize_t got = read(bell->fd, &rings, sizeof(rings));
+        (void)got;
+    }
+    return result;
+}

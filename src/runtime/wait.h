@@ -1,0 +1,60 @@
+// wait.h - the one way to wait and the one way to sleep.
+// Every wait ends early when the process is asked to stop (stop.h) or when the calling thread's work was called off.
+// Such a wait is "cut": no time-out and no dead peer, so nothing is counted, closed, acknowledged or logged as one; the
+// caller unwinds by its failure path. On the main thread a wait cut by a stop is a quit point: it does not return
+// unless a lock is held (stop_hold_begin).
+// Time is measured on the monotonic clock; EINTR goes on waiting. Any thread.
+#pragma once
+
+#include <atomic>
+#include <poll.h>
+#include <pthread.h>
+#include <stdint.h>
+
+enum WaitResult {
+    WAIT_CUT = -2,   // stop or call-off
+    WAIT_ERROR = -1, // poll itself failed, errno set
+    WAIT_TIMEOUT = 0,
+    WAIT_READY = 1,
+};
+
+// Waits until poll reports any of events (POLLIN, POLLOUT) or an error state on fd; a descriptor below 1 never becomes
+// ready. timeout_ms below 0: without limit.
+WaitResult wait_fd(int fd, short events, int timeout_ms);
+
+// The same for several descriptors; revents are filled in. At most 4. Entries below 1 are passed over.
+WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms);
+
+// Sleeps. WAIT_TIMEOUT when slept whole, WAIT_CUT otherwise.
+WaitResult wait_sleep_ms(int ms);
+
+// The pause between two turns of a work loop (1 to 10 ms): slept whole, whatever happens, so that a loop which leaves by
+// the exit flag alone cannot spin between a stop request and the flag.
+void wait_cadence_ms(int ms);
+
+// Takes a long lock (one that is held over waits) in a wait that can be cut. WAIT_READY when taken, else WAIT_CUT.
+// Between taking it and wait_unlock the main thread is no quit point.
+WaitResult wait_lock(pthread_mutex_t *mutex);
+void wait_unlock(pthread_mutex_t *mutex);
+
+// 1 when a wait of this thread would be cut now.
+int wait_is_cut(void);
+
+// Call-off of the calling thread: its waits are cut as soon as *counter differs from value (noticed within 50 ms).
+// counter lives for the whole process. Returns the one that was in force, to be put back when the work is done.
+struct CallOff {
+    const std::atomic<uint32_t> *counter; // null: none
+    uint32_t value;
+};
+CallOff wait_call_off_set(CallOff call_off);
+
+// Milliseconds on the monotonic clock.
+int64_t wait_now_ms(void);
+
+// A doorbell: any thread rings, one thread waits on it with wait_bell. Lives for the whole process.
+struct WaitBell {
+    std::atomic<int> fd{-1};
+};
+int wait_bell_init(WaitBell *bell);   // 0, or -1 without a descriptor; a second call does nothing
+void wait_bell_ring(WaitBell *bell);  // async-signal-safe
+WaitResult wait_bell(WaitBell *bell, int timeout_ms); // READY takes back all rings so far

@@ -1,0 +1,1 @@
+#include "runtime/work_thread.h"

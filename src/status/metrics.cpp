@@ -1,0 +1,1 @@
+#include "status/metrics.h"

@@ -1,0 +1,1 @@
+#include "status/service_status.h"

@@ -1,0 +1,49 @@
+// service_status.h - reporting the records of the service status file, which the device keeps adding to, by NM's strategy.
+// One record of settings under its own short lock; only the thread dev_service_status_report runs reports, everybody else
+// asks for one.
+#pragma once
+
+#include <stdint.h>
+
+enum ServiceReportMode : int32_t {
+    SERVICE_IMMEDIATE = 0,
+    SERVICE_TIMING = 1,
+    SERVICE_DELAY = 2,            // by size; empties the file
+    SERVICE_IMMEDIATE_TIMING = 3,
+    SERVICE_IMMEDIATE_DELAY = 4,  // by size; empties the file
+};
+
+// Bring-up succeeded: timer stopped, disabled, mode 0, 120 s, limit 100, a pending request forgotten (a run goes on).
+void service_status_reset(void);
+
+// Bring-up restarts: disabled; the thread stops the timer.
+void service_status_disable(void);
+
+// "start" / "stop" of NM. start asks for a report.
+void service_status_start(void);
+void service_status_stop(void);
+
+// Strategy values in force, and NM's change of them: logs a change of the period and lets the timer start anew.
+int32_t service_status_period_get(void);
+int32_t service_status_limit_get(void);
+void service_status_set_timing(ServiceReportMode mode, int32_t period_s);
+void service_status_set_delay(ServiceReportMode mode, int32_t limit_kib);
+void service_status_set_immediate(void);
+
+// The device asks for a report: heard when enabled and in mode 0, 3 or 4.
+void service_status_device_request(void);
+
+// Reads the file and posts each record; empties the file afterwards when truncate is set and the run was not cut.
+void service_status_report(int truncate);
+
+// Runs one report unless one is in progress.
+void service_status_report_now(void);
+
+// One step of the reporting loop, ends with a pause of 200 ms.
+void service_status_poll(void);
+
+// One cycle of the thread dev_service_status_report: service_status_poll and 5 ms; rests while there is nothing to watch.
+void service_status_turn(void);
+
+// Creates the doorbell; start-up, before the threads.
+void service_status_init(void);

@@ -1,0 +1,1 @@
+#include "transport/conn_life.h"

@@ -1,0 +1,31 @@
+// conn_life.h - the counted life of a connection: descriptor, address list and TLS session live until the last user lets
+// go, so that nobody polls, reads or writes a number that was closed and given out again.
+// Any thread.
+#pragma once
+
+#include <atomic>
+#include <pthread.h>
+#include <stdint.h>
+
+#include "transport/socket.h"
+
+struct ConnLife {
+    std::atomic<int> users;       // free at 0
+    int fd;                       // constant; closed by the last user
+    struct addrinfo *remote_addr; // constant; freed by the last user
+    TlsSession *tls;              // constant; freed by the last user
+    pthread_mutex_t send_order;   // long lock: held over one whole unit of conn_send with its waits
+    std::atomic<uint8_t> broken;  // a unit was sent in part: nothing more is sent, the connection is not usable
+    std::atomic<uint8_t> shut;    // both directions were shut down
+};
+
+// Takes over socket, address list and session of conn; the caller is its only user. Null (logged) without memory; then
+// everything still belongs to the caller.
+ConnLife *conn_life_new(const SocketConn *conn);
+
+void conn_life_hold(ConnLife *life); // null: nothing
+void conn_life_drop(ConnLife *life); // null: nothing; the last one closes, quietly
+
+// Shuts both directions down at once and makes a later close linger for 1 s at most; wakes every thread that waits on it.
+// Once per life, later calls do nothing. Returns 0, or -1 when the linger option was refused.
+int conn_life_shut(ConnLife *life);

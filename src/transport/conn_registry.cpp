@@ -1,0 +1,1 @@
+#include "transport/conn_registry.h"

@@ -1,0 +1,81 @@
+// conn_registry.h - the agent's connections, at most one of each type, referred to by type everywhere.
+// The table has one short lock for its own state, never held over a connect, handshake, poll, close or look-up. Whoever
+// polls, reads or writes does so on a held copy (conn_hold, conn_drop); closing takes the entry out of the table and
+// shuts the connection down at once, the resources go with the last drop.
+// Any thread. Types above REMOTE_WEB_SERVER are warned about and touch nothing.
+#pragma once
+
+#include <stdint.h>
+
+#include "transport/socket.h"
+
+enum ConnectionType : uint32_t {
+    DEV_TCP = 0,              // device's local agent, never TLS
+    NM_UDP_DETECTION = 1,     // NM's detection server
+    HTTP = 2,                 // NM, kept connection
+    REMOTE_TELNET_SERVER = 3, // remote telnet, NM side
+    REMOTE_TELNET_DEVICE = 4, // remote telnet, device side, never TLS
+    REMOTE_WEB_SERVER = 5,    // remote web, NM side
+};
+constexpr uint32_t CONNECTION_TYPE_COUNT = 6;
+
+enum ConnectionStatus : uint32_t { DISCONNECTED = 0, CONNECTED = 1, PENDING = 2 };
+
+// One entry of the table.
+struct ConnectionInfo {
+    ConnectionStatus status;
+    SocketConn conn; // owned through conn.life; its texts stay after a removal
+};
+
+// Display name, static; "Unknown type" with a warning for other numbers. The same for statuses.
+const char *conn_type_name(uint32_t type);
+const char *conn_status_name(uint32_t status);
+
+// Logs the table.
+void conn_print_all(void);
+
+// Makes conn (a fresh connection that the caller owns) the entry of type; an entry that is CONNECTED is closed first.
+// NM-side TCP types get a TLS session when NM's method is https; a failed handshake leaves plain text. The entry and
+// its status appear in one step after the handshake. Always 1; ownership passes in any case.
+int conn_add(ConnectionType type, SocketConn conn, int print);
+
+// Stores a failed connect's texts and descriptor (-1 or 0) in an entry that is not CONNECTED.
+void conn_note_failed(ConnectionType type, const SocketConn *conn);
+
+// Closes the entry whatever its status / only when it is CONNECTED (always 1).
+void conn_remove(ConnectionType type, int print);
+int conn_remove_if_connected(ConnectionType type, int print);
+
+// Closes every CONNECTED entry, the device link included / but the device link.
+void conn_remove_all(void);
+void conn_remove_all_but_device(void);
+
+// 1 when the entry is CONNECTED and still usable, else 0; a CONNECTED entry that is dead is closed (if it still is the
+// connection that was tested). A liveness test, up to 2 s. NM_UDP_DETECTION has none: it is closed and the answer is 0.
+int conn_check(ConnectionType type);
+
+// conn_check's test without closing anything.
+int tcp_check_conn(ConnectionType type);
+
+// 1 when the entry's status is CONNECTED: no test, no wait. What senders ask.
+int conn_is_connected(ConnectionType type);
+
+// Connects again to the peer of the entry, texts and local side as before, default buffers. 1 when registered, else 0.
+int conn_reconnect(ConnectionType type);
+
+// Data can be read on the entry's connection within timeout_ms (conn_readable on a held copy); 0 otherwise.
+int poll_conn_readable(ConnectionType type, int timeout_ms);
+
+// Copies the entry's connection and keeps it alive until conn_drop. Returns 1 when the entry is CONNECTED; else 0 with
+// the texts of the last one and no socket. Both outcomes want conn_drop (harmless on the second).
+int conn_hold(ConnectionType type, SocketConn *copy);
+void conn_drop(SocketConn *copy);
+
+// 1 when copy (held) is still the CONNECTED entry of type.
+int conn_is_current(ConnectionType type, const SocketConn *copy);
+
+// Closes the entry only if it still is the connection of copy (held), with the lines of a removal.
+void conn_remove_if_current(ConnectionType type, const SocketConn *copy, int print);
+
+// Copy of an entry, without keeping anything alive: texts, numbers and status only.
+ConnectionInfo conn_info_get(ConnectionType type);

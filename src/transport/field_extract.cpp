@@ -1,0 +1,1 @@
+#include "transport/field_extract.h"

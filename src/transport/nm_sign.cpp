@@ -1,0 +1,1 @@
+#include "transport/nm_sign.h"

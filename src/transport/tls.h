@@ -1,0 +1,41 @@
+// tls.h - TLS 1.2 client sessions on connected, non-blocking sockets. They encrypt, they do not authenticate: no
+// certificate and no name is verified.
+// A session is shared by the threads that hold its connection: one short lock inside it around each single library call,
+// never over a wait. Any thread.
+#pragma once
+
+#include <stddef.h>
+
+struct TlsSession;
+
+// Handshake on fd: at most 10 calls, each wait between them as long as the peer needs, a stop or a call-off excepted.
+// The session, owned by the caller until tls_deinit or tls_free, or null (logged; silently when cut).
+TlsSession *tls_init(int fd);
+
+// The rules of tcp_send with SSL_write. -1 (logged) for a missing argument or a length of 0.
+// A write that the session began is continued with the same bytes or the connection must be dropped.
+int tls_send(TlsSession *session, const void *buf, size_t len);
+
+// tls_send with the bytes accepted in *accepted and, in *begun (may be null), 1 when a record of further bytes was begun
+// and must be finished by the same bytes.
+int tls_send_counted(TlsSession *session, const void *buf, size_t len, size_t *accepted, int *begun);
+
+// One SSL_write without lines or waits: bytes accepted, or -1 with errno EAGAIN (nothing taken; retry with the same
+// bytes when events, POLLIN or POLLOUT, come) or another errno (the session is dead).
+int tls_write_once(TlsSession *session, const void *buf, size_t len, short *events);
+
+// One SSL_read: bytes; 0 at the peer's end; -1 with errno EAGAIN when no plaintext is there yet, with another errno on a
+// real error, and for a missing argument (logged).
+int tls_recv(TlsSession *session, void *buf, size_t len);
+
+// 1 when plaintext can be read (or the end or an error of the session) within timeout_ms, else 0. An incomplete record
+// is waited for within the same time.
+int tls_readable(TlsSession *session, int timeout_ms);
+
+// Ends and frees a session, "SSL deinit success!"; null does nothing. The socket is not closed; call it before that.
+void tls_deinit(TlsSession *session);
+
+// The two halves of tls_deinit for a connection with several users: the line when it is closed, the memory, quietly,
+// when the last user has let go.
+void tls_log_deinit(void);
+void tls_free(TlsSession *session);
