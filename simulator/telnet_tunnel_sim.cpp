@@ -1,0 +1,202 @@
+#include "telnet_tunnel_sim.h"
+
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/event.h>
+#include <unistd.h>
+
+static const char k_result_true[] = "{\"result\":\"true\"}";
+static const char k_result_false[] = "{\"result\":\"false\"}";
+static const char k_init[] = "{\"type\":\"INIT\"}";
+static const timeval k_pause = {0, 50 * 1000}; // keeps two messages out of one read of the agent
+static const size_t k_held_max = 1024 * 1024;
+static const size_t k_keys_max = 64 * 1024; // bytes held for a client that the agent cannot keep up with
+
+TelnetTunnelSim::TelnetTunnelSim(const TunnelSimOptions &options, TelnetAnswers answers)
+    : TunnelSim(options), answers_(answers), pause_(event_new(sim_loop_base(loop_), -1, 0, on_pause, this))
+{
+    open(options);
+}
+
+TelnetTunnelSim::~TelnetTunnelSim()
+{
+    close_all();
+    sim_loop_call(loop_, [this] {
+        agent_gone();
+        event_free(pause_);
+    });
+}
+
+TelnetTunnelStats TelnetTunnelSim::stats()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return stats_;
+}
+
+bool TelnetTunnelSim::wait(int wait_ms, const std::function<bool(const TelnetTunnelStats &)> &predicate)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return wait_locked(lock, wait_ms, [&] { return predicate(stats_); });
+}
+
+std::string TelnetTunnelSim::take_held()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(stats_.held);
+}
+
+void TelnetTunnelSim::set_answers(TelnetAnswers answers)
+{
+    sim_loop_call(loop_, [&] { answers_ = answers; });
+}
+
+void TelnetTunnelSim::send_init()
+{
+    sim_loop_call(loop_, [this] { init_send(); });
+}
+
+void TelnetTunnelSim::init_send()
+{
+    agent_send(k_init);
+    update([this] { stats_.inits++; });
+}
+
+void TelnetTunnelSim::pause_start()
+{
+    event_add(pause_, &k_pause);
+}
+
+// The agent has read what was sent before: the control message, or the client's keys, may follow.
+void TelnetTunnelSim::paused()
+{
+    if (init_due_) {
+        init_due_ = false;
+        init_send();
+        pause_start();
+    } else if (client_ != nullptr) {
+        bufferevent_enable(client_, EV_READ);
+    }
+}
+
+void TelnetTunnelSim::on_pause(int, short, void *self)
+{
+    static_cast<TelnetTunnelSim *>(self)->paused();
+}
+
+void TelnetTunnelSim::agent_ready()
+{
+    session_used_ = false;
+    switch (answers_) {
+    case TELNET_ANSWER_SEPARATE:
+        agent_send(k_result_true);
+        init_due_ = true;
+        pause_start();
+        break;
+    case TELNET_ANSWER_ONE_SEGMENT:
+        agent_send(std::string(k_result_true) + k_init);
+        update([this] { stats_.inits++; });
+        break;
+    case TELNET_ANSWER_NO_INIT:
+        agent_send(k_result_true);
+        break;
+    case TELNET_ANSWER_REFUSE:
+        agent_send(k_result_false);
+        break;
+    case TELNET_ANSWER_SILENT:
+        break;
+    }
+}
+
+void TelnetTunnelSim::agent_data(evbuffer *in)
+{
+    std::string bytes(evbuffer_get_length(in), '\0');
+    evbuffer_remove(in, &bytes[0], bytes.size());
+    if (client_ != nullptr) {
+        bufferevent_write(client_, bytes.data(), bytes.size());
+    }
+    update([&] {
+        stats_.bytes_in += bytes.size();
+        if (client_ == nullptr) {
+            stats_.held += bytes;
+            if (stats_.held.size() > k_held_max) {
+                stats_.held.erase(0, stats_.held.size() - k_held_max);
+            }
+        }
+    });
+}
+
+void TelnetTunnelSim::keys_send()
+{
+    if (agent_ != nullptr && evbuffer_get_length(bufferevent_get_output(agent_)) < k_output_high) {
+        evbuffer *in = bufferevent_get_input(client_);
+        std::string keys(evbuffer_get_length(in), '\0');
+        evbuffer_remove(in, &keys[0], keys.size());
+        agent_send(keys);
+    }
+}
+
+void TelnetTunnelSim::agent_drained()
+{
+    if (client_ != nullptr) {
+        keys_send();
+    }
+}
+
+void TelnetTunnelSim::agent_gone()
+{
+    event_del(pause_);
+    init_due_ = false;
+    if (client_ != nullptr) { // the device's last words
+        evbuffer_write(bufferevent_get_output(client_), bufferevent_getfd(client_));
+    }
+    client_end();
+}
+
+void TelnetTunnelSim::client_end()
+{
+    if (client_ != nullptr) {
+        bufferevent_free(client_);
+        client_ = nullptr;
+        update([this] { stats_.client = false; });
+    }
+}
+
+void TelnetTunnelSim::on_client_read(bufferevent *, void *self)
+{
+    static_cast<TelnetTunnelSim *>(self)->keys_send();
+}
+
+void TelnetTunnelSim::on_client_event(bufferevent *, short, void *self)
+{
+    auto *sim = static_cast<TelnetTunnelSim *>(self);
+    sim->keys_send();
+    sim->client_end();
+}
+
+void TelnetTunnelSim::client_accepted(int fd)
+{
+    if (!authenticated_ || client_ != nullptr) {
+        close(fd);
+        return;
+    }
+    client_ = bufferevent_socket_new(sim_loop_base(loop_), fd, BEV_OPT_CLOSE_ON_FREE);
+    bufferevent_setcb(client_, on_client_read, nullptr, on_client_event, this);
+    bufferevent_setwatermark(client_, EV_READ, 0, k_keys_max);
+    const bool fresh = session_used_;
+    update([&] {
+        stats_.client = true;
+        if (!fresh) {
+            bufferevent_write(client_, stats_.held.data(), stats_.held.size());
+        }
+        stats_.held.clear();
+    });
+    session_used_ = true;
+    if (fresh) {
+        init_send();
+    }
+    if (fresh || init_due_) {
+        pause_start();
+    } else {
+        bufferevent_enable(client_, EV_READ);
+    }
+}

@@ -1,0 +1,62 @@
+// telnet_tunnel_sim.h - NM's end of the remote-telnet tunnel: answers the authentication, says "INIT", then relays one
+// telnet client at a time. A client after the first has "INIT" sent again, so it gets a fresh session of the device.
+#pragma once
+
+#include "tunnel_sim.h"
+
+enum TelnetAnswers {
+    TELNET_ANSWER_SEPARATE,    // the result, and after a pause the control message
+    TELNET_ANSWER_ONE_SEGMENT, // both in one write
+    TELNET_ANSWER_NO_INIT,     // the result only
+    TELNET_ANSWER_REFUSE,      // a result of "false"
+    TELNET_ANSWER_SILENT,      // nothing at all
+};
+
+struct TelnetTunnelStats : TunnelStats {
+    uint32_t inits = 0; // control messages sent
+    bool client = false;
+    std::string held; // came without a client; the next one gets it (the newest 1 MiB)
+};
+
+class TelnetTunnelSim : public TunnelSim
+{
+  public:
+    TelnetTunnelSim(const TunnelSimOptions &options, TelnetAnswers answers = TELNET_ANSWER_SEPARATE);
+    ~TelnetTunnelSim() override;
+
+    void set_answers(TelnetAnswers answers);
+    void send_init(); // the control message, at any time
+    std::string take_held();
+
+    TelnetTunnelStats stats();
+    bool wait(int wait_ms, const std::function<bool(const TelnetTunnelStats &)> &predicate);
+
+  protected:
+    void agent_ready() override;
+    void agent_data(evbuffer *in) override;
+    void agent_drained() override;
+    void agent_gone() override;
+    void client_accepted(int fd) override;
+    TunnelStats &common() override
+    {
+        return stats_;
+    }
+
+  private:
+    void init_send();
+    void paused();
+    void pause_start();
+    void client_end();
+    void keys_send();
+    static void on_pause(int fd, short what, void *self);
+    static void on_client_read(bufferevent *bev, void *self);
+    static void on_client_event(bufferevent *bev, short what, void *self);
+
+    TelnetTunnelStats stats_; // under mutex_
+    // loop thread only
+    TelnetAnswers answers_;
+    struct event *pause_;
+    bufferevent *client_ = nullptr;
+    bool init_due_ = false;     // at the end of the pause
+    bool session_used_ = false; // a client has had the device's present session
+};

@@ -1,0 +1,288 @@
+#include "tunnel_sim.h"
+
+#include <arpa/inet.h>
+#include <cjson/cJSON.h>
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/bufferevent_ssl.h>
+#include <event2/event.h>
+#include <event2/listener.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "sim_tls.h"
+
+static const size_t k_auth_max = 10240; // the agent builds the text in a buffer of that size
+
+static std::string auth_text(const TunnelAuth &auth)
+{
+    return "{\"ver\":\"" + auth.ver + "\",\"deviceSn\":\"" + auth.device_sn + "\",\"token\":\"" + auth.token +
+           "\",\"key\":" + std::to_string(auth.key) + ",\"sessionid\":\"" + auth.sessionid + "\"}";
+}
+
+static std::string auth_fields_check(const cJSON *json, const TunnelAuth &expected)
+{
+    const struct {
+        const char *name;
+        const std::string &value;
+    } texts[] = {{"ver", expected.ver},
+                 {"deviceSn", expected.device_sn},
+                 {"token", expected.token},
+                 {"sessionid", expected.sessionid}};
+    for (const auto &text : texts) {
+        const cJSON *item = cJSON_GetObjectItemCaseSensitive(json, text.name);
+        if (!cJSON_IsString(item)) {
+            return std::string("authentication: no text \"") + text.name + "\"";
+        }
+        if (text.value != item->valuestring) {
+            return std::string("authentication: \"") + text.name + "\" is \"" + item->valuestring + "\", not \"" +
+                   text.value + "\"";
+        }
+    }
+    const cJSON *key = cJSON_GetObjectItemCaseSensitive(json, "key");
+    if (!cJSON_IsNumber(key) || key->valuedouble != expected.key) {
+        return "authentication: \"key\" is not the bare number " + std::to_string(expected.key);
+    }
+    return "";
+}
+
+std::string tunnel_auth_check(const std::string &text, const TunnelAuth &expected)
+{
+    cJSON *json = cJSON_Parse(text.c_str());
+    if (json == nullptr) {
+        return "authentication: not JSON: " + text;
+    }
+    std::string wrong = auth_fields_check(json, expected);
+    cJSON_Delete(json);
+    if (wrong.empty() && text != auth_text(expected)) {
+        wrong = "authentication: right fields, other layout: " + text;
+    }
+    return wrong;
+}
+
+static uint16_t listener_port(evconnlistener *listener)
+{
+    sockaddr_in addr = {};
+    socklen_t len = sizeof(addr);
+    getsockname(evconnlistener_get_fd(listener), reinterpret_cast<sockaddr *>(&addr), &len);
+    return ntohs(addr.sin_port);
+}
+
+static evconnlistener *listener_open(event_base *base, const std::string &address, int port, evconnlistener_cb taken,
+                                     void *context)
+{
+    sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (inet_pton(AF_INET, address.c_str(), &addr.sin_addr) != 1) {
+        return nullptr;
+    }
+    return evconnlistener_new_bind(base, taken, context,
+                                   LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE | LEV_OPT_CLOSE_ON_EXEC, 64,
+                                   reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
+}
+
+TunnelSim::TunnelSim(const TunnelSimOptions &options)
+    : loop_(sim_loop_start()), auth_(options.auth), mute_(options.mute), tls_(options.tls ? sim_tls_server() : nullptr)
+{
+}
+
+void TunnelSim::open(const TunnelSimOptions &options)
+{
+    const int beyond_command = options.tls ? 1 : 0;
+    const int agent_port = options.command_port == 0 ? 0 : options.command_port + beyond_command;
+    sim_loop_call(loop_, [&] {
+        agent_listener_ = listener_open(sim_loop_base(loop_), options.address, agent_port, on_agent, this);
+        client_listener_ = listener_open(sim_loop_base(loop_), options.address, options.client_port, on_client, this);
+    });
+    if (agent_listener_ != nullptr) {
+        command_port_ = static_cast<uint16_t>(listener_port(agent_listener_) - beyond_command);
+    }
+    if (client_listener_ != nullptr) {
+        client_port_ = listener_port(client_listener_);
+    }
+}
+
+TunnelSim::~TunnelSim()
+{
+    sim_loop_stop(loop_);
+    SSL_CTX_free(tls_);
+}
+
+void TunnelSim::close_all()
+{
+    sim_loop_call(loop_, [this] {
+        for (evconnlistener **listener : {&agent_listener_, &client_listener_}) {
+            if (*listener != nullptr) {
+                evconnlistener_free(*listener);
+                *listener = nullptr;
+            }
+        }
+        agent_drop();
+    });
+}
+
+void TunnelSim::expect(const TunnelAuth &auth)
+{
+    sim_loop_call(loop_, [&] { auth_ = auth; });
+}
+
+void TunnelSim::send_bytes(const std::string &bytes)
+{
+    sim_loop_call(loop_, [&] { agent_send(bytes); });
+}
+
+void TunnelSim::stall_reading(bool stall)
+{
+    sim_loop_call(loop_, [&] {
+        if (agent_ != nullptr) {
+            stall ? bufferevent_disable(agent_, EV_READ) : bufferevent_enable(agent_, EV_READ);
+        }
+    });
+}
+
+void TunnelSim::close_agent(bool reset)
+{
+    sim_loop_call(loop_, [&] {
+        if (agent_ != nullptr && reset) {
+            const linger at_once = {1, 0};
+            setsockopt(bufferevent_getfd(agent_), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+        }
+        agent_drop();
+    });
+}
+
+void TunnelSim::stop_listening()
+{
+    sim_loop_call(loop_, [this] {
+        if (agent_listener_ != nullptr) {
+            evconnlistener_free(agent_listener_);
+            agent_listener_ = nullptr;
+        }
+    });
+}
+
+void TunnelSim::problem(const std::string &text)
+{
+    update([&] { common().problems.push_back(text); });
+}
+
+// A copy by reference: the bytes stay one chunk of the output and so leave in one write.
+void TunnelSim::agent_send(const std::string &bytes)
+{
+    if (agent_ == nullptr || bytes.empty()) {
+        return;
+    }
+    auto *copy = new std::string(bytes);
+    evbuffer_add_reference(
+        bufferevent_get_output(agent_), copy->data(), copy->size(),
+        [](const void *, size_t, void *text) { delete static_cast<std::string *>(text); }, copy);
+    update([&] { common().bytes_out += bytes.size(); });
+}
+
+void TunnelSim::agent_drop()
+{
+    if (agent_ == nullptr) {
+        return;
+    }
+    bufferevent_free(agent_);
+    agent_ = nullptr;
+    authenticated_ = false;
+    update([this] {
+        common().connected = common().authenticated = false;
+        common().closes++;
+    });
+    agent_gone();
+}
+
+void TunnelSim::agent_authenticate(evbuffer *in)
+{
+    const evbuffer_ptr end = evbuffer_search(in, "", 1, nullptr);
+    if (end.pos < 0) {
+        if (evbuffer_get_length(in) > k_auth_max) {
+            problem("authentication: no NUL in " + std::to_string(k_auth_max) + " bytes");
+            agent_drop();
+        }
+        return;
+    }
+    std::string text(static_cast<size_t>(end.pos), '\0');
+    evbuffer_remove(in, &text[0], text.size());
+    evbuffer_drain(in, 1);
+    const std::string wrong = tunnel_auth_check(text, auth_);
+    update([&] { common().auth_text = text; });
+    if (!wrong.empty()) {
+        problem(wrong);
+        agent_drop();
+        return;
+    }
+    authenticated_ = true;
+    agent_ready();
+    update([&] { common().authenticated = true; });
+}
+
+void TunnelSim::on_read(bufferevent *bev, void *self)
+{
+    auto *sim = static_cast<TunnelSim *>(self);
+    evbuffer *in = bufferevent_get_input(bev);
+    if (!sim->authenticated_) {
+        sim->agent_authenticate(in);
+    }
+    if (sim->authenticated_ && evbuffer_get_length(in) > 0) {
+        sim->agent_data(in);
+    }
+}
+
+void TunnelSim::on_written(bufferevent *, void *self)
+{
+    static_cast<TunnelSim *>(self)->agent_drained();
+}
+
+void TunnelSim::on_event(bufferevent *bev, short what, void *self)
+{
+    auto *sim = static_cast<TunnelSim *>(self);
+    if (what & BEV_EVENT_CONNECTED) {
+        return;
+    }
+    unsigned long fault = bufferevent_get_openssl_error(bev);
+    if (fault != 0 && !sim->authenticated_) {
+        sim->problem(std::string("TLS: ") + ERR_error_string(fault, nullptr));
+    }
+    sim->agent_drop();
+}
+
+void TunnelSim::agent_accepted(int fd)
+{
+    agent_drop(); // a new start: the agent has given the old connection up
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (tls_ != nullptr && !mute_) {
+        agent_ = bufferevent_openssl_socket_new(sim_loop_base(loop_), fd, SSL_new(tls_), BUFFEREVENT_SSL_ACCEPTING,
+                                                BEV_OPT_CLOSE_ON_FREE);
+        bufferevent_openssl_set_allow_dirty_shutdown(agent_, 1);
+    } else {
+        agent_ = bufferevent_socket_new(sim_loop_base(loop_), fd, BEV_OPT_CLOSE_ON_FREE);
+    }
+    bufferevent_setcb(agent_, on_read, on_written, on_event, this);
+    bufferevent_setwatermark(agent_, EV_WRITE, k_output_high / 2, 0);
+    bufferevent_enable(agent_, mute_ ? EV_WRITE : EV_READ | EV_WRITE);
+    update([this] {
+        common().connects++;
+        common().connected = true;
+    });
+}
+
+void TunnelSim::on_agent(evconnlistener *, int fd, sockaddr *, int, void *self)
+{
+    static_cast<TunnelSim *>(self)->agent_accepted(fd);
+}
+
+void TunnelSim::on_client(evconnlistener *, int fd, sockaddr *, int, void *self)
+{
+    auto *sim = static_cast<TunnelSim *>(self);
+    sim->update([sim] { sim->common().clients++; });
+    sim->client_accepted(fd);
+}
