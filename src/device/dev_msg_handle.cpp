@@ -1,1 +1,273 @@
 #include "device/dev_msg_handle.h"
+
+#include <cjson/cJSON.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "device/dev_msg_send.h"
+#include "nm/device_init.h"
+#include "nm/init_cfg.h"
+#include "nm/nm_msg.h"
+#include "runtime/log.h"
+#include "runtime/plugin_info.h"
+#include "runtime/text.h"
+#include "runtime/wait.h"
+#include "status/service_status.h"
+#include "transport/conn_registry.h"
+#include "transport/field_extract.h"
+#include "transport/http_client.h"
+#include "transport/nm_sign.h"
+
+constexpr size_t FIELD_SIZE = 512;       // "type", "sessionid", "error"
+constexpr size_t NM_ANSWER_SIZE = 10240; // fixed by nm_send_device_response
+constexpr size_t HISTORY_ANSWER_SIZE = 512;
+constexpr int HISTORY_ATTEMPTS = 3;
+constexpr int HISTORY_PAUSE_MS = 10;
+constexpr int NM_STATUS_OK = 200;
+
+struct DevMsg {
+    char *text; // in the message area, may be rewritten
+    uint32_t area_size;
+    cJSON *root;
+    char type[FIELD_SIZE];
+    char sessionid[FIELD_SIZE];
+    int32_t msg_id; // -1: none
+};
+
+// What to do for a type; path_tail follows "/dev-api/<serial number>/".
+struct DevMsgRow {
+    const char *type;
+    void (*action)(DevMsg *msg, const char *path_tail);
+    const char *path_tail;
+    const char *ack; // null: no ack for this type
+};
+
+// A post that a stop or a call-off cut says nothing about NM, so the device hears nothing either.
+static void post_and_ack(const DevMsg *msg, const char *path_tail)
+{
+    char path[NM_URI_SIZE];
+    nm_uri_build(path, path_tail);
+    char *answer = (char *)calloc(1, NM_ANSWER_SIZE);
+    int answer_len = 0;
+    if (answer && nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, &answer_len)) {
+        log_debug("Receive rsp from NM, rsp: %s", answer);
+        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, answer, answer_len);
+    } else if (!wait_is_cut()) {
+        log_warn("Posting result to NM failed!");
+        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
+    }
+    free(answer);
+}
+
+static void result_post(DevMsg *msg, const char *path_tail)
+{
+    post_and_ack(msg, path_tail);
+}
+
+// Formatted text of the message's "payload", freed by the caller; null without one.
+static char *payload_print(const DevMsg *msg)
+{
+    return cJSON_Print(cJSON_GetObjectItem(msg->root, "payload"));
+}
+
+static void alarm_post(DevMsg *msg, const char *path_tail)
+{
+    char *payload = payload_print(msg);
+    if (!payload)
+        return;
+    (void)text_format(msg->text, msg->area_size, "[%s]", payload);
+    cJSON_free(payload);
+    post_and_ack(msg, path_tail);
+}
+
+// One attempt: 1 when NM answered, 0 when it did not, -1 when the wait for the lock was cut.
+static int history_attempt(const char *path, const char *body)
+{
+    char answer[HISTORY_ANSWER_SIZE] = {};
+    if (wait_lock(&g_nm_post_mutex) != WAIT_READY)
+        return -1;
+    int len = http_post_nm(path, body, answer, sizeof(answer));
+    if (len >= 0)
+        log_debug("Post http message to nm result, len: %d, rsp: %s", len, answer);
+    wait_unlock(&g_nm_post_mutex);
+    return len >= 0 ? 1 : 0;
+}
+
+static void history_post(DevMsg *msg, const char *path_tail)
+{
+    char *payload = payload_print(msg);
+    if (!payload)
+        return;
+    for (int attempt = 1; payload[0] != '\0' && attempt <= HISTORY_ATTEMPTS; attempt++) {
+        char path[NM_URI_SIZE];
+        nm_uri_build(path, path_tail);
+        if (history_attempt(path, payload) != 0)
+            break;
+        if (attempt < HISTORY_ATTEMPTS && wait_sleep_ms(HISTORY_PAUSE_MS) == WAIT_CUT)
+            break;
+    }
+    cJSON_free(payload);
+}
+
+static void pong_send(DevMsg *, const char *)
+{
+    static const char k_pong[] = "{\n\t\"type\":\"pong\"\n}\n";
+    (void)dev_frame_send(k_pong, sizeof(k_pong) - 1);
+    log_info("Sending device PONG: %s.", k_pong);
+}
+
+static void online_status_answer(DevMsg *, const char *)
+{
+    dma_status_send("online-status-ack");
+}
+
+static void service_report_request(DevMsg *, const char *)
+{
+    service_status_device_request();
+}
+
+static void init_cfg_reload(DevMsg *, const char *)
+{
+    reload_init_cfg();
+}
+
+static const DevMsgRow k_dev_msgs[] = {
+    {"cfg-result", result_post, "cfgResult", "cfg-ack"},
+    {"upgrade-result", result_post, "upgradeResult", "upgrade-ack"},
+    {"backup-result", result_post, "backupResult", "backup-ack"},
+    {"alarm-info", alarm_post, "alarm", "alarm-ack"},
+    {"call-history", history_post, "callhistory", nullptr},
+    {"ping", pong_send, nullptr, nullptr},
+    {"port-status", result_post, "ports", nullptr},
+    {"online-status", online_status_answer, nullptr, nullptr},
+    {"service-status", service_report_request, nullptr, nullptr},
+    {"init-cfg-changed", init_cfg_reload, nullptr, nullptr},
+};
+
+static const DevMsgRow *row_find(const char *type)
+{
+    for (const DevMsgRow &row : k_dev_msgs) {
+        if (strcmp(row.type, type) == 0)
+            return &row;
+    }
+    return nullptr;
+}
+
+void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size)
+{
+    log_info("Receive device message, content_len: %u, content: %s", len, text);
+    DevMsg msg = {};
+    msg.text = text;
+    msg.area_size = area_size;
+    msg.msg_id = -1;
+    msg.root = json_parse_logged(text);
+    if (!msg.root)
+        return;
+    (void)json_get_string(msg.root, "type", msg.type, sizeof(msg.type));
+    (void)json_get_string(msg.root, "sessionid", msg.sessionid, sizeof(msg.sessionid));
+    (void)json_get_int(msg.root, "msgId", &msg.msg_id);
+    const DevMsgRow *row = row_find(msg.type);
+    if (row)
+        row->action(&msg, row->path_tail);
+    else
+        log_warn("Unknown notify type: %s!", msg.type);
+    cJSON_Delete(msg.root);
+}
+
+// What the ack says.
+struct AckVerdict {
+    const char *result; // JSON literal
+    char sessionid[FIELD_SIZE];
+    char cause[FIELD_SIZE];
+};
+
+// Takes NM's judgement out of its answer. 0, or -1 (logged) when the answer is not JSON.
+static int verdict_read(const char *type, const char *response, AckVerdict *verdict)
+{
+    cJSON *root = json_parse_logged(response);
+    if (!root)
+        return -1;
+    int32_t status = -1;
+    (void)json_get_int(root, "status", &status);
+    if (status == NM_STATUS_OK) {
+        verdict->result = "true";
+        log_info("Receive '%s' from NM, result: %s.", type, verdict->result);
+        char scratch[FIELD_SIZE]; // the reader empties its target, and the device's own id stands when NM has none
+        if (json_get_string(cJSON_GetObjectItem(root, "result"), "sessionid", scratch, sizeof(scratch)) == 0)
+            (void)text_set(verdict->sessionid, scratch);
+    } else {
+        log_warn("Receive '%s' from NM, result: %s!", type, verdict->result);
+        (void)json_get_string(root, "error", verdict->cause, sizeof(verdict->cause));
+    }
+    cJSON_Delete(root);
+    return 0;
+}
+
+// Sends a text and logs it. The text may have been cut: its own length counts.
+static void text_to_device(const char *type, const char *text)
+{
+    size_t len = strlen(text);
+    (void)dev_frame_send(text, (uint32_t)len);
+    log_info("Send '%s' to device, payload_len: %d, content: %s", type, (int)len, text);
+}
+
+int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const char *response, int32_t response_len)
+{
+    if (!type) {
+        log_error("type is NULL!");
+        return -1;
+    }
+    const DevMsgRow *row = row_find(type);
+    if (!row || !row->ack) {
+        log_warn("Unknown type: %s", type);
+        return -1;
+    }
+    AckVerdict verdict = {};
+    verdict.result = "false";
+    (void)text_set(verdict.sessionid, sessionid);
+    if (response && response_len > 0 && verdict_read(type, response, &verdict) != 0)
+        return -1;
+
+    // The device expects "ver" in both layouts and always finds it empty; nothing is escaped.
+    char text[DEV_TEXT_SIZE];
+    if (strcmp(row->ack, "alarm-ack") == 0)
+        (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"msgId\":%d,\t\"result\":%s,\t\"ver\":\"%s\"}", row->ack, msg_id,
+                       verdict.result, "");
+    else
+        (void)text_fmt(text,
+                       "{\t\"sessionid\":\"%s\",\t\"type\":\"%s\",\t\"result\":%s,\t\"cause\":\"%s\",\t\"ver\":\"%s\"}",
+                       verdict.sessionid, row->ack, verdict.result, verdict.cause, "");
+    text_to_device(row->ack, text);
+    return 0;
+}
+
+static const char *dma_status_text(uint32_t status)
+{
+    static const char *const k_texts[] = {"offline", "plugin_initialization_failed", "device_center_request_failed",
+                                          "device_activation_failed", "online"};
+    static_assert(sizeof(k_texts) / sizeof(k_texts[0]) == DMA_ONLINE + 1, "one text per status");
+    if (status <= DMA_ONLINE)
+        return k_texts[status];
+    log_warn("Undefined device DMA status: %d!", (int)status);
+    return k_texts[DMA_OFFLINE];
+}
+
+void dma_status_send(const char *type)
+{
+    if (!type) {
+        log_error("type is NULL!");
+        return;
+    }
+    if (!conn_is_connected(DEV_TCP)) {
+        log_warn("The device TCP connection is lost!");
+        return;
+    }
+    char cause[DMA_CAUSE_SIZE];
+    uint32_t status = dma_status_get(cause);
+    PluginInfo info;
+    plugin_info_get(&info);
+    char text[DEV_TEXT_SIZE];
+    (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"result\":\"%s\",\t\"cause\":\"%s\",\t\"ver\":\"%s\"}", type,
+                   dma_status_text(status), cause, info.plugin_version);
+    text_to_device(type, text);
+}

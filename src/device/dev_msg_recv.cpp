@@ -1,1 +1,198 @@
 #include "device/dev_msg_recv.h"
+
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "device/dev_msg_handle.h"
+#include "device/dev_msg_send.h"
+#include "runtime/log.h"
+#include "runtime/plugin_info.h"
+#include "runtime/text.h"
+#include "runtime/wait.h"
+#include "transport/conn_registry.h"
+
+constexpr int RECV_WAIT_MS = 200;
+constexpr int HANDLE_PAUSE_MS = 5;
+constexpr uint32_t FRAME_LOOK_MIN = DEV_FRAME_HEADER_SIZE + 1; // a frame is looked at once a byte follows its length
+
+// read_pos <= write_pos <= capacity, msg_capacity <= capacity. The sizes are those the areas were made with: later
+// changes of the settings do not reach them.
+struct DeviceMessageBuffer {
+    uint32_t read_pos;
+    uint32_t write_pos;
+    uint32_t capacity; // bytes of data
+    uint8_t *data;
+    uint32_t msg_capacity; // bytes of msg
+    char *msg;             // contents: dev_msg_handle only, no lock
+};
+
+// Guards the record and the contents of data; a short lock, never held while dispatching.
+static pthread_mutex_t s_dev_msg_mutex = PTHREAD_MUTEX_INITIALIZER;
+static DeviceMessageBuffer s_buffer;
+static WaitBell s_bell; // rung when bytes were added
+
+void dev_msg_recv_init(void)
+{
+    pthread_mutex_init(&s_dev_msg_mutex, nullptr);
+    if (wait_bell_init(&s_bell) != 0)
+        log_error("Create doorbell of dev_msg_handle failed!");
+}
+
+int dev_msg_buffer_init(void)
+{
+    PluginInfo info;
+    plugin_info_get(&info);
+    DeviceMessageBuffer fresh = {};
+    fresh.capacity = (uint32_t)info.dev_msg_buffer_size;
+    fresh.msg_capacity = (uint32_t)info.max_dev_msg_size;
+    fresh.data = (uint8_t *)calloc(1, fresh.capacity);
+    fresh.msg = (char *)calloc(1, fresh.msg_capacity);
+    if (!fresh.data || !fresh.msg) {
+        log_error("malloc device message buffer failed!");
+        free(fresh.data);
+        free(fresh.msg);
+        return 0;
+    }
+    pthread_mutex_lock(&s_dev_msg_mutex);
+    s_buffer = fresh;
+    pthread_mutex_unlock(&s_dev_msg_mutex);
+    return 1;
+}
+
+int dev_msg_buffer_ready(void)
+{
+    pthread_mutex_lock(&s_dev_msg_mutex);
+    int ready = s_buffer.data && s_buffer.msg;
+    pthread_mutex_unlock(&s_dev_msg_mutex);
+    return ready;
+}
+
+void free_device_buffers(void)
+{
+    pthread_mutex_lock(&s_dev_msg_mutex);
+    free(s_buffer.data);
+    free(s_buffer.msg);
+    s_buffer = {};
+    pthread_mutex_unlock(&s_dev_msg_mutex);
+}
+
+static uint32_t pending_locked(void)
+{
+    return s_buffer.write_pos - s_buffer.read_pos;
+}
+
+// 1 when what is pending begins with a frame whose rest is still to come.
+static int frame_is_incomplete_locked(void)
+{
+    uint32_t pending = pending_locked();
+    if (pending < FRAME_LOOK_MIN)
+        return 1;
+    uint32_t length = le32_get(s_buffer.data + s_buffer.read_pos);
+    return length <= s_buffer.msg_capacity - DEV_FRAME_HEADER_SIZE && length > pending - DEV_FRAME_HEADER_SIZE;
+}
+
+// Bytes that may be read behind write_pos: one maximal message, for which the pending bytes are moved to the front when
+// they stand in the way. Less when only the rest of an incomplete frame can bring the buffer to move again; such a
+// frame always fits. 0 when the buffer has to be emptied first.
+static uint32_t make_room_locked(void)
+{
+    if (s_buffer.capacity - s_buffer.write_pos >= s_buffer.msg_capacity)
+        return s_buffer.msg_capacity;
+    uint32_t pending = pending_locked();
+    bool full = pending > s_buffer.capacity - s_buffer.msg_capacity;
+    if (full && !frame_is_incomplete_locked())
+        return 0;
+    if (pending != 0)
+        memmove(s_buffer.data, s_buffer.data + s_buffer.read_pos, pending);
+    s_buffer.read_pos = 0;
+    s_buffer.write_pos = pending;
+    return full ? s_buffer.capacity - pending : s_buffer.msg_capacity;
+}
+
+// The receive does not wait (the socket is non-blocking), so it may stay under the short lock. Returns 1 when bytes
+// were added.
+static int recv_locked(const SocketConn *conn)
+{
+    uint32_t room = make_room_locked();
+    if (room == 0) {
+        log_warn("The device message buffer is full! Wait a moment ...");
+        return 0;
+    }
+    int received = conn_recv(conn, s_buffer.data + s_buffer.write_pos, room);
+    if (received < 1) {
+        log_warn("Receive error from: %s:%s, len: %d!", conn->remote_ip, conn->remote_port, received);
+        return 0;
+    }
+    log_debug("Receive device message from: %s:%s, len:%d", conn->remote_ip, conn->remote_port, received);
+    s_buffer.write_pos += (uint32_t)received;
+    return 1;
+}
+
+void dev_msg_recv(void)
+{
+    if (!poll_conn_readable(DEV_TCP, RECV_WAIT_MS) || !conn_check(DEV_TCP) || !dev_msg_buffer_ready())
+        return;
+    SocketConn conn;
+    if (conn_hold(DEV_TCP, &conn)) {
+        log_debug("Device msg come");
+        pthread_mutex_lock(&s_dev_msg_mutex);
+        int added = recv_locked(&conn);
+        pthread_mutex_unlock(&s_dev_msg_mutex);
+        if (added)
+            wait_bell_ring(&s_bell);
+    }
+    conn_drop(&conn);
+}
+
+// Cuts the next frame into the message area. Returns 1 with the content's length, 0 when there is nothing to hand over.
+static int frame_cut_locked(uint32_t *content_len)
+{
+    if (!s_buffer.data || !s_buffer.msg || pending_locked() < FRAME_LOOK_MIN)
+        return 0;
+    uint32_t length = le32_get(s_buffer.data + s_buffer.read_pos);
+    if (length > s_buffer.msg_capacity - DEV_FRAME_HEADER_SIZE) {
+        s_buffer.read_pos = s_buffer.write_pos; // it can never fit, and nothing behind it can be found again
+        return 0;
+    }
+    if (length > pending_locked() - DEV_FRAME_HEADER_SIZE) {
+        log_info("The device message get is not complete!");
+        return 0;
+    }
+    const uint8_t *content = s_buffer.data + s_buffer.read_pos + DEV_FRAME_HEADER_SIZE;
+    s_buffer.read_pos += DEV_FRAME_HEADER_SIZE + length;
+    if (length == 0)
+        return 0;
+    memcpy(s_buffer.msg, content, length);
+    s_buffer.msg[length] = '\0'; // within the area by the bound above; hides what an earlier message left
+    *content_len = length;
+    return 1;
+}
+
+void dev_msg_get(void)
+{
+    uint32_t length = 0;
+    pthread_mutex_lock(&s_dev_msg_mutex);
+    int cut = frame_cut_locked(&length);
+    char *msg = s_buffer.msg;
+    uint32_t msg_capacity = s_buffer.msg_capacity;
+    pthread_mutex_unlock(&s_dev_msg_mutex);
+    if (!cut)
+        return;
+    if (!msg || msg_capacity == 0) {
+        log_warn("Receive device message: null!");
+        return;
+    }
+    dev_msg_dispatch(msg, length, msg_capacity);
+}
+
+void dev_msg_handle_turn(void)
+{
+    pthread_mutex_lock(&s_dev_msg_mutex);
+    uint32_t pending = pending_locked();
+    pthread_mutex_unlock(&s_dev_msg_mutex);
+    if (pending < FRAME_LOOK_MIN)
+        (void)wait_bell(&s_bell, -1);
+    dev_msg_get();
+    wait_cadence_ms(HANDLE_PAUSE_MS); // after a cut wait too: the loop ends on the exit flag, which comes later
+}

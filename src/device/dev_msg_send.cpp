@@ -1,1 +1,36 @@
 #include "device/dev_msg_send.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "runtime/log.h"
+#include "runtime/text.h"
+#include "transport/conn_registry.h"
+
+// Length and text go out of one buffer: one send, so an unhindered frame also travels as one segment.
+static int frame_send(const SocketConn *conn, const void *text, uint32_t len)
+{
+    size_t frame_len = DEV_FRAME_HEADER_SIZE + (size_t)len;
+    uint8_t *frame = (uint8_t *)malloc(frame_len);
+    if (!frame) {
+        log_error("malloc device frame failed!");
+        return -1;
+    }
+    le32_put(frame, len);
+    if (len > 0)
+        memcpy(frame + DEV_FRAME_HEADER_SIZE, text, len);
+    SendPart part = {frame, frame_len};
+    int result = conn_send(conn, SEND_MESSAGE, &part, 1);
+    free(frame);
+    return result;
+}
+
+int dev_frame_send(const void *text, uint32_t len)
+{
+    SocketConn conn;
+    int result = -1;
+    if (conn_hold(DEV_TCP, &conn))
+        result = frame_send(&conn, text, len);
+    conn_drop(&conn);
+    return result;
+}

@@ -1,1 +1,270 @@
 #include "nm/nm_msg.h"
+
+#include <cjson/cJSON.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "device/dev_msg_recv.h"
+#include "device/dev_msg_send.h"
+#include "nm/heartbeat.h"
+#include "nm/report_strategy.h"
+#include "remote/remote_telnet.h"
+#include "remote/remote_web.h"
+#include "runtime/file_util.h"
+#include "runtime/log.h"
+#include "runtime/plugin_info.h"
+#include "runtime/text.h"
+#include "transport/conn_registry.h"
+#include "transport/field_extract.h"
+#include "transport/nm_sign.h"
+
+constexpr int TABLE_SIZE = 64;
+constexpr size_t TABLE_TYPE_SIZE = 32;
+constexpr size_t STATUS_FILE_SIZE = 10240; // at most; also the room for NM's answer, which nobody reads
+
+pthread_mutex_t g_nm_post_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+struct NmMsgEntry {
+    NmMsgHandler handler; // null: free
+    char type[TABLE_TYPE_SIZE];
+};
+static NmMsgEntry s_table[TABLE_SIZE]; // written at start-up only, so read without a lock
+
+struct NmMsgRow {
+    const char *type;
+    NmMsgHandler handler;
+    const char *handler_name;
+};
+#define NM_MSG(type, handler)   \
+    {                           \
+        type, handler, #handler \
+    }
+static const NmMsgRow k_nm_msgs[] = {
+    NM_MSG("upgrade", nm_msg_forwarding),
+    NM_MSG("backup", nm_msg_forwarding),
+    NM_MSG("reboot", nm_msg_forwarding),
+    NM_MSG("reset", nm_msg_forwarding),
+    NM_MSG("log", nm_msg_forwarding),
+    NM_MSG("provision", nm_msg_forwarding),
+    NM_MSG("auto_provision", nm_msg_forwarding),
+    NM_MSG("dev-info", nm_dev_query_handle),
+    NM_MSG("dev-status", nm_dev_query_handle),
+    NM_MSG("port-info", nm_port_query_handle),
+    NM_MSG("port-status", nm_port_query_handle),
+    NM_MSG("remote-web", remote_web_req_handle),
+    NM_MSG("remote-telnet", remote_telnet_req_handle),
+    NM_MSG("trigger", udp_detection_interval_handle),
+    NM_MSG("device-status", nm_dev_status_control_handle),
+    NM_MSG("ping", nm_msg_forwarding),
+    NM_MSG("traceroute", nm_msg_forwarding),
+    NM_MSG("tcpdump", nm_msg_forwarding),
+    NM_MSG("sync-config", nm_msg_forwarding),
+    NM_MSG("snapshot", nm_msg_forwarding),
+};
+
+void nm_uri_build(char (&path)[NM_URI_SIZE], const char *tail)
+{
+    PluginInfo info;
+    plugin_info_get(&info);
+    (void)text_fmt(path, "/dev-api/%s%s%s", info.dev_sn, tail ? "/" : "", tail ? tail : "");
+}
+
+void nm_msg_table_init(void)
+{
+    pthread_mutex_init(&g_nm_post_mutex, nullptr);
+    dev_msg_recv_init();
+    for (const NmMsgRow &row : k_nm_msgs)
+        (void)nm_msg_register(row.type, row.handler, row.handler_name);
+}
+
+int nm_msg_register(const char *type, NmMsgHandler handler, const char *handler_name)
+{
+    for (NmMsgEntry &entry : s_table) {
+        if (entry.handler)
+            continue;
+        (void)text_set(entry.type, type);
+        entry.handler = handler;
+        log_debug("Msg: %s is registered as %s", type, handler_name);
+        return 0;
+    }
+    log_error("The table of NM messages is full! Msg: %s is not registered!", type);
+    return -1;
+}
+
+// Free entries have an empty type, as a payload without a type has: the handler decides first.
+static NmMsgHandler handler_find(const char *type)
+{
+    for (const NmMsgEntry &entry : s_table) {
+        if (entry.handler && strcmp(entry.type, type) == 0)
+            return entry.handler;
+    }
+    return nullptr;
+}
+
+int nm_msg_process(uintptr_t context, const char *answer)
+{
+    log_info("Receive command: %s", answer ? answer : "(null)");
+    char payload[NM_PAYLOAD_SIZE] = {};
+    if (nm_payload_extract(answer, payload, sizeof(payload), nullptr) != 0) {
+        log_warn("parsing payload failed!");
+        return -1;
+    }
+    if (payload[0] == '\0') {
+        log_info("Receive empty payload");
+        return 0;
+    }
+    log_info("Payload: %s", payload);
+    char type[NM_TYPE_SIZE] = {};
+    if (nm_msg_type_parse(payload, type, sizeof(type)) != 0) {
+        log_warn("msg_type_parse failed, no matching for 'type'");
+        return -1;
+    }
+    NmMsgHandler handler = handler_find(type);
+    if (!handler) {
+        log_warn("Unknown msg: %s!", answer);
+        return -1;
+    }
+    log_info("Processing msg: '%s' ...", type);
+    return handler(context, answer, payload, (uint32_t)strlen(payload));
+}
+
+// Copies text unless it does not fit. 0, or -1 (logged).
+static int value_take(const char *text, char *buf, size_t buf_cap)
+{
+    size_t len = strlen(text);
+    if (len >= buf_cap) {
+        log_warn("value_len: %d not enough, needed matched_len: %d, matched_str: %s!", (int)buf_cap, (int)len + 1,
+                 text);
+        return -1;
+    }
+    return text_copy(buf, buf_cap, text);
+}
+
+// Prints one child of the payload over what buf holds.
+static int payload_child_take(const cJSON *child, char *buf, size_t buf_cap, uint32_t *payload_len)
+{
+    char *text = cJSON_PrintUnformatted(child);
+    if (!text)
+        return -1;
+    log_debug("payload = %s", text);
+    if (payload_len)
+        *payload_len = (uint32_t)strlen(text);
+    int result = value_take(text, buf, buf_cap);
+    cJSON_free(text);
+    return result;
+}
+
+int nm_payload_extract(const char *answer, char *buf, size_t buf_cap, uint32_t *payload_len)
+{
+    if (!answer) {
+        log_error("msg is NULL!");
+        return -1;
+    }
+    cJSON *root = json_parse_logged(answer);
+    if (!root)
+        return -1;
+    const cJSON *payload = cJSON_GetObjectItem(cJSON_GetObjectItem(root, "result"), "payload");
+    const cJSON *child = nullptr;
+    int result = 0;
+    cJSON_ArrayForEach(child, payload) // NM sends an array of messages; the last one is in force
+    {
+        result = payload_child_take(child, buf, buf_cap, payload_len);
+        if (result != 0)
+            break;
+    }
+    cJSON_Delete(root);
+    return result;
+}
+
+int nm_msg_type_parse(const char *payload, char *buf, size_t buf_cap)
+{
+    if (!payload) {
+        log_error("payload is NULL!");
+        return -1;
+    }
+    cJSON *root = json_parse_logged(payload);
+    if (!root)
+        return -1;
+    int result = 0;
+    const char *type = cJSON_GetStringValue(cJSON_GetObjectItem(root, "type"));
+    if (type) {
+        log_debug("type = %s", type);
+        result = value_take(type, buf, buf_cap);
+    }
+    cJSON_Delete(root);
+    return result;
+}
+
+int nm_msg_forwarding(uintptr_t, const char *, const char *payload, uint32_t payload_len)
+{
+    uint8_t prefix[DEV_FRAME_HEADER_SIZE];
+    le32_put(prefix, payload_len);
+    ConnectionInfo device = conn_info_get(DEV_TCP);
+    log_info("Forwarding message to %s:%s, len: %d (HEX: 0x%02x 0x%02x 0x%02x 0x%02x ), content: %s ",
+             device.conn.remote_ip, device.conn.remote_port, (int)payload_len, prefix[0], prefix[1], prefix[2],
+             prefix[3], payload);
+    (void)dev_frame_send(payload, payload_len);
+    return 0;
+}
+
+// Reads a status file whole into fresh text (caller frees). Null when nothing was read.
+static char *status_file_read(const char *path)
+{
+    char *text = (char *)calloc(1, STATUS_FILE_SIZE + 1);
+    if (text && read_file(path, text, STATUS_FILE_SIZE) > 0)
+        return text;
+    free(text);
+    return nullptr;
+}
+
+// Posts a status file's text to NM; the answer is not looked at. Negative on failure.
+static int status_post(const char *path_tail, const char *body)
+{
+    char *answer = (char *)calloc(1, STATUS_FILE_SIZE);
+    if (!answer)
+        return -1;
+    char path[NM_URI_SIZE];
+    nm_uri_build(path, path_tail);
+    int result = nm_http_post(path, body, answer, STATUS_FILE_SIZE);
+    free(answer);
+    return result;
+}
+
+int nm_dev_query_handle(uintptr_t, const char *, const char *, uint32_t)
+{
+    log_info("Querying dev status...");
+    PluginInfo info;
+    plugin_info_get(&info);
+    char *text = status_file_read(info.device_path);
+    if (!text) {
+        log_warn("Querying dev status failed!");
+        return -1;
+    }
+    log_info("Querying dev status successfully.");
+    log_info("Dev status query response: %s", text);
+    int result = status_post(nullptr, text);
+    if (result < 0)
+        log_warn("Posting dev status failed!, ret = %d", result);
+    log_info("Posting dev status successfully"); // after a failed post too: readers of the logs know the pair
+    free(text);
+    return 0;
+}
+
+int nm_port_query_handle(uintptr_t, const char *, const char *, uint32_t)
+{
+    log_info("Querying port status...");
+    PluginInfo info;
+    plugin_info_get(&info);
+    char *text = status_file_read(info.port_path);
+    if (!text) {
+        log_warn("Querying port status failed!");
+        return -1;
+    }
+    log_info("Querying port status successfully.");
+    int result = status_post("port", text);
+    if (result < 0)
+        log_warn("Posting port status failed!, ret = %d", result);
+    log_info("Posting port status successfully"); // after a failed post too
+    free(text);
+    return 0;
+}
