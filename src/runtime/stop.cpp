@@ -90,6 +90,15 @@ void stop_process(int status)
     stop_quit_point();
 }
 
+void stop_signals_fill(sigset_t *signals)
+{
+    sigemptyset(signals);
+    sigaddset(signals, SIGINT);
+    sigaddset(signals, SIGTERM);
+    sigaddset(signals, SIGQUIT);
+    sigaddset(signals, SIGALRM);
+}
+
 void stop_hold_begin(void)
 {
     t_hold_depth++;

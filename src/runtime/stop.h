@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <signal.h>
 #include <stdint.h>
 
 // 1 = every loop must stop. Written by the closing sequence, polled by all threads.
@@ -42,6 +43,9 @@ void stop_quit_point(void);
 // stop_request, then stop_quit_point: on main it does not return (callers hold no lock), elsewhere the caller fails
 // upward and its thread leaves by the exit flag.
 void stop_process(int status);
+
+// INT, TERM, QUIT and ALRM: delivered to the main thread only, blocked in all others.
+void stop_signals_fill(sigset_t *signals);
 
 // Brackets around a wait made with a lock held: main does not quit between them. They nest; per thread.
 void stop_hold_begin(void);

@@ -1,0 +1,104 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "log_capture.h"
+#include "runtime/file_util.h"
+#include "runtime/wait.h"
+
+static std::string make_dir()
+{
+    char path[] = "/tmp/file_util_XXXXXX";
+    return mkdtemp(path);
+}
+
+static void put_file(const std::string &path, const std::string &content)
+{
+    FILE *file = fopen(path.c_str(), "w");
+    ASSERT_TRUE(file);
+    fwrite(content.data(), 1, content.size(), file);
+    fclose(file);
+}
+
+TEST(FileUtil, CheckFile)
+{
+    std::string dir = make_dir(), file = dir + "/file", none = dir + "/none";
+    put_file(file, "");
+    log_capture_begin();
+    EXPECT_EQ(1, check_file(file.c_str()));
+    EXPECT_EQ(0, check_file(none.c_str()));
+    EXPECT_EQ("[DBG] Checking file: " + file + "...\n[DBG] OK!\n[DBG] Checking file: " + none +
+                  "...\n[WRN] FAILED with checking file: " + none + "!\n",
+              log_capture_end());
+}
+
+TEST(FileUtil, ReadFile)
+{
+    std::string dir = make_dir();
+    put_file(dir + "/empty", "");
+    put_file(dir + "/ten", "0123456789");
+    ASSERT_EQ(0, mkfifo((dir + "/fifo").c_str(), 0600));
+    static const struct {
+        const char *name;
+        size_t cap;
+        ssize_t result;
+        const char *shown;
+    } k_cases[] = {
+        {"empty", 8, 0, "len: 0, content: "},      {"ten", 10, 10, "len: 10, content: 0123456789"},
+        {"ten", 4, 4, "len: 4, content: 0123"},    {"none", 8, -1, "len: -1, content: "},
+        {"fifo", 8, 0, "len: 0, content: "},
+    };
+    for (const auto &c : k_cases) {
+        std::string path = dir + "/" + c.name;
+        char buf[16];
+        memset(buf, 'x', sizeof(buf)); // no NUL behind the bytes: the log line must not run on
+        log_capture_begin();
+        EXPECT_EQ(c.result, read_file(path.c_str(), buf, c.cap)) << c.name;
+        EXPECT_EQ("[DBG] Path : " + path + ", " + c.shown + "\n", log_capture_end());
+    }
+}
+
+TEST(FileUtil, ReadFileNamesEveryBadArgument)
+{
+    char buf[4];
+    log_capture_begin();
+    EXPECT_EQ(-1, read_file(nullptr, nullptr, 0));
+    EXPECT_EQ(-1, read_file("/dev/null", buf, 0));
+    EXPECT_EQ("[ERR] path is NULL!\n[ERR] out_buf is NULL!\n[ERR] out_buf_len is INVALID!\n"
+              "[ERR] out_buf_len is INVALID!\n",
+              log_capture_end());
+}
+
+TEST(FileUtil, LockExcludesOtherProcesses)
+{
+    std::string path = make_dir() + "/file";
+    put_file(path, "x");
+    int fd = open(path.c_str(), O_RDWR);
+    log_capture_begin();
+    EXPECT_EQ(0, lock_file(fd, F_WRLCK, 0));
+    EXPECT_EQ("", log_capture_end());
+    pid_t child = fork();
+    if (child == 0) { // exit status: 0 when one try and two tries fail in their time with their lines
+        int own = open(path.c_str(), O_RDWR);
+        log_capture_begin();
+        int once = lock_file(own, F_WRLCK, 0);
+        int64_t start = wait_now_ms();
+        int twice = lock_file(own, F_RDLCK, 50);
+        bool waited = wait_now_ms() - start >= 49;
+        std::string failed = "[WRN] Set file lock failed: Resource temporarily unavailable\n";
+        std::string again = "[WRN] Set file lock failed again: Resource temporarily unavailable\n";
+        _exit(once == -1 && twice == -1 && waited && log_capture_end() == failed + failed + again ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, lock_file(fd, F_UNLCK, 0));
+    close(fd);
+    log_capture_begin();
+    EXPECT_EQ(-1, lock_file(-1, F_WRLCK, 0));
+    EXPECT_EQ("[WRN] Set file lock failed: Bad file descriptor\n", log_capture_end());
+}

@@ -1,0 +1,174 @@
+#include <atomic>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "log_capture.h"
+#include "runtime/log.h"
+#include "runtime/wait.h"
+#include "runtime/work_thread.h"
+
+static std::string file_text(FILE *file)
+{
+    std::string text(8192, '\0');
+    rewind(file);
+    text.resize(fread(&text[0], 1, text.size(), file));
+    return text;
+}
+
+static void stream_swap(FILE *stream, LogMode mode)
+{
+    ASSERT_EQ(0, log_swap_begin(false));
+    log_mode_set(mode);
+    log_stream_set(stream);
+    log_swap_end();
+}
+
+TEST(Log, LevelsAreThresholds)
+{
+    static const struct {
+        uint32_t level;
+        const char *lines;
+    } k_cases[] = {
+        {0, ""},
+        {2, ""},
+        {3, "[ERR] e\n"},
+        {4, "[WRN] w\n[ERR] e\n"},
+        {5, "[WRN] w\n[ERR] e\n"},
+        {6, "[INF] i\n[WRN] w\n[ERR] e\n"},
+        {7, "[DBG] d\n[INF] i\n[WRN] w\n[ERR] e\n"},
+        {0xFFFFFFFF, "[DBG] d\n[INF] i\n[WRN] w\n[ERR] e\n"},
+    };
+    for (const auto &c : k_cases) {
+        log_capture_begin(c.level);
+        log_debug("d");
+        log_info("i");
+        log_warn("w");
+        log_error("e");
+        EXPECT_EQ(c.lines, log_capture_end()) << c.level;
+    }
+}
+
+// Which outputs a line reaches, by console setting, mode and open stream. Syslog itself is not looked at.
+TEST(Log, TargetsFollowSettingModeAndStream)
+{
+    static const struct {
+        int32_t log_std;
+        LogMode mode;
+        bool has_stream;
+        bool to_file;
+        bool to_console;
+    } k_cases[] = {
+        {0, LOG_MODE_SYSLOG, false, false, false}, {0, LOG_MODE_SYSLOG, true, false, false},
+        {2, LOG_MODE_SYSLOG, false, false, true},  {2, LOG_MODE_SYSLOG, true, false, true},
+        {0, LOG_MODE_FILE, false, false, true},    {0, LOG_MODE_FILE, true, true, false},
+        {2, LOG_MODE_FILE, true, true, true},      {1, LOG_MODE_FILE, true, false, true},
+        {1, LOG_MODE_SYSLOG, false, false, true},
+    };
+    for (const auto &c : k_cases) {
+        SCOPED_TRACE(testing::Message() << c.log_std << ' ' << c.mode << ' ' << c.has_stream);
+        FILE *file = tmpfile();
+        stream_swap(c.has_stream ? file : nullptr, c.mode);
+        log_capture_begin(6);
+        g_log_std = c.log_std;
+        log_info("line %d", 7);
+        EXPECT_EQ(c.to_console ? "[INF] line 7\n" : "", log_capture_end());
+        stream_swap(nullptr, LOG_MODE_SYSLOG);
+        EXPECT_EQ(c.to_file, file_text(file).find("][INF] line 7\n") != std::string::npos);
+        fclose(file);
+    }
+}
+
+TEST(Log, LayoutOfBothLines)
+{
+    FILE *file = tmpfile();
+    stream_swap(file, LOG_MODE_FILE);
+    work_thread_set_name("50%s full");
+    testing::internal::CaptureStdout();
+    g_log_std = 2;
+    g_log_level = 6;
+    log_error("%s=%d", "a", 1);
+    std::string console = testing::internal::GetCapturedStdout();
+    stream_swap(nullptr, LOG_MODE_SYSLOG);
+    std::string prefix = "\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} 50%s full:\\d+\\]\\[ERR\\] a=1";
+    EXPECT_TRUE(std::regex_match(file_text(file), std::regex(prefix + "\n"))) << file_text(file);
+    EXPECT_TRUE(std::regex_match(console, std::regex("\033\\[1;4;33;41m" + prefix + "\033\\[0m\n"))) << console;
+    fclose(file);
+}
+
+TEST(Log, ArgumentsAreNeverCutFormatsAre)
+{
+    std::string argument(5000, 'x');
+    log_capture_begin();
+    log_info("<%s>", argument.c_str());
+    EXPECT_EQ("[INF] <" + argument + ">\n", log_capture_end());
+
+    // A format cut anywhere, also inside a conversion, still prints its head and its line end.
+    for (size_t head = 900; head < 1024; head++) {
+        std::string format = std::string(head, 'f') + "%%-%-12.3ld";
+        log_capture_begin();
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        log_info(format.c_str(), 7L);
+#pragma GCC diagnostic pop
+        std::string line = log_capture_end();
+        EXPECT_EQ(0u, line.find("[INF] " + std::string(900, 'f'))) << head;
+        EXPECT_EQ('\n', line.back());
+        EXPECT_TRUE(line.find('%') == std::string::npos || line.find("f%") != std::string::npos) << line;
+    }
+}
+
+TEST(Log, PreservesErrno)
+{
+    log_capture_begin();
+    errno = EADDRINUSE;
+    log_info("first line of the process: finds out about the terminal");
+    EXPECT_EQ(EADDRINUSE, errno);
+    log_capture_end();
+}
+
+// The owner of the swap logs without the lock, other threads wait for the end of the swap.
+TEST(Log, LinesDuringASwap)
+{
+    FILE *file = tmpfile();
+    g_log_std = 0;
+    g_log_level = 6;
+    log_mode_set(LOG_MODE_FILE);
+    ASSERT_EQ(0, log_swap_begin(false));
+    log_stream_set(file);
+    std::atomic<bool> other_logged{false};
+    std::thread other([&] {
+        log_info("other");
+        other_logged = true;
+    });
+    log_info("owner");
+    wait_cadence_ms(50);
+    EXPECT_FALSE(other_logged);
+    log_swap_end();
+    other.join();
+    int64_t start = wait_now_ms();
+    ASSERT_EQ(0, log_swap_begin(true));
+    std::thread limited([] { EXPECT_EQ(-1, log_swap_begin(true)); });
+    limited.join();
+    int64_t waited = wait_now_ms() - start;
+    EXPECT_GE(waited, 190);
+    log_stream_set(nullptr);
+    log_mode_set(LOG_MODE_SYSLOG);
+    log_swap_end();
+    std::string text = file_text(file);
+    size_t owner_at = text.find("owner"), other_at = text.find("other\n");
+    EXPECT_NE(std::string::npos, other_at);
+    EXPECT_LT(owner_at, other_at);
+    fclose(file);
+}
+
+TEST(Log, MutedCallsDoNothing)
+{
+    log_capture_begin();
+    log_mute();
+    log_error("nobody hears");
+    EXPECT_EQ("", log_capture_end());
+}
