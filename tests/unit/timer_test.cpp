@@ -1,0 +1,131 @@
+#include <atomic>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "log_capture.h"
+#include "runtime/stop.h"
+#include "runtime/stop_internal.h"
+#include "runtime/timer.h"
+#include "runtime/wait.h"
+
+static std::atomic<int> s_calls, s_finished;
+static std::atomic<PluginTimer *> s_argument;
+static std::atomic<bool> s_block_released, s_signals_blocked;
+
+static void on_count(PluginTimer *self)
+{
+    s_argument = self;
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    s_signals_blocked = sigismember(&mask, SIGINT) && sigismember(&mask, SIGTERM) && sigismember(&mask, SIGQUIT) &&
+                        sigismember(&mask, SIGALRM);
+    s_calls++;
+}
+
+static void on_block(PluginTimer *)
+{
+    s_calls++;
+    while (!s_block_released)
+        wait_cadence_ms(1);
+    s_finished++;
+}
+
+static bool reaches(const std::atomic<int> &count, int wanted)
+{
+    for (int i = 0; i < 5000 && count < wanted; i++)
+        wait_cadence_ms(1);
+    return count >= wanted;
+}
+
+TEST(Timer, RunsByItsPeriodWithItsRecord)
+{
+    static PluginTimer timer = {0, 0, 40, on_count};
+    log_capture_begin();
+    int64_t start = wait_now_ms();
+    start_timer(&timer);
+    EXPECT_NE(0u, timer.timerid);
+    char id[32];
+    snprintf(id, sizeof(id), "0x%lx", (unsigned long)timer.timerid);
+    EXPECT_TRUE(reaches(s_calls, 3));
+    EXPECT_GE(wait_now_ms() - start, 118); // the first expiry comes after a whole period
+    EXPECT_EQ(&timer, s_argument);
+    EXPECT_TRUE(s_signals_blocked);
+    stop_timer(&timer);
+    stop_timer(&timer);
+    stop_timer(nullptr);
+    EXPECT_EQ(0u, timer.timerid);
+    EXPECT_EQ(std::string("[INF] Start timer for 'p_timer->handler', len: 0 s, 40 ms, timerid: ") + id +
+                  ".\n[INF] Stop timer, timerid: " + id + ".\n",
+              log_capture_end());
+}
+
+TEST(Timer, PeriodsAtTheEdge)
+{
+    static const struct {
+        int32_t seconds, milliseconds;
+        bool starts;
+    } k_cases[] = {{0, 0, true}, {0, 999, true}, {0, 1000, false}, {-5, 0, false}, {0, -1, false}};
+    for (const auto &c : k_cases) {
+        static PluginTimer timer;
+        timer = {77, c.seconds, c.milliseconds, on_count};
+        log_capture_begin();
+        start_timer(&timer);
+        std::string log = log_capture_end();
+        EXPECT_EQ(c.starts, timer.timerid != 0);
+        std::string period = std::to_string(c.seconds) + " s, " + std::to_string(c.milliseconds) + " ms";
+        std::string failed = "[ERR] timer_settime failed!\n"
+                             "[ERR] Start timer for 'p_timer->handler' failed! len: " + period + "\n";
+        EXPECT_EQ(c.starts ? 0u : std::string::npos, log.find("[INF] Start timer for")) << log;
+        EXPECT_EQ(c.starts, log != failed) << log;
+        stop_timer(&timer);
+    }
+}
+
+TEST(Timer, CallbacksOverlapAndOutliveTheirTimer)
+{
+    static PluginTimer timer = {0, 0, 20, on_block};
+    log_capture_begin();
+    start_timer(&timer);
+    EXPECT_TRUE(reaches(s_calls, 3));
+    EXPECT_GE(timer_callbacks_running(), 3);
+    stop_timer(&timer); // does not wait for them
+    log_capture_end();
+    EXPECT_EQ(0, s_finished);
+    s_block_released = true;
+    EXPECT_TRUE(reaches(s_finished, 3));
+    for (int i = 0; i < 1000 && timer_callbacks_running() > 0; i++)
+        wait_cadence_ms(1);
+    EXPECT_EQ(0, timer_callbacks_running());
+}
+
+TEST(Timer, NothingRunsOnceTheProcessStops)
+{
+    static PluginTimer timer = {0, 0, 10, on_count};
+    ASSERT_EQ(0, stop_init(nullptr));
+    stop_request(0);
+    log_capture_begin();
+    start_timer(&timer);
+    wait_cadence_ms(60);
+    stop_timer(&timer);
+    log_capture_end();
+    EXPECT_EQ(0, s_calls);
+    EXPECT_EQ(0, start_alarm_timer(10000, SIG_DFL)); // SIGALRM is the deadline now
+    EXPECT_EQ(STOP_DEADLINE_S, alarm(0));
+    stop_reset_for_test();
+}
+
+TEST(Timer, AlarmIsCutToSeconds)
+{
+    EXPECT_EQ(0, start_alarm_timer(120000, SIG_IGN));
+    EXPECT_EQ(120, start_alarm_timer(1500, SIG_IGN));
+    EXPECT_EQ(1, start_alarm_timer(999, SIG_IGN)); // cancels
+    EXPECT_EQ(0u, alarm(0));
+    log_capture_begin();
+    EXPECT_EQ(0, start_alarm_timer(10000, SIG_IGN));
+    struct sigaction action;
+    sigaction(SIGALRM, nullptr, &action);
+    EXPECT_EQ(SA_RESTART, action.sa_flags & SA_RESTART);
+    EXPECT_EQ("", log_capture_end());
+    alarm(0);
+}
