@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string>
+#include <unistd.h>
+
+#include "log_capture.h"
+#include "runtime/plugin_config.h"
+#include "runtime/plugin_info.h"
+#include "runtime/plugin_info_internal.h"
+
+static void enter_new_dir()
+{
+    char path[] = "/tmp/plugin_config_XXXXXX";
+    ASSERT_EQ(0, chdir(mkdtemp(path)));
+}
+
+// Reads a config.ini of the given content (null: none) over what is in force; returns what was logged and printed.
+static std::string read_config(const char *content)
+{
+    unlink("config.ini");
+    if (content) {
+        FILE *file = fopen("config.ini", "w");
+        fputs(content, file);
+        fclose(file);
+    }
+    log_capture_begin(6);
+    EXPECT_EQ(1, read_plugin_config());
+    return log_capture_end();
+}
+
+static const char *k_full_config = "[Plugin_Config]\n"
+                                   "LOG_STD = 1\nlog_level = 0x7\nplugin_eth = eth7\nplugin_ip = 10.0.0.2\n"
+                                   "tcp_to_device_local_port = 1\nweb_to_device_local_port = 2\n"
+                                   "telnet_to_device_local_port = 3\nweb_pf_recv_len = 010\nweb_pf_forward_len = -5\n"
+                                   "web_pf_wait_ms = 9\nweb_to_nm_local_port = 4\ntelnet_to_nm_local_port = 5\n"
+                                   "udp_detection_local_port = 6\n"
+                                   "[device_info]\n"
+                                   "device_ip = 10.0.0.1\ndevice_port = 123456\ninit_cfg = /a/b\n"
+                                   "device_telnet_ip = 123.123.123.1234\n";
+
+TEST(PluginConfig, EveryKeyInOrder)
+{
+    enter_new_dir();
+    plugin_info_reset_for_test();
+    EXPECT_EQ("[INF] Reading config file: ./config.ini ...\n"
+              "[INF] Key: plugin_config:log_std is set to: 1\n"
+              "[INF] Key: plugin_config:log_level is set to: 0x7\n"
+              "Set log_std = 1, log_level = 7.\n"
+              "[INF] Key: device_info:device_ip is set to: 10.0.0.1\n"
+              "[INF] Key: device_info:device_port is set to: 123456\n"
+              "[INF] Key: device_info:init_cfg is set to: /a/b\n"
+              "[INF] Key: plugin_config:plugin_eth is set to: eth7\n"
+              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
+              "[INF] Key: plugin_config:tcp_to_device_local_port is set to: 1\n"
+              "[INF] Key: device_info:device_web_ip not found, use default: 10.0.0.1\n"
+              "[INF] Key: device_info:device_web_port not found, use default: 80\n"
+              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
+              "[INF] Key: plugin_config:web_to_device_local_port is set to: 2\n"
+              "[INF] Key: device_info:device_telnet_ip is set to: 123.123.123.1234\n"
+              "[INF] Key: device_info:device_telnet_port not found, use default: 23333\n"
+              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
+              "[INF] Key: plugin_config:telnet_to_device_local_port is set to: 3\n"
+              "[INF] Key: plugin_config:web_pf_recv_len is set to: 010\n"
+              "[INF] Key: plugin_config:web_pf_forward_len is set to: -5\n"
+              "[INF] Key: plugin_config:web_pf_wait_ms is set to: 9\n"
+              "[INF] Set g_http_rsp_len = 8, g_http_forward_len = -5, g_sleep_between_http_rsp_ms = 9.\n\n"
+              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
+              "[INF] Key: plugin_config:web_to_nm_local_port is set to: 4\n"
+              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
+              "[INF] Key: plugin_config:telnet_to_nm_local_port is set to: 5\n"
+              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
+              "[INF] Key: plugin_config:udp_detection_local_port is set to: 6\n",
+              read_config(k_full_config));
+    static PluginInfo info;
+    plugin_info_get(&info);
+    EXPECT_STREQ("12345", info.dev.remote_port);
+    EXPECT_STREQ("10.0.0.1", info.dev_web.remote_ip);
+    EXPECT_STREQ("123.123.123.123", info.dev_telnet.remote_ip);
+    EXPECT_STREQ("10.0.0.2", info.udp_detection.local_ip);
+    EXPECT_STREQ("6", info.udp_detection.local_port);
+    EXPECT_STREQ("eth7", info.plugin_eth);
+}
+
+TEST(PluginConfig, BufferLengthBounds)
+{
+    static const struct {
+        const char *key;
+        const char *text;
+        int32_t value;
+        const char *warning;
+    } k_cases[] = {
+        {"web_pf_recv_len", "0", 32768, "g_http_rsp_len is set to 0, use default value: 32768!"},
+        {"web_pf_recv_len", "1048576", 1048576, nullptr},
+        {"web_pf_recv_len", "1048577", 32768, "g_http_rsp_len is larger than 1M, use default value: 32768!"},
+        {"web_pf_recv_len", "-5", 32768, "g_http_rsp_len is larger than 1M, use default value: 32768!"},
+        {"web_pf_recv_len", "99999999999999999999", 32768, "g_http_rsp_len is larger than 1M"},
+        {"web_pf_forward_len", "08", 10240, "g_http_forward_len is set to 0, use default value: 10240!"},
+        {"web_pf_forward_len", "1048577", 10240, "g_http_forward_len is larger than 1M, use default value: 10240!"},
+        {"web_pf_forward_len", "-5", -5, nullptr},
+        {"web_pf_forward_len", "", 10240, "g_http_forward_len is set to 0"},
+    };
+    enter_new_dir();
+    for (const auto &c : k_cases) {
+        std::string config = std::string("[plugin_config]\nlog_std = 1\n") + c.key + " = " + c.text + "\n";
+        std::string log = read_config(config.c_str());
+        bool is_rsp = std::string(c.key) == "web_pf_recv_len";
+        EXPECT_EQ(c.value, is_rsp ? g_http_rsp_len.load() : g_http_forward_len.load()) << config;
+        EXPECT_EQ(c.warning != nullptr, log.find("[WRN]") != std::string::npos) << log;
+        EXPECT_NE(std::string::npos, log.find(c.warning ? c.warning : ""));
+    }
+}
+
+TEST(PluginConfig, WithoutAFileDefaultsForTextsOnly)
+{
+    enter_new_dir();
+    plugin_info_reset_for_test();
+    g_http_rsp_len = 4711;
+    EXPECT_EQ("[WRN] FAILED with checking file: ./config.ini!\n"
+              "[WRN] ./config.ini is not found! Use default value!\n",
+              read_config(nullptr));
+    static PluginInfo info;
+    plugin_info_get(&info);
+    EXPECT_STREQ("127.0.0.1", info.dev.remote_ip);
+    EXPECT_STREQ("0.0.0.0", info.dev.local_ip);
+    EXPECT_STREQ("127.0.0.1", info.dev_web.local_ip);
+    EXPECT_STREQ("127.0.0.1", info.dev_telnet.local_ip);
+    EXPECT_STREQ("0.0.0.0", info.nm_web.local_ip);
+    EXPECT_STREQ("23333", info.dev_telnet.remote_port);
+    EXPECT_STREQ("/tmp/deviceplugin/init", info.init_cfg_path);
+    EXPECT_EQ(4711, g_http_rsp_len);
+}
+
+TEST(PluginConfig, ABrokenFileChangesNothing)
+{
+    enter_new_dir();
+    plugin_info_reset_for_test();
+    read_config(k_full_config);
+    testing::internal::CaptureStderr(); // the parser complains by itself
+    EXPECT_EQ("[WRN] ./config.ini is broken! Use default value!\n", read_config("[device_info]\nno equals sign\n"));
+    testing::internal::GetCapturedStderr();
+    static PluginInfo info;
+    plugin_info_get(&info);
+    EXPECT_STREQ("10.0.0.1", info.dev.remote_ip);
+    EXPECT_EQ(-5, g_http_forward_len);
+}
