@@ -1,0 +1,175 @@
+// device_simulator - a box to work against, steered by typed lines or a script. "help" lists the lines.
+#include <cstdio>
+#include <cstdlib>
+
+#include "console.h"
+#include "device_files.h"
+#include "device_sim.h"
+
+static const char k_usage[] =
+    "device_simulator --dir DIR --nm-port N [--https] [--port N] [--set KEY=JSON]... [--script FILE]\n"
+    "Plays the device: writes its init cfg (DIR/init) and status files into DIR, takes the agent's connection, says what\n"
+    "is wrong with its frames and sends messages. Port 0 (the default) is any free one. Type help for the commands.\n";
+
+struct Box {
+    DeviceSim *device;
+    std::string dir;
+    DeviceCfg cfg;
+    int records; // in the service file so far
+};
+
+static std::string sent(bool done)
+{
+    return done ? "" : "the agent is not connected";
+}
+
+static std::string write_cfg(Box *box)
+{
+    return device_write_file(box->dir + "/init", device_cfg_text(box->cfg)) ? "" : "cannot write";
+}
+
+static std::string add_services(Box *box, int count)
+{
+    for (int i = 0; i < count; i++) {
+        if (!device_service_add(box->dir + "/service", device_service_record(++box->records))) {
+            return "cannot write";
+        }
+    }
+    return "";
+}
+
+// part BYTES JSON: the first bytes of the frame, then the connection is dropped.
+static std::string send_part(Box *box, const ConsoleLine &line)
+{
+    const std::string text = line.rest.substr(line.rest.find(' ') + 1);
+    const std::string bytes = device_frame_bytes((unsigned)text.size(), text).substr(0, (size_t)line.number(0, 4));
+    const bool done = device_sim_send_raw(box->device, bytes);
+    device_sim_drop(box->device);
+    return sent(done);
+}
+
+static std::string send_lie(Box *box, const ConsoleLine &line)
+{
+    const std::string text = line.rest.substr(line.rest.find(' ') + 1);
+    return sent(device_sim_send_raw(box->device, device_frame_bytes((unsigned)strtoul(line.rest.c_str(), nullptr, 0), text)));
+}
+
+static std::string wait_for(Box *box, const ConsoleLine &line)
+{
+    const std::string type = line.word(0);
+    const int timeout_ms = line.number(2, 30) * 1000;
+    const bool came = type == "connection" ? device_sim_wait_connected(box->device, line.number(1, 1), timeout_ms)
+                                           : device_sim_wait_for(box->device, type, line.number(1, 1), timeout_ms);
+    return came ? "" : "nothing came";
+}
+
+static std::string show(Box *box)
+{
+    for (const DeviceFrame &frame : device_sim_frames(box->device)) {
+        printf("  %s %-22s %s\n", frame.time.c_str(), frame.type.c_str(), frame.wrong.c_str());
+    }
+    fflush(stdout);
+    return "";
+}
+
+static std::vector<ConsoleCommand> message_commands(Box *box)
+{
+    DeviceSim *device = box->device;
+    auto rest_of = [](const ConsoleLine &line) { return line.rest.substr(line.word(0).size()); };
+    return {
+        {"send", "JSON", "send a message",
+         [=](const ConsoleLine &line) { return sent(device_sim_send(device, line.rest)); }},
+        {"say", "TYPE", "send a message that is only a type: ping, online-status, service-status, init-cfg-changed",
+         [=](const ConsoleLine &line) { return sent(device_sim_send(device, "{\"type\":\"" + line.word(0) + "\"}")); }},
+        {"answer", "TYPE JSON", "answer each command of that type from now on, with its session",
+         [=](const ConsoleLine &line) {
+             device_sim_auto_answer(device, line.word(0), rest_of(line));
+             return std::string();
+         }},
+        {"slow", "PAUSE_MS JSON", "send a message byte by byte",
+         [=](const ConsoleLine &line) { return sent(device_sim_send_slowly(device, rest_of(line), line.number(0, 1))); }},
+        {"part", "BYTES JSON", "send the beginning of a frame and close",
+         [=](const ConsoleLine &line) { return send_part(box, line); }},
+        {"lie", "LENGTH TEXT", "send a frame that claims this length",
+         [=](const ConsoleLine &line) { return send_lie(box, line); }},
+    };
+}
+
+static std::vector<ConsoleCommand> box_commands(Box *box)
+{
+    DeviceSim *device = box->device;
+    auto plain = [](const std::function<void()> &fn) {
+        return [fn](const ConsoleLine &) {
+            fn();
+            return std::string();
+        };
+    };
+    return {
+        {"read", "on|off", "take what the agent sends, or leave it in the socket",
+         [=](const ConsoleLine &line) {
+             device_sim_set_reading(device, line.word(0) != "off");
+             return std::string();
+         }},
+        {"drop", "", "close the connection", plain([=] { device_sim_drop(device); })},
+        {"absent", "", "close it and listen no more", plain([=] { device_sim_absent(device); })},
+        {"return", "", "listen again", plain([=] { device_sim_return(device); })},
+        {"service", "[COUNT]", "add records to the service status file",
+         [=](const ConsoleLine &line) { return add_services(box, line.number(0, 1)); }},
+        {"set", "KEY JSON", "change the init cfg (then: say init-cfg-changed)",
+         [=](const ConsoleLine &line) {
+             device_cfg_set(&box->cfg, line.word(0), line.rest.substr(line.rest.find(' ') + 1));
+             return write_cfg(box);
+         }},
+        {"unset", "KEY", "take a key out of the init cfg",
+         [=](const ConsoleLine &line) {
+             device_cfg_remove(&box->cfg, line.word(0));
+             return write_cfg(box);
+         }},
+        {"wait", "TYPE|connection [COUNT [SECONDS]]", "wait for frames, counted from the start",
+         [=](const ConsoleLine &line) { return wait_for(box, line); }},
+        {"show", "", "the frames so far", [=](const ConsoleLine &) { return show(box); }},
+    };
+}
+
+static void set_from_options(int argc, char **argv, DeviceCfg *cfg)
+{
+    for (int i = 1; i + 1 < argc; i++) {
+        const std::string value = argv[i + 1];
+        const size_t equals = value.find('=');
+        if (argv[i] == std::string("--set") && equals != std::string::npos) {
+            device_cfg_set(cfg, value.substr(0, equals), value.substr(equals + 1));
+        }
+    }
+}
+
+int main(int argc, char **argv)
+{
+    console_init();
+    Box box = {nullptr, option_text(argc, argv, "--dir", ""), {}, 0};
+    if (option_given(argc, argv, "--help") || box.dir.empty()) {
+        printf("%s", k_usage);
+        return box.dir.empty();
+    }
+    DeviceOptions options;
+    options.port = option_number(argc, argv, "--port", 0);
+    options.print = console_print;
+    box.device = device_sim_start(options);
+    if (!box.device) {
+        return 1;
+    }
+    box.cfg = device_cfg_default(box.dir, option_given(argc, argv, "--https"), option_number(argc, argv, "--nm-port", 0),
+                                 device_sim_port(box.device));
+    set_from_options(argc, argv, &box.cfg);
+    if (!device_write_all(box.dir, box.cfg)) {
+        return 1;
+    }
+    console_print("the device listens on port " + std::to_string(device_sim_port(box.device)) + ", its init cfg is " +
+                  box.dir + "/init");
+    std::vector<ConsoleCommand> commands = message_commands(&box);
+    for (const ConsoleCommand &command : box_commands(&box)) {
+        commands.push_back(command);
+    }
+    const int status = console_run(commands, option_text(argc, argv, "--script", ""));
+    device_sim_stop(box.device);
+    return status;
+}

@@ -1,0 +1,26 @@
+// nm_http.h - HTTP as NM sees it: requests cut out of a byte stream with every line kept as it came, answers as one text.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+struct HttpRequest {
+    std::string line;                 // "POST /dev-api/SN1/active HTTP/1.1"
+    std::vector<std::string> headers; // whole lines, in order, without their line ends
+    std::string body;
+    std::string method;
+    std::string path;
+    std::string version;
+};
+
+// Cuts the first request out of text. Returns the bytes it took, 0 when it is not complete yet, -1 (with what is wrong in
+// *wrong) for bytes that can never become a request.
+int http_request_cut(const std::string &text, HttpRequest *request, std::string *wrong);
+
+// The value of the header called name, exactly as written on the wire; "" when there is none.
+std::string http_header(const HttpRequest &request, const std::string &name);
+
+// A whole answer with this body.
+std::string http_answer(int status, const std::string &body);
+std::string http_answer_chunked(const std::string &body);

@@ -1,0 +1,197 @@
+#include "json_text.h"
+#include "nm_sim_internal.h"
+
+static std::string body_of_json(cJSON *root)
+{
+    char *text = cJSON_PrintUnformatted(root);
+    std::string body = text ? text : "";
+    cJSON_free(text);
+    cJSON_Delete(root);
+    return body;
+}
+
+static std::string refusal_body(int status, const std::string &error)
+{
+    cJSON *root = cJSON_CreateObject();
+    cJSON_AddNumberToObject(root, "status", status);
+    cJSON_AddStringToObject(root, "error", error.c_str());
+    return body_of_json(root);
+}
+
+static void add_redirection(cJSON *result, const NmActivation &activation)
+{
+    cJSON *array = cJSON_AddArrayToObject(result, "redirection");
+    cJSON *other = cJSON_CreateObject();
+    cJSON_AddStringToObject(other, "type", "SIP");
+    cJSON_AddStringToObject(other, "ip", "192.0.2.1");
+    cJSON_AddItemToArray(array, other);
+    if (!activation.redirect_ip.empty()) {
+        cJSON *nms = cJSON_CreateObject();
+        cJSON_AddStringToObject(nms, "type", "NMS");
+        cJSON_AddStringToObject(nms, "ip", activation.redirect_ip.c_str());
+        cJSON_AddNumberToObject(nms, "port", activation.redirect_port);
+        cJSON_AddItemToArray(array, nms);
+    }
+}
+
+static std::string activation_body(const NmSim &nm)
+{
+    const NmActivation &activation = nm.activation;
+    if (activation.status != 200 && activation.status != 201 && activation.status != 304) {
+        return refusal_body(activation.status, activation.error);
+    }
+    cJSON *root = cJSON_CreateObject();
+    cJSON_AddNumberToObject(root, "status", activation.status);
+    cJSON *result = cJSON_AddObjectToObject(root, "result");
+    if (activation.status == 304) {
+        add_redirection(result, activation);
+    } else {
+        cJSON_AddStringToObject(result, "host",
+                                (activation.host.empty() ? nm.options.ip : activation.host).c_str());
+        cJSON_AddNumberToObject(result, "port", activation.port == -2 ? nm.options.udp_port : activation.port);
+    }
+    return body_of_json(root);
+}
+
+static std::string word_locked(NmSim *nm)
+{
+    if (nm->restart_wanted) {
+        nm->restart_wanted = false;
+        return "rec";
+    }
+    return nm->commands.empty() ? "ACTIVE" : "ack";
+}
+
+// Commands go out as they were queued, one per handshake; one that the fault keeps from arriving stays in the line.
+static std::string handshake_body_locked(NmSim *nm, NmFaultKind fault)
+{
+    const bool arrives = fault == NM_FAULT_NONE || fault == NM_FAULT_TWO_SEGMENTS || fault == NM_FAULT_CHUNKED;
+    if (nm->commands.empty() || !arrives) {
+        return "{\"status\":200,\"result\":{\"payload\":[]}}";
+    }
+    const std::string command = nm->commands.front();
+    nm->commands.pop_front();
+    return "{\"status\":200,\"result\":{\"payload\":[" + command + "]}}";
+}
+
+static std::string session_body(const std::string &body)
+{
+    JsonTree message = json_parse(body);
+    cJSON *root = cJSON_CreateObject();
+    cJSON_AddNumberToObject(root, "status", 200);
+    cJSON *result = cJSON_AddObjectToObject(root, "result");
+    if (cJSON_HasObjectItem(message.get(), "sessionid")) {
+        cJSON_AddStringToObject(result, "sessionid", json_text(message.get(), "sessionid").c_str());
+    }
+    return body_of_json(root);
+}
+
+static std::string good_body_locked(NmSim *nm, const std::string &name, const HttpRequest &request, const NmFault &fault)
+{
+    if (name == "active") {
+        return activation_body(*nm);
+    }
+    if (name == "handshake") {
+        return handshake_body_locked(nm, fault.kind);
+    }
+    if (name == "heartbeat") {
+        const std::string word = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
+        return "{\"status\":200,\"result\":\"" + word + "\"}";
+    }
+    return session_body(request.body);
+}
+
+NmFault nm_fault_take_locked(NmSim *nm, const std::string &name)
+{
+    auto found = nm->faults.find(name);
+    if (found == nm->faults.end() && name != "udp" && name != "accept") {
+        found = nm->faults.find("");
+    }
+    if (found == nm->faults.end()) {
+        return NmFault();
+    }
+    const NmFault fault = found->second;
+    if (fault.times > 0 && --found->second.times == 0) {
+        nm->faults.erase(found);
+    }
+    return fault;
+}
+
+static void apply_fault(const NmFault &fault, const std::string &body, NmReply *reply)
+{
+    const std::string good = http_answer(200, body);
+    reply->bytes = good;
+    reply->shown = body;
+    switch (fault.kind) {
+    case NM_FAULT_NONE:
+    case NM_FAULT_WORD:
+    case NM_FAULT_TWICE:
+    case NM_FAULT_STRANGER:
+        return;
+    case NM_FAULT_SILENCE:
+        reply->bytes.clear();
+        break;
+    case NM_FAULT_REFUSE:
+        reply->bytes = http_answer(200, refusal_body(500, fault.text));
+        break;
+    case NM_FAULT_STATUS:
+        reply->bytes = http_answer(404, "");
+        break;
+    case NM_FAULT_JUNK:
+        reply->bytes = "\x16\x03no such thing as an answer\r\n\r\n{";
+        break;
+    case NM_FAULT_CLOSE:
+        reply->bytes.clear();
+        reply->close = true;
+        break;
+    case NM_FAULT_HALF:
+        reply->bytes = good.substr(0, good.size() / 2);
+        break;
+    case NM_FAULT_TWO_SEGMENTS:
+        reply->bytes = good.substr(0, good.size() - body.size() / 2);
+        reply->second = good.substr(reply->bytes.size());
+        break;
+    case NM_FAULT_LONG:
+        reply->bytes = http_answer(200, body.substr(0, body.size() - 1) + ",\"pad\":\"" + std::string(4000, 'x') + "\"}");
+        break;
+    case NM_FAULT_HTTP10:
+        reply->bytes = "HTTP/1.0" + good.substr(8);
+        break;
+    case NM_FAULT_NO_JSON:
+        reply->bytes = http_answer(200, "no object here");
+        break;
+    case NM_FAULT_EMPTY:
+        reply->bytes = http_answer(200, "");
+        break;
+    case NM_FAULT_CHUNKED:
+        reply->bytes = http_answer_chunked(body);
+        break;
+    case NM_FAULT_BODY:
+        reply->bytes = http_answer(200, fault.text);
+        break;
+    }
+    reply->shown = "on purpose: " + (reply->bytes.empty() ? std::string("nothing") : reply->bytes);
+}
+
+NmReply nm_reply_request_locked(NmSim *nm, const std::string &name, const HttpRequest &request)
+{
+    const NmFault fault = nm_fault_take_locked(nm, name);
+    NmReply reply;
+    apply_fault(fault, good_body_locked(nm, name, request, fault), &reply);
+    reply.delay_ms = fault.delay_ms;
+    return reply;
+}
+
+NmReply nm_reply_datagram_locked(NmSim *nm)
+{
+    const NmFault fault = nm_fault_take_locked(nm, "udp");
+    NmReply reply;
+    if (fault.kind != NM_FAULT_SILENCE) {
+        reply.bytes = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
+    }
+    reply.shown = reply.bytes.empty() ? "nothing" : reply.bytes;
+    reply.delay_ms = fault.delay_ms;
+    reply.twice = fault.kind == NM_FAULT_TWICE;
+    reply.stranger = fault.kind == NM_FAULT_STRANGER;
+    return reply;
+}
