@@ -47,7 +47,9 @@ void stage_write(const Stage &stage);                        // config.ini and t
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value);
 // stage_prepare, stage_write, agent_start.
 void stage_start(Stage *stage, bool https);
-// stage_start, and waits until the device has been told "online". False when that does not come.
+// Waits until the device has been told "online" (looking behind the last log line found). False when that does not come.
+bool stage_wait_online(Stage *stage, int timeout_ms = k_wait_ms);
+// stage_start and stage_wait_online.
 bool stage_online(Stage *stage, bool https);
 // Hands the command to NM and waits until a handshake has taken it away: one heartbeat period at most.
 bool stage_command(Stage *stage, const std::string &command);
@@ -56,6 +58,7 @@ bool stage_fast_heartbeat(Stage *stage);
 // Everything NM and device found wrong; empty when all was right.
 std::string stage_wrong(const Stage &stage);
 
+// Runs the binary in agent->dir; again after a stop. PLUGIN_RUNNER in the environment names an emulator to run it under.
 bool agent_start(AgentProcess *agent);
 // Waits for a line that contains text, behind the last one found. False after timeout_ms or when the agent has ended.
 bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms = k_wait_ms);

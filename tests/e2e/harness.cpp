@@ -1,0 +1,378 @@
+#include "harness.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <csignal>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+struct AgentConsole {
+    std::thread reader;
+    std::mutex lock; // guards what follows
+    std::condition_variable changed;
+    std::string output; // over all starts
+    bool ended = true;  // the pipe's other end is closed
+};
+
+long long monotonic_ms()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// Takes colour sequences out: escape, bracket, digits and semicolons, m. *inside carries over between reads.
+static std::string without_colours(const char *bytes, size_t length, bool *inside)
+{
+    std::string text;
+    for (size_t i = 0; i < length; i++) {
+        if (bytes[i] == '\033') {
+            *inside = true;
+        } else if (!*inside) {
+            text += bytes[i];
+        } else if (bytes[i] == 'm') {
+            *inside = false;
+        }
+    }
+    return text;
+}
+
+static void read_console(AgentConsole *console, int fd)
+{
+    char buffer[65536];
+    bool inside = false;
+    for (ssize_t length; (length = read(fd, buffer, sizeof(buffer))) > 0 || (length < 0 && errno == EINTR);) {
+        const std::string text = without_colours(buffer, length > 0 ? (size_t)length : 0, &inside);
+        std::lock_guard<std::mutex> guard(console->lock);
+        console->output += text;
+        console->changed.notify_all();
+    }
+    close(fd);
+    std::lock_guard<std::mutex> guard(console->lock);
+    console->ended = true;
+    console->changed.notify_all();
+}
+
+// The binary, behind the words of PLUGIN_RUNNER if that is set (an emulator).
+static std::vector<std::string> command_words()
+{
+    const char *runner = getenv("PLUGIN_RUNNER");
+    std::istringstream stream(runner ? runner : "");
+    std::vector<std::string> words;
+    for (std::string word; stream >> word;) {
+        words.push_back(word);
+    }
+    words.push_back(PLUGIN_BINARY);
+    return words;
+}
+
+static void run_agent(const std::string &dir, std::vector<char *> &arguments, int console)
+{
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (chdir(dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0) {
+        execvp(arguments[0], arguments.data());
+    }
+    _exit(127);
+}
+
+bool agent_start(AgentProcess *agent)
+{
+    int ends[2];
+    if (agent->pid > 0 || pipe2(ends, O_CLOEXEC) != 0) {
+        return false;
+    }
+    std::vector<std::string> words = command_words();
+    std::vector<char *> arguments;
+    for (std::string &word : words) {
+        arguments.push_back(&word[0]);
+    }
+    arguments.push_back(nullptr);
+    agent->status = -1;
+    agent->pid = fork();
+    if (agent->pid == 0) {
+        run_agent(agent->dir, arguments, ends[1]);
+    }
+    close(ends[1]);
+    if (!agent->console) {
+        agent->console = new AgentConsole;
+    }
+    agent->seen = agent->console->output.size();
+    agent->console->ended = false;
+    agent->console->reader = std::thread(read_console, agent->console, ends[0]);
+    return agent->pid > 0;
+}
+
+std::string agent_output(const AgentProcess &agent)
+{
+    if (!agent.console) {
+        return "";
+    }
+    std::lock_guard<std::mutex> guard(agent.console->lock);
+    return agent.console->output;
+}
+
+bool agent_has_log(const AgentProcess &agent, const std::string &text)
+{
+    return agent_output(agent).find(text) != std::string::npos;
+}
+
+bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms)
+{
+    AgentConsole *console = agent->console;
+    size_t at = std::string::npos;
+    std::unique_lock<std::mutex> guard(console->lock);
+    console->changed.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] {
+        at = console->output.find(text, agent->seen);
+        return at != std::string::npos || console->ended;
+    });
+    if (at == std::string::npos) {
+        return false;
+    }
+    agent->seen = at + text.size();
+    return true;
+}
+
+// After the console has ended the process has at most its last instructions to do.
+int agent_wait_exit(AgentProcess *agent, int timeout_ms)
+{
+    if (agent->pid <= 0) {
+        return agent->status;
+    }
+    const long long until = monotonic_ms() + timeout_ms;
+    {
+        std::unique_lock<std::mutex> guard(agent->console->lock);
+        agent->console->changed.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] { return agent->console->ended; });
+    }
+    int status = 0;
+    while (waitpid(agent->pid, &status, WNOHANG) != agent->pid) {
+        if (monotonic_ms() > until) {
+            return -1;
+        }
+        poll(nullptr, 0, 1);
+    }
+    agent->pid = -1;
+    agent->status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    agent->console->reader.join();
+    return agent->status;
+}
+
+int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms)
+{
+    if (agent->pid > 0) {
+        kill(agent->pid, signal_number);
+    }
+    return agent_wait_exit(agent, timeout_ms);
+}
+
+void config_set(ConfigRows *rows, const std::string &key, const std::string &value)
+{
+    for (auto &row : *rows) {
+        if (row.first == key) {
+            row.second = value;
+            return;
+        }
+    }
+    rows->emplace_back(key, value);
+}
+
+// Rows of one section stand together, whatever their order in the table.
+static std::string config_text(const ConfigRows &rows)
+{
+    std::string text;
+    for (const char *section : {"plugin_config", "device_info"}) {
+        text += "[" + std::string(section) + "]\n";
+        for (const auto &row : rows) {
+            const size_t colon = row.first.find(':');
+            if (row.first.substr(0, colon) == section) {
+                text += row.first.substr(colon + 1) + " = " + row.second + "\n";
+            }
+        }
+    }
+    return text;
+}
+
+void stage_prepare(Stage *stage, bool https)
+{
+    char dir[] = "/tmp/agent-e2e-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    stage->agent.dir = dir;
+    NmOptions options;
+    options.https = https;
+    options.serial = "SN00000001";
+    stage->nm = nm_sim_start(options);
+    stage->device = device_sim_start(DeviceOptions());
+    ASSERT_TRUE(stage->nm && stage->device);
+    stage->cfg = device_cfg_default(dir, https, nm_sim_port(stage->nm), device_sim_port(stage->device));
+    stage->config = {{"plugin_config:log_std", "2"},
+                     {"plugin_config:log_level", "7"},
+                     {"device_info:init_cfg", stage->agent.dir + "/init"},
+                     {"plugin_config:plugin_eth", "lo"}};
+}
+
+void stage_write(const Stage &stage)
+{
+    ASSERT_TRUE(device_write_all(stage.agent.dir, stage.cfg));
+    ASSERT_TRUE(device_write_file(stage.agent.dir + "/config.ini", config_text(stage.config)));
+}
+
+void stage_start(Stage *stage, bool https)
+{
+    stage_prepare(stage, https);
+    stage_write(*stage);
+    ASSERT_TRUE(agent_start(&stage->agent));
+}
+
+bool stage_wait_online(Stage *stage, int timeout_ms)
+{
+    return agent_wait_log(&stage->agent, "Send 'online-status-notify' to device", timeout_ms) &&
+           device_sim_wait_for(stage->device, "online-status-notify", 1, timeout_ms) &&
+           device_sim_frame(stage->device, "online-status-notify", -1).text.find("\"online\"") != std::string::npos;
+}
+
+bool stage_online(Stage *stage, bool https)
+{
+    stage_start(stage, https);
+    return stage_wait_online(stage);
+}
+
+bool stage_command(Stage *stage, const std::string &command)
+{
+    const int before = nm_sim_count(stage->nm, "handshake");
+    nm_sim_queue(stage->nm, command);
+    return nm_sim_wait_for(stage->nm, "handshake", before + 1, k_wait_ms);
+}
+
+bool stage_fast_heartbeat(Stage *stage)
+{
+    return stage_command(stage, nm_command_trigger(1)) &&
+           agent_wait_log(&stage->agent, "Changing UDP detection interval from: 6 to 1.");
+}
+
+std::string stage_wrong(const Stage &stage)
+{
+    return nm_sim_wrong(stage.nm) + device_sim_wrong(stage.device);
+}
+
+static void remove_dir(const std::string &path)
+{
+    DIR *dir = opendir(path.c_str());
+    for (dirent *entry; dir && (entry = readdir(dir));) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        if (unlink((path + "/" + name).c_str()) != 0) {
+            remove_dir(path + "/" + name);
+        }
+    }
+    if (dir) {
+        closedir(dir);
+    }
+    rmdir(path.c_str());
+}
+
+Stage::~Stage()
+{
+    agent_stop(&agent, SIGKILL);
+    if (testing::Test::HasFailure() && agent.console) {
+        const std::string output = agent_output(agent);
+        fprintf(stderr, "--- the agent's console ends so:\n%s\n--- found wrong:\n%s---\n",
+                output.substr(output.size() - std::min<size_t>(output.size(), 12000)).c_str(),
+                nm && device ? stage_wrong(*this).c_str() : "");
+    }
+    delete agent.console;
+    device_sim_stop(device);
+    nm_sim_stop(nm);
+    if (!agent.dir.empty()) {
+        remove_dir(agent.dir);
+    }
+}
+
+std::string file_text(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+static int status_value(int pid, const std::string &key)
+{
+    const std::string text = file_text("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = text.find("\n" + key + ":");
+    return at == std::string::npos ? -1 : atoi(text.c_str() + at + key.size() + 2);
+}
+
+int proc_threads(int pid)
+{
+    return status_value(pid, "Threads");
+}
+
+int proc_rss_kib(int pid)
+{
+    return status_value(pid, "VmRSS");
+}
+
+int proc_descriptors(int pid)
+{
+    DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+    int count = -2; // "." and ".."
+    while (dir && readdir(dir)) {
+        count++;
+    }
+    if (dir) {
+        closedir(dir);
+    }
+    return count;
+}
+
+int proc_cpu_ms(int pid)
+{
+    const std::string text = file_text("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 2)));
+    std::string skipped;
+    long long user = 0, system = 0;
+    for (int i = 3; i < 14; i++) { // fields 3 to 13 stand before the two times
+        fields >> skipped;
+    }
+    fields >> user >> system;
+    return (int)((user + system) * 1000 / sysconf(_SC_CLK_TCK));
+}
+
+int black_hole_port(std::vector<int> *descriptors)
+{
+    sockaddr_in addr = {};
+    socklen_t length = sizeof(addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    descriptors->push_back(listener);
+    if (bind(listener, (sockaddr *)&addr, length) != 0 || listen(listener, 0) != 0 ||
+        getsockname(listener, (sockaddr *)&addr, &length) != 0) {
+        return -1;
+    }
+    for (int i = 0; i < 8; i++) { // the queue of nobody's accept fills up; from then on the kernel drops what comes
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        descriptors->push_back(fd);
+        (void)connect(fd, (sockaddr *)&addr, length);
+    }
+    return ntohs(addr.sin_port);
+}
