@@ -1,1 +1,366 @@
 #include "transport/conn_registry.h"
+
+#include <pthread.h>
+
+#include "runtime/log.h"
+#include "runtime/plugin_info.h"
+#include "runtime/text.h"
+#include "runtime/wait.h"
+#include "transport/conn_life.h"
+#include "transport/tls.h"
+
+// Guards s_entries and nothing else; short. Lines, handshakes, tests and closes happen outside, on copies.
+static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
+static ConnectionInfo s_entries[CONNECTION_TYPE_COUNT];
+
+struct TypeInfo {
+    ConnectionType type; // also the row's index
+    const char *name;
+    bool to_nm; // encrypted when NM is reached over https
+};
+
+static const TypeInfo k_types[] = {
+    {DEV_TCP, "DEV_TCP", false},
+    {NM_UDP_DETECTION, "NM_UDP_DETECTION", false},
+    {HTTP, "HTTP", true},
+    {REMOTE_TELNET_SERVER, "REMOTE_TELNET_SERVER", true},
+    {REMOTE_TELNET_DEVICE, "REMOTE_TELNET_DEVICE", false},
+    {REMOTE_WEB_SERVER, "REMOTE_WEB_SERVER", true},
+};
+static_assert(sizeof(k_types) / sizeof(k_types[0]) == CONNECTION_TYPE_COUNT, "one row per type");
+
+static const char *const k_status_names[] = {"DISCONNECTED", "CONNECTED", "PENDING"};
+
+#define TILDES_42 "~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~~"
+static const char k_table_header[] = TILDES_42 " conn info " TILDES_42;
+static const char k_table_footer[] = TILDES_42 "~~~~~~~~~~~" TILDES_42;
+static_assert(sizeof(k_table_footer) == 95 + 1, "the table's width");
+
+static bool is_type(uint32_t type)
+{
+    if (type < CONNECTION_TYPE_COUNT)
+        return true;
+    log_warn("Unknown type: %d", (int)type);
+    return false;
+}
+
+const char *conn_type_name(uint32_t type)
+{
+    return is_type(type) ? k_types[type].name : "Unknown type";
+}
+
+const char *conn_status_name(uint32_t status)
+{
+    if (status < sizeof(k_status_names) / sizeof(k_status_names[0]))
+        return k_status_names[status];
+    log_warn("Unknown status: %d", (int)status);
+    return "Unknown status";
+}
+
+void conn_print_all(void)
+{
+    ConnectionInfo entries[CONNECTION_TYPE_COUNT];
+    pthread_mutex_lock(&s_mutex);
+    for (uint32_t i = 0; i < CONNECTION_TYPE_COUNT; i++)
+        entries[i] = s_entries[i];
+    pthread_mutex_unlock(&s_mutex);
+
+    log_debug("%s", k_table_header);
+    for (uint32_t i = 0; i < CONNECTION_TYPE_COUNT; i++) {
+        const SocketConn *conn = &entries[i].conn;
+        log_info("CONN[%d] Type: %-24s, Status: %s(%d), Socket_fd: %d, IP: %s, Port: %s, SSL: %d", (int)i,
+                 k_types[i].name, conn_status_name(entries[i].status), (int)entries[i].status, conn->socket_fd,
+                 conn->remote_ip, conn->remote_port, conn->ssl ? 1 : 0);
+    }
+    log_debug("%s", k_table_footer);
+}
+
+// Empties the entry but for its texts; what it held is the caller's to close.
+static ConnectionInfo entry_take_locked(ConnectionInfo *entry)
+{
+    ConnectionInfo taken = *entry;
+    entry->status = DISCONNECTED;
+    entry->conn.remote_addr = nullptr;
+    entry->conn.ssl = nullptr;
+    entry->conn.life = nullptr;
+    if (entry->conn.socket_fd > 0)
+        entry->conn.socket_fd = -1;
+    return taken;
+}
+
+// Lines of a removal; the peer is told at once, the resources go when their last user lets go.
+static void close_taken(ConnectionType type, ConnectionInfo *taken, int print)
+{
+    SocketConn *conn = &taken->conn;
+    ConnLife *life = conn->life;
+    if (conn->socket_fd > 0) {
+        if (!life) // noted without ever having been registered
+            life = conn_life_new(conn);
+        log_info("Shutdown and close socket: %d", conn->socket_fd);
+        if (life && conn_life_shut(life) != 0)
+            log_error("setsockopt SO_LINGER on socket: %d failed!", conn->socket_fd);
+    }
+    if (conn->ssl)
+        tls_log_deinit();
+    log_info("Connection type: %s(%d), peer IP: %s, Port: %s has been removed,", k_types[type].name, (int)type,
+             conn->remote_ip, conn->remote_port);
+    if (print)
+        conn_print_all();
+    conn_life_drop(life);
+}
+
+// Closes the entry: any when status is null, else only in that status; with a life given only when it still is that one.
+static void close_entry(ConnectionType type, const ConnectionStatus *status, const ConnLife *life, int print)
+{
+    ConnectionInfo *entry = &s_entries[type];
+    ConnectionInfo taken = {};
+    pthread_mutex_lock(&s_mutex);
+    bool matches = (!status || entry->status == *status) && (!life || entry->conn.life == life);
+    if (matches)
+        taken = entry_take_locked(entry);
+    pthread_mutex_unlock(&s_mutex);
+    if (matches)
+        close_taken(type, &taken, print);
+}
+
+static void close_connected(ConnectionType type, const ConnLife *life, int print)
+{
+    ConnectionStatus connected = CONNECTED;
+    close_entry(type, &connected, life, print);
+}
+
+// Makes conn the entry. 1 when registered, 0 when it had to be closed instead.
+static int entry_publish(ConnectionType type, SocketConn conn, int print)
+{
+    if (k_types[type].to_nm && plugin_info_nm_is_https()) {
+        conn.ssl = tls_init(conn.socket_fd);
+        // A failed handshake goes on in plain text; one that was cut says nothing about NM, so nothing may be sent.
+        if (!conn.ssl && wait_is_cut()) {
+            socket_close_private(&conn);
+            return 0;
+        }
+    }
+    conn.life = conn_life_new(&conn);
+    if (!conn.life) {
+        socket_close_private(&conn);
+        return 0;
+    }
+    ConnectionInfo *entry = &s_entries[type];
+    pthread_mutex_lock(&s_mutex);
+    ConnectionInfo taken = entry_take_locked(entry);
+    entry->conn = conn;
+    entry->status = CONNECTED;
+    pthread_mutex_unlock(&s_mutex);
+    if (taken.status == CONNECTED)
+        close_taken(type, &taken, 1); // another thread was quicker
+    log_info("Connection type: %s(%d) has been added, socket: %d.", k_types[type].name, (int)type, conn.socket_fd);
+    if (print)
+        conn_print_all();
+    return 1;
+}
+
+int conn_add(ConnectionType type, SocketConn conn, int print)
+{
+    if (!is_type(type)) {
+        socket_close_private(&conn);
+        return 1;
+    }
+    close_connected(type, nullptr, 1);
+    (void)entry_publish(type, conn, print);
+    return 1;
+}
+
+void conn_note_failed(ConnectionType type, const SocketConn *conn)
+{
+    if (!is_type(type))
+        return;
+    pthread_mutex_lock(&s_mutex);
+    ConnectionInfo *entry = &s_entries[type];
+    if (entry->status != CONNECTED) {
+        entry->conn = *conn;
+        entry->conn.remote_addr = nullptr;
+        entry->conn.ssl = nullptr;
+        entry->conn.life = nullptr;
+    }
+    pthread_mutex_unlock(&s_mutex);
+}
+
+void conn_remove(ConnectionType type, int print)
+{
+    if (is_type(type))
+        close_entry(type, nullptr, nullptr, print);
+}
+
+int conn_remove_if_connected(ConnectionType type, int print)
+{
+    if (is_type(type))
+        close_connected(type, nullptr, print);
+    return 1;
+}
+
+static void remove_all_from(uint32_t first)
+{
+    conn_print_all();
+    for (uint32_t type = first; type < CONNECTION_TYPE_COUNT; type++)
+        close_connected(k_types[type].type, nullptr, 0);
+    conn_print_all();
+}
+
+void conn_remove_all(void)
+{
+    remove_all_from(DEV_TCP);
+}
+
+void conn_remove_all_but_device(void)
+{
+    remove_all_from(DEV_TCP + 1);
+}
+
+// The entry as it stands; with a life it is held.
+static ConnectionInfo entry_hold(ConnectionType type)
+{
+    pthread_mutex_lock(&s_mutex);
+    ConnectionInfo copy = s_entries[type];
+    conn_life_hold(copy.conn.life);
+    pthread_mutex_unlock(&s_mutex);
+    return copy;
+}
+
+int conn_hold(ConnectionType type, SocketConn *copy)
+{
+    *copy = {};
+    copy->socket_fd = -1;
+    if (!is_type(type))
+        return 0;
+    ConnectionInfo entry = entry_hold(type);
+    *copy = entry.conn;
+    if (entry.status == CONNECTED)
+        return 1;
+    conn_drop(copy);
+    return 0;
+}
+
+void conn_drop(SocketConn *copy)
+{
+    conn_life_drop(copy->life);
+    copy->socket_fd = -1;
+    copy->remote_addr = nullptr;
+    copy->ssl = nullptr;
+    copy->life = nullptr;
+}
+
+int conn_is_current(ConnectionType type, const SocketConn *copy)
+{
+    if (!is_type(type))
+        return 0;
+    pthread_mutex_lock(&s_mutex);
+    const ConnectionInfo *entry = &s_entries[type];
+    int is_current = entry->status == CONNECTED && copy->life && entry->conn.life == copy->life;
+    pthread_mutex_unlock(&s_mutex);
+    return is_current;
+}
+
+void conn_remove_if_current(ConnectionType type, const SocketConn *copy, int print)
+{
+    if (is_type(type) && copy->life)
+        close_connected(type, copy->life, print);
+}
+
+// The liveness test on a held entry.
+static int is_usable(const ConnectionInfo *entry)
+{
+    const SocketConn *conn = &entry->conn;
+    if (conn->socket_fd < 1) {
+        log_debug("TCP connection: %s:%s, socket: %d is not valid.", conn->remote_ip, conn->remote_port,
+                  conn->socket_fd);
+        return 0;
+    }
+    if (entry->status != CONNECTED) {
+        log_debug("TCP connection: %s:%s, socket: %d is of status: %d.", conn->remote_ip, conn->remote_port,
+                  conn->socket_fd, (int)entry->status);
+        return 0;
+    }
+    int state = tcp_state_get(conn->socket_fd);
+    if (state == TCP_STATE_ESTABLISHED && !(conn->life && conn->life->broken))
+        return 1;
+    if (state == TCP_STATE_TIMEOUT)
+        log_info("TCP connection: %s:%s, socket: %d, selecting timeout.", conn->remote_ip, conn->remote_port,
+                 conn->socket_fd);
+    else
+        log_info("TCP connection: %s:%s, socket: %d, status: %d is not connected: %d.", conn->remote_ip,
+                 conn->remote_port, conn->socket_fd, state, TCP_STATE_ESTABLISHED);
+    return 0;
+}
+
+int tcp_check_conn(ConnectionType type)
+{
+    if (!is_type(type))
+        return 0;
+    ConnectionInfo entry = entry_hold(type);
+    int usable = is_usable(&entry);
+    conn_drop(&entry.conn);
+    return usable;
+}
+
+int conn_check(ConnectionType type)
+{
+    if (!is_type(type))
+        return 0;
+    if (type == NM_UDP_DETECTION) {
+        close_connected(type, nullptr, 1);
+        return 0;
+    }
+    ConnectionInfo entry = entry_hold(type);
+    int usable = is_usable(&entry) && conn_is_connected(type);
+    if (!usable)
+        conn_remove_if_current(type, &entry.conn, 1); // not one that another thread has registered meanwhile
+    conn_drop(&entry.conn);
+    return usable;
+}
+
+int conn_is_connected(ConnectionType type)
+{
+    if (!is_type(type))
+        return 0;
+    pthread_mutex_lock(&s_mutex);
+    int connected = s_entries[type].status == CONNECTED;
+    pthread_mutex_unlock(&s_mutex);
+    return connected;
+}
+
+int conn_reconnect(ConnectionType type)
+{
+    if (!is_type(type))
+        return 0;
+    ConnectionInfo last = conn_info_get(type);
+    close_connected(type, nullptr, 0);
+    SocketConn conn = tcp_connect(last.conn.remote_ip, last.conn.remote_port, last.conn.local_ip,
+                                  last.conn.local_port, 0, 0);
+    if (conn.socket_fd < 1)
+        return 0;
+    close_connected(type, nullptr, 1);
+    return entry_publish(type, conn, 1);
+}
+
+int poll_conn_readable(ConnectionType type, int timeout_ms)
+{
+    SocketConn conn;
+    (void)conn_hold(type, &conn);
+    int readable = conn_readable(&conn, timeout_ms);
+    conn_drop(&conn);
+    return readable;
+}
+
+ConnectionInfo conn_info_get(ConnectionType type)
+{
+    ConnectionInfo info = {};
+    if (!is_type(type))
+        return info;
+    pthread_mutex_lock(&s_mutex);
+    info = s_entries[type];
+    pthread_mutex_unlock(&s_mutex);
+    info.conn.remote_addr = nullptr;
+    info.conn.ssl = nullptr;
+    info.conn.life = nullptr;
+    return info;
+}

@@ -35,8 +35,9 @@ const char *conn_status_name(uint32_t status);
 void conn_print_all(void);
 
 // Makes conn (a fresh connection that the caller owns) the entry of type; an entry that is CONNECTED is closed first.
-// NM-side TCP types get a TLS session when NM's method is https; a failed handshake leaves plain text. The entry and
-// its status appear in one step after the handshake. Always 1; ownership passes in any case.
+// NM-side TCP types get a TLS session when NM's method is https; a failed handshake leaves plain text, one that was cut
+// closes conn and registers nothing. The entry and its status appear in one step after the handshake. Always 1;
+// ownership passes in any case.
 int conn_add(ConnectionType type, SocketConn conn, int print);
 
 // Stores a failed connect's texts and descriptor (-1 or 0) in an entry that is not CONNECTED.

@@ -67,7 +67,9 @@ enum SendKind {
 // Each part goes out by tcp_send with its lines. What a begun unit still lacks is then sent without further lines, as
 // long as the peer takes a byte every 2 s and the process is not stopping; else the connection is shut down and marked
 // broken, so that a stream with a hole is never used again.
-// Returns tcp_send's result for the last part sent, negative as soon as a part could not be sent whole.
+// A stop ends that; a call-off of the thread ends it for a stream only, so that a called-off command does not cost a
+// link that others share. Returns tcp_send's result for the last part (its length when that had given up and the rest
+// still went out), negative as soon as a part could not be sent whole. Empty parts are passed over.
 int conn_send(const SocketConn *conn, SendKind kind, const SendPart *parts, int count);
 
 // sendto the first resolved address; -1 without a socket or an address.
@@ -81,6 +83,12 @@ int sock_recv(int fd, void *buf, size_t len);
 // closed its half), else 0. A cut wait answers 1.
 int tcp_check_fd(int fd);
 
+// State number of the TCP connection on fd, 1 when established; TCP_STATE_TIMEOUT when the socket reported nothing for
+// 2 s. A cut wait answers 1. What tcp_check_fd and tcp_check_conn ask; no lines.
+constexpr int TCP_STATE_ESTABLISHED = 1;
+constexpr int TCP_STATE_TIMEOUT = -1;
+int tcp_state_get(int fd);
+
 // 1 when poll reports anything on fd within timeout_ms, errors included; 0 on a time-out, an error or a cut wait.
 // A descriptor below 1 waits its time and answers 0.
 int poll_readable(int fd, int timeout_ms);
@@ -93,5 +101,5 @@ int conn_readable(const SocketConn *conn, int timeout_ms);
 int get_interface_ip(const char *interface, char (&ip)[IP_TEXT_SIZE]);
 
 // Resolves the name in buffer in place into dotted IPv4 text, cut to cap. 0, or -1 (logged) when there is none. The one
-// wait that a stop cannot end; no lock may be held.
+// wait that a stop cannot end; no lock may be held. A null or empty buffer or no room answers -1, unlogged.
 int resolve_host(char *buffer, size_t cap);

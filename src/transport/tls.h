@@ -16,9 +16,9 @@ TlsSession *tls_init(int fd);
 // A write that the session began is continued with the same bytes or the connection must be dropped.
 int tls_send(TlsSession *session, const void *buf, size_t len);
 
-// tls_send with the bytes accepted in *accepted and, in *begun (may be null), 1 when a record of further bytes was begun
-// and must be finished by the same bytes.
-int tls_send_counted(TlsSession *session, const void *buf, size_t len, size_t *accepted, int *begun);
+// tls_send with the bytes accepted in all in *accepted. As long as they are not all of buf a record may be begun: the rest
+// goes out with tls_write_once, from the same memory, or the connection is dropped.
+int tls_send_counted(TlsSession *session, const void *buf, size_t len, size_t *accepted);
 
 // One SSL_write without lines or waits: bytes accepted, or -1 with errno EAGAIN (nothing taken; retry with the same
 // bytes when events, POLLIN or POLLOUT, come) or another errno (the session is dead).

@@ -1,0 +1,383 @@
+#include "net_peer.h"
+
+#include <thread>
+
+#include "runtime/stop_internal.h"
+#include "runtime/wait.h"
+#include "transport/conn_life.h"
+#include "transport/socket.h"
+
+static const char k_ip[] = "127.0.0.1";
+
+struct Link {
+    SocketConn conn;
+    int peer;
+};
+
+// A connection to a peer with small buffers; with a life when shared.
+static Link link_open(bool shared, int send_buf_size = 0)
+{
+    start_process_once();
+    std::string port;
+    int listener = listen_socket(&port, 2048);
+    Link link = {};
+    link.conn = tcp_connect(k_ip, port.c_str(), nullptr, nullptr, send_buf_size, 0);
+    EXPECT_GT(link.conn.socket_fd, 0);
+    link.peer = accept(listener, nullptr, nullptr);
+    close(listener);
+    if (shared)
+        link.conn.life = conn_life_new(&link.conn);
+    return link;
+}
+
+static void link_close(Link *link)
+{
+    if (link->conn.life)
+        conn_life_drop(link->conn.life);
+    else
+        socket_close_private(&link->conn);
+    close(link->peer);
+}
+
+// Sends until the peer's and the own buffer stay full.
+static void fill_buffers(int fd)
+{
+    std::string data(100000, 'x');
+    do {
+        while (send(fd, data.data(), data.size(), 0) > 0) {
+        }
+    } while (wait_fd(fd, POLLOUT, 300) == WAIT_READY);
+}
+
+// A port that nobody listens on any more.
+static std::string dead_port()
+{
+    std::string port;
+    close(listen_socket(&port));
+    return port;
+}
+
+TEST(Socket, ConnectFailuresSayWhatTheyAre)
+{
+    start_process_once();
+    std::string port;
+    int listener = listen_socket(&port);
+    std::string dead = dead_port();
+    std::string dead_ends = "Could not make connection [remote (127.0.0.1:" + dead + "), local (0.0.0.0:0)]";
+    const struct {
+        const char *name, *remote_ip, *remote_port, *local_ip, *local_port;
+        int fd;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"null", nullptr, nullptr, nullptr, nullptr, 0, {"remote_ip is NULL!", "remote_port is NULL!"}},
+        {"unresolved", "no.such.host.invalid", "1", nullptr, nullptr, 0,
+         {"TCP connecting [remote (no.such.host.invalid:1), local (0.0.0.0:0)] ...", "Could not resolve host: ",
+          "TCP connect failed!"}},
+        {"local unresolved", k_ip, port.c_str(), "", "", 0, {"Could not resolve host: ", "TCP connect failed!"}},
+        {"refused", k_ip, dead.c_str(), nullptr, nullptr, -1,
+         {"Connecting to 127.0.0.1:", "Connection timeout(Connection refused)... socket: ", "Connection failed...",
+          "Shutdown and close socket: ", dead_ends, "TCP connect failed!"}},
+        {"bind", k_ip, port.c_str(), "192.0.2.1", "0", -1,
+         {"Binding failed", "Shutdown and close socket: ", ", local (192.0.2.1:0)]", "TCP connect failed!"}},
+        {"negative port", k_ip, "-1", nullptr, nullptr, 0, {"Could not resolve host: ", "TCP connect failed!"}},
+    };
+    int before = open_descriptors();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        SocketConn conn = {};
+        std::string log = log_of(
+            [&] { conn = tcp_connect(c.remote_ip, c.remote_port, c.local_ip, c.local_port, 0, 0); });
+        EXPECT_EQ(c.fd, conn.socket_fd);
+        EXPECT_EQ(nullptr, conn.remote_addr);
+        expect_in_order(log, c.lines);
+        EXPECT_EQ(c.fd == 0, !has_text(log, "Could not make connection"));
+    }
+    EXPECT_EQ(before, open_descriptors());
+    close(listener);
+}
+
+TEST(Socket, ConnectKeepsBothEndsAndIsNonBlocking)
+{
+    start_process_once();
+    std::string port;
+    int listener = listen_socket(&port);
+    SocketConn conn = tcp_connect(k_ip, port.c_str(), k_ip, "0", 0, 0);
+    ASSERT_GT(conn.socket_fd, 0);
+    EXPECT_STREQ(k_ip, conn.remote_ip);
+    EXPECT_EQ(port, conn.remote_port);
+    EXPECT_STREQ(k_ip, conn.local_ip);
+    EXPECT_STREQ("0", conn.local_port);
+    char byte;
+    errno = 0;
+    EXPECT_EQ(-1, conn_recv(&conn, &byte, 1));
+    EXPECT_EQ(EAGAIN, errno);
+    socket_close_private(&conn);
+    EXPECT_EQ(-1, conn_recv(&conn, &byte, 1));
+    close(listener);
+}
+
+// A peer whose queue is full does not answer at all.
+TEST(Socket, SilentPeerTimesOutAndAStopCutsTheWait)
+{
+    start_process_once();
+    std::string port;
+    int listener = bound_socket(SOCK_STREAM, &port);
+    ASSERT_EQ(0, listen(listener, 0));
+    SocketConn queued = tcp_connect(k_ip, port.c_str(), nullptr, nullptr, 0, 0);
+    std::string log = log_of([&] {
+        EXPECT_EQ(-1, tcp_connect(k_ip, port.c_str(), nullptr, nullptr, 0, 0).socket_fd);
+    });
+    expect_in_order(log, {"Connection timeout... socket: ", "Connection failed...", "Shutdown and close socket: "});
+
+    int64_t start = wait_now_ms();
+    std::thread stopper([] {
+        usleep(50000);
+        stop_request(15);
+    });
+    log = log_of([&] { EXPECT_EQ(-1, tcp_connect(k_ip, port.c_str(), nullptr, nullptr, 0, 0).socket_fd); });
+    stopper.join();
+    EXPECT_LT(wait_now_ms() - start, 1000);
+    EXPECT_FALSE(has_text(log, "Connection timeout"));
+    stop_reset_for_test();
+    socket_close_private(&queued);
+    close(listener);
+}
+
+TEST(Socket, ShortSendAnswersTheFirstCount)
+{
+    Link link = link_open(false);
+    std::string data(40000, 'x');
+    std::string got;
+    std::thread reader([&] {
+        usleep(100000);
+        got = read_upto(link.peer, data.size());
+    });
+    size_t accepted = 0;
+    int result = 0;
+    std::string log = log_of([&] { result = tcp_send_counted(&link.conn, data.data(), data.size(), &accepted); });
+    EXPECT_GT(result, 0);
+    EXPECT_LT((size_t)result, data.size());
+    EXPECT_GE(accepted, (size_t)result);
+    std::string cut = "TCP outgoing data has been cut, len: 40000, sent: " + std::to_string(result) + " bytes!";
+    std::string rest = "Trying to send remained part, remain_len: " + std::to_string(40000 - result) + "!";
+    expect_in_order(log, {"len: 40000", cut, "Waiting: 10 ms ...", rest, "tcp_send to 127.0.0.1:"});
+    shutdown(link.conn.socket_fd, SHUT_WR);
+    reader.join();
+    EXPECT_EQ(accepted, got.size());
+    link_close(&link);
+}
+
+TEST(Socket, FailedSendIsTriedOnceMore)
+{
+    Link link = link_open(false);
+    size_t accepted = 0;
+    fill_buffers(link.conn.socket_fd);
+    int64_t start = wait_now_ms();
+    std::string log = log_of([&] { EXPECT_EQ(-1, tcp_send_counted(&link.conn, "abc", 3, &accepted)); });
+    EXPECT_GE(wait_now_ms() - start, 100);
+    EXPECT_EQ(0u, accepted);
+    expect_in_order(log, {"TCP send failed, err: Resource temporarily unavailabl!", "Waiting: 100 ms ...",
+                          "Trying to send again, len: 3!",
+                          "TCP re-send failed, err: Resource temporarily unavailabl!"});
+    link_close(&link);
+}
+
+// Four writers of 20 KB frames to a 2,048-byte peer: every frame arrives once, whole, unmixed.
+TEST(Socket, FramesOfSeveralWritersStayWhole)
+{
+    constexpr int writers = 4, rounds = 5;
+    constexpr uint32_t size = 20000;
+    Link link = link_open(true);
+    auto write_frames = [&](int writer) {
+        std::string text(size, (char)('a' + writer));
+        for (int i = 0; i < rounds; i++) {
+            text[0] = (char)('0' + i);
+            char head[4];
+            le32_put(head, size);
+            SendPart parts[] = {{head, 4}, {text.data(), text.size()}};
+            EXPECT_GT(conn_send(&link.conn, SEND_MESSAGE, parts, 2), 0);
+        }
+    };
+    g_log_level = 3;
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < writers; writer++)
+        threads.emplace_back(write_frames, writer);
+    int seen[writers] = {};
+    for (int i = 0; i < writers * rounds; i++) {
+        std::string frame = read_upto(link.peer, 4 + size);
+        ASSERT_EQ(4 + size, frame.size());
+        ASSERT_EQ(size, le32_get(frame.data()));
+        int writer = frame[5] - 'a';
+        ASSERT_TRUE(writer >= 0 && writer < writers);
+        ASSERT_EQ(std::string(size - 1, frame[5]), frame.substr(5));
+        EXPECT_EQ('0' + seen[writer]++, frame[4]);
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_FALSE(readable_within(link.peer, 0));
+    link_close(&link);
+}
+
+struct StallCase {
+    const char *name;
+    SendKind kind;
+    bool full_before; // nothing of the unit can be taken
+    bool stop;
+    bool call_off;
+    bool dropped; // the connection is given up
+    int max_ms;
+};
+
+static void run_stall(const StallCase &c)
+{
+    static std::atomic<uint32_t> counter;
+    Link link = link_open(true);
+    std::string data(300000, 'x');
+    if (c.full_before)
+        fill_buffers(link.conn.socket_fd);
+    if (c.stop)
+        stop_request(15);
+    if (c.call_off)
+        wait_call_off_set({&counter, counter + 1});
+    SendPart part = {data.data(), data.size()};
+    int64_t start = wait_now_ms();
+    EXPECT_EQ(-1, conn_send(&link.conn, c.kind, &part, 1));
+    EXPECT_LT(wait_now_ms() - start, c.max_ms);
+    wait_call_off_set({nullptr, 0});
+    stop_reset_for_test();
+    EXPECT_EQ(c.dropped, link.conn.life->broken == 1);
+    if (c.dropped) {
+        EXPECT_EQ("", log_of([&] { EXPECT_EQ(-1, tcp_send(&link.conn, "a", 1)); }));
+        EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd));
+    }
+    link_close(&link);
+}
+
+TEST(Socket, PeerThatStopsReadingLosesTheConnection)
+{
+    const StallCase cases[] = {
+        {"inside a frame", SEND_MESSAGE, false, false, false, true, 4000},
+        {"before a frame", SEND_MESSAGE, true, false, false, false, 1000},
+        {"before stream bytes", SEND_STREAM, true, false, false, true, 4000},
+        {"inside a frame, stop", SEND_MESSAGE, false, true, false, true, 500},
+        {"stream, called off", SEND_STREAM, false, false, true, true, 500},
+    };
+    for (const StallCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        run_stall(c);
+    }
+}
+
+// The peer rests for longer than both attempts of tcp_send, then reads on: nothing is lost, even when the sender's
+// work was called off meanwhile.
+TEST(Socket, BegunFrameIsFinishedWhenThePeerReadsOn)
+{
+    static std::atomic<uint32_t> counter;
+    for (bool called_off : {false, true}) {
+        Link link = link_open(true);
+        std::string data(100000, 'x');
+        data.back() = 'z';
+        std::string got;
+        std::thread reader([&] {
+            usleep(500000);
+            got = read_upto(link.peer, data.size());
+        });
+        if (called_off)
+            wait_call_off_set({&counter, counter + 1});
+        SendPart parts[] = {{data.data(), 10}, {"", 0}, {data.data() + 10, data.size() - 10}};
+        EXPECT_GT(conn_send(&link.conn, SEND_MESSAGE, parts, 3), 0);
+        wait_call_off_set({nullptr, 0});
+        reader.join();
+        EXPECT_TRUE(data == got);
+        link_close(&link);
+    }
+}
+
+TEST(Socket, LivenessLooksAtTheState)
+{
+    Link link = link_open(false);
+    int fd = link.conn.socket_fd;
+    EXPECT_EQ(1, tcp_check_fd(fd));
+    EXPECT_EQ(0, poll_readable(fd, 0));
+    std::string log = log_of([&] {
+        send(link.peer, "x", 1, 0);
+        shutdown(link.peer, SHUT_WR); // closed its half, a byte still unread
+        EXPECT_EQ(1, poll_readable(fd, 1000));
+        for (int i = 0; i < 100 && tcp_check_fd(fd); i++)
+            usleep(10000);
+        EXPECT_EQ(0, tcp_check_fd(fd));
+    });
+    EXPECT_TRUE(has_text(log, ("TCP socket: " + std::to_string(fd) + ", status: 8 is not connected: 1.").c_str()));
+    EXPECT_EQ(0, tcp_check_fd(0));
+    EXPECT_EQ(0, tcp_check_fd(-1));
+    link_close(&link);
+    EXPECT_EQ(1, poll_readable(fd, 0)); // error states count, a closed descriptor too
+    int64_t start = wait_now_ms();
+    EXPECT_EQ(0, poll_readable(0, 30));
+    EXPECT_GE(wait_now_ms() - start, 30);
+}
+
+// 2 s of a full send buffer are "not established", but not when the wait was cut.
+TEST(Socket, LivenessOfAFullBuffer)
+{
+    Link link = link_open(false);
+    fill_buffers(link.conn.socket_fd);
+    std::string log = log_of([&] { EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd)); });
+    EXPECT_TRUE(has_text(log, "selecting timeout."));
+    stop_request(15);
+    EXPECT_EQ(1, tcp_check_fd(link.conn.socket_fd));
+    stop_reset_for_test();
+    link_close(&link);
+}
+
+TEST(Socket, UdpReachesItsPeerWhateverTheBind)
+{
+    start_process_once();
+    std::string port;
+    int peer = bound_socket(SOCK_DGRAM, &port);
+    for (const char *local_ip : {"0.0.0.0", "192.0.2.1"}) {
+        SCOPED_TRACE(local_ip);
+        SocketConn conn = {};
+        std::string log = log_of([&] { conn = udp_connect(k_ip, port.c_str(), local_ip, "0"); });
+        EXPECT_EQ(strcmp(local_ip, "0.0.0.0") != 0,
+                  has_text(log, "Binding failed, IP: 192.0.2.1, Port: 0, errno: Cannot assign requested address(99)"));
+        ASSERT_GT(conn.socket_fd, 0);
+        EXPECT_EQ(4, udp_sendto(&conn, "ping", 4));
+        EXPECT_EQ("ping", read_upto(peer, 4));
+        socket_close_private(&conn);
+        EXPECT_EQ(-1, udp_sendto(&conn, "ping", 4));
+    }
+    EXPECT_EQ(0, udp_connect("no.such.host.invalid", "1", nullptr, nullptr).socket_fd);
+    EXPECT_EQ(0, udp_connect(nullptr, "1", nullptr, nullptr).socket_fd);
+    close(peer);
+}
+
+TEST(Socket, NamesAndInterfaces)
+{
+    const struct {
+        const char *name;
+        size_t cap;
+        int result;
+        const char *text;
+    } cases[] = {
+        {"localhost", 32, 0, "127.0.0.1"},      {"10.1.2.3", 32, 0, "10.1.2.3"}, {"localhost", 10, 0, "127.0.0.1"},
+        {"192.168.100.200", 16, 0, "192.168.100.200"}, {"127.1", 6, 0, "127.0"}, {"", 32, -1, ""},
+        {"no.such.host.invalid", 32, -1, "no.such.host.invalid"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        char buffer[32];
+        (void)text_set(buffer, c.name);
+        std::string log = log_of([&] { EXPECT_EQ(c.result, resolve_host(buffer, c.cap)); });
+        EXPECT_STREQ(c.text, buffer);
+        EXPECT_EQ(c.result != 0 && c.name[0], has_text(log, "gethostbyname() failed: no.such.host.invalid"));
+    }
+    EXPECT_EQ(-1, resolve_host(nullptr, 5));
+
+    char ip[IP_TEXT_SIZE] = "";
+    std::string log = log_of([&] { EXPECT_EQ(1, get_interface_ip("lo", ip)); });
+    EXPECT_STREQ(k_ip, ip);
+    expect_in_order(log, {"interface num is: ", "Net device: lo", "the interface status is UP",
+                          "The interface: lo, IP address: 127.0.0.1, status is UP."});
+    EXPECT_EQ(0, get_interface_ip("nosuch0", ip));
+}
