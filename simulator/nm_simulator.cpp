@@ -5,11 +5,14 @@
 #include "console.h"
 #include "nm_command.h"
 #include "nm_sim.h"
+#include "nm_tunnels.h"
 
 static const char k_usage[] =
-    "nm_simulator [--https] [--ip A] [--port N] [--udp-port N] [--serial S] [--script FILE]\n"
+    "nm_simulator [--https] [--ip A] [--port N] [--udp-port N] [--serial S] [--web-port N] [--telnet-port N]\n"
+    "             [--script FILE]\n"
     "Plays the management server: answers the device's posts and its UDP heartbeats, says what is wrong with them, and\n"
-    "hands out commands. Port 0 (the default) is any free one. Type help for the commands.\n";
+    "hands out commands. Port 0 (the default) is any free one; --web-port and --telnet-port are where local browsers and\n"
+    "telnet clients enter a tunnel. Type help for the commands.\n";
 
 static const std::map<std::string, NmFaultKind> k_fault_words = {
     {"delay", NM_FAULT_NONE},         {"silence", NM_FAULT_SILENCE}, {"refuse", NM_FAULT_REFUSE},
@@ -108,7 +111,8 @@ static std::function<std::string(const ConsoleLine &)> plain(const std::function
     };
 }
 
-static std::vector<ConsoleCommand> commands(NmSim *nm)
+// What NM hands out to the device.
+static std::vector<ConsoleCommand> device_commands(NmSim *nm, NmTunnels *tunnels)
 {
     return {
         {"send", "JSON", "queue a command",
@@ -121,8 +125,18 @@ static std::vector<ConsoleCommand> commands(NmSim *nm)
          [nm](const ConsoleLine &line) { return queue_status_period(nm, line); }},
         {"strategy", "set|start|stop [MODE [PERIOD [KIB]]]", "queue a service report strategy",
          [nm](const ConsoleLine &line) { return queue_strategy(nm, line); }},
+        {"web", "start|stop|wait [SECONDS]", "the remote-web tunnel",
+         [tunnels](const ConsoleLine &line) { return nm_tunnels_web(tunnels, line); }},
+        {"telnet", "start|stop|wait [SECONDS]", "the remote-telnet tunnel",
+         [tunnels](const ConsoleLine &line) { return nm_tunnels_telnet(tunnels, line); }},
         {"rec", "", "ask for a new bring-up at the next heartbeat",
          plain([nm](const ConsoleLine &) { nm_sim_ask_restart(nm); })},
+    };
+}
+
+static std::vector<ConsoleCommand> own_commands(NmSim *nm)
+{
+    return {
         {"activation", "200|201|304 IP PORT|STATUS ERROR", "how the next activations are answered",
          [nm](const ConsoleLine &line) { return set_activation(nm, line); }},
         {"fault", "NAME KIND [TIMES [DELAY_MS [TEXT]]]", "misbehave for active, heartbeat, ..., udp, accept or all",
@@ -157,7 +171,15 @@ int main(int argc, char **argv)
     }
     console_print(std::string("NM listens on ") + (options.https ? "https" : "http") + "://" + options.ip + ":" +
                   std::to_string(nm_sim_port(nm)) + ", detection on UDP port " + std::to_string(nm_sim_udp_port(nm)));
-    const int status = console_run(commands(nm), option_text(argc, argv, "--script", ""));
+    NmTunnels tunnels = {nm, option_number(argc, argv, "--web-port", 0), option_number(argc, argv, "--telnet-port", 0),
+                         nullptr, nullptr};
+    std::vector<ConsoleCommand> commands = device_commands(nm, &tunnels);
+    for (const ConsoleCommand &command : own_commands(nm)) {
+        commands.push_back(command);
+    }
+    const int status = console_run(commands, option_text(argc, argv, "--script", ""));
+    tunnels.web.reset();
+    tunnels.telnet.reset();
     nm_sim_stop(nm);
     return status;
 }

@@ -1,0 +1,22 @@
+// nm_tunnels.h - the tunnels of nm_simulator: the typed lines "web ..." and "telnet ...".
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "console.h"
+#include "nm_sim.h"
+#include "telnet_tunnel_sim.h"
+#include "web_tunnel_sim.h"
+
+struct NmTunnels {
+    NmSim *nm;
+    int web_port;    // where local browsers connect; 0: any free port
+    int telnet_port; // where local telnet clients connect
+    std::unique_ptr<WebTunnelSim> web;
+    std::unique_ptr<TelnetTunnelSim> telnet;
+};
+
+// "start", "stop" or "wait [SECONDS]" (until the agent has shown who it is). Returns what is wrong, "" when done.
+std::string nm_tunnels_web(NmTunnels *tunnels, const ConsoleLine &line);
+std::string nm_tunnels_telnet(NmTunnels *tunnels, const ConsoleLine &line);
