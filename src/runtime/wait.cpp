@@ -7,7 +7,7 @@
 
 #include "runtime/stop.h"
 
-constexpr int WAIT_FDS_MAX = 4;
+constexpr int WAIT_FDS_MAX = 12;
 constexpr int CALL_OFF_SLICE_MS = 50;
 constexpr int LOCK_SLICE_MS = 10;
 

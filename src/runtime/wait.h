@@ -22,7 +22,7 @@ enum WaitResult {
 // ready. timeout_ms below 0: without limit.
 WaitResult wait_fd(int fd, short events, int timeout_ms);
 
-// The same for several descriptors; revents are filled in. At most 4. Entries below 1 are passed over.
+// The same for several descriptors; revents are filled in. At most 12. Entries below 1 are passed over.
 WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms);
 
 // Sleeps. WAIT_TIMEOUT when slept whole, WAIT_CUT otherwise.
