@@ -1,1 +1,131 @@
 #include "remote/tunnel.h"
+
+#include <cjson/cJSON.h>
+#include <string.h>
+
+#include "runtime/log.h"
+#include "runtime/stop.h"
+#include "runtime/text.h"
+#include "transport/field_extract.h"
+
+constexpr int WEB_SERVER_BUFFER_SIZE = 32768; // bytes, each direction; the other types take the default
+constexpr uint32_t PORT_LIMIT = 65536;
+constexpr size_t AUTH_TEXT_SIZE = 4096; // four texts of 511 characters at most, a number and the frame
+
+int half_tunnel_create(ConnectionType type, const TunnelPeer *peer)
+{
+    if (!peer) {
+        log_error("conn_info is NULL!");
+        return -1;
+    }
+    const char *name = conn_type_name(type);
+    log_info("Preparing half tunnel... type: %s, peer: %s:%s (local: %s:%s)", name, peer->remote_ip, peer->remote_port,
+             peer->local_ip, peer->local_port);
+    if (conn_check(type))
+        conn_remove_if_connected(type, 1);
+
+    // An empty text does not resolve; null binds nothing.
+    const char *local_ip = peer->local_ip[0] ? peer->local_ip : nullptr;
+    const char *local_port = peer->local_port[0] ? peer->local_port : nullptr;
+    int buffer_size = type == REMOTE_WEB_SERVER ? WEB_SERVER_BUFFER_SIZE : 0;
+    SocketConn conn = tcp_connect(peer->remote_ip, peer->remote_port, local_ip, local_port, buffer_size, buffer_size);
+    if (conn.socket_fd < 1) {
+        log_warn("Create connection to IP: %s, Port: %s failed!", peer->remote_ip, peer->remote_port);
+        return -1;
+    }
+    log_info("Create %s half tunnel [remote (%s:%s), local (%s:%s)] successfully.", name, peer->remote_ip,
+             peer->remote_port, peer->local_ip, peer->local_port);
+    conn_add(type, conn, 1);
+    return 0;
+}
+
+int half_tunnel_close(ConnectionType first, ConnectionType second)
+{
+    const ConnectionType types[] = {first, second};
+    for (ConnectionType type : types) {
+        if (conn_info_get(type).status != DISCONNECTED)
+            conn_remove_if_connected(type, 1);
+    }
+    return 0;
+}
+
+// Reads all six fields, so that each missing one has its line. -1 when any failed; *port stays -1 when there is none.
+static int param_read(const cJSON *param, TunnelRequest *request, int32_t *port)
+{
+    int failed = json_get_string(param, "action", request->action, sizeof(request->action));
+    if (json_get_string(param, "host", request->host, sizeof(request->host)) != 0 ||
+        resolve_host(request->host, sizeof(request->host)) != 0)
+        failed = -1;
+    failed |= json_get_int(param, "port", port);
+    failed |= json_get_string(param, "token", request->token, sizeof(request->token));
+    failed |= json_get_int(param, "key", &request->key);
+    failed |= json_get_string(param, "sessionid", request->sessionid, sizeof(request->sessionid));
+    return failed;
+}
+
+int tunnel_request_parse(const char *payload, const char *invalid_line, TunnelRequest *request)
+{
+    memset(request, 0, sizeof(*request));
+    cJSON *root = json_parse_logged(payload);
+    if (!root)
+        return -1;
+    int32_t port = -1;
+    int failed = param_read(cJSON_GetObjectItem(root, "param"), request, &port);
+    cJSON_Delete(root);
+
+    if ((uint32_t)port >= PORT_LIMIT) {
+        log_error("Invalid port: %d!", port);
+        return -1;
+    }
+    (void)text_fmt(request->port, "%d", plugin_info_nm_is_https() ? port + 1 : port);
+    if (failed) {
+        log_warn("%s", invalid_line);
+        return -1;
+    }
+    return 0;
+}
+
+int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm)
+{
+    if (wait_is_cut())
+        return -1;
+    PluginInfo info;
+    plugin_info_get(&info);
+    char text[AUTH_TEXT_SIZE];
+    (void)text_fmt(text, "{\"ver\":\"%s\",\"deviceSn\":\"%s\",\"token\":\"%s\",\"key\":%d,\"sessionid\":\"%s\"}",
+                   info.plugin_version, info.dev_sn, request->token, request->key, request->sessionid);
+    log_info("Sending authentication: %s", text);
+    SendPart part = {text, strlen(text) + 1};
+    return conn_send(nm, SEND_STREAM, &part, 1);
+}
+
+static void call_off_begin(TunnelLock *lock, CallOff *before)
+{
+    *before = wait_call_off_set({&lock->waiting, 0});
+}
+
+int tunnel_lock(TunnelLock *lock, CallOff *before)
+{
+    lock->waiting++;
+    WaitResult taken = wait_lock(&lock->mutex);
+    lock->waiting--;
+    if (taken != WAIT_READY)
+        return -1;
+    call_off_begin(lock, before);
+    return 0;
+}
+
+int tunnel_try_lock(TunnelLock *lock, CallOff *before)
+{
+    if (lock->waiting != 0 || pthread_mutex_trylock(&lock->mutex) != 0)
+        return -1;
+    stop_hold_begin(); // wait_unlock ends it
+    call_off_begin(lock, before);
+    return 0;
+}
+
+void tunnel_unlock(TunnelLock *lock, const CallOff *before)
+{
+    wait_call_off_set(*before);
+    wait_unlock(&lock->mutex);
+}
