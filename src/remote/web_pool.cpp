@@ -1,0 +1,248 @@
+#include "remote/web_pool.h"
+
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include "runtime/log.h"
+#include "transport/conn_life.h"
+
+struct WebResource {
+    uint32_t in_use; // bound
+    uint32_t failing;
+    uint32_t binding;
+    uint8_t msg_id[WEB_ID_SIZE];
+    SocketConn conn; // with a life of its own, or socket_fd -1
+};
+
+std::atomic<uint32_t> g_web_pool_generation{0};
+
+// Guards everything below and the changes of the generation. A short lock: connections are shut under it, never closed.
+static pthread_mutex_t s_pool_mutex = PTHREAD_MUTEX_INITIALIZER;
+static WebResource *g_remote_web_resource; // WEB_SLOT_COUNT slots, taken once and kept
+static int s_open;
+static uint32_t s_bindings; // so far
+static SocketConn s_nm;     // held; socket_fd below 1: none
+
+static void no_conn(SocketConn *conn)
+{
+    *conn = {};
+    conn->socket_fd = -1;
+}
+
+// Takes the connection out of the slot and tells the peer. The caller drops the result after unlocking. The close does
+// not linger, as a failed send may have asked: the kernel delivers what was sent, and a stalled device must not hold up
+// the other slots.
+static SocketConn detach_locked(WebResource *slot)
+{
+    SocketConn conn = slot->conn;
+    if (conn.socket_fd > 0) {
+        struct linger none = {};
+        shutdown(conn.socket_fd, SHUT_RDWR);
+        setsockopt(conn.socket_fd, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
+    }
+    no_conn(&slot->conn);
+    return conn;
+}
+
+int web_pool_open(void)
+{
+    int result = 0;
+    pthread_mutex_lock(&s_pool_mutex);
+    if (!g_remote_web_resource)
+        g_remote_web_resource = (WebResource *)calloc(WEB_SLOT_COUNT, sizeof(WebResource));
+    if (g_remote_web_resource) {
+        for (int i = 0; i < WEB_SLOT_COUNT; i++) {
+            g_remote_web_resource[i].in_use = 0;
+            no_conn(&g_remote_web_resource[i].conn);
+        }
+        g_web_pool_generation++;
+        s_open = 1;
+    } else {
+        result = -1;
+    }
+    pthread_mutex_unlock(&s_pool_mutex);
+    if (result != 0)
+        log_error("g_remote_web_resource malloc failed!");
+    return result;
+}
+
+void web_pool_close(void)
+{
+    SocketConn closing[WEB_SLOT_COUNT + 1];
+    int count = 0;
+    pthread_mutex_lock(&s_pool_mutex);
+    if (s_open) {
+        s_open = 0;
+        g_web_pool_generation++;
+        for (int i = 0; i < WEB_SLOT_COUNT; i++) {
+            g_remote_web_resource[i].in_use = 0;
+            closing[count++] = detach_locked(&g_remote_web_resource[i]);
+        }
+        closing[count++] = s_nm;
+        no_conn(&s_nm);
+    }
+    pthread_mutex_unlock(&s_pool_mutex);
+    for (int i = 0; i < count; i++)
+        conn_drop(&closing[i]);
+}
+
+int web_pool_is_open(void)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    int open = s_open;
+    pthread_mutex_unlock(&s_pool_mutex);
+    return open;
+}
+
+void web_pool_nm_set(SocketConn *nm)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    SocketConn before = s_nm;
+    s_nm = *nm;
+    pthread_mutex_unlock(&s_pool_mutex);
+    no_conn(nm);
+    conn_drop(&before);
+}
+
+int web_pool_nm_hold(uint32_t generation, SocketConn *copy)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    int held = s_open && generation == g_web_pool_generation && s_nm.socket_fd > 0;
+    if (held) {
+        *copy = s_nm;
+        conn_life_hold(copy->life);
+    }
+    pthread_mutex_unlock(&s_pool_mutex);
+    if (held && !conn_is_current(REMOTE_WEB_SERVER, copy)) {
+        conn_drop(copy);
+        held = 0;
+    }
+    return held;
+}
+
+void web_slot_hold(int index, WebSlot *copy)
+{
+    *copy = {};
+    no_conn(&copy->conn);
+    pthread_mutex_lock(&s_pool_mutex);
+    if (s_open && g_remote_web_resource[index].in_use) {
+        const WebResource *slot = &g_remote_web_resource[index];
+        copy->bound = 1;
+        copy->failing = (int)slot->failing;
+        copy->binding = slot->binding;
+        memcpy(copy->msg_id, slot->msg_id, WEB_ID_SIZE);
+        copy->conn = slot->conn;
+        conn_life_hold(copy->conn.life);
+    }
+    pthread_mutex_unlock(&s_pool_mutex);
+}
+
+static int find_locked(const uint8_t *msg_id)
+{
+    for (int i = 0; s_open && i < WEB_SLOT_COUNT; i++) {
+        if (g_remote_web_resource[i].in_use && web_id_equal(g_remote_web_resource[i].msg_id, msg_id))
+            return i;
+    }
+    return -1;
+}
+
+int web_slot_find(const uint8_t *msg_id)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    int index = find_locked(msg_id);
+    pthread_mutex_unlock(&s_pool_mutex);
+    return index;
+}
+
+int web_slot_bind(const uint8_t *msg_id)
+{
+    int index = -1;
+    pthread_mutex_lock(&s_pool_mutex);
+    for (int i = 0; s_open && i < WEB_SLOT_COUNT && index < 0; i++) {
+        WebResource *slot = &g_remote_web_resource[i];
+        if (slot->in_use)
+            continue;
+        slot->in_use = 1;
+        slot->failing = 0;
+        slot->binding = ++s_bindings;
+        memcpy(slot->msg_id, msg_id, WEB_ID_SIZE);
+        index = i;
+    }
+    pthread_mutex_unlock(&s_pool_mutex);
+    return index;
+}
+
+int web_slot_connect(int index, SocketConn conn)
+{
+    conn.life = conn_life_new(&conn);
+    if (!conn.life) {
+        socket_close_private(&conn);
+        return -1;
+    }
+    pthread_mutex_lock(&s_pool_mutex);
+    WebResource *slot = &g_remote_web_resource[index];
+    SocketConn unwanted = s_open && slot->in_use ? slot->conn : conn;
+    if (s_open && slot->in_use)
+        slot->conn = conn;
+    pthread_mutex_unlock(&s_pool_mutex);
+    conn_drop(&unwanted);
+    return 0;
+}
+
+static int is_current_locked(int index, const ConnLife *life)
+{
+    return s_open && g_remote_web_resource[index].in_use && g_remote_web_resource[index].conn.life == life;
+}
+
+// Closes the slot's connection if it still is the one of life, and unbinds the slot when unbind is set.
+static int slot_close(int index, const ConnLife *life, int unbind)
+{
+    SocketConn closing;
+    no_conn(&closing);
+    pthread_mutex_lock(&s_pool_mutex);
+    int current = is_current_locked(index, life);
+    if (current) {
+        closing = detach_locked(&g_remote_web_resource[index]);
+        if (unbind)
+            g_remote_web_resource[index].in_use = 0;
+    }
+    pthread_mutex_unlock(&s_pool_mutex);
+    conn_drop(&closing);
+    return current;
+}
+
+int web_slot_disconnect(int index, const ConnLife *life)
+{
+    return slot_close(index, life, 0);
+}
+
+int web_slot_end(int index, const ConnLife *life)
+{
+    return slot_close(index, life, 1);
+}
+
+int web_slot_fail(int index, const ConnLife *life)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    int current = is_current_locked(index, life);
+    if (current)
+        g_remote_web_resource[index].failing = 1;
+    pthread_mutex_unlock(&s_pool_mutex);
+    return current;
+}
+
+void web_slot_end_id(const uint8_t *msg_id)
+{
+    SocketConn closing;
+    no_conn(&closing);
+    pthread_mutex_lock(&s_pool_mutex);
+    int index = find_locked(msg_id);
+    if (index >= 0) {
+        closing = detach_locked(&g_remote_web_resource[index]);
+        g_remote_web_resource[index].in_use = 0;
+    }
+    pthread_mutex_unlock(&s_pool_mutex);
+    conn_drop(&closing);
+}

@@ -1,0 +1,61 @@
+// web_pool.h - the device side of a remote-web tunnel: ten slots, each a msg_id with its own connection to the device's
+// web server, and the NM connection that they answer on.
+// A slot is *bound* when it belongs to a msg_id; its connection is a counted life. Slots are bound and connected by the
+// NM-side thread, ended by either side's thread, and all unbound at once when the tunnel ends; each change names the
+// connection that was tested, so that nobody ends another one's. All state is under one short lock inside; closes happen
+// outside it, by the last user. Any thread.
+#pragma once
+
+#include <atomic>
+#include <stdint.h>
+
+#include "remote/web_frame.h"
+#include "transport/conn_registry.h"
+
+constexpr int WEB_SLOT_COUNT = 10;
+
+// One opening of the pool; 0 is none. The device-side thread serves the opening that it was started for, and has its
+// waits called off by the next change.
+extern std::atomic<uint32_t> g_web_pool_generation;
+
+// Takes the memory (once) and makes all slots free. 0, or -1 (logged). Then open until web_pool_close.
+int web_pool_open(void);
+
+// Unbinds every slot, shuts their connections and forgets the NM connection. Does nothing when it is closed.
+void web_pool_close(void);
+
+int web_pool_is_open(void);
+
+// The NM connection that carried the authentication; the pool takes over the hold.
+void web_pool_nm_set(SocketConn *nm);
+
+// A held copy of it, as long as the generation lasts and it still is the registered connection: 1; else 0 and nothing to
+// drop.
+int web_pool_nm_hold(uint32_t generation, SocketConn *copy);
+
+// What a slot looked like. conn is a held copy: conn_drop it whether bound or not.
+struct WebSlot {
+    int bound;
+    int failing;      // request bytes were lost: no more are sent, the device side ends the slot
+    uint32_t binding; // differs for every msg_id that the slot was bound to
+    uint8_t msg_id[WEB_ID_SIZE];
+    SocketConn conn; // socket_fd -1: none
+};
+void web_slot_hold(int index, WebSlot *copy);
+
+// The slot of a msg_id, -1 without one.
+int web_slot_find(const uint8_t *msg_id);
+
+// Binds the first free slot; -1 when all are bound.
+int web_slot_bind(const uint8_t *msg_id);
+
+// Gives a bound slot its connection (fresh from tcp_connect, taken over in any case). 0, or -1 without memory.
+int web_slot_connect(int index, SocketConn conn);
+
+// Each does nothing unless life (null included) still is the slot's connection; returns 1 when it did.
+int web_slot_disconnect(int index, const ConnLife *life); // closes the connection, the slot stays bound
+int web_slot_end(int index, const ConnLife *life);        // closes the connection and unbinds the slot
+int web_slot_fail(int index, const ConnLife *life);       // sets failing
+
+// Unbinds whatever serves the msg_id.
+void web_slot_end_id(const uint8_t *msg_id);
