@@ -23,9 +23,9 @@
 #include "runtime/wait.h"
 
 constexpr int CPU_SAMPLE_GAP_MS = 1000;
-constexpr int IFACE_RECORDS = 16;        // at most so many addresses are looked at
-constexpr size_t ADDR_TEXT_SIZE = 1024;  // some twenty addresses of an interface
-constexpr size_t VALUE_TEXT_SIZE = 64;   // any other value of an interface
+constexpr int IFACE_RECORDS = 16;       // at most so many addresses are looked at
+constexpr size_t ADDR_TEXT_SIZE = 1024; // some twenty addresses of an interface
+constexpr size_t VALUE_TEXT_SIZE = 64;  // any other value of an interface
 constexpr size_t USAGE_TEXT_SIZE = 32;
 
 void metrics_cpu_parse(FILE *stream, uint64_t *total, uint64_t *idle)
@@ -39,8 +39,8 @@ void metrics_cpu_parse(FILE *stream, uint64_t *total, uint64_t *idle)
             continue;
         char name[32];
         Counter c[12] = {};
-        int items = sscanf(line, "%31s %qu %qu %qu %qu %qu %qu %qu %qu %qu %qu %qu %qu", name, &c[0], &c[1], &c[2], &c[3],
-                           &c[4], &c[5], &c[6], &c[7], &c[8], &c[9], &c[10], &c[11]);
+        int items = sscanf(line, "%31s %qu %qu %qu %qu %qu %qu %qu %qu %qu %qu %qu %qu", name, &c[0], &c[1], &c[2],
+                           &c[3], &c[4], &c[5], &c[6], &c[7], &c[8], &c[9], &c[10], &c[11]);
         if (items > 4) {
             *idle = c[3];
             for (Counter counter : c) // those that the kernel does not have are 0
@@ -182,13 +182,18 @@ void metrics_disk_usage(char *buf, size_t buf_cap)
         (void)text_format(buf, buf_cap, "%.2lf%%", (double)used_sum / (double)total_sum * 100);
 }
 
+static const uint8_t *address_bytes(const struct sockaddr *address, int family)
+{
+    return family == AF_INET ? (const uint8_t *)&((const struct sockaddr_in *)address)->sin_addr
+                             : (const uint8_t *)&((const struct sockaddr_in6 *)address)->sin6_addr;
+}
+
 // Set bits of the mask, up to the first byte that is not full.
 static int prefix_length(const struct sockaddr *mask, int family)
 {
     if (!mask)
         return 0;
-    const uint8_t *bytes = family == AF_INET ? (const uint8_t *)&((const struct sockaddr_in *)mask)->sin_addr
-                                             : (const uint8_t *)&((const struct sockaddr_in6 *)mask)->sin6_addr;
+    const uint8_t *bytes = address_bytes(mask, family);
     int count = family == AF_INET ? 4 : 16;
     int bits = 0;
     for (int i = 0; i < count; i++) {
@@ -208,16 +213,14 @@ void metrics_iface_addr(const struct ifaddrs *list, const char *name, int family
     for (const struct ifaddrs *entry = list; entry; entry = entry->ifa_next) {
         if (!entry->ifa_addr || entry->ifa_addr->sa_family != family || strcmp(entry->ifa_name, name) != 0)
             continue;
-        const void *address = family == AF_INET ? (const void *)&((const struct sockaddr_in *)entry->ifa_addr)->sin_addr
-                                                : (const void *)&((const struct sockaddr_in6 *)entry->ifa_addr)->sin6_addr;
         char text[INET6_ADDRSTRLEN];
-        if (inet_ntop(family, address, text, family == AF_INET ? INET_ADDRSTRLEN : INET6_ADDRSTRLEN))
+        if (inet_ntop(family, address_bytes(entry->ifa_addr, family), text, sizeof(text)))
             (void)text_append(buf, buf_cap, "%s/%d ", text, prefix_length(entry->ifa_netmask, family));
     }
 }
 
-// A name is excluded where its occurrence in the list ends with an entry's end. What stands before it is not looked at, so
-// an entry that ends in the name excludes it too.
+// A name is excluded where its occurrence in the list ends with an entry's end. What stands before it is not looked at,
+// so an entry that ends in the name excludes it too.
 int metrics_is_blacklisted(const char *blacklist, const char *name)
 {
     size_t len = strlen(name);

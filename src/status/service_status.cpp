@@ -33,8 +33,8 @@ static void service_timer_handle(PluginTimer *timer);
 
 // A short lock: nothing but s_settings and its timer is touched under it.
 static pthread_mutex_t s_lock = PTHREAD_MUTEX_INITIALIZER;
-static ServiceSettings s_settings = {0, 0, SERVICE_IMMEDIATE, DEFAULT_LIMIT_KIB,
-                                     {0, DEFAULT_PERIOD_S, 0, service_timer_handle}};
+static ServiceSettings s_settings = {
+    0, 0, SERVICE_IMMEDIATE, DEFAULT_LIMIT_KIB, {0, DEFAULT_PERIOD_S, 0, service_timer_handle}};
 
 // Moves by compare-and-swap only: a request must not vanish, and a second run never starts.
 static std::atomic<uint32_t> s_state{SERVICE_IDLE};
@@ -142,7 +142,8 @@ void service_status_set_timing(ServiceReportMode mode, int32_t period_s)
     pthread_mutex_lock(&s_lock);
     s_settings.mode = mode;
     if (period_s != s_settings.timer.seconds) {
-        log_info("Change the device service status report interval from: %d to %d.", s_settings.timer.seconds, period_s);
+        log_info("Change the device service status report interval from: %d to %d.", s_settings.timer.seconds,
+                 period_s);
         s_settings.timer.seconds = period_s;
         if (s_settings.timer_running)
             timer_stop_locked(); // the next poll starts it with the new period
@@ -247,8 +248,8 @@ static void record_post(const char *record, void *arg)
     (void)arg;
     PluginInfo info;
     plugin_info_get(&info);
-    (void)text_fmt(s_buf.envelope, "{\n\t\"ver\":\"%s\",\n\t\"deviceSn\":\"%s\",\n\t\"%s\":%s\n}", info.protocol_version,
-                   info.dev_sn, "services", record);
+    (void)text_fmt(s_buf.envelope, "{\n\t\"ver\":\"%s\",\n\t\"deviceSn\":\"%s\",\n\t\"%s\":%s\n}",
+                   info.protocol_version, info.dev_sn, "services", record);
     (void)tx_nms_message(REPORT_WORKING_SERVICES, s_buf.envelope, strlen(s_buf.envelope));
 }
 

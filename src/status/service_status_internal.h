@@ -23,7 +23,7 @@ ServiceSettings service_settings_get(void);
 enum ServiceState : uint32_t { SERVICE_IDLE = 0, SERVICE_REQUESTED = 1, SERVICE_RUNNING = 2 };
 ServiceState service_state_get(void);
 
-// Cuts what fd yields, up to its end, at each "\r\n\r\n" and hands every record (a text of 1 to 4095 characters) to sink
-// in order; 10 ms after each but a last one without a separator. Ends early when the wait is cut.
+// Cuts what fd yields, up to its end, at each "\r\n\r\n" and hands every record (a text of 1 to 4095 characters) to
+// sink in order; 10 ms after each but a last one without a separator. Ends early when the wait is cut.
 typedef void (*ServiceRecordSink)(const char *record, void *arg);
 void service_records_read(int fd, ServiceRecordSink sink, void *arg);
