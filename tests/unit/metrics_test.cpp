@@ -1,9 +1,7 @@
 #include "status/metrics.h"
 
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/statvfs.h>
 #include <sys/wait.h>
 
 #include <regex>

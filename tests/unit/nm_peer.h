@@ -1,14 +1,8 @@
 // nm_peer.h - an NM on 127.0.0.1 that answers every post with status 200 and keeps what it was sent, for one test.
 #pragma once
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -16,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "net_peer.h"
 #include "runtime/plugin_info.h"
 
 struct NmPost {
@@ -32,7 +27,7 @@ struct NmPeer {
 };
 
 // Reads one request into *post; false at the end of the connection.
-static inline bool nm_peer_read(int fd, std::string *pending, NmPost *post)
+inline bool nm_peer_read(int fd, std::string *pending, NmPost *post)
 {
     char chunk[4096];
     for (;;) {
@@ -53,7 +48,7 @@ static inline bool nm_peer_read(int fd, std::string *pending, NmPost *post)
     }
 }
 
-static inline void nm_peer_serve(NmPeer *peer)
+inline void nm_peer_serve(NmPeer *peer)
 {
     static const char k_answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 14\r\n\r\n{\"status\":200}";
     int fd;
@@ -74,42 +69,36 @@ static inline void nm_peer_serve(NmPeer *peer)
 }
 
 // Starts the peer and makes it the NM of the settings, with a protocol version and a serial number.
-static inline void nm_peer_start(NmPeer *peer, const char *version, const char *serial)
+inline void nm_peer_start(NmPeer *peer, const char *version, const char *serial)
 {
-    struct sockaddr_in address = {};
-    socklen_t len = sizeof(address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    peer->listen_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(bind(peer->listen_fd, (struct sockaddr *)&address, sizeof(address)), 0);
-    ASSERT_EQ(listen(peer->listen_fd, 8), 0);
-    ASSERT_EQ(getsockname(peer->listen_fd, (struct sockaddr *)&address, &len), 0);
+    std::string port;
+    peer->listen_fd = listen_socket(&port);
     peer->thread = std::thread(nm_peer_serve, peer);
 
     PluginInfoEdit edit;
     plugin_info_edit_begin(&edit);
     (void)plugin_info_edit_text(&edit, edit.next.nm_method, "http");
     (void)plugin_info_edit_text(&edit, edit.next.nm_ip, "127.0.0.1");
-    (void)plugin_info_edit_text(&edit, edit.next.nm_port, std::to_string(ntohs(address.sin_port)).c_str());
+    (void)plugin_info_edit_text(&edit, edit.next.nm_port, port.c_str());
     (void)plugin_info_edit_text(&edit, edit.next.protocol_version, version);
     (void)plugin_info_edit_text(&edit, edit.next.dev_sn, serial);
     plugin_info_edit_commit(&edit);
 }
 
-static inline void nm_peer_wait(NmPeer *peer, size_t count)
+inline void nm_peer_wait(NmPeer *peer, size_t count)
 {
     std::unique_lock<std::mutex> lock(peer->mutex);
     peer->arrived.wait(lock, [&] { return peer->posts.size() >= count; });
 }
 
-static inline std::vector<NmPost> nm_peer_posts(NmPeer *peer)
+inline std::vector<NmPost> nm_peer_posts(NmPeer *peer)
 {
     std::lock_guard<std::mutex> lock(peer->mutex);
     return peer->posts;
 }
 
 // The agent's connections are closed first (conn_remove_all).
-static inline void nm_peer_end(NmPeer *peer)
+inline void nm_peer_end(NmPeer *peer)
 {
     shutdown(peer->listen_fd, SHUT_RDWR);
     peer->thread.join();

@@ -1,14 +1,9 @@
 #include "nm/report_strategy.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <string>
-
-#include "runtime/log.h"
+#include "log_capture.h"
+#include "net_peer.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "status/service_status_internal.h"
@@ -17,15 +12,8 @@
 // Registers a device link to a socket of ours, which is returned.
 static int device_link(void)
 {
-    struct sockaddr_in address = {};
-    socklen_t len = sizeof(address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int listener = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(bind(listener, (struct sockaddr *)&address, sizeof(address)), 0);
-    EXPECT_EQ(listen(listener, 1), 0);
-    EXPECT_EQ(getsockname(listener, (struct sockaddr *)&address, &len), 0);
-    std::string port = std::to_string(ntohs(address.sin_port));
+    std::string port;
+    int listener = listen_socket(&port);
     SocketConn conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
     EXPECT_GT(conn.socket_fd, 0);
     (void)conn_add(DEV_TCP, conn, 0);
@@ -98,17 +86,14 @@ static const StrategyCase k_cases[] = {
 
 TEST(ReportStrategy, Commands)
 {
-    log_lock_init();
-    g_log_std = 1;
-    g_log_level = 7;
     int device = device_link();
     for (const auto &c : k_cases) {
         SCOPED_TRACE(c.payload ? c.payload : "null");
         start_values();
-        testing::internal::CaptureStdout();
+        log_capture_begin();
         EXPECT_EQ(nm_dev_status_control_handle(0, "", c.payload, c.payload ? (uint32_t)strlen(c.payload) : 0),
                   c.result);
-        std::string log = testing::internal::GetCapturedStdout();
+        std::string log = log_capture_end();
         ServiceSettings now = service_settings_get();
         EXPECT_EQ(now.enabled, c.enabled);
         EXPECT_EQ(service_state_get(), c.enabled ? SERVICE_REQUESTED : SERVICE_IDLE);
@@ -137,13 +122,13 @@ TEST(ReportStrategy, ALongStrategyIsCutWithAMatchingLength)
 
 TEST(ReportStrategy, WithoutADeviceLinkTheStrategyHoldsAllTheSame)
 {
-    log_lock_init();
-    g_log_std = 1;
-    g_log_level = 7;
     start_values();
-    testing::internal::CaptureStdout();
-    (void)nm_dev_status_control_handle(0, "", k_cases[0].payload, 1);
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("The device TCP connection is lost!"), std::string::npos) << log;
-    EXPECT_EQ(service_settings_get().mode, SERVICE_TIMING);
+    log_capture_begin();
+    (void)nm_dev_status_control_handle(0, "", k_cases[1].payload, 1);
+    EXPECT_EQ(log_capture_end(), "[WRN] Not found int value for key: systemPeriod!\n"
+                                 "[WRN] Not found int value for key: limit!\n"
+                                 "[INF] " CHANGE_120_TO_60 "\n"
+                                 "[WRN] The device TCP connection is lost!\n"
+                                 "[INF] Start the device service status report.\n");
+    EXPECT_EQ(service_settings_get().mode, SERVICE_IMMEDIATE_TIMING);
 }

@@ -1,15 +1,14 @@
 #include "status/service_status.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <atomic>
 #include <chrono>
 
+#include "log_capture.h"
 #include "nm_peer.h"
-#include "runtime/log.h"
 #include "runtime/stop.h"
 #include "runtime/stop_internal.h"
 #include "status/service_status_internal.h"
@@ -18,13 +17,6 @@
 typedef std::vector<std::string> Texts;
 
 static const std::string k_sep = "\r\n\r\n";
-
-static void log_to_stdout(void)
-{
-    log_lock_init();
-    g_log_std = 1;
-    g_log_level = 7;
-}
 
 // Makes a file with the content the service status file; returns its path.
 static std::string service_file(const std::string &content)
@@ -60,7 +52,7 @@ TEST(ServiceStatus, RecordsAreCutAtTheirSeparators)
         const char *name;
         std::string file;
         Texts records;
-        int invalid; // lines "Invalid param!"
+        int invalid; // 1: the log tells of a record that is too long
     } k_cases[] = {
         {"empty file", "", {}, 0},
         {"no separator", "one", {"one"}, 0},
@@ -76,17 +68,15 @@ TEST(ServiceStatus, RecordsAreCutAtTheirSeparators)
         {"NUL inside", std::string("a\0z", 3) + k_sep + "b", {"a", "b"}, 0},
         {"NUL in front", std::string("\0z", 2) + k_sep + "b", {"b"}, 0},
     };
-    log_to_stdout();
     for (const auto &c : k_cases) {
         SCOPED_TRACE(c.name);
         std::string path = service_file(c.file);
         int fd = open(path.c_str(), O_RDONLY);
         Texts records;
-        testing::internal::CaptureStdout();
+        log_capture_begin();
         service_records_read(fd, keep_record, &records);
-        std::string log = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(log_capture_end(), c.invalid ? "[ERR] Invalid param!\n" : "");
         EXPECT_EQ(records, c.records);
-        EXPECT_EQ(log.find("Invalid param!") != std::string::npos, c.invalid == 1) << log;
         close(fd);
         unlink(path.c_str());
     }
@@ -198,25 +188,25 @@ static pid_t lock_elsewhere(const std::string &path, int until_fd)
 
 TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
 {
-    log_to_stdout();
     std::string path = service_file("a" + k_sep);
     int until[2];
     ASSERT_EQ(pipe2(until, O_CLOEXEC), 0);
     pid_t child = lock_elsewhere(path, until[0]);
-    testing::internal::CaptureStdout();
+    log_capture_begin();
     service_status_report(1);
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("Set file lock failed again: "), std::string::npos) << log;
-    EXPECT_EQ(log.find("/working/services"), std::string::npos) << log;
+    std::string log = log_capture_end();
+    EXPECT_EQ(log, "[WRN] Set file lock failed: Resource temporarily unavailable\n"
+                   "[WRN] Set file lock failed again: Resource temporarily unavailable\n");
     EXPECT_EQ(file_size(path), 5);
     kill(child, SIGKILL);
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
     unlink(path.c_str());
 
-    testing::internal::CaptureStdout();
+    log_capture_begin();
     service_status_report(1); // the file is missing now: told by the lock
-    log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("Set file lock failed again: Bad file descriptor"), std::string::npos) << log;
+    log = log_capture_end();
+    EXPECT_EQ(log, "[WRN] Set file lock failed: Bad file descriptor\n"
+                   "[WRN] Set file lock failed again: Bad file descriptor\n");
 }
 
 TEST(ServiceStatus, PollStartsAndStopsTheTimerAsTheModeWants)
