@@ -3,7 +3,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <initializer_list>
 #include <regex>
+#include <stdio.h>
+#include <string.h>
 #include <string>
 
 #include "runtime/plugin_info.h"
@@ -20,3 +23,53 @@ inline std::string log_capture_end()
     static const std::regex k_decoration("\033\\[[0-9;]*m(\\[\\s*[0-9]+-[^\\]]*\\])?");
     return std::regex_replace(testing::internal::GetCapturedStdout(), k_decoration, "");
 }
+
+// Captures for as long as it lives; all that was logged so far can be read in between. Shown when the test fails.
+struct LogLines {
+    std::string lines;
+
+    LogLines()
+    {
+        log_capture_begin();
+    }
+    ~LogLines()
+    {
+        lines += log_capture_end();
+        if (testing::Test::HasFailure())
+            printf("%s", lines.c_str());
+    }
+    const std::string &text()
+    {
+        lines += log_capture_end();
+        log_capture_begin();
+        return lines;
+    }
+    void clear()
+    {
+        (void)text();
+        lines.clear();
+    }
+    int count(const std::string &wanted)
+    {
+        int found = 0;
+        for (size_t at = 0; (at = text().find(wanted, at)) != std::string::npos; at += wanted.size())
+            found++;
+        return found;
+    }
+    bool has(const std::string &wanted)
+    {
+        return text().find(wanted) != std::string::npos;
+    }
+    // All of them, in this order.
+    bool has_in_order(std::initializer_list<const char *> wanted)
+    {
+        size_t at = 0;
+        for (const char *one : wanted) {
+            at = text().find(one, at);
+            if (at == std::string::npos)
+                return false;
+            at += strlen(one);
+        }
+        return true;
+    }
+};
