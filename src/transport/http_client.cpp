@@ -265,14 +265,10 @@ static int kept_open(const PluginInfo *nm, SocketConn *conn)
     (void)text_set(s_kept_for.port, nm->nm_port);
     conn_add(HTTP, bare, 1);
 
-    int is_held = conn_hold(HTTP, conn);
-    if (is_held && !conn->ssl && nm_method_is_https(nm->nm_method) && wait_is_cut()) {
-        conn_remove_if_current(HTTP, conn, 1); // the handshake was called off, not refused: nothing goes in plain text
-        is_held = 0;
-    }
-    if (!is_held)
-        conn_drop(conn);
-    return is_held;
+    if (conn_hold(HTTP, conn))
+        return 1;
+    conn_drop(conn); // closed again by a restart, or its handshake was cut
+    return 0;
 }
 
 // Sends on the kept connection and takes the answer; whatever happens, the connection stays registered.
@@ -306,8 +302,7 @@ int http_post_nm(const char *path, const char *body, char *rsp, size_t rsp_cap)
     size_t len;
     char headers[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE];
     nm_fill_headers(headers);
-    char *request =
-        http_build_request("POST", path, nm.nm_ip, nm.nm_port, headers, NM_HEADER_COUNT, body, &len);
+    char *request = http_build_request("POST", path, nm.nm_ip, nm.nm_port, headers, NM_HEADER_COUNT, body, &len);
     int result = request ? kept_exchange(&conn, nm.local_ip, request, len, rsp, rsp_cap) : -1;
     free(request);
     conn_drop(&conn);

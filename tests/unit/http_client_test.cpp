@@ -1,0 +1,306 @@
+#include "transport/http_client.h"
+
+#include <future>
+#include <gtest/gtest.h>
+
+#include "log_capture.h"
+#include "peer.h"
+#include "runtime/stop.h"
+#include "runtime/stop_internal.h"
+#include "transport/conn_registry.h"
+#include "transport/nm_sign.h"
+
+static const char k_ok[] = "HTTP/1.1 200 OK\r\n\r\n";
+
+static void nm_set(const char *method, const char *port)
+{
+    PluginInfoEdit edit;
+    plugin_info_edit_begin(&edit);
+    plugin_info_edit_text(&edit, edit.next.nm_method, method);
+    plugin_info_edit_text(&edit, edit.next.nm_ip, "127.0.0.1");
+    plugin_info_edit_text(&edit, edit.next.nm_port, port);
+    plugin_info_edit_text(&edit, edit.next.dev_sn, "A1");
+    plugin_info_edit_text(&edit, edit.next.protocol_version, "1.3");
+    plugin_info_edit_text(&edit, edit.next.ptype, "7");
+    plugin_info_edit_commit(&edit);
+    nm_sign_init();
+}
+
+// Accepts once and answers one request after the other with the texts given; "" closes.
+static std::function<void(int)> answering(std::vector<std::string> answers, std::string *requests = nullptr)
+{
+    return [=](int listener) {
+        int fd = peer_accept(listener);
+        for (const std::string &answer : answers) {
+            std::string request = peer_read_request(fd);
+            if (requests)
+                *requests += request;
+            peer_send(fd, answer);
+        }
+        close(fd);
+    };
+}
+
+TEST(http_client, request_text_is_built_byte_for_byte)
+{
+    static const char headers[2][HTTP_HEADER_SLOT_SIZE] = {"secretKey: ab", "pver: 1.3"};
+    static const struct {
+        const char *method;
+        int header_count;
+        const char *body;
+        const char *text;
+    } rows[] = {
+        {"GET", 0, nullptr, "GET /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\n\r\n"},
+        {"GET", 1, nullptr, "GET /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\nsecretKey: ab\r\n\r\n"},
+        {"POST", 0, nullptr, "POST /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\nContent-Type: application/json\r\n\r\n"},
+        {"POST", 2, "{\n}",
+         "POST /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\nContent-Type: application/json\r\nsecretKey: ab\r\npver: "
+         "1.3\r\nContent-Length: 3\r\n\r\n{\n}"},
+    };
+    for (const auto &row : rows) {
+        size_t len = 0;
+        char *text = http_build_request(row.method, "/x", "h", "81", headers, row.header_count, row.body, &len);
+        EXPECT_STREQ(row.text, text);
+        EXPECT_EQ(strlen(row.text), len);
+        free(text);
+    }
+}
+
+TEST(http_client, answers_are_parsed)
+{
+    static const struct {
+        const char *text;
+        int result;
+        const char *json; // null: none
+        const char *line;
+    } rows[] = {
+        {nullptr, -1, nullptr, "[ERR] Invalid parameter!"},
+        {"", -1, nullptr, "[WRN] HTTP/1.1 not found!"},
+        {"HTTP/1.0 200 OK\r\n\r\n{}", -1, nullptr, "[WRN] HTTP/1.1 not found!"},
+        {"HTTP/1.1 404 Not Found\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 404"},
+        {"HTTP/1.1 99999999999 ?\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 2147483647"},
+        {"HTTP/1.1\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 0"},
+        {"junk HTTP/1.1 200\r\n\r\n{}", 2, "{}", "[DBG] http json_len: 2"},
+        {"HTTP/1.1 200 OK\r\nA: b", 0, nullptr, "[DBG] HTTP message body is NULL."},
+        {"HTTP/1.1 200 OK\r\n\r\n", 0, nullptr, "[DBG] p_json_start is NULL!"},
+        {"HTTP/1.1 200 OK\r\n\r\nok}", 0, nullptr, "[DBG] p_json_start is NULL!"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"a\":1", 0, nullptr, "[WRN] p_json_end is NULL!"},
+        {"HTTP/1.1 200 OK\r\n\r\n}{", 0, nullptr, "[WRN] Invalid json_len!"},
+        {"HTTP/1.1 200 OK\r\n\r\nab{\"a\":{}}}cd", 10, "{\"a\":{}}}", nullptr},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.text ? row.text : "null");
+        LogLines log;
+        char *json = nullptr;
+        int expected = row.json ? (int)strlen(row.json) : row.result;
+        EXPECT_EQ(expected, http_parse_response(row.text, &json));
+        EXPECT_STREQ(row.json, json);
+        EXPECT_TRUE(!row.line || log.has(row.line));
+        free(json);
+    }
+}
+
+TEST(http_client, request_checks_its_arguments)
+{
+    LogLines log;
+    char rsp[16] = "kept";
+    EXPECT_EQ(-1, http_request(nullptr, "1", "/", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
+    EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "get", nullptr, 0, nullptr, rsp, sizeof(rsp)));
+    EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "GET", nullptr, 1, nullptr, rsp, sizeof(rsp)));
+    EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "GET", nullptr, 0, nullptr, rsp, 0));
+    EXPECT_EQ(-1, http_post_nm("/", "", rsp, sizeof(rsp)));
+    EXPECT_EQ(5, log.count("[ERR] Invalid parameters!"));
+    EXPECT_STREQ("kept", rsp);
+    EXPECT_FALSE(log.has("connecting"));
+}
+
+TEST(http_client, request_takes_one_receive)
+{
+    const std::string long_json = "{\"a\":\"" + std::string(600, 'x') + "\"}";
+    const struct {
+        const char *name;
+        std::string answer;
+        int result;
+        std::string rsp;
+        const char *line;
+    } rows[] = {
+        {"json", k_ok + std::string("{\"status\":200}"), 14, "{\"status\":200}", "[DBG] http json_len: 14"},
+        {"no json", k_ok, 0, "", "[DBG] p_json_start is NULL!"},
+        {"refusal", "HTTP/1.1 500 E\r\n\r\n{}", -1, "", "[WRN] Http response: HTTP/1.1 500 E\r\n\r\n{}"},
+        {"closed at once", "", -1, "", "[WRN] Receive response message len: 0"},
+        {"531 bytes into 512", k_ok + long_json, 0, "", "[WRN] p_json_end is NULL!"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        LogLines log;
+        Peer peer(answering({row.answer}));
+        char rsp[512] = {};
+        EXPECT_EQ(row.result,
+                  http_request("localhost", peer.port.c_str(), "/x", "POST", nullptr, 0, "{}", rsp, sizeof(rsp)));
+        EXPECT_EQ(row.rsp, rsp);
+        EXPECT_TRUE(log.has(row.line));
+        EXPECT_TRUE(log.has("[INF] Sending HTTP request over IP: 0.0.0.0\nPOST /x HTTP/1.1\r\n"));
+    }
+}
+
+TEST(http_client, request_of_a_mebibyte_arrives_whole)
+{
+    std::string body(1 << 20, 'b');
+    std::string request;
+    char rsp[64] = {};
+    {
+        LogLines log;
+        Peer peer(answering({k_ok + std::string("{}")}, &request));
+        EXPECT_EQ(
+            2, http_request("127.0.0.1", peer.port.c_str(), "/x", "POST", nullptr, 0, body.c_str(), rsp, sizeof(rsp)));
+    }
+    EXPECT_EQ("\r\nContent-Length: 1048576\r\n\r\n" + body, request.substr(request.find("\r\nContent-Length")));
+}
+
+TEST(http_client, request_gives_up_after_five_seconds)
+{
+    LogLines log;
+    std::promise<void> done;
+    Peer peer([&](int listener) {
+        int fd = peer_accept(listener);
+        done.get_future().wait();
+        close(fd);
+    });
+    char rsp[64] = {};
+    EXPECT_EQ(-1, http_request("127.0.0.1", peer.port.c_str(), "/x", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
+    EXPECT_TRUE(log.has("[WRN] select timeout!"));
+    done.set_value();
+}
+
+TEST(http_client, failed_connect_is_logged)
+{
+    LogLines log;
+    char rsp[64] = {};
+    nm_set("http", "1"); // nobody listens there
+    EXPECT_EQ(-1, http_post_nm("/x", "{}", rsp, sizeof(rsp)));
+    EXPECT_EQ(-1, http_request("no-such-host.invalid", "1", "/x", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
+    EXPECT_EQ(2, log.count("[ERR] http_tcpclient_create failed!"));
+    EXPECT_TRUE(log.has("[ERR] gethostbyname() failed: no-such-host.invalid"));
+}
+
+TEST(http_client, a_stop_ends_the_wait_without_a_word)
+{
+    LogLines log;
+    ASSERT_EQ(0, stop_init(nullptr));
+    for (int kept = 0; kept <= 1; kept++) {
+        std::promise<void> done;
+        Peer peer([&](int listener) {
+            int fd = peer_accept(listener);
+            peer_read_request(fd);
+            stop_request(15);
+            done.get_future().wait();
+            close(fd);
+        });
+        nm_set("http", peer.port.c_str());
+        char rsp[64] = {};
+        EXPECT_EQ(-1, kept ? http_post_nm("/x", "{}", rsp, sizeof(rsp)) : nm_http_post("/x", "{}", rsp, sizeof(rsp)));
+        EXPECT_FALSE(log.has("select")) << kept;
+        EXPECT_FALSE(log.has("Receive response")) << kept;
+        done.set_value();
+        stop_reset_for_test();
+    }
+}
+
+TEST(http_client, posts_share_one_connection)
+{
+    LogLines log;
+    std::string requests;
+    std::string one_post = "HTTP/1.1\r\nHOST: 127.0.0.1:%s\r\nAccept:\r\nContent-Type: application/json\r\n"
+                           "secretKey: b7c2bef02ff598441ae8d05209dca008\r\npver: 1.3\r\ndeviceSn: A1\r\nptype: 7\r\n"
+                           "Content-Length: 9\r\n\r\n{\n\t\"a\":1}";
+    char rsp[512] = {};
+    std::string port;
+    {
+        Peer peer(answering({k_ok + std::string("{\"n\":1}"), k_ok, "HTTP/1.1 404 ?\r\n\r\n"}, &requests));
+        port = peer.port;
+        nm_set("http", peer.port.c_str());
+        EXPECT_EQ(7, http_post_nm("/1", "{\n\t\"a\":1}", rsp, sizeof(rsp)));
+        EXPECT_STREQ("{\"n\":1}", rsp);
+        EXPECT_EQ(0, http_post_nm("/2", "{\n\t\"a\":1}", rsp, sizeof(rsp)));
+        EXPECT_STREQ("", rsp);
+        EXPECT_EQ(-1, http_post_nm("/3", "{\n\t\"a\":1}", rsp, sizeof(rsp)));
+    }
+    one_post.replace(one_post.find("%s"), 2, port);
+    EXPECT_EQ("POST /1 " + one_post + "POST /2 " + one_post + "POST /3 " + one_post, requests);
+    EXPECT_EQ(1, log.count("Connection type: HTTP(2) has been added"));
+    EXPECT_TRUE(log.has("[DBG] Post HTTP nm message over IP: 0.0.0.0\nPOST /1 HTTP/1.1\r\n"));
+    EXPECT_STREQ("", conn_info_get(HTTP).conn.remote_ip);
+}
+
+// NM answered a heartbeat too late, with more than its buffer takes, or in two pieces: the rest once became the next
+// heartbeat's answer, which then failed, and so did all that followed.
+TEST(http_client, leftovers_never_become_the_next_answer)
+{
+    const struct {
+        const char *name;
+        std::string answer;   // to the first post
+        std::string leftover; // sent when the first post is over
+        int first;
+    } rows[] = {
+        {"late", "", k_ok + std::string("{\"late\":1}"), -1},
+        {"531 bytes into 512", k_ok + std::string(512, '{'), "", 0},
+        {"second segment", k_ok, "{\"second\":1}", 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        LogLines log;
+        std::promise<void> over, sent;
+        Peer peer([&](int listener) {
+            int fd = peer_accept(listener);
+            peer_read_request(fd);
+            peer_send(fd, row.answer);
+            over.get_future().wait();
+            peer_send(fd, row.leftover);
+            sent.set_value();
+            peer_read_request(fd);
+            peer_send(fd, k_ok + std::string("{\"right\":1}"));
+            close(fd);
+        });
+        nm_set("http", peer.port.c_str());
+        char rsp[512] = {};
+        EXPECT_EQ(row.first, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
+        EXPECT_EQ(row.first < 0, log.has("[WRN] select timeout!"));
+        EXPECT_TRUE(conn_is_connected(HTTP));
+        over.set_value();
+        sent.get_future().wait();
+        EXPECT_EQ(11, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
+        EXPECT_STREQ("{\"right\":1}", rsp);
+    }
+}
+
+TEST(http_client, a_useless_connection_is_replaced)
+{
+    LogLines log;
+    char rsp[512] = {};
+    std::promise<void> closed;
+    Peer first([&](int listener) {
+        for (const char *answer : {"{\"n\":1}", "{\"n\":2}", "{\"n\":3}"}) {
+            int fd = peer_accept(listener);
+            peer_read_request(fd);
+            peer_send(fd, k_ok + std::string(answer));
+            if (answer[5] == '3')
+                peer_read(fd, 1); // until the other side closes
+            close(fd);
+            if (answer[5] == '1')
+                closed.set_value();
+        }
+    });
+    nm_set("http", first.port.c_str());
+    EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
+    closed.get_future().wait();
+    EXPECT_EQ(7, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
+    EXPECT_STREQ("{\"n\":2}", rsp);
+    conn_remove_all_but_device(); // a restart
+    EXPECT_EQ(7, http_post_nm("/3", "{}", rsp, sizeof(rsp)));
+    EXPECT_STREQ("{\"n\":3}", rsp);
+
+    Peer second(answering({k_ok + std::string("{\"new\":1}")}));
+    nm_set("http", second.port.c_str());
+    EXPECT_EQ(9, http_post_nm("/4", "{}", rsp, sizeof(rsp)));
+    EXPECT_STREQ("{\"new\":1}", rsp);
+}
