@@ -16,7 +16,7 @@
 #include "transport/nm_sign.h"
 
 constexpr size_t ANSWER_SIZE = 10240;
-constexpr size_t BODY_SIZE = 10240;              // all identity fields fit several times
+constexpr size_t BODY_SIZE = 10240;                // all identity fields fit several times
 constexpr size_t NM_PATH_SIZE = ID_TEXT_SIZE + 32; // a serial number and what stands around it
 
 enum ActivationStatus { ACTIVATION_OK = 200, ACTIVATION_OK_FORWARD = 201, ACTIVATION_REDIRECT = 304 };
@@ -34,8 +34,8 @@ void redirection_to_device(const char *result_text)
     PluginInfo info;
     plugin_info_get(&info);
     char payload[DEV_TEXT_SIZE];
-    (void)text_fmt(payload, "{\t\"type\":\"redirection\",\t\"ver\":\"%s\",\t\"%s\":%s}", info.protocol_version, "result",
-                   result_text);
+    (void)text_fmt(payload, "{\t\"type\":\"redirection\",\t\"ver\":\"%s\",\t\"%s\":%s}", info.protocol_version,
+                   "result", result_text);
     size_t payload_len = strlen(payload);
     (void)dev_frame_send(payload, (uint32_t)payload_len);
     log_info("Send redirection to device, payload_len: %d, content: %s", (int)payload_len, payload);
@@ -158,8 +158,8 @@ static cJSON *activation_post(const PluginInfo *info, char *body, char *rsp)
                       "{\n\t\"deviceSn\":\"%s\",\n\t\"ptype\":\"%s\",\n\t\"category\":\"%s\",\n\t\"pname\":\"%s\",\n"
                       "\t\"pversion\":\"%s\",\n\t\"mac\":\"%s\",\n\t\"localIp\":\"%s\",\n\t\"platformName\":\"%s\",\n"
                       "\t\"factoryName\":\"%s\",\n\t\"ver\":\"%s\"\n}",
-                      info->dev_sn, info->ptype, info->category, info->pname, info->pversion, info->mac,
-                      info->local_ip, info->platform_name, info->factory_name, info->protocol_version);
+                      info->dev_sn, info->ptype, info->category, info->pname, info->pversion, info->mac, info->local_ip,
+                      info->platform_name, info->factory_name, info->protocol_version);
     if (nm_http_post(path, body, rsp, ANSWER_SIZE) < 0) {
         if (wait_is_cut())
             return nullptr; // asked to stop: NM refused nothing

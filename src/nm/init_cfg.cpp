@@ -35,12 +35,9 @@ struct CfgKey {
 #define CFG_PORT_OF(endpoint) offsetof(PluginInfo, endpoint) + offsetof(Endpoint, remote_port), PORT_TEXT_SIZE
 
 static const CfgKey k_identity_keys[] = {
-    {"dev-sn", CFG_TEXT, CFG_FIELD(dev_sn)},
-    {"ptype", CFG_INT, CFG_FIELD(ptype)},
-    {"category", CFG_INT, CFG_FIELD(category)},
-    {"pversion", CFG_TEXT, CFG_FIELD(pversion)},
-    {"pname", CFG_TEXT, CFG_FIELD(pname)},
-    {"mac", CFG_TEXT, CFG_FIELD(mac)},
+    {"dev-sn", CFG_TEXT, CFG_FIELD(dev_sn)},        {"ptype", CFG_INT, CFG_FIELD(ptype)},
+    {"category", CFG_INT, CFG_FIELD(category)},     {"pversion", CFG_TEXT, CFG_FIELD(pversion)},
+    {"pname", CFG_TEXT, CFG_FIELD(pname)},          {"mac", CFG_TEXT, CFG_FIELD(mac)},
     {"dev_server_port", CFG_INT, CFG_PORT_OF(dev)},
 };
 
