@@ -24,7 +24,7 @@ enum LogMode { LOG_MODE_SYSLOG = 0, LOG_MODE_FILE = 1 };
 int log_swap_begin(bool limited);
 void log_swap_end(void);
 
-// Owner of the swap only, but for log_mode_get.
+// The mode is main's to change, at any time; the stream only between begin and end.
 void log_mode_set(LogMode mode);
 LogMode log_mode_get(void);
 void log_stream_set(FILE *stream); // null: none

@@ -19,16 +19,11 @@ void log_close(void);
 // One turn of the main loop: measures the current file and runs log_init when it has reached its limit.
 void log_split_check(void);
 
-// The rows of the ring, for tests.
-struct LogFileEntry {
-    uint8_t used;
-    char path[256];
-    int64_t last_modify; // seconds
-    int32_t size;        // bytes, clamped
-};
+// The two steps of log_init that decide, public for tests.
 
 // Records the log files of directory ("/" at its end) in the table: the number of valid ones (10 at most), or -1.
 int log_dir_scan(const char *directory);
 
-// Index of the slot to open, made the current entry; *truncate is 1 when it is to be overwritten.
-int log_pick_slot(int *truncate);
+// Index of the slot to open, out of max_number slots of max_size bytes each, made the current entry; *truncate is 1 when
+// it is to be overwritten.
+int log_pick_slot(int32_t max_number, int32_t max_size, int *truncate);
