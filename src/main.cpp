@@ -1,4 +1,252 @@
+// Process entry: start-up order, work threads, main loop, closing sequence.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "device/dev_msg_handle.h"
+#include "device/dev_msg_recv.h"
+#include "nm/device_init.h"
+#include "nm/nm_msg.h"
+#include "remote/remote_telnet.h"
+#include "remote/remote_web.h"
+#include "runtime/log.h"
+#include "runtime/log_file.h"
+#include "runtime/plugin_config.h"
+#include "runtime/plugin_info.h"
+#include "runtime/stop.h"
+#include "runtime/text.h"
+#include "runtime/timer.h"
+#include "runtime/wait.h"
+#include "runtime/work_thread.h"
+#include "status/service_status.h"
+#include "transport/conn_registry.h"
+
+constexpr int LOOP_PAUSE_MS = 10;
+constexpr int THREAD_EXIT_POLL_MS = 2;
+constexpr int LATE_THREADS_LIMIT_MS = 1000;
+constexpr int STATUS_START_FAILED = 255;
+
+// The threads of the process:
+//
+//   thread                        | body                 | cadence            | owns
+//   ------------------------------+----------------------+--------------------+------------------------------------
+//   main "proxy_plugin"           | main_loop            | 10 ms and the      | start-up, bring-up passes, receive
+//                                 |                      | device poll, 200 ms| side of the device link, log files,
+//                                 |                      |                    | signals, closing sequence
+//   remote_web                    | remote_web_turn      | 1 ms in a tunnel,  | NM side of the remote-web tunnel
+//                                 |                      | else rests         |
+//   remote_telnet                 | remote_telnet_turn   | 5 ms in a tunnel,  | telnet relay
+//                                 |                      | else rests         |
+//   dev_service_status_report     | service_status_turn  | 205 ms, rests when | service reports and their timer
+//                                 |                      | not enabled        |
+//   dev_msg_handle                | dev_msg_handle_turn  | 5 ms while bytes   | the message being handled, reload
+//                                 |                      | wait, else rests   | of the init cfg
+//   remote_web_msg_handle_thread  | in remote_web        | lives with a tunnel| device side of the remote-web tunnel
+//   timer threads, one per expiry | udp_handler,         | by timer, may      | nothing; NM's commands run here and
+//                                 | run_status_handler,  | overlap            | on dev_msg_handle
+//                                 | service status timer |                    |
+//
+// INT, TERM, QUIT and ALRM reach main only. Connections are used on held copies by whoever needs them.
+//
+// Lock order, outermost first. Long locks are held over waits:
+//   tunnel command -> NM post -> send order of a connection
+// Short locks never are, and no long lock is taken under one:
+//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status -> dev_msg_mutex -> log
+// A restart of the bring-up may run under the NM post lock and takes no long lock itself.
+static WorkThread s_work_threads[] = {
+    {"remote_web", remote_web_turn, "Create remote_web thread error!"},
+    {"remote_telnet", remote_telnet_turn, "Create remote_telnet thread error!"},
+    {"dev_service_status_report", service_status_turn, "Create device status report thread error!"},
+    {"dev_msg_handle", dev_msg_handle_turn, "Create device message handle thread error!"},
+};
+
+static int start_work_threads(void)
+{
+    for (WorkThread &thread : s_work_threads) {
+        if (work_thread_start(&thread) != 0)
+            return 0;
+    }
+    return 1;
+}
+
+static int have_work_threads_left(void)
+{
+    for (const WorkThread &thread : s_work_threads) {
+        if (!thread.exited || !thread.gone)
+            return 0;
+    }
+    return 1;
+}
+
+// Everything printed arrives; nothing is destroyed, for other threads may still be running.
+[[noreturn]] static void process_end(int status)
+{
+    log_mute();
+    fflush(stdout);
+    fcloseall();
+    _exit(status);
+}
+
+static void stop_signals_ignore(void)
+{
+    sigset_t signals;
+    stop_signals_fill(&signals);
+    sigdelset(&signals, SIGALRM); // the hard deadline
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+// Timer callbacks and the device side of a web tunnel leave by themselves; they are not worth more than this limit.
+static void late_threads_await(void)
+{
+    int64_t end_ms = wait_now_ms() + LATE_THREADS_LIMIT_MS;
+    while ((timer_callbacks_running() > 0 || remote_web_device_thread_running()) && wait_now_ms() < end_ms)
+        wait_cadence_ms(THREAD_EXIT_POLL_MS);
+}
+
+// The end after a stop request, on main at a quit point. The exit flag goes up behind the first line, so that no thread's
+// "exited" line overtakes it.
+[[noreturn]] static void closing_sequence(int status)
+{
+    stop_signals_ignore();
+    stop_arm_deadline(); // again: another thread may have replaced the alarm
+    log_info("SIG: %d is received, ready to exit!", status);
+    g_exit_flag = 1;
+    while (!have_work_threads_left())
+        wait_cadence_ms(THREAD_EXIT_POLL_MS);
+    late_threads_await();
+    printf("[%s:%d] Function: %s calling for exit, ret: %d\n", "main.cpp", 212, "sig_quit_handler", status);
+    log_info("~~~~~~~~ Bye ~~~~~~~~\n");
+    conn_remove_all();
+    log_close();
+    process_end(status);
+}
+
+// The end when the exit flag was raised without a stop request.
+[[noreturn]] static void main_loop_shutdown(void)
+{
+    stop_hold_begin();
+    stop_request(0); // for its effects: all waits end, the deadline is armed
+    while (!have_work_threads_left())
+        wait_cadence_ms(1000);
+    late_threads_await();
+    conn_remove_all();
+    free_device_buffers();
+    log_info("System exiting, ret: 0.");
+    process_end(0);
+}
+
+static void sig_quit_handler(int signal_number)
+{
+    stop_request(signal_number);
+}
+
+// A launcher may have closed the standard descriptors: no socket and no log file may take their numbers.
+static void standard_descriptors_reserve(void)
+{
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
+
+static void signals_install(void)
+{
+    signal(SIGINT, sig_quit_handler);
+    signal(SIGTERM, sig_quit_handler);
+    signal(SIGQUIT, sig_quit_handler);
+    sigset_t signals; // a launcher may have blocked them
+    stop_signals_fill(&signals);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+static void os_info_log(void)
+{
+    char text[512] = {};
+    int fd = open("/proc/version", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        log_info("READ FAILED!");
+        return;
+    }
+    if (read(fd, text, sizeof(text) - 1) < 0)
+        text[0] = '\0';
+    close(fd);
+    log_info("OS INFO: %s", text);
+}
+
+static void plugin_version_set(void)
+{
+    PluginInfoEdit edit;
+    plugin_info_edit_begin(&edit);
+    (void)plugin_info_edit_text(&edit, edit.next.plugin_version, PLUGIN_VERSION);
+    plugin_info_edit_commit(&edit);
+}
+
+static void print_build_banner(void)
+{
+    log_info("~~~~~~~~ Build: %s %s ~~~~~~~~", __DATE__, __TIME__);
+    log_info("~~~~~~~~ COMMIT_ID: %s ~~~~~~~~\n", PLUGIN_COMMIT_ID);
+}
+
+// What the modules need before a thread runs.
+static void modules_init(void)
+{
+    nm_msg_table_init();
+    remote_web_init();
+    remote_telnet_init();
+    service_status_init();
+}
+
+static int process_start(void)
+{
+    signal(SIGPIPE, SIG_IGN); // first of all: a closed standard output raises it too
+    standard_descriptors_reserve();
+    setlinebuf(stdout);
+    if (stop_init(closing_sequence) != 0)
+        return -1;
+    log_lock_init();
+    work_thread_set_name("proxy_plugin");
+    os_info_log();
+    signals_install();
+    if (!read_plugin_config()) {
+        log_error("Read config file failed!");
+        return -1;
+    }
+    modules_init();
+    plugin_version_set();
+    if (!log_init()) {
+        log_error("Log initiating failed!");
+        return -1;
+    }
+    print_build_banner();
+    if (!start_work_threads()) {
+        log_error("Work threads start failed!");
+        return -1;
+    }
+    g_enable_init_flag = 1;
+    return 0;
+}
+
+static void main_loop(void)
+{
+    while (!g_exit_flag) {
+        stop_quit_point();
+        if (g_enable_init_flag)
+            device_init_pass();
+        dev_msg_recv();
+        log_split_check();
+        (void)wait_sleep_ms(LOOP_PAUSE_MS); // a quit point too
+    }
+}
+
 int main()
 {
-    return 0;
+    if (process_start() != 0)
+        process_end(STATUS_START_FAILED);
+    main_loop();
+    main_loop_shutdown();
 }
