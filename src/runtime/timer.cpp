@@ -4,77 +4,140 @@
 #include <errno.h>
 #include <signal.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "runtime/log.h"
 #include "runtime/stop.h"
+#include "runtime/wait.h"
+#include "runtime/work_thread.h"
 
 typedef void (*TimerHandler)(PluginTimer *self);
 
-// What an expiry needs, one slot per record for the life of the process: a late callback finds it whatever happened to
-// its timer, and never reads the record's fields, which its owner may be filling again.
+// One slot per record, kept for the life of the process: a late callback finds it whatever happened to its timer, and
+// never reads the record's fields, which its owner may be filling again.
 struct TimerSlot {
-    std::atomic<PluginTimer *> record; // null: free
-    std::atomic<TimerHandler> handler;
+    PluginTimer *record; // null: free
+    TimerHandler handler;
+    uintptr_t timerid; // 0: not running
+    int64_t period_ms; // 0: never expires
+    int64_t due_ms;    // next expiry, on the monotonic clock
 };
-constexpr int TIMER_SLOTS = 16; // the agent has three records
+constexpr int TIMER_SLOTS = 16;  // the agent has three records
+constexpr int REST_MS = 3600000; // when nothing is due; a start rings
+
+// A short lock, the innermost but for the log. Guards the slots and the service's start.
+static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
 static TimerSlot s_slots[TIMER_SLOTS];
+static uintptr_t s_last_timerid; // never given out twice, so that a stale one stops nobody else's timer
+static bool s_is_service_running;
+static WaitBell s_bell; // a timer was started
+
 static std::atomic<int> s_callbacks_running{0};
 
-static TimerSlot *slot_for(PluginTimer *timer)
+static TimerSlot *slot_find_locked(const PluginTimer *timer)
 {
     for (TimerSlot &slot : s_slots) {
-        PluginTimer *taken_by = nullptr;
-        if (slot.record.compare_exchange_strong(taken_by, timer) || taken_by == timer)
+        if (slot.record == timer)
             return &slot;
     }
     return nullptr;
 }
 
-static void on_expiry(union sigval value)
+static void *callback_body(void *arg)
 {
-    sigset_t stop_signals;
-    stop_signals_fill(&stop_signals);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    TimerSlot *slot = (TimerSlot *)value.sival_ptr;
-    s_callbacks_running++; // before the test, so that the closing sequence either sees this callback or stops it here
+    pthread_mutex_lock(&s_mutex);
+    TimerSlot expired = *(TimerSlot *)arg;
+    pthread_mutex_unlock(&s_mutex);
     if (!stop_requested())
-        slot->handler.load()(slot->record);
+        expired.handler(expired.record);
     s_callbacks_running--;
+    return nullptr;
 }
 
-// The record's handle: one more than the system's, which may legally be 0.
-static uintptr_t timerid_of(timer_t handle)
+static void callback_start(TimerSlot *slot)
 {
-    return (uintptr_t)handle + 1;
+    s_callbacks_running++; // before the thread lives, so that the closing sequence misses none
+    if (create_work_thread(callback_body, slot) != 0)
+        s_callbacks_running--;
 }
 
-static timer_t handle_of(uintptr_t timerid)
+// Takes an expiry that is due; expiries that were slept through count once. Null when nothing is due: then *rest_ms is
+// the time until something is.
+static TimerSlot *expiry_take(int *rest_ms)
 {
-    return (timer_t)(timerid - 1);
+    TimerSlot *expired = nullptr;
+    int64_t now_ms = wait_now_ms(), first_due_ms = now_ms + REST_MS;
+    pthread_mutex_lock(&s_mutex);
+    for (TimerSlot &slot : s_slots) {
+        if (slot.timerid == 0 || slot.period_ms == 0)
+            continue;
+        if (slot.due_ms <= now_ms) {
+            slot.due_ms += slot.period_ms * ((now_ms - slot.due_ms) / slot.period_ms + 1);
+            expired = &slot;
+            break;
+        }
+        if (slot.due_ms < first_due_ms)
+            first_due_ms = slot.due_ms;
+    }
+    pthread_mutex_unlock(&s_mutex);
+    *rest_ms = (int)(first_due_ms - now_ms);
+    return expired;
 }
 
-static int timer_make(PluginTimer *timer, timer_t *handle)
+// Watches all timers and starts a thread per expiry, until the process stops.
+static void *service_body(void *arg)
 {
-    TimerSlot *slot = slot_for(timer);
-    if (!slot)
+    int rest_ms = 0;
+    do {
+        TimerSlot *expired;
+        while ((expired = expiry_take(&rest_ms)) != nullptr)
+            callback_start(expired);
+    } while (wait_bell(&s_bell, rest_ms) != WAIT_CUT);
+    pthread_mutex_lock(&s_mutex);
+    s_is_service_running = false;
+    pthread_mutex_unlock(&s_mutex);
+    return arg;
+}
+
+static int service_ensure(void)
+{
+    pthread_mutex_lock(&s_mutex);
+    if (!s_is_service_running)
+        s_is_service_running = wait_bell_init(&s_bell) == 0 && create_work_thread(service_body, nullptr) == 0;
+    int result = s_is_service_running ? 0 : -1;
+    pthread_mutex_unlock(&s_mutex);
+    return result;
+}
+
+static int timer_make(PluginTimer *timer)
+{
+    if (service_ensure() != 0)
         return -1;
-    slot->handler = timer->handler;
-    struct sigevent event = {};
-    event.sigev_notify = SIGEV_THREAD;
-    event.sigev_notify_function = on_expiry;
-    event.sigev_value.sival_ptr = slot;
-    return timer_create(CLOCK_MONOTONIC, &event, handle);
+    pthread_mutex_lock(&s_mutex);
+    TimerSlot *slot = slot_find_locked(timer);
+    if (!slot)
+        slot = slot_find_locked(nullptr);
+    if (slot) {
+        slot->record = timer;
+        slot->handler = timer->handler;
+    }
+    pthread_mutex_unlock(&s_mutex);
+    return slot ? 0 : -1;
 }
 
-static int timer_arm(const PluginTimer *timer, timer_t handle)
+static int timer_arm(PluginTimer *timer)
 {
-    struct itimerspec period = {};
-    period.it_interval.tv_sec = timer->seconds;
-    period.it_interval.tv_nsec = (long)timer->milliseconds * 1000000;
-    period.it_value = period.it_interval;
-    return timer_settime(handle, 0, &period, nullptr);
+    if (timer->seconds < 0 || timer->milliseconds < 0 || timer->milliseconds > 999)
+        return -1;
+    pthread_mutex_lock(&s_mutex);
+    TimerSlot *slot = slot_find_locked(timer);
+    slot->period_ms = (int64_t)timer->seconds * 1000 + timer->milliseconds;
+    slot->due_ms = wait_now_ms() + slot->period_ms;
+    slot->timerid = ++s_last_timerid;
+    timer->timerid = slot->timerid;
+    pthread_mutex_unlock(&s_mutex);
+    wait_bell_ring(&s_bell);
+    return 0;
 }
 
 static void start_failed_log(const PluginTimer *timer)
@@ -86,20 +149,17 @@ void start_timer(PluginTimer *timer)
 {
     if (!timer)
         return;
-    timer_t handle;
     timer->timerid = 0;
-    if (timer_make(timer, &handle) != 0) {
+    if (timer_make(timer) != 0) {
         log_error("timer_create failed!");
         start_failed_log(timer);
         return;
     }
-    if (timer_arm(timer, handle) != 0) {
+    if (timer_arm(timer) != 0) {
         log_error("timer_settime failed!");
-        timer_delete(handle);
         start_failed_log(timer);
         return;
     }
-    timer->timerid = timerid_of(handle);
     log_info("Start timer for 'p_timer->handler', len: %d s, %d ms, timerid: 0x%lx.", timer->seconds,
              timer->milliseconds, (unsigned long)timer->timerid);
 }
@@ -108,7 +168,11 @@ void stop_timer(PluginTimer *timer)
 {
     if (!timer || timer->timerid == 0)
         return;
-    timer_delete(handle_of(timer->timerid));
+    pthread_mutex_lock(&s_mutex);
+    TimerSlot *slot = slot_find_locked(timer);
+    if (slot && slot->timerid == timer->timerid)
+        slot->timerid = 0;
+    pthread_mutex_unlock(&s_mutex);
     log_info("Stop timer, timerid: 0x%lx.", (unsigned long)timer->timerid);
     timer->timerid = 0;
 }

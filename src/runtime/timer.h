@@ -14,8 +14,9 @@ struct PluginTimer {
 
 // Creates and starts the timer; the first expiry comes one full period later. A null record is ignored. Failures are
 // logged and leave timerid at 0. A period of 0 creates a timer that never expires; a negative one fails.
-// The record must not be running (callers stop before they start).
-// Callbacks begin with INT, TERM, QUIT and ALRM blocked, return at once when the process is stopping, and are counted.
+// Callers stop a running record before they start it again.
+// Callbacks run on threads of work_thread.h (512 KiB stack, INT, TERM, QUIT and ALRM blocked) under the name of the
+// thread that started the first timer; they return at once when the process is stopping, and are counted.
 void start_timer(PluginTimer *timer);
 
 // Deletes the timer when it runs; silent otherwise. Never waits for a callback, which may outlive its timer.
