@@ -45,7 +45,7 @@ TEST(Wait, ReadyTimeoutAndNoDescriptor)
     took = time_of([] { EXPECT_EQ(WAIT_TIMEOUT, wait_fd(0, POLLIN, 30)); });
     EXPECT_GE(took, 29);
     close(pair[0]);
-    EXPECT_EQ(WAIT_ERROR, wait_fds(both, 5, 0));
+    EXPECT_EQ(WAIT_ERROR, wait_fds(both, 13, 0));
 }
 
 TEST(Wait, SignalsDoNotShortenIt)
