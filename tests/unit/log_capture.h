@@ -2,9 +2,9 @@
 // colours, time and thread. Lines printed outside the log come as they are.
 #pragma once
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <initializer_list>
-#include <regex>
 #include <stdio.h>
 #include <string.h>
 #include <string>
@@ -20,8 +20,17 @@ inline void log_capture_begin(uint32_t level = 7)
 
 inline std::string log_capture_end()
 {
-    static const std::regex k_decoration("\033\\[[0-9;]*m(\\[\\s*[0-9]+-[^\\]]*\\])?");
-    return std::regex_replace(testing::internal::GetCapturedStdout(), k_decoration, "");
+    std::string raw = testing::internal::GetCapturedStdout(), text;
+    for (size_t at = 0; at < raw.size();) {
+        if (raw[at] != '\033') {
+            text += raw[at++];
+            continue;
+        }
+        at = std::min(raw.find('m', at), raw.size() - 1) + 1;
+        if (at + 5 < raw.size() && raw[at] == '[' && raw[at + 5] == '-') // "[2024-..."
+            at = std::min(raw.find(']', at), raw.size() - 1) + 1;
+    }
+    return text;
 }
 
 // Captures for as long as it lives; all that was logged so far can be read in between. Shown when the test fails.
