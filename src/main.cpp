@@ -45,6 +45,7 @@ constexpr int STATUS_START_FAILED = 255;
 //   dev_msg_handle                | dev_msg_handle_turn  | 5 ms while bytes   | the message being handled, reload
 //                                 |                      | wait, else rests   | of the init cfg
 //   remote_web_msg_handle_thread  | in remote_web        | lives with a tunnel| device side of the remote-web tunnel
+//   timer service                 | in timer             | waits              | watches all timers
 //   timer threads, one per expiry | udp_handler,         | by timer, may      | nothing; NM's commands run here and
 //                                 | run_status_handler,  | overlap            | on dev_msg_handle
 //                                 | service status timer |                    |
