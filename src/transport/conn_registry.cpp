@@ -109,13 +109,15 @@ static void close_taken(ConnectionType type, ConnectionInfo *taken, int print)
     conn_life_drop(life);
 }
 
-// Closes the entry: any when status is null, else only in that status; with a life given only when it still is that one.
-static void close_entry(ConnectionType type, const ConnectionStatus *status, const ConnLife *life, int print)
+enum CloseWhen { CLOSE_ANY, CLOSE_CONNECTED };
+
+// With a life the entry is closed only while it still is that connection.
+static void close_entry(ConnectionType type, CloseWhen when, const ConnLife *life, int print)
 {
     ConnectionInfo *entry = &s_entries[type];
     ConnectionInfo taken = {};
     pthread_mutex_lock(&s_mutex);
-    bool matches = (!status || entry->status == *status) && (!life || entry->conn.life == life);
+    bool matches = (when == CLOSE_ANY || entry->status == CONNECTED) && (!life || entry->conn.life == life);
     if (matches)
         taken = entry_take_locked(entry);
     pthread_mutex_unlock(&s_mutex);
@@ -123,10 +125,9 @@ static void close_entry(ConnectionType type, const ConnectionStatus *status, con
         close_taken(type, &taken, print);
 }
 
-static void close_connected(ConnectionType type, const ConnLife *life, int print)
+static void close_connected(ConnectionType type, int print)
 {
-    ConnectionStatus connected = CONNECTED;
-    close_entry(type, &connected, life, print);
+    close_entry(type, CLOSE_CONNECTED, nullptr, print);
 }
 
 // Makes conn the entry. 1 when registered, 0 when it had to be closed instead.
@@ -165,7 +166,7 @@ int conn_add(ConnectionType type, SocketConn conn, int print)
         socket_close_private(&conn);
         return 1;
     }
-    close_connected(type, nullptr, 1);
+    close_connected(type, 1);
     (void)entry_publish(type, conn, print);
     return 1;
 }
@@ -188,13 +189,13 @@ void conn_note_failed(ConnectionType type, const SocketConn *conn)
 void conn_remove(ConnectionType type, int print)
 {
     if (is_type(type))
-        close_entry(type, nullptr, nullptr, print);
+        close_entry(type, CLOSE_ANY, nullptr, print);
 }
 
 int conn_remove_if_connected(ConnectionType type, int print)
 {
     if (is_type(type))
-        close_connected(type, nullptr, print);
+        close_connected(type, print);
     return 1;
 }
 
@@ -202,7 +203,7 @@ static void remove_all_from(uint32_t first)
 {
     conn_print_all();
     for (uint32_t type = first; type < CONNECTION_TYPE_COUNT; type++)
-        close_connected(k_types[type].type, nullptr, 0);
+        close_connected(k_types[type].type, 0);
     conn_print_all();
 }
 
@@ -263,7 +264,7 @@ int conn_is_current(ConnectionType type, const SocketConn *copy)
 void conn_remove_if_current(ConnectionType type, const SocketConn *copy, int print)
 {
     if (is_type(type) && copy->life)
-        close_connected(type, copy->life, print);
+        close_entry(type, CLOSE_CONNECTED, copy->life, print);
 }
 
 // The liveness test on a held entry.
@@ -307,7 +308,7 @@ int conn_check(ConnectionType type)
     if (!is_type(type))
         return 0;
     if (type == NM_UDP_DETECTION) {
-        close_connected(type, nullptr, 1);
+        close_connected(type, 1);
         return 0;
     }
     ConnectionInfo entry = entry_hold(type);
@@ -333,12 +334,12 @@ int conn_reconnect(ConnectionType type)
     if (!is_type(type))
         return 0;
     ConnectionInfo last = conn_info_get(type);
-    close_connected(type, nullptr, 0);
-    SocketConn conn = tcp_connect(last.conn.remote_ip, last.conn.remote_port, last.conn.local_ip,
-                                  last.conn.local_port, 0, 0);
+    close_connected(type, 0);
+    SocketConn conn =
+        tcp_connect(last.conn.remote_ip, last.conn.remote_port, last.conn.local_ip, last.conn.local_port, 0, 0);
     if (conn.socket_fd < 1)
         return 0;
-    close_connected(type, nullptr, 1);
+    close_connected(type, 1);
     return entry_publish(type, conn, 1);
 }
 

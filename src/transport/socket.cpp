@@ -368,7 +368,7 @@ static int send_again(const SocketConn *conn, const char *rest, size_t len, size
     return sent;
 }
 
-// A short count is taken for a full buffer: a real one leaves errno as it was. A count of 0 is no progress and returned.
+// A short count is taken for a full buffer: a real one leaves errno as it was. 0 is no progress and returned.
 static int plain_send_counted(const SocketConn *conn, const char *bytes, size_t len, size_t *accepted)
 {
     for (int first = -1;;) {

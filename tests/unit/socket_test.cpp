@@ -70,14 +70,29 @@ TEST(Socket, ConnectFailuresSayWhatTheyAre)
         std::vector<std::string> lines;
     } cases[] = {
         {"null", nullptr, nullptr, nullptr, nullptr, 0, {"remote_ip is NULL!", "remote_port is NULL!"}},
-        {"unresolved", "no.such.host.invalid", "1", nullptr, nullptr, 0,
-         {"TCP connecting [remote (no.such.host.invalid:1), local (0.0.0.0:0)] ...", "Could not resolve host: ",
-          "TCP connect failed!"}},
+        {"unresolved",
+         "no.such.host.invalid",
+         "1",
+         nullptr,
+         nullptr,
+         0,
+         {"TCP connecting [remote (no.such.host.invalid:1), local (0.0.0.0:0)] ...",
+          "Could not resolve host: ", "TCP connect failed!"}},
         {"local unresolved", k_ip, port.c_str(), "", "", 0, {"Could not resolve host: ", "TCP connect failed!"}},
-        {"refused", k_ip, dead.c_str(), nullptr, nullptr, -1,
+        {"refused",
+         k_ip,
+         dead.c_str(),
+         nullptr,
+         nullptr,
+         -1,
          {"Connecting to 127.0.0.1:", "Connection timeout(Connection refused)... socket: ", "Connection failed...",
           "Shutdown and close socket: ", dead_ends, "TCP connect failed!"}},
-        {"bind", k_ip, port.c_str(), "192.0.2.1", "0", -1,
+        {"bind",
+         k_ip,
+         port.c_str(),
+         "192.0.2.1",
+         "0",
+         -1,
          {"Binding failed", "Shutdown and close socket: ", ", local (192.0.2.1:0)]", "TCP connect failed!"}},
         {"negative port", k_ip, "-1", nullptr, nullptr, 0, {"Could not resolve host: ", "TCP connect failed!"}},
     };
@@ -85,8 +100,8 @@ TEST(Socket, ConnectFailuresSayWhatTheyAre)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         SocketConn conn = {};
-        std::string log = log_of(
-            [&] { conn = tcp_connect(c.remote_ip, c.remote_port, c.local_ip, c.local_port, 0, 0); });
+        std::string log =
+            log_of([&] { conn = tcp_connect(c.remote_ip, c.remote_port, c.local_ip, c.local_port, 0, 0); });
         EXPECT_EQ(c.fd, conn.socket_fd);
         EXPECT_EQ(nullptr, conn.remote_addr);
         expect_in_order(log, c.lines);
@@ -124,9 +139,7 @@ TEST(Socket, SilentPeerTimesOutAndAStopCutsTheWait)
     int listener = bound_socket(SOCK_STREAM, &port);
     ASSERT_EQ(0, listen(listener, 0));
     SocketConn queued = tcp_connect(k_ip, port.c_str(), nullptr, nullptr, 0, 0);
-    std::string log = log_of([&] {
-        EXPECT_EQ(-1, tcp_connect(k_ip, port.c_str(), nullptr, nullptr, 0, 0).socket_fd);
-    });
+    std::string log = log_of([&] { EXPECT_EQ(-1, tcp_connect(k_ip, port.c_str(), nullptr, nullptr, 0, 0).socket_fd); });
     expect_in_order(log, {"Connection timeout... socket: ", "Connection failed...", "Shutdown and close socket: "});
 
     int64_t start = wait_now_ms();
@@ -176,9 +189,9 @@ TEST(Socket, FailedSendIsTriedOnceMore)
     std::string log = log_of([&] { EXPECT_EQ(-1, tcp_send_counted(&link.conn, "abc", 3, &accepted)); });
     EXPECT_GE(wait_now_ms() - start, 100);
     EXPECT_EQ(0u, accepted);
-    expect_in_order(log, {"TCP send failed, err: Resource temporarily unavailabl!", "Waiting: 100 ms ...",
-                          "Trying to send again, len: 3!",
-                          "TCP re-send failed, err: Resource temporarily unavailabl!"});
+    expect_in_order(log,
+                    {"TCP send failed, err: Resource temporarily unavailabl!", "Waiting: 100 ms ...",
+                     "Trying to send again, len: 3!", "TCP re-send failed, err: Resource temporarily unavailabl!"});
     link_close(&link);
 }
 
@@ -360,8 +373,12 @@ TEST(Socket, NamesAndInterfaces)
         int result;
         const char *text;
     } cases[] = {
-        {"localhost", 32, 0, "127.0.0.1"},      {"10.1.2.3", 32, 0, "10.1.2.3"}, {"localhost", 10, 0, "127.0.0.1"},
-        {"192.168.100.200", 16, 0, "192.168.100.200"}, {"127.1", 6, 0, "127.0"}, {"", 32, -1, ""},
+        {"localhost", 32, 0, "127.0.0.1"},
+        {"10.1.2.3", 32, 0, "10.1.2.3"},
+        {"localhost", 10, 0, "127.0.0.1"},
+        {"192.168.100.200", 16, 0, "192.168.100.200"},
+        {"127.1", 6, 0, "127.0"},
+        {"", 32, -1, ""},
         {"no.such.host.invalid", 32, -1, "no.such.host.invalid"},
     };
     for (const auto &c : cases) {

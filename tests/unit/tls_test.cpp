@@ -1,0 +1,275 @@
+#include "net_peer.h"
+
+#include <thread>
+
+#include "runtime/stop_internal.h"
+#include "runtime/wait.h"
+#include "transport/conn_life.h"
+#include "transport/socket.h"
+#include "transport/tls.h"
+
+struct TlsLink {
+    SocketConn conn;
+    TlsPeer peer;
+};
+
+static TlsLink tls_link_open(int key_bits = 1024)
+{
+    start_process_once();
+    TlsLink link = {};
+    link.peer = tls_peer_new(key_bits);
+    std::string port;
+    int listener = listen_socket(&port, 2048);
+    std::thread server([&] { EXPECT_TRUE(tls_peer_accept(&link.peer, listener)); });
+    link.conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
+    link.conn.ssl = tls_init(link.conn.socket_fd);
+    EXPECT_NE(nullptr, link.conn.ssl);
+    server.join();
+    close(listener);
+    return link;
+}
+
+static void tls_link_close(TlsLink *link)
+{
+    socket_close_private(&link->conn);
+    tls_peer_free(&link->peer);
+}
+
+TEST(Tls, BytesGoBothWays)
+{
+    for (int key_bits : {1024, 2048}) { // old keys are fine: nothing is verified
+        TlsLink link = tls_link_open(key_bits);
+        char buf[64] = "";
+        std::string log = log_of([&] { EXPECT_EQ(4, tcp_send(&link.conn, "ping", 4)); });
+        expect_in_order(log, {"SSL send, 4 bytes."});
+        EXPECT_EQ(4, SSL_read(link.peer.ssl, buf, sizeof(buf)));
+        EXPECT_EQ(4, SSL_write(link.peer.ssl, "pong", 4));
+        EXPECT_EQ(1, conn_readable(&link.conn, 5000));
+        EXPECT_EQ(4, conn_recv(&link.conn, buf, sizeof(buf)));
+        EXPECT_EQ(0, memcmp("pong", buf, 4));
+        errno = 0;
+        EXPECT_EQ(-1, conn_recv(&link.conn, buf, sizeof(buf)));
+        EXPECT_EQ(EAGAIN, errno);
+        EXPECT_EQ(0, conn_readable(&link.conn, 0));
+        EXPECT_TRUE(has_text(log_of([&] { socket_close_private(&link.conn); }), "SSL deinit success!"));
+        EXPECT_EQ("", read_upto(link.peer.fd, 1)); // closed without an alert
+        tls_peer_free(&link.peer);
+    }
+}
+
+TEST(Tls, MissingArguments)
+{
+    char byte = 0;
+    TlsLink link = tls_link_open();
+    std::string log = log_of([&] {
+        EXPECT_EQ(-1, tls_send(nullptr, "x", 1));
+        EXPECT_EQ(-1, tls_send(link.conn.ssl, nullptr, 1));
+        EXPECT_EQ(-1, tls_send(link.conn.ssl, "x", 0));
+        EXPECT_EQ(-1, tls_recv(nullptr, &byte, 1));
+    });
+    expect_in_order(log, {"Invalid parameter!", "Invalid parameter!", "Invalid parameter!", "Invalid parameter!"});
+    expect_in_order(log_of([] { EXPECT_EQ(nullptr, tls_init(-1)); }), {"Invalid sockfd: -1!"});
+    EXPECT_EQ("", log_of([] { tls_deinit(nullptr); }));
+    tls_link_close(&link);
+}
+
+// "Readable" is plaintext: half a record is waited for, what is left of a large one counts, so does the end.
+TEST(Tls, ReadableMeansPlaintext)
+{
+    TlsLink link = tls_link_open();
+    std::string text(16000, 'r');
+    std::string record = tls_peer_record(&link.peer, text);
+    ASSERT_GT(record.size(), text.size());
+
+    std::thread server([&] {
+        send(link.peer.fd, record.data(), record.size() / 2, 0);
+        usleep(300000);
+        send(link.peer.fd, record.data() + record.size() / 2, record.size() - record.size() / 2, 0);
+    });
+    EXPECT_TRUE(readable_within(link.conn.socket_fd, 5000));
+    int64_t start = wait_now_ms();
+    EXPECT_EQ(0, conn_readable(&link.conn, 100));
+    EXPECT_GE(wait_now_ms() - start, 100);
+    EXPECT_EQ(1, conn_readable(&link.conn, 5000));
+    server.join();
+
+    std::string got;
+    char piece[100];
+    while (got.size() < text.size()) {
+        ASSERT_EQ(1, conn_readable(&link.conn, 0));
+        int count = conn_recv(&link.conn, piece, sizeof(piece));
+        ASSERT_GT(count, 0);
+        got.append(piece, (size_t)count);
+    }
+    EXPECT_EQ(text, got);
+    EXPECT_EQ(0, conn_readable(&link.conn, 0));
+
+    shutdown(link.peer.fd, SHUT_WR); // an end without a farewell
+    EXPECT_EQ(1, conn_readable(&link.conn, 5000));
+    EXPECT_EQ(0, conn_recv(&link.conn, piece, sizeof(piece)));
+    tls_link_close(&link);
+}
+
+// A peer that stalls inside a write: the record is finished when it reads on, else the connection is dropped.
+TEST(Tls, StallInsideAWrite)
+{
+    for (bool reads_on : {true, false}) {
+        SCOPED_TRACE(reads_on ? "reads on" : "stays silent");
+        TlsLink link = tls_link_open();
+        link.conn.life = conn_life_new(&link.conn);
+        std::string text(300000, 't'), got;
+        text.back() = 'z';
+        std::thread reader([&] {
+            usleep(1000000);
+            char buf[4096];
+            while (reads_on && got.size() < text.size() + 3) {
+                int count = SSL_read(link.peer.ssl, buf, sizeof(buf));
+                if (count <= 0)
+                    break;
+                got.append(buf, (size_t)count);
+            }
+        });
+        int result = 0;
+        SendPart part = {text.data(), text.size()};
+        std::string log = log_of([&] { result = conn_send(&link.conn, SEND_MESSAGE, &part, 1); });
+        expect_in_order(log, {"SSL send failed, err: (null)!", "Waiting: 100 ms ...",
+                              "Trying to send again, len: 300000!", "SSL re-send failed, err: (null)!"});
+        EXPECT_EQ(reads_on ? (int)text.size() : -1, result);
+        SendPart next = {"end", 3};
+        EXPECT_EQ(reads_on ? 3 : -1, conn_send(&link.conn, SEND_MESSAGE, &next, 1));
+        reader.join();
+        EXPECT_EQ(reads_on ? text + "end" : "", got);
+        EXPECT_EQ(!reads_on, link.conn.life->broken == 1);
+        conn_life_drop(link.conn.life);
+        tls_peer_free(&link.peer);
+    }
+}
+
+// One thread writes, one reads, one session.
+TEST(Tls, ReaderAndWriterShareASession)
+{
+    constexpr int rounds = 60;
+    TlsLink link = tls_link_open();
+    link.conn.life = conn_life_new(&link.conn);
+    g_log_level = 2;
+    std::thread echo([&] {
+        char buf[4096];
+        int count;
+        while ((count = SSL_read(link.peer.ssl, buf, sizeof(buf))) > 0)
+            SSL_write(link.peer.ssl, buf, count);
+    });
+    std::thread writer([&] {
+        std::string text(1000, 'w');
+        SendPart part = {text.data(), text.size()};
+        for (int i = 0; i < rounds; i++)
+            EXPECT_EQ(1000, conn_send(&link.conn, SEND_MESSAGE, &part, 1));
+    });
+    size_t got = 0;
+    char buf[700];
+    while (got < rounds * 1000 && conn_readable(&link.conn, 5000)) {
+        int count = conn_recv(&link.conn, buf, sizeof(buf));
+        if (count <= 0)
+            break;
+        got += (size_t)count;
+    }
+    EXPECT_EQ(rounds * 1000u, got);
+    writer.join();
+    conn_life_shut(link.conn.life);
+    echo.join();
+    conn_life_drop(link.conn.life);
+    tls_peer_free(&link.peer);
+}
+
+struct HandshakeCase {
+    const char *name;
+    void (*peer)(int fd);
+    std::vector<std::string> lines;
+    int again; // "Try again..." lines
+};
+
+static int count_of(const std::string &log, const char *text)
+{
+    int count = 0;
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+        count++;
+    return count;
+}
+
+static void peer_dribbles(int fd)
+{
+    const char record[] = "\x16\x03\x03\x40\x00\x02\x00\x3f\xfc\x03\x03"; // the head of an endless server hello
+    for (size_t i = 0; i + 1 < sizeof(record); i++) {
+        usleep(30000);
+        send(fd, record + i, 1, 0);
+    }
+    (void)read_upto(fd, 4096);
+}
+
+static void peer_leaves(int fd)
+{
+    (void)recv(fd, nullptr, 0, 0);
+}
+
+static void peer_speaks_plain(int fd)
+{
+    send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, 0);
+    (void)read_upto(fd, 4096);
+}
+
+TEST(Tls, HandshakesThatFail)
+{
+    start_process_once();
+    const HandshakeCase cases[] = {
+        {"too many calls", peer_dribbles, {"SSL_connect failed too much times!", "SSL deinit success!"}, 9},
+        {"plain text", peer_speaks_plain, {"Try again...", "SSL_connect faild!", "SSL deinit success!"}, 1},
+        {"end", peer_leaves, {"SSL_connect faild!", "SSL deinit success!"}, 1},
+    };
+    for (const HandshakeCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string port;
+        int listener = listen_socket(&port);
+        SocketConn conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
+        int peer = accept(listener, nullptr, nullptr);
+        std::thread server([&] {
+            usleep(50000);
+            c.peer(peer);
+            shutdown(peer, SHUT_RDWR);
+        });
+        std::string log = log_of([&] { EXPECT_EQ(nullptr, tls_init(conn.socket_fd)); });
+        expect_in_order(log, c.lines);
+        EXPECT_EQ(c.again, count_of(log, "SSL_connect failed! Try again..."));
+        socket_close_private(&conn);
+        server.join();
+        close(peer);
+        close(listener);
+    }
+}
+
+// No time-out covers a silent peer; a stop and a call-off end the wait, without a line.
+TEST(Tls, SilentHandshakeIsCut)
+{
+    static std::atomic<uint32_t> counter;
+    start_process_once();
+    for (bool stop : {true, false}) {
+        std::string port;
+        int listener = listen_socket(&port);
+        SocketConn conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
+        wait_call_off_set({&counter, counter});
+        std::thread ender([stop] {
+            usleep(200000);
+            if (stop)
+                stop_request(15);
+            else
+                counter++;
+        });
+        int64_t start = wait_now_ms();
+        EXPECT_EQ("", log_of([&] { EXPECT_EQ(nullptr, tls_init(conn.socket_fd)); }));
+        EXPECT_GE(wait_now_ms() - start, 190);
+        EXPECT_LT(wait_now_ms() - start, 1500);
+        ender.join();
+        wait_call_off_set({nullptr, 0});
+        stop_reset_for_test();
+        socket_close_private(&conn);
+        close(listener);
+    }
+}
