@@ -68,11 +68,10 @@ static void read_console(AgentConsole *console, int fd)
     console->changed.notify_all();
 }
 
-// The binary, behind the words of PLUGIN_RUNNER if that is set (an emulator).
+// The binary, behind the words of PLUGIN_RUNNER: the emulator of a cross build.
 static std::vector<std::string> command_words()
 {
-    const char *runner = getenv("PLUGIN_RUNNER");
-    std::istringstream stream(runner ? runner : "");
+    std::istringstream stream(PLUGIN_RUNNER);
     std::vector<std::string> words;
     for (std::string word; stream >> word;) {
         words.push_back(word);

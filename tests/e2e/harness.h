@@ -58,7 +58,7 @@ bool stage_fast_heartbeat(Stage *stage);
 // Everything NM and device found wrong; empty when all was right.
 std::string stage_wrong(const Stage &stage);
 
-// Runs the binary in agent->dir; again after a stop. PLUGIN_RUNNER in the environment names an emulator to run it under.
+// Runs the binary in agent->dir; again after a stop.
 bool agent_start(AgentProcess *agent);
 // Waits for a line that contains text, behind the last one found. False after timeout_ms or when the agent has ended.
 bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms = k_wait_ms);

@@ -1,0 +1,97 @@
+// From the cold start to the online state, over every road that NM can send the agent on.
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "harness.h"
+
+static bool has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+// The main job: online, a command by UDP and handshake, its result to NM, the ack back to the device.
+static void run_main_job(bool https)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, https));
+    EXPECT_EQ(device_sim_frame(stage.device, "online-status-notify", 0).text,
+              "{\t\"type\":\"online-status-notify\",\t\"result\":\"online\",\t\"cause\":\"\",\t\"ver\":\"0.1\"}");
+
+    const std::string command = "{\"type\":\"reboot\",\"sessionid\":\"s-42\",\"param\":{\"delay\":3,\"force\":true}}";
+    device_sim_auto_answer(stage.device, "reboot", "{\"type\":\"upgrade-result\",\"result\":\"success\"}");
+    nm_sim_queue(stage.nm, command);
+    ASSERT_TRUE(device_sim_wait_for(stage.device, "reboot", 1, k_wait_ms));
+    EXPECT_EQ(device_sim_frame(stage.device, "reboot", 0).text, command);
+    EXPECT_GE(nm_sim_count(stage.nm, "udp"), 1);
+    EXPECT_EQ(nm_sim_count(stage.nm, "heartbeat"), 0); // UDP was answered, so nothing went over HTTP
+
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "upgradeResult", 1, k_wait_ms));
+    EXPECT_EQ(nm_sim_request(stage.nm, "upgradeResult", 0).body,
+              "{\"type\":\"upgrade-result\",\"result\":\"success\",\"sessionid\":\"s-42\"}");
+    ASSERT_TRUE(device_sim_wait_for(stage.device, "upgrade-ack", 1, k_wait_ms));
+    EXPECT_EQ(device_sim_frame(stage.device, "upgrade-ack", 0).text,
+              "{\t\"sessionid\":\"s-42\",\t\"type\":\"upgrade-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}");
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
+TEST(BringUp, MainJobOverHttp)
+{
+    run_main_job(false);
+}
+
+TEST(BringUp, MainJobOverHttps)
+{
+    run_main_job(true);
+}
+
+TEST(BringUp, RefusedThenAccepted)
+{
+    Stage stage;
+    stage_prepare(&stage, false);
+    NmActivation refusal;
+    refusal.status = 403;
+    refusal.error = "unknown device";
+    nm_sim_set_activation(stage.nm, refusal);
+    stage_write(stage);
+    ASSERT_TRUE(agent_start(&stage.agent));
+    ASSERT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 1, k_wait_ms));
+    EXPECT_EQ(device_sim_frame(stage.device, "online-status-notify", 0).text,
+              "{\t\"type\":\"online-status-notify\",\t\"result\":\"device_activation_failed\",\t\"cause\":\"unknown device\","
+              "\t\"ver\":\"0.1\"}");
+
+    nm_sim_set_activation(stage.nm, NmActivation()); // the next pass comes 10 s later
+    ASSERT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 2, k_wait_ms));
+    EXPECT_TRUE(has(device_sim_frame(stage.device, "online-status-notify", 1).text, "\"result\":\"online\",\t\"cause\":\"\""));
+    EXPECT_EQ(nm_sim_count(stage.nm, "active"), 2);
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
+// A redirection names a port; the new NM is reached over TLS on the next one, and the device is told.
+TEST(BringUp, RedirectedToAnotherNmOverTls)
+{
+    Stage stage;
+    stage_prepare(&stage, false);
+    NmOptions options;
+    options.https = true;
+    NmSim *second = nm_sim_start(options);
+    ASSERT_NE(second, nullptr);
+    NmActivation redirection;
+    redirection.status = 304;
+    redirection.redirect_ip = "127.0.0.1";
+    redirection.redirect_port = nm_sim_port(second) - 1;
+    nm_sim_set_activation(stage.nm, redirection);
+    stage_write(stage);
+    EXPECT_TRUE(agent_start(&stage.agent));
+    EXPECT_TRUE(device_sim_wait_for(stage.device, "redirection", 1, k_wait_ms));
+    EXPECT_TRUE(nm_sim_wait_for(second, "active", 1, k_wait_ms));
+    EXPECT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 2, k_wait_ms));
+    EXPECT_TRUE(has(device_sim_frame(stage.device, "online-status-notify", 0).text, "\"cause\":\"REDIRECTION\""));
+    EXPECT_TRUE(has(device_sim_frame(stage.device, "online-status-notify", 1).text, "\"result\":\"online\""));
+    EXPECT_EQ(nm_sim_count(stage.nm, "active"), 1);
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage) + nm_sim_wrong(second), "");
+    nm_sim_stop(second);
+}

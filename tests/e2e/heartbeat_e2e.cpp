@@ -1,0 +1,90 @@
+// Heartbeats: UDP first, HTTP when UDP stays silent, and what NM's words do.
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "harness.h"
+
+static NmFault fault(NmFaultKind kind, const std::string &text = "", int times = -1)
+{
+    NmFault result;
+    result.kind = kind;
+    result.text = text;
+    result.times = times;
+    return result;
+}
+
+// Five misses in a row go over HTTP as well, the sixth over HTTP alone.
+TEST(Heartbeat, SilentUdpMovesToHttp)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, false));
+    ASSERT_TRUE(stage_fast_heartbeat(&stage));
+    nm_sim_set_fault(stage.nm, "udp", fault(NM_FAULT_SILENCE));
+    const int answered = nm_sim_count(stage.nm, "udp");
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "heartbeat", 6, k_wait_ms));
+    EXPECT_TRUE(agent_has_log(stage.agent, "The time of nonresponse for udp trigger has reached the upper limit! "
+                                           "Change to http mode."));
+    EXPECT_LE(nm_sim_count(stage.nm, "udp"), answered + 6); // one may have been answered just before the silence
+    EXPECT_EQ(nm_sim_request(stage.nm, "heartbeat", 0).conn, nm_sim_request(stage.nm, "heartbeat", 5).conn);
+
+    // A command still arrives.
+    nm_sim_queue(stage.nm, nm_command_forward("ping", "over-http"));
+    EXPECT_TRUE(device_sim_wait_for(stage.device, "ping", 1, k_wait_ms));
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
+// Whatever comes in place of an answer, the next heartbeat is right and finds its own answer.
+TEST(Heartbeat, SurvivesEveryWrongAnswer)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, false));
+    ASSERT_TRUE(stage_fast_heartbeat(&stage));
+    nm_sim_set_fault(stage.nm, "udp", fault(NM_FAULT_SILENCE));
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "Change to http mode."));
+    int session = 0;
+    for (NmFaultKind kind : {NM_FAULT_STATUS, NM_FAULT_JUNK, NM_FAULT_CLOSE, NM_FAULT_HALF, NM_FAULT_TWO_SEGMENTS,
+                             NM_FAULT_LONG, NM_FAULT_HTTP10, NM_FAULT_NO_JSON, NM_FAULT_EMPTY, NM_FAULT_CHUNKED,
+                             NM_FAULT_SILENCE}) {
+        SCOPED_TRACE("fault " + std::to_string(kind));
+        nm_sim_set_fault(stage.nm, "heartbeat", fault(kind, "", 1));
+        nm_sim_queue(stage.nm, nm_command_forward("ping", std::to_string(++session)));
+        ASSERT_TRUE(device_sim_wait_for(stage.device, "ping", session, k_wait_ms));
+    }
+    EXPECT_EQ(nm_sim_count(stage.nm, "active"), 1); // never five failures in a row
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
+// "rec" over UDP: the bring-up starts again after 10 s, the device link stays.
+TEST(Heartbeat, RecRestartsTheBringUp)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, true));
+    nm_sim_ask_restart(stage.nm);
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "active", 2, k_wait_ms));
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "Init cfg successfully, start the services ..."));
+    EXPECT_TRUE(agent_has_log(stage.agent, "Re-initialize device..."));
+    EXPECT_EQ(device_sim_count(stage.device, "online-status-notify"), 1); // nothing has changed for the device
+    EXPECT_TRUE(device_sim_wait_connected(stage.device, 1, 0));
+    EXPECT_FALSE(device_sim_wait_connected(stage.device, 2, 0));
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
+// Five failed heartbeats over HTTP ask for a new bring-up, which brings UDP back.
+TEST(Heartbeat, AbsentNmRestartsTheBringUp)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, false));
+    ASSERT_TRUE(stage_fast_heartbeat(&stage));
+    nm_sim_absent(stage.nm);
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "The time of nonresponse for http trigger has reached the upper limit!"));
+    ASSERT_TRUE(nm_sim_return(stage.nm));
+    const int before = nm_sim_count(stage.nm, "udp");
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "active", 2, k_wait_ms));
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "udp", before + 1, k_wait_ms));
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
