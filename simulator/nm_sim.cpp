@@ -208,3 +208,9 @@ int nm_sim_connections(NmSim *nm)
     std::lock_guard<std::mutex> guard(nm->lock);
     return nm->conn_count;
 }
+
+bool nm_sim_wait_connections(NmSim *nm, int count, int timeout_ms)
+{
+    std::unique_lock<std::mutex> guard(nm->lock);
+    return nm->changed.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] { return nm->conn_count >= count; });
+}

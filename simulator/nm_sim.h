@@ -107,3 +107,4 @@ std::vector<NmRequest> nm_sim_transcript(NmSim *nm);
 // Everything found wrong so far, one line each; empty when all was right.
 std::string nm_sim_wrong(NmSim *nm);
 int nm_sim_connections(NmSim *nm); // accepted so far
+bool nm_sim_wait_connections(NmSim *nm, int count, int timeout_ms);
