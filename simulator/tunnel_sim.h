@@ -95,12 +95,10 @@ class TunnelSim
     // On the loop thread.
     virtual void agent_ready() = 0;            // its authentication was right
     virtual void agent_data(evbuffer *in) = 0; // takes what it can from in
-    virtual void agent_drained()
-    {
-    }                                         // the output is below half of k_output_high
-    virtual void agent_gone() = 0;            // the connection has ended; agent_ is null
-    virtual void client_accepted(int fd) = 0; // takes the descriptor over
-    virtual TunnelStats &common() = 0;        // under mutex_
+    virtual void agent_drained() = 0;          // the output is below half of k_output_high
+    virtual void agent_gone() = 0;             // the connection has ended; agent_ is null
+    virtual void client_accepted(int fd) = 0;  // takes the descriptor over
+    virtual TunnelStats &common() = 0;         // under mutex_
 
     void agent_send(const std::string &bytes);
     void agent_drop(); // ends the agent's connection

@@ -75,13 +75,9 @@ uint64_t WebTunnelSim::open_id()
     return id_new(false);
 }
 
-void WebTunnelSim::agent_ready()
-{
-    update([this] { stats_.ids.clear(); });
-}
-
 void WebTunnelSim::agent_gone()
 {
+    connection_++;
     for (auto it = browsers_.begin(); it != browsers_.end();) {
         Browser *browser = it->second.get();
         ++it; // the end of a browser takes it off the map
@@ -192,16 +188,12 @@ void WebTunnelSim::browser_end(Browser *browser)
     if (!browser->closing) {
         requests_send(browser);
     }
+    const bool present = authenticated_ && browser->connection == connection_;
     bufferevent_free(browser->bev);
     browsers_.erase(id);
-    bool present = false; // opened over the agent's present connection
     update([&] {
         stats_.open_browsers--;
-        auto of_id = stats_.ids.find(id);
-        present = authenticated_ && of_id != stats_.ids.end();
-        if (present) {
-            of_id->second.web_destroyed = true;
-        }
+        stats_.ids[id].web_destroyed = true;
     });
     if (present) {
         agent_send(web_frame(WEB_FRAME_WEB_DESTROY, id));
@@ -236,7 +228,7 @@ void WebTunnelSim::client_accepted(int fd)
     }
     bufferevent *bev = bufferevent_socket_new(sim_loop_base(loop_), fd, BEV_OPT_CLOSE_ON_FREE);
     const uint64_t id = id_new(true);
-    auto browser = std::make_unique<Browser>(Browser{this, id, bev, false});
+    auto browser = std::make_unique<Browser>(Browser{this, id, connection_, bev, false});
     bufferevent_setcb(bev, on_browser_read, on_browser_written, on_browser_event, browser.get());
     bufferevent_setwatermark(bev, EV_READ, 0, k_browser_read_max);
     bufferevent_enable(bev, EV_READ | EV_WRITE);

@@ -36,7 +36,7 @@ struct WebTunnelStats : TunnelStats {
     uint64_t frames_out = 0;   // made from browsers' bytes
     uint32_t frame_in_max = 0; // largest response payload
     uint32_t open_browsers = 0;
-    std::map<uint64_t, WebIdStats> ids; // all of the present connection; emptied when the agent connects anew
+    std::map<uint64_t, WebIdStats> ids; // all so far, also of earlier connections
 };
 
 class WebTunnelSim : public TunnelSim
@@ -54,7 +54,9 @@ class WebTunnelSim : public TunnelSim
     uint64_t open_id();
 
   protected:
-    void agent_ready() override;
+    void agent_ready() override
+    {
+    }
     void agent_data(evbuffer *in) override;
     void agent_drained() override;
     void agent_gone() override;
@@ -68,6 +70,7 @@ class WebTunnelSim : public TunnelSim
     struct Browser {
         WebTunnelSim *sim;
         uint64_t id;
+        uint32_t connection; // of the agent, at the time of opening
         bufferevent *bev;
         bool closing; // no more from the device: ends when its output has left
     };
@@ -85,5 +88,6 @@ class WebTunnelSim : public TunnelSim
 
     WebTunnelStats stats_;                                  // under mutex_
     std::map<uint64_t, std::unique_ptr<Browser>> browsers_; // loop thread only
+    uint32_t connection_ = 0;                               // of the agent, counted by their ends; loop thread only
     uint32_t ids_used_ = 0;                                 // under mutex_
 };
