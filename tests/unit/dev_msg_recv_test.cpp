@@ -1,0 +1,152 @@
+#include "device/dev_msg_recv.h"
+
+#include "session_peers.h"
+
+// Areas of the given sizes and a device link; returns the device's end.
+static int receiver(int32_t msg_size, int32_t buffer_size)
+{
+    PluginInfoEdit edit;
+    plugin_info_edit_begin(&edit);
+    edit.next.max_dev_msg_size = msg_size;
+    edit.next.dev_msg_buffer_size = buffer_size;
+    plugin_info_edit_mark(&edit, &edit.next.max_dev_msg_size, sizeof(int32_t));
+    plugin_info_edit_mark(&edit, &edit.next.dev_msg_buffer_size, sizeof(int32_t));
+    plugin_info_edit_commit(&edit);
+    dev_msg_recv_init();
+    EXPECT_EQ(dev_msg_buffer_init(), 1);
+    return device_link();
+}
+
+static void receiver_end(int device)
+{
+    conn_remove_all();
+    free_device_buffers();
+    close(device);
+}
+
+// Sends the bytes and takes them in; get calls to the consumer follow. Returns the contents that were handed over.
+static Texts pass(int device, const std::string &bytes, int get_calls, const char *counted = nullptr,
+                  int *count = nullptr)
+{
+    LogLines log;
+    if (!bytes.empty()) {
+        EXPECT_EQ(send(device, bytes.data(), bytes.size(), 0), (ssize_t)bytes.size());
+        dev_msg_recv();
+    }
+    for (int i = 0; i < get_calls; i++)
+        dev_msg_get();
+    if (counted)
+        *count = log.count(counted);
+    const std::string lines = log.text(), before = ", content: ";
+    Texts contents;
+    for (size_t at = 0; (at = lines.find(before, at)) != std::string::npos;) {
+        at += before.size();
+        contents.push_back(lines.substr(at, lines.find('\n', at) - at));
+    }
+    return contents;
+}
+
+TEST(DevMsgRecv, StreamCutAtEveryByte)
+{
+    int device = receiver(64, 256);
+    const std::string first = "{\"type\":\"first\"}", last = "{\"n\":2}";
+    const std::string stream = frame(first) + frame("") + frame(last);
+    for (size_t cut = 1; cut < stream.size(); cut++) {
+        SCOPED_TRACE(cut);
+        Texts got = pass(device, stream.substr(0, cut), 3);
+        Texts rest = pass(device, stream.substr(cut), 3);
+        got.insert(got.end(), rest.begin(), rest.end());
+        EXPECT_EQ(got, (Texts{first, last}));
+    }
+    receiver_end(device);
+}
+
+TEST(DevMsgRecv, LengthsAtTheEdge)
+{
+    const std::string fits(60, 'f'), over(61, 'o'),
+        huge = "\xff\xff\xff\xff"
+               "junk";
+    const struct {
+        const char *name;
+        std::string bytes;
+        Texts handed; // by three turns
+        int incomplete;
+        std::string then; // what follows
+        Texts after;
+    } cases[] = {
+        {"largest", frame(fits), {fits}, 0, frame("x"), {"x"}},
+        {"one more drops what is buffered", frame("a") + frame(over).substr(0, 20), {"a"}, 0, frame("b"), {"b"}},
+        {"huge", huge, {}, 0, frame("b"), {"b"}},
+        {"length alone stays", std::string("\1\0\0\0", 4), {}, 0, "x", {"x"}},
+        {"incomplete in every turn", frame("abc").substr(0, 5), {}, 3, "bc", {"abc"}},
+        {"two empty ones", frame("") + frame(""), {}, 0, frame("y"), {"y"}},
+        {"short after long", frame("long text"), {"long text"}, 0, frame("s"), {"s"}},
+    };
+    int device = receiver(64, 256);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        int incomplete = -1;
+        EXPECT_EQ(pass(device, c.bytes, 3, "The device message get is not complete!\n", &incomplete), c.handed);
+        EXPECT_EQ(incomplete, c.incomplete);
+        EXPECT_EQ(pass(device, c.then, 3), c.after);
+    }
+    receiver_end(device);
+}
+
+// Both areas of one size, the smallest legal pair: a frame behind another one must still come in whole.
+TEST(DevMsgRecv, EqualSizesFrameInPieces)
+{
+    const std::string small(20, 's'), whole(60, 'w');
+    for (size_t cut = 1; cut < 36; cut++) {
+        SCOPED_TRACE(cut);
+        int device = receiver(64, 64);
+        EXPECT_EQ(pass(device, frame(small) + frame(whole).substr(0, cut), 1), Texts{small});
+        EXPECT_EQ(pass(device, frame(whole).substr(cut), 1), Texts{whole});
+        receiver_end(device);
+    }
+}
+
+TEST(DevMsgRecv, FullBufferWaitsForTheConsumer)
+{
+    int device = receiver(64, 100);
+    const std::string one(40, '1'), two(30, '2'), three(10, '3');
+    EXPECT_EQ(pass(device, frame(one).substr(0, 10), 0), Texts{});
+    EXPECT_EQ(pass(device, frame(one).substr(10) + frame(two).substr(0, 20), 0), Texts{});
+    int warnings = -1;
+    EXPECT_EQ(pass(device, frame(two).substr(20) + frame(three), 1, " is full! Wait a moment ...\n", &warnings),
+              Texts{one});
+    EXPECT_EQ(warnings, 1);
+    dev_msg_recv(); // the bytes were left in the socket
+    EXPECT_EQ(pass(device, "", 2), (Texts{two, three}));
+    receiver_end(device);
+}
+
+// The two threads as they run in the agent, on the smallest areas and a burst far larger than they are.
+TEST(DevMsgRecv, TurnsKeepUpWithABurst)
+{
+    constexpr int count = 60;
+    start_process_once();
+    g_log_std = 1;
+    g_log_level = 3;
+    int device = receiver(64, 64);
+    std::thread consumer([] {
+        while (!stop_requested())
+            dev_msg_handle_turn();
+    });
+    std::atomic<bool> answered{false};
+    std::thread peer([&] {
+        std::string burst;
+        for (int i = 0; i < count; i++)
+            burst += frame("{\"type\":\"ping\",\"x\":\"" + std::string((size_t)i % 36, 'x') + "\"}");
+        EXPECT_EQ(send(device, burst.data(), burst.size(), 0), (ssize_t)burst.size());
+        for (int i = 0; i < count; i++)
+            EXPECT_EQ(device_read(device), "{\n\t\"type\":\"pong\"\n}\n") << i;
+        answered = true;
+    });
+    while (!answered)
+        dev_msg_recv();
+    stop_request(15);
+    consumer.join();
+    peer.join();
+    receiver_end(device);
+}

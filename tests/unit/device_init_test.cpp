@@ -1,0 +1,162 @@
+#include "nm/device_init.h"
+
+#include <fstream>
+
+#include "device/dev_msg_recv.h"
+#include "nm/nm_msg.h"
+#include "session_peers.h"
+
+static const std::string k_active = http_ok("{\"status\":200,\"result\":{\"host\":\"127.0.0.1\",\"port\":9}}");
+static const char k_init_cfg[] =
+    "{\"method\":\"http\",\"host\":\"127.0.0.1\",\"port\":%s,\"dev_server_port\":%s,\"dev-sn\":\"SN\",\"ptype\":1,"
+    "\"category\":2,\"pversion\":\"p\",\"pname\":\"n\",\"mac\":\"m\",\"platform_name\":\"a\",\"factory_name\":\"b\","
+    "\"ver\":\"1.3\",\"interface\":\"lo\",\"localIp\":\"127.0.0.1\",\"web_port\":80,\"telnet_port\":23,"
+    "\"log_path\":\"\",\"max_files\":2,\"max_size\":64}";
+
+// A working directory with both input files, NM, and a listening device.
+struct World {
+    char directory[32] = "/tmp/device_init_XXXXXX";
+    NmPeer nm;
+    int listener;
+};
+
+static void world_begin(World *w)
+{
+    start_process_once();
+    ASSERT_NE(mkdtemp(w->directory), nullptr);
+    ASSERT_EQ(chdir(w->directory), 0);
+    nm_msg_table_init();
+    nm_peer_answer_set(&w->nm, "active", {k_active});
+    nm_peer_start(&w->nm, "1.3", "SN");
+    std::string device_port;
+    w->listener = listen_socket(&device_port);
+    PluginInfoEdit edit;
+    plugin_info_edit_begin(&edit);
+    char init_cfg[1024];
+    (void)text_fmt(init_cfg, k_init_cfg, edit.next.nm_port, device_port.c_str());
+    std::ofstream("init") << init_cfg;
+    std::ofstream("config.ini") << "[device_info]\ninit_cfg = ./init\n[plugin_config]\nlog_std = 1\nlog_level = 7\n";
+    (void)plugin_info_edit_text(&edit, edit.next.init_cfg_path, "./init");
+    plugin_info_edit_commit(&edit);
+}
+
+static void world_end(World *w)
+{
+    restart_device_init();
+    alarm(0);
+    conn_remove_all();
+    nm_peer_end(&w->nm);
+    close(w->listener);
+    free_device_buffers();
+    unlink("init");
+    unlink("config.ini");
+    rmdir(w->directory);
+}
+
+static std::string notify(const char *result, const char *cause)
+{
+    return std::string("{\t\"type\":\"online-status-notify\",\t\"result\":\"") + result + "\",\t\"cause\":\"" + cause +
+           "\",\t\"ver\":\"\"}";
+}
+
+TEST(DeviceInit, OnlineRestartOnline)
+{
+    World w;
+    world_begin(&w);
+    LogLines log;
+    device_init_pass();
+    int device = accept(w.listener, nullptr, nullptr);
+    EXPECT_EQ(device_read(device), notify("online", ""));
+    EXPECT_TRUE(log.has_in_order({"Device initializing...", "TCP connecting", "DEV_TCP", "has been added",
+                                  "TCP connecting", "Sending HTTP request over", "Activate device: SN successfully!",
+                                  "Init cfg successfully, start the services ...", "len: 6 s, 0 ms, timerid",
+                                  "len: 120 s, 0 ms, timerid", "Send 'online-status-notify'"}));
+    log.clear();
+    restart_device_init();
+    restart_device_init(); // once is enough
+    EXPECT_TRUE(log.has_in_order({"'enable_init_flag', len: 10000 ms\n", "Stop timer, ", "Stop timer, "}));
+    EXPECT_EQ(log.count("enable_init_flag"), 1);
+    EXPECT_GT(alarm(0), 8u);
+
+    log.clear();
+    device_init_pass(); // status unchanged: the device hears nothing; its link is kept
+    EXPECT_EQ(log.count("TCP connecting"), 1);
+    EXPECT_EQ(device_read(device, 0), "(none)");
+    close(device);
+    world_end(&w);
+}
+
+TEST(DeviceInit, RefusalIsToldOncePerCause)
+{
+    World w;
+    world_begin(&w);
+    const std::string unknown = http_ok("{\"status\":403,\"error\":\"unknown\"}");
+    const std::string blocked = http_ok("{\"status\":403,\"error\":\"blocked\"}");
+    nm_peer_answer_set(&w.nm, "active", {unknown, unknown, blocked, k_active});
+    device_init_pass();
+    int device = accept(w.listener, nullptr, nullptr);
+    for (int i = 0; i < 3; i++)
+        device_init_pass();
+    EXPECT_EQ(device_read(device), notify("device_activation_failed", "unknown"));
+    EXPECT_EQ(device_read(device), notify("device_activation_failed", "blocked"));
+    EXPECT_EQ(device_read(device), notify("online", ""));
+    close(device);
+    world_end(&w);
+}
+
+// Waits grow with the failures; every fifth reads config.ini again. Only a restart brings the short wait back.
+TEST(DeviceInit, RetryStages)
+{
+    World w;
+    world_begin(&w);
+    std::string good;
+    std::getline(std::ifstream("init"), good, '\0');
+    std::ofstream("init") << "{";
+    for (int failure = 1; failure <= 16; failure++) {
+        SCOPED_TRACE(failure);
+        LogLines log;
+        device_init_pass();
+        const char *delay = failure < 5 ? "len: 10000 ms\n" : failure < 10 ? "len: 30000 ms\n" : "len: 120000 ms\n";
+        EXPECT_EQ(log.count(delay), 1);
+        EXPECT_EQ(log.has_in_order({"Init config failed over 5 times, re-initialize!\n",
+                                    "Reading config file: ", "Init config failed, re-initialize!\n"}),
+                  failure % 5 == 0);
+        EXPECT_EQ(log.has("The device TCP connection is lost!\n"), failure == 1);
+    }
+    std::ofstream("init") << good;
+    device_init_pass();
+    std::ofstream("init") << "{";
+    restart_device_init();
+    LogLines log;
+    device_init_pass();
+    EXPECT_EQ(log.count("len: 10000 ms\n"), 1);
+    world_end(&w);
+}
+
+// Restarts and period changes from other threads while passes succeed: every timer that was started was stopped.
+TEST(DeviceInit, RestartsFromOtherThreads)
+{
+    World w;
+    world_begin(&w);
+    LogLines log;
+    std::atomic<bool> done{false};
+    std::thread restarter([&] {
+        while (!done)
+            restart_device_init();
+    });
+    std::thread commander([&] {
+        for (int i = 0; !done; i++) {
+            udp_detection_period_set(100 + i % 2);
+            run_status_period_set(200 + i % 2);
+        }
+    });
+    for (int i = 0; i < 20; i++)
+        device_init_pass();
+    done = true;
+    restarter.join();
+    commander.join();
+    g_init_done = 1;
+    restart_device_init();
+    EXPECT_EQ(log.count("Start timer for 'p_timer->handler', "), log.count("Stop timer, timerid"));
+    world_end(&w);
+}
