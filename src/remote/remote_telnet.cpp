@@ -13,9 +13,9 @@
 #include "transport/conn_registry.h"
 #include "transport/field_extract.h"
 
-constexpr size_t RELAY_CAP = 10240;      // bytes of one read, with a NUL behind them
-constexpr size_t CTRL_CAP = 512;         // control message, with its NUL
-constexpr int ANSWER_TIMEOUT_MS = 5000;  // of NM, in each step of the set-up
+constexpr size_t RELAY_CAP = 10240;     // bytes of one read, with a NUL behind them
+constexpr size_t CTRL_CAP = 512;        // control message, with its NUL
+constexpr int ANSWER_TIMEOUT_MS = 5000; // of NM, in each step of the set-up
 constexpr int RELAY_WAIT_MS = 100;
 constexpr int CADENCE_MS = 5;
 constexpr uint32_t HEX_ABOVE_LEVEL = 6;

@@ -21,10 +21,11 @@ constexpr int RUNNING_PAUSE_MS = 1;
 constexpr int IDLE_PAUSE_MS = 5;
 
 static TunnelLock s_lock = {PTHREAD_MUTEX_INITIALIZER, {0}};
-static WaitBell s_bell;                  // rung when the tunnel opens
+static WaitBell s_bell;                   // rung when the tunnel opens
 static std::atomic<uint8_t> s_running{0}; // authentication sent and not stopped since; written under s_lock
 
-// Under s_lock: unprocessed bytes at the start of the receive buffer, all of the connection that was authenticated last.
+// Under s_lock: unprocessed bytes at the start of the receive buffer, all of the connection that was authenticated
+// last.
 static uint8_t s_received[RECV_CAP];
 static size_t s_received_len;
 
@@ -183,7 +184,8 @@ static int receive_turn(const SocketConn *nm)
     return 1;
 }
 
-// The receive loop on the NM side; leaves when the connection is gone or a command wants the lock, which the caller holds.
+// The receive loop on the NM side; leaves when the connection is gone or a command wants the lock, which the caller
+// holds.
 static void remote_web_data_handle_privately(void)
 {
     SocketConn nm;

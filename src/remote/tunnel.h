@@ -1,4 +1,5 @@
-// tunnel.h - half tunnels: one registered TCP connection of a tunnel type; and what both tunnels' requests have in common.
+// tunnel.h - half tunnels: one registered TCP connection of a tunnel type; and what both tunnels' requests have in
+// common.
 #pragma once
 
 #include <atomic>
@@ -32,19 +33,21 @@ struct TunnelRequest {
 // missing (logged with invalid_line). port is NM's, plus one when NM is reached over https.
 int tunnel_request_parse(const char *payload, const char *invalid_line, TunnelRequest *request);
 
-// Logs and sends the authentication text with its NUL on nm (held). Returns the send's result; -1, with nothing sent, when
-// the caller's work was cut: a handshake that was cut leaves plain text, which no token may travel in.
+// Logs and sends the authentication text with its NUL on nm (held). Returns the send's result; -1, with nothing sent,
+// when the caller's work was cut: a handshake that was cut leaves plain text, which no token may travel in.
 int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm);
 
-// One tunnel's command lock (long): whoever holds it may open, close or relay. Commands announce themselves first, so that
-// a relay or a hanging set-up lets go; the tunnel's own thread only tries. Waits made under it are called off by waiting.
+// One tunnel's command lock (long): whoever holds it may open, close or relay. Commands announce themselves first, so
+// that a relay or a hanging set-up lets go; the tunnel's own thread only tries. Waits made under it are called off by
+// waiting.
 struct TunnelLock {
     pthread_mutex_t mutex;
     std::atomic<uint32_t> waiting; // commands that want the lock
 };
 
-// For commands: announces itself, takes the lock, and has the waits of the calling thread called off by the next command.
-// 0, or -1 when the wait for the lock was cut: nothing is held then. before keeps the call-off that was in force.
+// For commands: announces itself, takes the lock, and has the waits of the calling thread called off by the next
+// command. 0, or -1 when the wait for the lock was cut: nothing is held then. before keeps the call-off that was in
+// force.
 int tunnel_lock(TunnelLock *lock, CallOff *before);
 
 // For the tunnel's own thread: the same without waiting, -1 as soon as a command holds or wants the lock.

@@ -2,8 +2,8 @@
 // web server, and the NM connection that they answer on.
 // A slot is *bound* when it belongs to a msg_id; its connection is a counted life. Slots are bound and connected by the
 // NM-side thread, ended by either side's thread, and all unbound at once when the tunnel ends; each change names the
-// connection that was tested, so that nobody ends another one's. All state is under one short lock inside; closes happen
-// outside it, by the last user. Any thread.
+// connection that was tested, so that nobody ends another one's. All state is under one short lock inside; closes
+// happen outside it, by the last user. Any thread.
 #pragma once
 
 #include <atomic>
@@ -29,8 +29,8 @@ int web_pool_is_open(void);
 // The NM connection that carried the authentication; the pool takes over the hold.
 void web_pool_nm_set(SocketConn *nm);
 
-// A held copy of it, as long as the generation lasts and it still is the registered connection: 1; else 0 and nothing to
-// drop.
+// A held copy of it, as long as the generation lasts and it still is the registered connection: 1; else 0 and nothing
+// to drop.
 int web_pool_nm_hold(uint32_t generation, SocketConn *copy);
 
 // What a slot looked like. conn is a held copy: conn_drop it whether bound or not.

@@ -12,6 +12,7 @@
 
 constexpr int RECORD_COUNT = 10;
 constexpr int SLOT_WAIT_MS = 100;
+constexpr int ROOM_WAIT_MS = 100; // for room in a device's send buffer, which a send would sleep for just as long
 constexpr int DEVICE_SEND_BUFFER_SIZE = 4096;
 constexpr int DEVICE_RECV_BUFFER_SIZE = 65536;
 
@@ -101,6 +102,7 @@ static int slot_open(int index)
 static void slot_send(int index, const WebSlot *slot, const uint8_t *bytes, uint32_t len)
 {
     SendPart part = {bytes, len};
+    (void)wait_fd(slot->conn.socket_fd, POLLOUT, ROOM_WAIT_MS);
     if (conn_send(&slot->conn, SEND_STREAM, &part, 1) < 1) {
         log_error("tcp_send failed !!!");
         web_slot_fail(index, slot->conn.life);
@@ -114,22 +116,26 @@ static int device_alive(int fd)
     return wait_fd(fd, POLLIN | POLLOUT, 0) == WAIT_TIMEOUT || tcp_check_fd(fd);
 }
 
-// The slot with a live connection in *slot (held), made anew when the device closed the last one; 0, or -1.
+// Connects the bound slot anew unless its connection is alive; *slot is held. 0; -1 when the device cannot be reached
+// (logged); 1 when the device side unbound the slot meanwhile.
 static int slot_connected(int index, WebSlot *slot)
 {
     web_slot_hold(index, slot);
     int fd = slot->conn.socket_fd;
-    if (fd > 0 && !slot->failing && !device_alive(fd)) {
-        log_info("Invalid socket or socket disconnected: socket_fd = %d!", fd);
-        web_slot_disconnect(index, slot->conn.life);
-        fd = -1;
-    }
-    if (fd > 0)
+    if (!slot->bound)
+        return 1;
+    if (fd > 0 && (slot->failing || device_alive(fd)))
         return 0;
+    if (fd > 0) {
+        log_info("Invalid socket or socket disconnected: socket_fd = %d!", fd);
+        if (!web_slot_disconnect(index, slot->conn.life))
+            return 1;
+    }
+    if (slot_open(index) != 0)
+        return -1;
     conn_drop(&slot->conn);
-    int opened = slot_open(index);
-    web_slot_hold(index, slot);
-    return opened;
+    web_slot_hold(index, slot); // a device that closed it already makes the send fail
+    return 0;
 }
 
 static void device_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t len)
@@ -142,16 +148,18 @@ static void device_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t
         log_error("len is INVALID!");
     if (!msg_id || !bytes || len == 0)
         return;
-    int index = slot_obtain(msg_id);
-    if (index < 0)
-        return;
-    WebSlot slot;
-    if (slot_connected(index, &slot) == 0) {
-        if (!slot.failing)
+    for (int tried = 1; tried > 0;) {
+        int index = slot_obtain(msg_id);
+        if (index < 0)
+            return;
+        WebSlot slot;
+        tried = slot_connected(index, &slot);
+        if (tried == 0 && !slot.failing)
             slot_send(index, &slot, bytes, len);
-        log_debug("Forwad remote-web message to device: len = %d", (int)len);
+        if (tried == 0)
+            log_debug("Forwad remote-web message to device: len = %d", (int)len);
+        conn_drop(&slot.conn);
     }
-    conn_drop(&slot.conn);
 }
 
 static void record_flush(WebRequest *record)

@@ -56,8 +56,8 @@ static void slot_finish(int index, const WebSlot *slot, const SocketConn *nm)
         log_error("The end stage: remote_web_rsp_transmit_privately failed!");
 }
 
-// Sends the next frame of what was read. A frame that NM did not take whole died with its connection; it is kept for the
-// next one.
+// Sends the next frame of what was read. A frame that NM did not take whole died with its connection; it is kept for
+// the next one.
 static void frame_send(const Responses *all, Response *response, const WebSlot *slot, const SocketConn *nm)
 {
     size_t len = response->len - response->sent;
@@ -133,8 +133,8 @@ static int nm_has_room(const SocketConn *nm, Watch *watch)
     return !watch->nm_full;
 }
 
-// One look at a slot; pass says that the idle ones are to be tested. Returns the time of the next look, unless something
-// watched comes earlier.
+// One look at a slot; pass says that the idle ones are to be tested. Returns the time of the next look, unless
+// something watched comes earlier.
 static int64_t slot_serve(const Responses *all, int index, Response *response, const WebSlot *slot,
                           const SocketConn *nm, int pass, Watch *watch)
 {
@@ -167,8 +167,8 @@ static int64_t slot_serve(const Responses *all, int index, Response *response, c
     return INT64_MAX;
 }
 
-// Looks at every slot once, then waits for the next thing to do: a frame's time, bytes of an idle slot, room in NM's send
-// buffer, the next pass.
+// Looks at every slot once, then waits for the next thing to do: a frame's time, bytes of an idle slot, room in NM's
+// send buffer, the next pass.
 static WaitResult slots_turn(Responses *all, const SocketConn *nm)
 {
     WebSlot slots[WEB_SLOT_COUNT];
