@@ -41,8 +41,7 @@ static int command(const char *action, const std::string &port)
 struct OpenTunnel {
     TunnelAgent agent;
 
-    OpenTunnel(NmEnd *nm, const std::string &device_port)
-        : agent(remote_web_init, remote_web_turn, nm->tls)
+    OpenTunnel(NmEnd *nm, const std::string &device_port) : agent(remote_web_init, remote_web_turn, nm->tls)
     {
         std::unique_ptr<PluginInfoEdit> edit(new PluginInfoEdit);
         plugin_info_edit_begin(edit.get());
@@ -80,39 +79,320 @@ static void write_all(int fd, const std::string &bytes)
     }
 }
 
-// Ten ids ask at once; each gets its answer whole and in order.
-static void download(bool tls, int ids, size_t size, int64_t *took_ms)
+// Answers every byte with as many bytes of the byte's pattern.
+static std::function<void(int)> answers_of(size_t size)
+{
+    return [size](int fd) {
+        for (std::string ask; !(ask = read_upto(fd, 1)).empty();)
+            write_all(fd, pattern(size, (unsigned char)ask[0]));
+    };
+}
+
+static void echo(int fd)
+{
+    char buf[4096];
+    for (ssize_t len; (len = recv(fd, buf, sizeof(buf), 0)) > 0;)
+        write_all(fd, std::string(buf, (size_t)len));
+}
+
+// Every id asks at once; each gets its answer whole and in order. Returns the milliseconds that it took.
+static int64_t download(bool tls, int ids, size_t size)
 {
     NmEnd nm(tls);
-    DeviceEnd device([size](int fd) {
-        std::string ask = read_upto(fd, 1);
-        write_all(fd, pattern(size, (unsigned char)ask[0]));
-        (void)read_upto(fd, 1); // until the agent closes
-    });
+    DeviceEnd device(answers_of(size));
     OpenTunnel tunnel(&nm, device.port);
     int64_t begin = wait_now_ms();
     std::string asks;
     for (int id = 0; id < ids; id++)
         asks += frame(MSG_TYPE_REQ, (uint8_t)id, std::string(1, (char)id));
-    ASSERT_TRUE(nm.send(asks));
+    EXPECT_TRUE(nm.send(asks));
     std::map<int, std::string> answers;
     for (size_t total = 0; total < size * (size_t)ids;) {
         Got got = next_frame(&nm);
-        ASSERT_EQ(MSG_TYPE_RESP, got.type);
+        EXPECT_EQ(MSG_TYPE_RESP, got.type);
+        if (got.payload.empty())
+            break;
         answers[got.id] += got.payload;
         total += got.payload.size();
     }
-    *took_ms = wait_now_ms() - begin;
+    int64_t took_ms = wait_now_ms() - begin;
     for (int id = 0; id < ids; id++)
         EXPECT_TRUE(answers[id] == pattern(size, (unsigned)id)) << id;
+    return took_ms;
 }
 
 TEST(RemoteWeb, DownloadsDoNotWaitForEachOther)
 {
-    int64_t one_ms, ten_ms, ten_tls_ms;
-    download(false, 1, 512 * 1024, &one_ms);
-    download(false, 10, 512 * 1024, &ten_ms);
-    download(true, 10, 512 * 1024, &ten_tls_ms);
-    printf("%lld %lld %lld\n", (long long)one_ms, (long long)ten_ms, (long long)ten_tls_ms);
-    EXPECT_LT(ten_ms, 2 * one_ms);
+    constexpr size_t k_size = 1024 * 1024;
+    int64_t one_ms = download(false, 1, k_size);
+    EXPECT_GE(one_ms, 900); // 103 frames at least, 10 ms apart
+    EXPECT_LT(download(false, 10, k_size), 3 * one_ms);
+    EXPECT_LT(download(true, 10, k_size), 3 * one_ms);
+}
+
+TEST(RemoteWeb, AnswerLeavesInFramesOfTheForwardLength)
+{
+    NmEnd nm;
+    DeviceEnd device(answers_of(25000));
+    OpenTunnel tunnel(&nm, device.port);
+    nm.send(frame(MSG_TYPE_REQ, 1, "a"));
+    for (size_t len : {10240, 10240, 4520}) {
+        int64_t begin = wait_now_ms();
+        Got got = next_frame(&nm);
+        EXPECT_EQ(MSG_TYPE_RESP, got.type);
+        EXPECT_EQ(len, got.payload.size());
+        EXPECT_LT(wait_now_ms() - begin, 1000);
+    }
+}
+
+// A request body goes up while the device's echo of it comes down; in frames of all sizes, many in one TLS record.
+TEST(RemoteWeb, UploadAndDownloadAtOnce)
+{
+    for (bool tls : {false, true}) {
+        NmEnd nm(tls);
+        DeviceEnd device(echo);
+        OpenTunnel tunnel(&nm, device.port);
+        std::string body = pattern(1024 * 1024, 3);
+        std::thread sender([&] {
+            static const size_t k_sizes[] = {1, 16367, 0, 100, 7000, 16366, 3};
+            std::string frames;
+            for (size_t at = 0, i = 0; at < body.size(); i++) {
+                std::string piece = body.substr(at, k_sizes[i % 7]);
+                frames += frame(MSG_TYPE_REQ, 9, piece);
+                at += piece.size();
+            }
+            EXPECT_TRUE(nm.send(frames));
+        });
+        std::string echoed;
+        for (Got got; echoed.size() < body.size() && (got = next_frame(&nm)).type == MSG_TYPE_RESP;)
+            echoed += got.payload;
+        sender.join();
+        EXPECT_TRUE(echoed == body) << echoed.size();
+        EXPECT_EQ(1, device.accepted);
+    }
+}
+
+TEST(RemoteWeb, SlowDeviceGetsEveryByteOnce)
+{
+    NmEnd nm;
+    std::string got;
+    std::atomic<bool> done{false};
+    DeviceEnd device(
+        [&](int fd) {
+            for (std::string piece; got.size() < 64 * 1024 && !(piece = read_upto(fd, 512)).empty(); usleep(10000))
+                got += piece;
+            done = true;
+        },
+        8192);
+    OpenTunnel tunnel(&nm, device.port);
+    std::string body = pattern(64 * 1024, 4);
+    for (size_t at = 0; at < body.size(); at += 8192)
+        nm.send(frame(MSG_TYPE_REQ, 1, body.substr(at, 8192)));
+    EXPECT_TRUE(holds_soon([&] { return done.load(); }));
+    EXPECT_TRUE(got == body);
+    EXPECT_EQ(1, device.accepted);
+}
+
+TEST(RemoteWeb, FramesCutAtEveryByte)
+{
+    for (bool tls : {false, true}) {
+        NmEnd nm(tls);
+        DeviceEnd device(echo);
+        OpenTunnel tunnel(&nm, device.port);
+        std::string script = frame(MSG_TYPE_REQ, 1, "ab") + frame(99, 1, "??") + frame(MSG_TYPE_REQ, 1, "cd");
+        for (size_t cut = 1; cut < script.size(); cut++) {
+            SCOPED_TRACE(cut);
+            nm.send(script.substr(0, cut));
+            usleep(1000); // mostly two reads
+            nm.send(script.substr(cut));
+            std::string echoed;
+            while (echoed.size() < 4) {
+                Got got = next_frame(&nm);
+                ASSERT_EQ(MSG_TYPE_RESP, got.type);
+                echoed += got.payload;
+            }
+            EXPECT_EQ("abcd", echoed);
+        }
+    }
+}
+
+// A frame that can never be complete wedges its tunnel, at a few lines a second; a stop still works.
+TEST(RemoteWeb, LyingLengths)
+{
+    for (uint32_t length : {16368u, 0xFFFFFFFFu}) {
+        NmEnd nm;
+        DeviceEnd device(echo);
+        OpenTunnel tunnel(&nm, device.port);
+        std::string lie = frame(MSG_TYPE_REQ, 1, std::string(20000, 'x'));
+        be32_put(&lie[4], length);
+        std::string log = log_of([&] {
+            nm.send(lie);
+            usleep(300000);
+        });
+        size_t lines = 0;
+        for (size_t at = 0; (at = log.find("len: 0!", at)) != std::string::npos; at++)
+            lines++;
+        EXPECT_GE(lines, 1u);
+        EXPECT_LE(lines, 40u);
+        EXPECT_EQ(0, device.accepted);
+    }
+}
+
+TEST(RemoteWeb, EitherSideEndsAnId)
+{
+    NmEnd nm;
+    std::atomic<int> closed{0};
+    DeviceEnd device([&](int fd) {
+        std::string ask = read_upto(fd, 1);
+        if (ask == "q") { // answers and closes
+            write_all(fd, pattern(30000, 1));
+            return;
+        }
+        EXPECT_EQ("", read_upto(fd, 1));
+        closed++;
+    });
+    OpenTunnel tunnel(&nm, device.port);
+    nm.send(frame(MSG_TYPE_REQ, 1, "q"));
+    std::string answer;
+    Got got;
+    while ((got = next_frame(&nm)).type == MSG_TYPE_RESP)
+        answer += got.payload;
+    EXPECT_TRUE(answer == pattern(30000, 1));
+    EXPECT_EQ(MSG_TYPE_DEV_DESTROY, got.type);
+    EXPECT_EQ(1, got.id);
+    EXPECT_EQ("", got.payload);
+
+    nm.send(frame(MSG_TYPE_REQ, 2, "s") + frame(MSG_TYPE_WEB_DESTROY, 2, ""));
+    EXPECT_TRUE(holds_soon([&] { return closed == 1; }));
+    EXPECT_EQ(0xFF, next_frame(&nm, 50).type); // the device's end of id 2 is no news to NM
+}
+
+// Ten idle ids hold all slots; the eleventh waits until one is free, and a destroy ahead of it counts.
+TEST(RemoteWeb, EleventhId)
+{
+    NmEnd nm;
+    DeviceEnd device(echo);
+    OpenTunnel tunnel(&nm, device.port);
+    for (int id = 1; id <= 10; id++) {
+        nm.send(frame(MSG_TYPE_REQ, (uint8_t)id, "a"));
+        EXPECT_EQ(id, next_frame(&nm).id);
+    }
+    nm.send(frame(MSG_TYPE_WEB_DESTROY, 1, "") + frame(MSG_TYPE_REQ, 11, "b"));
+    EXPECT_EQ(11, next_frame(&nm).id);
+    // The same with a request of the destroyed id still held.
+    nm.send(frame(MSG_TYPE_REQ, 2, "c") + frame(MSG_TYPE_WEB_DESTROY, 2, "") + frame(MSG_TYPE_REQ, 12, "d"));
+    Got got;
+    do
+        got = next_frame(&nm);
+    while (got.id == 2);
+    EXPECT_EQ(12, got.id);
+    EXPECT_EQ("d", got.payload);
+}
+
+TEST(RemoteWeb, DeviceServerGone)
+{
+    NmEnd nm;
+    std::string port;
+    close(listen_socket(&port));
+    OpenTunnel tunnel(&nm, port);
+    std::string log = log_of([&] {
+        nm.send(frame(MSG_TYPE_REQ, 1, "a"));
+        usleep(200000);
+    });
+    expect_in_order(log, {"Create connection to IP: 127.0.0.1, Port: " + port + " failed!",
+                          "Invalid socket: dev_socket_fd = -1!", "Invalid socket: dev_socket_fd = -1!"});
+    nm.send(frame(MSG_TYPE_WEB_DESTROY, 1, ""));
+}
+
+TEST(RemoteWeb, SecondStartTakesTheSlotsAlong)
+{
+    NmEnd nm;
+    DeviceEnd device(answers_of(200 * 1024));
+    OpenTunnel tunnel(&nm, device.port);
+    nm.send(frame(MSG_TYPE_REQ, 5, "z"));
+    Got got = next_frame(&nm);
+    size_t seen = got.payload.size();
+    OpenTunnel::start(&nm); // frames may have died with the old connection, none comes in pieces or twice
+    std::string expected = pattern(200 * 1024, 'z');
+    for (size_t at = 0; at != expected.size();) {
+        got = next_frame(&nm);
+        ASSERT_EQ(MSG_TYPE_RESP, got.type);
+        at = expected.find(got.payload, seen);
+        ASSERT_NE(std::string::npos, at);
+        at += got.payload.size();
+        seen = at;
+    }
+}
+
+// Nothing is left behind by tunnels and ids that come and go, whoever ends them.
+TEST(RemoteWeb, CyclesLeaveNothing)
+{
+    NmEnd nm;
+    DeviceEnd device(echo);
+    std::unique_ptr<OpenTunnel> tunnel(new OpenTunnel(&nm, device.port));
+    EXPECT_EQ(0, command("stop", "1"));
+    EXPECT_TRUE(holds_soon([] { return !remote_web_device_thread_running(); }));
+    nm.drop();
+    int descriptors = open_descriptors();
+    int threads = count_threads();
+    for (int cycle = 0; cycle < 100; cycle++) {
+        OpenTunnel::start(&nm);
+        std::string frames;
+        for (int id = 0; id < 10; id++)
+            frames +=
+                frame(MSG_TYPE_REQ, (uint8_t)id, "x") + (id % 2 ? frame(MSG_TYPE_WEB_DESTROY, (uint8_t)id, "") : "");
+        nm.send(frames);
+        if (cycle % 3 != 0)
+            (void)next_frame(&nm);
+        if (cycle % 2 == 0) {
+            EXPECT_EQ(0, command("stop", "1"));
+        } else {
+            nm.drop();
+            EXPECT_TRUE(holds_soon([] { return !conn_is_connected(REMOTE_WEB_SERVER); }));
+        }
+    }
+    nm.drop();
+    EXPECT_TRUE(holds_soon([&] { return open_descriptors() == descriptors && count_threads() == threads; }))
+        << open_descriptors() << " of " << descriptors << ", " << count_threads() << " of " << threads;
+}
+
+// NM accepts and then says nothing while the handshake waits for it: a stop gets through, and no token went out.
+TEST(RemoteWeb, StopDuringAHangingStart)
+{
+    NmEnd nm(true);
+    TunnelAgent agent(remote_web_init, remote_web_turn, true);
+    std::thread starter([&] { EXPECT_EQ(-1, command("start", nm.port)); });
+    int fd = accept(nm.listener, nullptr, nullptr);
+    ASSERT_TRUE(readable_within(fd, 5000)); // its ClientHello
+    int64_t begin = wait_now_ms();
+    EXPECT_EQ(0, command("stop", "1"));
+    EXPECT_LT(wait_now_ms() - begin, 1000);
+    starter.join();
+    EXPECT_EQ(std::string::npos, read_upto(fd, 100000).find("TOK"));
+    close(fd);
+    EXPECT_TRUE(holds_soon([] { return !remote_web_device_thread_running(); }));
+}
+
+TEST(RemoteWeb, ProcessStopsUnderABusyTunnel)
+{
+    NmEnd nm;
+    DeviceEnd device([](int fd) {
+        (void)read_upto(fd, 1);
+        write_all(fd, std::string(8 << 20, 'x'));
+    });
+    int64_t begin;
+    {
+        OpenTunnel tunnel(&nm, device.port);
+        for (int id = 0; id < 10; id++)
+            nm.send(frame(MSG_TYPE_REQ, (uint8_t)id, "a"));
+        EXPECT_EQ(MSG_TYPE_RESP, next_frame(&nm).type);
+        begin = wait_now_ms(); // NM reads no more
+        stop_request(15);
+        g_exit_flag = 1;
+        EXPECT_TRUE(holds_soon([] { return !remote_web_device_thread_running(); }));
+        tunnel.agent.thread.join();
+        EXPECT_LT(wait_now_ms() - begin, 1000);
+        stop_reset_for_test();
+        tunnel.agent.thread = std::thread([] {});
+    }
 }

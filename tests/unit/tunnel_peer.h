@@ -49,7 +49,7 @@ struct NmEnd {
     {
         listener = listen_socket(&port);
         if (tls) {
-            peer = tls_peer_new();
+            peer = tls_peer_new(1024); // quickly made
             port = std::to_string(std::stoi(port) - 1); // over https the agent adds one
         }
     }
@@ -101,7 +101,8 @@ struct NmEnd {
             const char *rest = bytes.data() + sent;
             size_t len = bytes.size() - sent;
             int count = call([&] {
-                return tls ? SSL_write(peer.ssl, rest, (int)len) : (int)::send(fd, rest, len, MSG_DONTWAIT | MSG_NOSIGNAL);
+                return tls ? SSL_write(peer.ssl, rest, (int)len)
+                           : (int)::send(fd, rest, len, MSG_DONTWAIT | MSG_NOSIGNAL);
             });
             if (count > 0) {
                 sent += (size_t)count;
@@ -180,7 +181,10 @@ struct TunnelAgent {
     {
         start_process_once();
         plugin_info_reset_for_test();
-        if (getenv("DBG")) { g_log_std = 1; g_log_level = atoi(getenv("DBG")); }
+        if (getenv("DBG")) {
+            g_log_std = 1;
+            g_log_level = atoi(getenv("DBG"));
+        }
         init();
         std::unique_ptr<PluginInfoEdit> edit(new PluginInfoEdit);
         plugin_info_edit_begin(edit.get());
@@ -209,7 +213,8 @@ inline std::string tunnel_command(const char *action, const std::string &port)
            "\",\"host\":\"127.0.0.1\",\"port\":" + port + ",\"token\":\"TOK\",\"key\":7,\"sessionid\":\"S1\"}}";
 }
 
-constexpr char k_tunnel_auth[] = "{\"ver\":\"0.1\",\"deviceSn\":\"SN1\",\"token\":\"TOK\",\"key\":7,\"sessionid\":\"S1\"}";
+constexpr char k_tunnel_auth[] =
+    "{\"ver\":\"0.1\",\"deviceSn\":\"SN1\",\"token\":\"TOK\",\"key\":7,\"sessionid\":\"S1\"}";
 
 inline std::string auth_bytes()
 {
