@@ -9,16 +9,12 @@
 #include "transport/conn_registry.h"
 #include "transport/nm_sign.h"
 
-static void identity_set(const char *nm_port)
+static void identity_set(const std::string &nm_port)
 {
+    nm_set(nm_port);
     PluginInfoEdit edit;
     plugin_info_edit_begin(&edit);
     PluginInfo *next = &edit.next;
-    plugin_info_edit_text(&edit, next->nm_method, "http");
-    plugin_info_edit_text(&edit, next->nm_ip, "127.0.0.1");
-    plugin_info_edit_text(&edit, next->nm_port, nm_port);
-    plugin_info_edit_text(&edit, next->dev_sn, "A1");
-    plugin_info_edit_text(&edit, next->ptype, "7");
     plugin_info_edit_text(&edit, next->category, "3");
     plugin_info_edit_text(&edit, next->pname, "box");
     plugin_info_edit_text(&edit, next->pversion, "2.0");
@@ -26,9 +22,11 @@ static void identity_set(const char *nm_port)
     plugin_info_edit_text(&edit, next->local_ip, "127.0.0.1");
     plugin_info_edit_text(&edit, next->platform_name, "pl");
     plugin_info_edit_text(&edit, next->factory_name, "fa");
-    plugin_info_edit_text(&edit, next->protocol_version, "1.3");
+    plugin_info_edit_text(&edit, next->udp_detection.remote_ip, "0");
+    plugin_info_edit_text(&edit, next->udp_detection.remote_port, "0");
+    next->nm_redirected = 0;
+    plugin_info_edit_mark(&edit, &next->nm_redirected, sizeof(next->nm_redirected));
     plugin_info_edit_commit(&edit);
-    nm_sign_init();
 }
 
 static PluginInfo info_now()
@@ -45,43 +43,24 @@ static std::string cause_now()
     return cause;
 }
 
-// Answers one request with a 200 and this body.
-static std::function<void(int)> answering(const std::string &body, std::string *request = nullptr)
-{
-    return [=](int listener) {
-        int fd = peer_accept(listener);
-        std::string got = peer_read_request(fd);
-        if (request)
-            *request = got;
-        peer_send(fd, "HTTP/1.1 200 OK\r\n\r\n" + body);
-        close(fd);
-    };
-}
-
-// The request that NM gets for body on this port.
-static std::string request_text(const char *path, const std::string &port, const std::string &body)
-{
-    return std::string("POST ") + path + " HTTP/1.1\r\nHOST: 127.0.0.1:" + port +
-           "\r\nAccept:\r\nContent-Type: application/json\r\nsecretKey: b7c2bef02ff598441ae8d05209dca008\r\n"
-           "pver: 1.3\r\ndeviceSn: A1\r\nptype: 7\r\nContent-Length: " +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
-}
+static const std::string k_ok = "HTTP/1.1 200 OK\r\n\r\n";
 
 TEST(activation, identity_is_posted_byte_for_byte)
 {
     LogLines log;
     std::string request, port;
     {
-        Peer nm(answering(R"({"status":200,"result":{"host":"localhost","port":5000}})", &request));
+        Peer nm(answering({k_ok + R"({"status":200,"result":{"host":"localhost","port":5000}})"}, &request));
         port = nm.port;
-        identity_set(nm.port.c_str());
+        identity_set(nm.port);
         EXPECT_EQ(0, device_activate());
     }
-    EXPECT_EQ(request_text("/dev-api/A1/active", port,
-                           "{\n\t\"deviceSn\":\"A1\",\n\t\"ptype\":\"7\",\n\t\"category\":\"3\",\n\t\"pname\":\"box\","
-                           "\n\t\"pversion\":\"2.0\",\n\t\"mac\":\"00:aa\",\n\t\"localIp\":\"127.0.0.1\","
-                           "\n\t\"platformName\":\"pl\",\n\t\"factoryName\":\"fa\",\n\t\"ver\":\"1.3\"\n}"),
-              request);
+    EXPECT_EQ(
+        nm_request_text("/dev-api/A1/active", port,
+                        "{\n\t\"deviceSn\":\"A1\",\n\t\"ptype\":\"7\",\n\t\"category\":\"3\",\n\t\"pname\":\"box\","
+                        "\n\t\"pversion\":\"2.0\",\n\t\"mac\":\"00:aa\",\n\t\"localIp\":\"127.0.0.1\","
+                        "\n\t\"platformName\":\"pl\",\n\t\"factoryName\":\"fa\",\n\t\"ver\":\"1.3\"\n}"),
+        request);
     EXPECT_TRUE(log.has("[INF] Activate device: A1 successfully!"));
 }
 
@@ -118,14 +97,9 @@ TEST(activation, answers)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.answer);
         LogLines log;
-        Peer nm(answering(row.answer));
-        identity_set(nm.port.c_str());
+        Peer nm(answering({k_ok + row.answer}));
+        identity_set(nm.port);
         set_dma_cause("old");
-        PluginInfoEdit edit;
-        plugin_info_edit_begin(&edit);
-        plugin_info_edit_text(&edit, edit.next.udp_detection.remote_ip, "0");
-        plugin_info_edit_text(&edit, edit.next.udp_detection.remote_port, "0");
-        plugin_info_edit_commit(&edit);
 
         EXPECT_EQ(row.result == 0, device_activate() == 0);
         EXPECT_EQ(row.cause, cause_now());
@@ -177,11 +151,6 @@ TEST(activation, redirections)
         EXPECT_EQ(row.redirected, info.nm_redirected);
         EXPECT_EQ(row.redirected, log.count(std::string("[INF] Will redirect to the new NMS: ") + info.nm_ip));
         EXPECT_TRUE(log.has("[WRN] The device TCP connection is lost!"));
-        PluginInfoEdit edit;
-        plugin_info_edit_begin(&edit);
-        edit.next.nm_redirected = 0;
-        plugin_info_edit_mark(&edit, &edit.next.nm_redirected, sizeof(edit.next.nm_redirected));
-        plugin_info_edit_commit(&edit);
     }
 }
 
@@ -195,7 +164,7 @@ TEST(activation, the_device_is_told_of_a_redirection)
     {
         Peer device([&](int listener) {
             int fd = peer_accept(listener);
-            frames = peer_read(fd, 4 + small.size() + 4 + cut.size());
+            frames = read_upto(fd, 4 + small.size() + 4 + cut.size());
             close(fd);
         });
         identity_set("80");
@@ -225,12 +194,12 @@ TEST(activation, handshake)
         LogLines log;
         std::string request, port;
         {
-            Peer nm(answering(row.answer, &request));
+            Peer nm(answering({k_ok + row.answer}, &request));
             port = nm.port;
-            identity_set(nm.port.c_str());
+            identity_set(nm.port);
             handshake_send();
         }
-        EXPECT_EQ(request_text("/dev-api/A1/handshake", port, "{\n\"ver\":\"1.3\"\n}"), request);
+        EXPECT_EQ(nm_request_text("/dev-api/A1/handshake", port, "{\n\"ver\":\"1.3\"\n}"), request);
         EXPECT_TRUE(log.has("[DBG] Sending handshake req..."));
         EXPECT_TRUE(log.has("[INF] Receive command: "));
         EXPECT_TRUE(log.has(row.line));

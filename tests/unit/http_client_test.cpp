@@ -12,35 +12,6 @@
 
 static const char k_ok[] = "HTTP/1.1 200 OK\r\n\r\n";
 
-static void nm_set(const char *method, const char *port)
-{
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
-    plugin_info_edit_text(&edit, edit.next.nm_method, method);
-    plugin_info_edit_text(&edit, edit.next.nm_ip, "127.0.0.1");
-    plugin_info_edit_text(&edit, edit.next.nm_port, port);
-    plugin_info_edit_text(&edit, edit.next.dev_sn, "A1");
-    plugin_info_edit_text(&edit, edit.next.protocol_version, "1.3");
-    plugin_info_edit_text(&edit, edit.next.ptype, "7");
-    plugin_info_edit_commit(&edit);
-    nm_sign_init();
-}
-
-// Accepts once and answers one request after the other with the texts given; "" closes.
-static std::function<void(int)> answering(std::vector<std::string> answers, std::string *requests = nullptr)
-{
-    return [=](int listener) {
-        int fd = peer_accept(listener);
-        for (const std::string &answer : answers) {
-            std::string request = peer_read_request(fd);
-            if (requests)
-                *requests += request;
-            peer_send(fd, answer);
-        }
-        close(fd);
-    };
-}
-
 TEST(http_client, request_text_is_built_byte_for_byte)
 {
     static const char headers[2][HTTP_HEADER_SLOT_SIZE] = {"secretKey: ab", "pver: 1.3"};
@@ -176,7 +147,7 @@ TEST(http_client, failed_connect_is_logged)
 {
     LogLines log;
     char rsp[64] = {};
-    nm_set("http", "1"); // nobody listens there
+    nm_set("1"); // nobody listens there
     EXPECT_EQ(-1, http_post_nm("/x", "{}", rsp, sizeof(rsp)));
     EXPECT_EQ(-1, http_request("no-such-host.invalid", "1", "/x", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
     EXPECT_EQ(2, log.count("[ERR] http_tcpclient_create failed!"));
@@ -196,7 +167,7 @@ TEST(http_client, a_stop_ends_the_wait_without_a_word)
             done.get_future().wait();
             close(fd);
         });
-        nm_set("http", peer.port.c_str());
+        nm_set(peer.port);
         char rsp[64] = {};
         EXPECT_EQ(-1, kept ? http_post_nm("/x", "{}", rsp, sizeof(rsp)) : nm_http_post("/x", "{}", rsp, sizeof(rsp)));
         EXPECT_FALSE(log.has("select")) << kept;
@@ -209,24 +180,21 @@ TEST(http_client, a_stop_ends_the_wait_without_a_word)
 TEST(http_client, posts_share_one_connection)
 {
     LogLines log;
-    std::string requests;
-    std::string one_post = "HTTP/1.1\r\nHOST: 127.0.0.1:%s\r\nAccept:\r\nContent-Type: application/json\r\n"
-                           "secretKey: b7c2bef02ff598441ae8d05209dca008\r\npver: 1.3\r\ndeviceSn: A1\r\nptype: 7\r\n"
-                           "Content-Length: 9\r\n\r\n{\n\t\"a\":1}";
-    char rsp[512] = {};
-    std::string port;
+    std::string requests, port;
+    const char body[] = "{\n\t\"a\":1}";
     {
-        Peer peer(answering({k_ok + std::string("{\"n\":1}"), k_ok, "HTTP/1.1 404 ?\r\n\r\n"}, &requests));
-        port = peer.port;
-        nm_set("http", peer.port.c_str());
-        EXPECT_EQ(7, http_post_nm("/1", "{\n\t\"a\":1}", rsp, sizeof(rsp)));
+        Peer nm(answering({k_ok + std::string("{\"n\":1}"), k_ok, "HTTP/1.1 404 ?\r\n\r\n"}, &requests));
+        port = nm.port;
+        nm_set(port);
+        char rsp[512] = {};
+        EXPECT_EQ(7, http_post_nm("/1", body, rsp, sizeof(rsp)));
         EXPECT_STREQ("{\"n\":1}", rsp);
-        EXPECT_EQ(0, http_post_nm("/2", "{\n\t\"a\":1}", rsp, sizeof(rsp)));
+        EXPECT_EQ(0, http_post_nm("/2", body, rsp, sizeof(rsp)));
         EXPECT_STREQ("", rsp);
-        EXPECT_EQ(-1, http_post_nm("/3", "{\n\t\"a\":1}", rsp, sizeof(rsp)));
+        EXPECT_EQ(-1, http_post_nm("/3", body, rsp, sizeof(rsp)));
     }
-    one_post.replace(one_post.find("%s"), 2, port);
-    EXPECT_EQ("POST /1 " + one_post + "POST /2 " + one_post + "POST /3 " + one_post, requests);
+    EXPECT_EQ(nm_request_text("/1", port, body) + nm_request_text("/2", port, body) + nm_request_text("/3", port, body),
+              requests);
     EXPECT_EQ(1, log.count("Connection type: HTTP(2) has been added"));
     EXPECT_TRUE(log.has("[DBG] Post HTTP nm message over IP: 0.0.0.0\nPOST /1 HTTP/1.1\r\n"));
     EXPECT_STREQ("", conn_info_get(HTTP).conn.remote_ip);
@@ -261,7 +229,7 @@ TEST(http_client, leftovers_never_become_the_next_answer)
             peer_send(fd, k_ok + std::string("{\"right\":1}"));
             close(fd);
         });
-        nm_set("http", peer.port.c_str());
+        nm_set(peer.port);
         char rsp[512] = {};
         EXPECT_EQ(row.first, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
         EXPECT_EQ(row.first < 0, log.has("[WRN] select timeout!"));
@@ -284,13 +252,13 @@ TEST(http_client, a_useless_connection_is_replaced)
             peer_read_request(fd);
             peer_send(fd, k_ok + std::string(answer));
             if (answer[5] == '3')
-                peer_read(fd, 1); // until the other side closes
+                read_upto(fd, 1); // until the other side closes
             close(fd);
             if (answer[5] == '1')
                 closed.set_value();
         }
     });
-    nm_set("http", first.port.c_str());
+    nm_set(first.port);
     EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
     closed.get_future().wait();
     EXPECT_EQ(7, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
@@ -300,7 +268,57 @@ TEST(http_client, a_useless_connection_is_replaced)
     EXPECT_STREQ("{\"n\":3}", rsp);
 
     Peer second(answering({k_ok + std::string("{\"new\":1}")}));
-    nm_set("http", second.port.c_str());
+    nm_set(second.port);
     EXPECT_EQ(9, http_post_nm("/4", "{}", rsp, sizeof(rsp)));
     EXPECT_STREQ("{\"new\":1}", rsp);
+}
+
+static std::string tls_read_request(TlsPeer *tls)
+{
+    std::string all;
+    char chunk[4096];
+    for (int got; all.find("\r\n\r\n{}") == std::string::npos; all.append(chunk, (size_t)got)) {
+        got = SSL_read(tls->ssl, chunk, sizeof(chunk));
+        if (got <= 0)
+            break;
+    }
+    return all;
+}
+
+TEST(http_client, over_tls_one_record_is_one_answer)
+{
+    LogLines log;
+    start_process_once();
+    std::string requests;
+    char rsp[512] = {};
+    {
+        Peer nm([&](int listener) {
+            TlsPeer tls = tls_peer_new();
+            ASSERT_TRUE(tls_peer_accept(&tls, listener)); // the kept connection
+            requests += tls_read_request(&tls);
+            std::string record = tls_peer_record(&tls, k_ok + std::string("{\"n\":1}"));
+            peer_send(tls.fd, record.substr(0, 9));
+            usleep(50000); // the client waits for the rest of the record
+            peer_send(tls.fd, record.substr(9) + tls_peer_record(&tls, "{\"leftover\":1}"));
+            requests += tls_read_request(&tls);
+            peer_send(tls.fd, tls_peer_record(&tls, k_ok + std::string("{\"n\":2}")));
+            tls_peer_free(&tls);
+
+            tls = tls_peer_new();
+            ASSERT_TRUE(tls_peer_accept(&tls, listener));
+            requests += tls_read_request(&tls);
+            peer_send(tls.fd, tls_peer_record(&tls, k_ok));
+            tls_peer_free(&tls);
+        });
+        nm_set(nm.port, "HTTPS");
+        EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
+        EXPECT_STREQ("{\"n\":1}", rsp);
+        EXPECT_EQ(7, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
+        EXPECT_STREQ("{\"n\":2}", rsp);
+        EXPECT_EQ(0, nm_http_post("/3", "{}", rsp, sizeof(rsp)));
+        EXPECT_EQ(nm_request_text("/1", nm.port, "{}"), requests.substr(0, requests.find("POST /2")));
+    }
+    std::string lines = log.text();
+    expect_in_order(lines.substr(lines.find("POST /2")),
+                    {"SSL init success!", "[INF] Sending HTTP request over IP: ", "SSL deinit success!"});
 }

@@ -1,33 +1,22 @@
-// peer.h - a TCP peer on 127.0.0.1 that plays a script on a thread of its own. Every wait ends after 20 s, so that a
-// failing test does not hang.
+// peer.h - a TCP peer on 127.0.0.1 that plays a script on a thread of its own; NM played by it, for the device A1.
 #pragma once
 
-#include <arpa/inet.h>
 #include <functional>
-#include <netinet/in.h>
-#include <poll.h>
 #include <stdlib.h>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
+
+#include "net_peer.h"
+#include "transport/nm_sign.h"
 
 struct Peer {
-    int listener;
     std::string port;
+    int listener;
     std::thread thread;
 
     explicit Peer(std::function<void(int listener)> script)
     {
-        listener = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(address);
-        if (bind(listener, (sockaddr *)&address, len) != 0 || listen(listener, 8) != 0 ||
-            getsockname(listener, (sockaddr *)&address, &len) != 0)
-            abort();
-        port = std::to_string(ntohs(address.sin_port));
+        listener = listen_socket(&port);
         thread = std::thread(script, listener);
     }
     ~Peer()
@@ -39,24 +28,7 @@ struct Peer {
 
 inline int peer_accept(int listener)
 {
-    pollfd waiting = {listener, POLLIN, 0};
-    return poll(&waiting, 1, 20000) > 0 ? accept(listener, nullptr, nullptr) : -1;
-}
-
-// Reads until wanted bytes are there or the other side ends.
-inline std::string peer_read(int fd, size_t wanted)
-{
-    std::string all;
-    char chunk[65536];
-    while (all.size() < wanted) {
-        pollfd waiting = {fd, POLLIN, 0};
-        size_t room = wanted - all.size() < sizeof(chunk) ? wanted - all.size() : sizeof(chunk);
-        ssize_t got = poll(&waiting, 1, 20000) > 0 ? recv(fd, chunk, room, 0) : -1;
-        if (got <= 0)
-            break;
-        all.append(chunk, (size_t)got);
-    }
-    return all;
+    return readable_within(listener, 20000) ? accept(listener, nullptr, nullptr) : -1;
 }
 
 // One HTTP request: its head and as many bytes as its Content-Length says.
@@ -64,21 +36,56 @@ inline std::string peer_read_request(int fd)
 {
     std::string all;
     while (all.find("\r\n\r\n") == std::string::npos) {
-        std::string byte = peer_read(fd, 1);
+        std::string byte = read_upto(fd, 1);
         if (byte.empty())
             return all;
         all += byte;
     }
     size_t length = all.find("Content-Length: ");
-    return length == std::string::npos ? all : all + peer_read(fd, strtoul(all.c_str() + length + 16, nullptr, 10));
+    return length == std::string::npos ? all : all + read_upto(fd, strtoul(all.c_str() + length + 16, nullptr, 10));
 }
 
 inline void peer_send(int fd, const std::string &text)
 {
-    for (size_t sent = 0; sent < text.size();) {
-        ssize_t got = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (got <= 0)
-            return;
-        sent += (size_t)got;
-    }
+    EXPECT_EQ((ssize_t)text.size(), send(fd, text.data(), text.size(), MSG_NOSIGNAL));
+}
+
+// Accepts once and answers one request after the other with the texts given, then closes.
+inline std::function<void(int)> answering(std::vector<std::string> answers, std::string *requests = nullptr)
+{
+    return [=](int listener) {
+        int fd = peer_accept(listener);
+        for (const std::string &answer : answers) {
+            std::string request = peer_read_request(fd);
+            if (requests)
+                *requests += request;
+            peer_send(fd, answer);
+        }
+        close(fd);
+    };
+}
+
+// The device A1 and its NM on this port of 127.0.0.1, as after an init cfg.
+inline void nm_set(const std::string &port, const char *method = "http")
+{
+    PluginInfoEdit edit;
+    plugin_info_edit_begin(&edit);
+    PluginInfo *next = &edit.next;
+    plugin_info_edit_text(&edit, next->nm_method, method);
+    plugin_info_edit_text(&edit, next->nm_ip, "127.0.0.1");
+    plugin_info_edit_text(&edit, next->nm_port, port.c_str());
+    plugin_info_edit_text(&edit, next->dev_sn, "A1");
+    plugin_info_edit_text(&edit, next->ptype, "7");
+    plugin_info_edit_text(&edit, next->protocol_version, "1.3");
+    plugin_info_edit_commit(&edit);
+    nm_sign_init();
+}
+
+// What NM on that port then receives, to the byte.
+inline std::string nm_request_text(const char *path, const std::string &port, const std::string &body)
+{
+    return std::string("POST ") + path + " HTTP/1.1\r\nHOST: 127.0.0.1:" + port +
+           "\r\nAccept:\r\nContent-Type: application/json\r\nsecretKey: b7c2bef02ff598441ae8d05209dca008\r\n"
+           "pver: 1.3\r\ndeviceSn: A1\r\nptype: 7\r\nContent-Length: " +
+           std::to_string(body.size()) + "\r\n\r\n" + body;
 }
