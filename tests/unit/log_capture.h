@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <initializer_list>
 #include <stdio.h>
+#include <string.h>
 #include <string>
 
 #include "runtime/plugin_info.h"
@@ -66,5 +68,17 @@ struct LogLines {
     bool has(const std::string &wanted)
     {
         return text().find(wanted) != std::string::npos;
+    }
+    // All of them, in this order.
+    bool has_in_order(std::initializer_list<const char *> wanted)
+    {
+        size_t at = 0;
+        for (const char *one : wanted) {
+            at = text().find(one, at);
+            if (at == std::string::npos)
+                return false;
+            at += strlen(one);
+        }
+        return true;
     }
 };
