@@ -1,6 +1,8 @@
 // From the cold start to the online state, over every road that NM can send the agent on.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <csignal>
 
 #include "harness.h"
@@ -94,4 +96,57 @@ TEST(BringUp, RedirectedToAnotherNmOverTls)
     EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
     EXPECT_EQ(stage_wrong(stage) + nm_sim_wrong(second), "");
     nm_sim_stop(second);
+}
+
+// A changed identity restarts the bring-up; other changes are taken over without one.
+TEST(BringUp, InitCfgChanged)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, false));
+    device_cfg_set(&stage.cfg, "max_size", "512");
+    stage_write(stage);
+    ASSERT_TRUE(device_sim_send(stage.device, "{\"type\":\"init-cfg-changed\"}"));
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "max_log_file_size: 524288"));
+    EXPECT_EQ(nm_sim_count(stage.nm, "active"), 1);
+
+    device_cfg_set_text(&stage.cfg, "pversion", "2.5.0");
+    stage_write(stage);
+    ASSERT_TRUE(device_sim_send(stage.device, "{\"type\":\"init-cfg-changed\"}"));
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "active", 2, k_wait_ms));
+    EXPECT_TRUE(has(nm_sim_request(stage.nm, "active", 1).body, "\"pversion\":\"2.5.0\""));
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
+// Nothing can be done without the init cfg: the process says so and ends with 0.
+TEST(BringUp, MissingInitCfgEndsTheProcess)
+{
+    Stage stage;
+    stage_prepare(&stage, false);
+    stage_write(stage);
+    ASSERT_EQ(unlink((stage.agent.dir + "/init").c_str()), 0);
+    ASSERT_TRUE(agent_start(&stage.agent));
+    EXPECT_EQ(agent_wait_exit(&stage.agent), 0);
+    EXPECT_TRUE(agent_has_log(stage.agent, "SIG: 0 is received, ready to exit!"));
+    EXPECT_FALSE(agent_has_log(stage.agent, "thread started."));
+}
+
+// The device's agent comes up late, goes away and returns: the agent finds it each time.
+TEST(BringUp, DeviceAgentComesLateAndRestarts)
+{
+    Stage stage;
+    stage_prepare(&stage, false);
+    device_sim_absent(stage.device);
+    stage_write(stage);
+    ASSERT_TRUE(agent_start(&stage.agent));
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "Init config failed, re-initialize!"));
+    ASSERT_TRUE(device_sim_return(stage.device));
+    ASSERT_TRUE(stage_wait_online(&stage));
+    ASSERT_TRUE(stage_fast_heartbeat(&stage));
+    device_sim_absent(stage.device);
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "Device TCP connection lost! Re-initialize device..."));
+    ASSERT_TRUE(device_sim_return(stage.device));
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "active", 2, k_wait_ms));
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
 }

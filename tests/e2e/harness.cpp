@@ -291,6 +291,11 @@ static void remove_dir(const std::string &path)
 Stage::~Stage()
 {
     agent_stop(&agent, SIGKILL);
+    for (const char *report : {"ThreadSanitizer", "AddressSanitizer", "runtime error:"}) {
+        if (agent_has_log(agent, report)) {
+            ADD_FAILURE() << "a sanitizer has spoken: " << report;
+        }
+    }
     if (testing::Test::HasFailure() && agent.console) {
         const std::string output = agent_output(agent);
         fprintf(stderr, "--- the agent's console ends so:\n%s\n--- found wrong:\n%s---\n",

@@ -57,6 +57,47 @@ TEST(Heartbeat, SurvivesEveryWrongAnswer)
     EXPECT_EQ(stage_wrong(stage), "");
 }
 
+struct DatagramCase {
+    const char *name;
+    NmFaultKind kind;
+    int delay_ms;
+    const char *text;
+    bool missed; // goes over HTTP as well
+};
+
+static const DatagramCase k_datagrams[] = {
+    {"other case", NM_FAULT_WORD, 0, "active", false},
+    {"late, yet in time", NM_FAULT_WORD, 300, "ACTIVE", false},
+    {"trailing newline", NM_FAULT_WORD, 0, "ACTIVE\n", true},
+    {"longer word", NM_FAULT_WORD, 0, "ACTIVES", true},
+    {"127 bytes and more", NM_FAULT_LONG, 0, "", true},
+    {"silence", NM_FAULT_SILENCE, 0, "", true},
+};
+
+// Each row is one heartbeat of its own; a miss is followed by the same body over HTTP.
+TEST(Heartbeat, DatagramAnswers)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, false));
+    ASSERT_TRUE(stage_fast_heartbeat(&stage));
+    for (const DatagramCase &row : k_datagrams) {
+        SCOPED_TRACE(row.name);
+        NmFault wrong = fault(row.kind, row.text, 1);
+        wrong.delay_ms = row.delay_ms;
+        if (row.kind == NM_FAULT_LONG) {
+            wrong = fault(NM_FAULT_WORD, std::string(500, 'A'), 1);
+        }
+        const int over_http = nm_sim_count(stage.nm, "heartbeat");
+        nm_sim_set_fault(stage.nm, "udp", wrong);
+        const int before = nm_sim_count(stage.nm, "udp");
+        ASSERT_TRUE(nm_sim_wait_for(stage.nm, "udp", before + 2, k_wait_ms)); // the one after it: the row is done
+        EXPECT_EQ(nm_sim_count(stage.nm, "heartbeat") - over_http, row.missed ? 1 : 0);
+    }
+    EXPECT_EQ(nm_sim_request(stage.nm, "heartbeat", -1).body, nm_sim_request(stage.nm, "udp", -1).body);
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
 // "rec" over UDP: the bring-up starts again after 10 s, the device link stays.
 TEST(Heartbeat, RecRestartsTheBringUp)
 {
