@@ -288,9 +288,21 @@ static void remove_dir(const std::string &path)
     rmdir(path.c_str());
 }
 
+// A sanitizer speaks on the agent's console, whatever the test looks at.
+static void sanitizer_check(const std::string &output)
+{
+    for (const char *mark : {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer", "runtime error: "}) {
+        const size_t at = output.find(mark);
+        if (at != std::string::npos) {
+            ADD_FAILURE() << output.substr(at, 4000);
+        }
+    }
+}
+
 Stage::~Stage()
 {
     agent_stop(&agent, SIGKILL);
+    sanitizer_check(agent_output(agent));
     for (const char *report : {"ThreadSanitizer", "AddressSanitizer", "runtime error:"}) {
         if (agent_has_log(agent, report)) {
             ADD_FAILURE() << "a sanitizer has spoken: " << report;
