@@ -37,18 +37,23 @@ static int command(const char *action, const std::string &port)
     return remote_web_req_handle(0, nullptr, text.c_str(), (uint32_t)text.size());
 }
 
+static void device_set(const std::string &port)
+{
+    std::unique_ptr<PluginInfoEdit> edit(new PluginInfoEdit);
+    plugin_info_edit_begin(edit.get());
+    text_set(edit->next.dev_web.remote_ip, "127.0.0.1");
+    text_set(edit->next.dev_web.remote_port, port.c_str());
+    plugin_info_edit_mark(edit.get(), &edit->next.dev_web, sizeof(edit->next.dev_web));
+    plugin_info_edit_commit(edit.get());
+}
+
 // An agent with an open tunnel between nm and device.
 struct OpenTunnel {
     TunnelAgent agent;
 
     OpenTunnel(NmEnd *nm, const std::string &device_port) : agent(remote_web_init, remote_web_turn, nm->tls)
     {
-        std::unique_ptr<PluginInfoEdit> edit(new PluginInfoEdit);
-        plugin_info_edit_begin(edit.get());
-        text_set(edit->next.dev_web.remote_ip, "127.0.0.1");
-        text_set(edit->next.dev_web.remote_port, device_port.c_str());
-        plugin_info_edit_mark(edit.get(), &edit->next.dev_web, sizeof(edit->next.dev_web));
-        plugin_info_edit_commit(edit.get());
+        device_set(device_port);
         start(nm);
     }
 
@@ -354,6 +359,40 @@ TEST(RemoteWeb, CyclesLeaveNothing)
     nm.drop();
     EXPECT_TRUE(holds_soon([&] { return open_descriptors() == descriptors && count_threads() == threads; }))
         << open_descriptors() << " of " << descriptors << ", " << count_threads() << " of " << threads;
+}
+
+// Commands overlap as they like; after the last stop nothing is left.
+TEST(RemoteWeb, StormOfCommands)
+{
+    DeviceEnd nm([](int fd) { // a plain NM that asks for something and reads what comes
+        (void)read_upto(fd, auth_bytes().size());
+        for (int id = 0; id < 12; id++)
+            write_all(fd, frame(MSG_TYPE_REQ, (uint8_t)id, "x") + frame(MSG_TYPE_WEB_DESTROY, (uint8_t)(id / 2), ""));
+        while (!read_upto(fd, 1000).empty()) {
+        }
+    });
+    DeviceEnd device(answers_of(50000));
+    TunnelAgent agent(remote_web_init, remote_web_turn, false);
+    device_set(device.port);
+    (void)command("start", nm.port);
+    (void)command("stop", "1");
+    auto idle = [&] { return nm.alive == 0 && device.alive == 0 && !remote_web_device_thread_running(); };
+    ASSERT_TRUE(holds_soon(idle));
+    int descriptors = open_descriptors();
+    std::vector<std::thread> commanders;
+    for (unsigned seed = 1; seed <= 4; seed++) {
+        commanders.emplace_back([&nm, seed] {
+            unsigned state = seed;
+            for (int i = 0; i < 40; i++) {
+                (void)command(rand_r(&state) % 3 ? "start" : "stop", nm.port);
+                usleep(rand_r(&state) % 30000);
+            }
+        });
+    }
+    for (std::thread &commander : commanders)
+        commander.join();
+    EXPECT_EQ(0, command("stop", "1"));
+    EXPECT_TRUE(holds_soon([&] { return idle() && open_descriptors() == descriptors; }));
 }
 
 // NM accepts and then says nothing while the handshake waits for it: a stop gets through, and no token went out.
