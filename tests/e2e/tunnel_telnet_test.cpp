@@ -1,4 +1,5 @@
 // The remote-telnet tunnel of the real binary: set-up, bytes, sessions.
+#include <atomic>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>

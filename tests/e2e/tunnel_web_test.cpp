@@ -1,4 +1,5 @@
 // The remote-web tunnel of the real binary: bytes, frames and slots.
+#include <atomic>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/socket.h>

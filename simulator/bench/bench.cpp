@@ -1,6 +1,7 @@
 // bench - measures the real binary against the simulators and prints a table. A row is a stage of its own.
 // bench [TEXT ...]: only rows whose name contains one of the texts.
 #include <algorithm>
+#include <atomic>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <stdexcept>
