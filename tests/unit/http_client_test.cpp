@@ -12,29 +12,17 @@
 
 static const char k_ok[] = "HTTP/1.1 200 OK\r\n\r\n";
 
-TEST(http_client, request_text_is_built_byte_for_byte)
+TEST(http_client, request_text_without_a_body)
 {
-    static const char headers[2][HTTP_HEADER_SLOT_SIZE] = {"secretKey: ab", "pver: 1.3"};
-    static const struct {
-        const char *method;
-        int header_count;
-        const char *body;
-        const char *text;
-    } rows[] = {
-        {"GET", 0, nullptr, "GET /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\n\r\n"},
-        {"GET", 1, nullptr, "GET /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\nsecretKey: ab\r\n\r\n"},
-        {"POST", 0, nullptr, "POST /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\nContent-Type: application/json\r\n\r\n"},
-        {"POST", 2, "{\n}",
-         "POST /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\nContent-Type: application/json\r\nsecretKey: ab\r\npver: "
-         "1.3\r\nContent-Length: 3\r\n\r\n{\n}"},
-    };
-    for (const auto &row : rows) {
-        size_t len = 0;
-        char *text = http_build_request(row.method, "/x", "h", "81", headers, row.header_count, row.body, &len);
-        EXPECT_STREQ(row.text, text);
-        EXPECT_EQ(strlen(row.text), len);
-        free(text);
-    }
+    static const char headers[1][HTTP_HEADER_SLOT_SIZE] = {"pver: 1.3"};
+    size_t len;
+    char *text = http_build_request("GET", "/x", "h", "81", headers, 1, nullptr, &len);
+    EXPECT_EQ("GET /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\npver: 1.3\r\n\r\n", std::string(text, len));
+    free(text);
+    text = http_build_request("POST", "/x", "h", "81", nullptr, 0, nullptr, &len);
+    EXPECT_EQ("POST /x HTTP/1.1\r\nHOST: h:81\r\nAccept:\r\nContent-Type: application/json\r\n\r\n",
+              std::string(text, len));
+    free(text);
 }
 
 TEST(http_client, answers_are_parsed)
@@ -71,18 +59,20 @@ TEST(http_client, answers_are_parsed)
     }
 }
 
-TEST(http_client, request_checks_its_arguments)
+TEST(http_client, early_failures_leave_the_answer_alone)
 {
     LogLines log;
     char rsp[16] = "kept";
-    EXPECT_EQ(-1, http_request(nullptr, "1", "/", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
     EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "get", nullptr, 0, nullptr, rsp, sizeof(rsp)));
     EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "GET", nullptr, 1, nullptr, rsp, sizeof(rsp)));
-    EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "GET", nullptr, 0, nullptr, rsp, 0));
     EXPECT_EQ(-1, http_post_nm("/", "", rsp, sizeof(rsp)));
-    EXPECT_EQ(5, log.count("[ERR] Invalid parameters!"));
+    EXPECT_EQ(3, log.count("[ERR] Invalid parameters!"));
+    nm_set("1"); // nobody listens there
+    EXPECT_EQ(-1, http_post_nm("/x", "{}", rsp, sizeof(rsp)));
+    EXPECT_EQ(-1, http_request("no-host.invalid", "1", "/x", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
+    EXPECT_EQ(2, log.count("[ERR] http_tcpclient_create failed!"));
+    EXPECT_TRUE(log.has("[ERR] gethostbyname() failed: no-host.invalid"));
     EXPECT_STREQ("kept", rsp);
-    EXPECT_FALSE(log.has("connecting"));
 }
 
 TEST(http_client, request_takes_one_receive)
@@ -110,7 +100,6 @@ TEST(http_client, request_takes_one_receive)
                   http_request("localhost", peer.port.c_str(), "/x", "POST", nullptr, 0, "{}", rsp, sizeof(rsp)));
         EXPECT_EQ(row.rsp, rsp);
         EXPECT_TRUE(log.has(row.line));
-        EXPECT_TRUE(log.has("[INF] Sending HTTP request over IP: 0.0.0.0\nPOST /x HTTP/1.1\r\n"));
     }
 }
 
@@ -126,32 +115,6 @@ TEST(http_client, request_of_a_mebibyte_arrives_whole)
             2, http_request("127.0.0.1", peer.port.c_str(), "/x", "POST", nullptr, 0, body.c_str(), rsp, sizeof(rsp)));
     }
     EXPECT_EQ("\r\nContent-Length: 1048576\r\n\r\n" + body, request.substr(request.find("\r\nContent-Length")));
-}
-
-TEST(http_client, request_gives_up_after_five_seconds)
-{
-    LogLines log;
-    std::promise<void> done;
-    Peer peer([&](int listener) {
-        int fd = peer_accept(listener);
-        done.get_future().wait();
-        close(fd);
-    });
-    char rsp[64] = {};
-    EXPECT_EQ(-1, http_request("127.0.0.1", peer.port.c_str(), "/x", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
-    EXPECT_TRUE(log.has("[WRN] select timeout!"));
-    done.set_value();
-}
-
-TEST(http_client, failed_connect_is_logged)
-{
-    LogLines log;
-    char rsp[64] = {};
-    nm_set("1"); // nobody listens there
-    EXPECT_EQ(-1, http_post_nm("/x", "{}", rsp, sizeof(rsp)));
-    EXPECT_EQ(-1, http_request("no-such-host.invalid", "1", "/x", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
-    EXPECT_EQ(2, log.count("[ERR] http_tcpclient_create failed!"));
-    EXPECT_TRUE(log.has("[ERR] gethostbyname() failed: no-such-host.invalid"));
 }
 
 TEST(http_client, a_stop_ends_the_wait_without_a_word)
@@ -247,14 +210,14 @@ TEST(http_client, a_useless_connection_is_replaced)
     char rsp[512] = {};
     std::promise<void> closed;
     Peer first([&](int listener) {
-        for (const char *answer : {"{\"n\":1}", "{\"n\":2}", "{\"n\":3}"}) {
+        for (int connection = 1; connection <= 2; connection++) {
             int fd = peer_accept(listener);
             peer_read_request(fd);
-            peer_send(fd, k_ok + std::string(answer));
-            if (answer[5] == '3')
+            peer_send(fd, k_ok + std::string("{\"n\":") + std::to_string(connection) + "}");
+            if (connection == 2)
                 read_upto(fd, 1); // until the other side closes
             close(fd);
-            if (answer[5] == '1')
+            if (connection == 1)
                 closed.set_value();
         }
     });
@@ -263,62 +226,34 @@ TEST(http_client, a_useless_connection_is_replaced)
     closed.get_future().wait();
     EXPECT_EQ(7, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
     EXPECT_STREQ("{\"n\":2}", rsp);
-    conn_remove_all_but_device(); // a restart
-    EXPECT_EQ(7, http_post_nm("/3", "{}", rsp, sizeof(rsp)));
-    EXPECT_STREQ("{\"n\":3}", rsp);
 
     Peer second(answering({k_ok + std::string("{\"new\":1}")}));
-    nm_set(second.port);
+    nm_set(second.port); // another NM
     EXPECT_EQ(9, http_post_nm("/4", "{}", rsp, sizeof(rsp)));
     EXPECT_STREQ("{\"new\":1}", rsp);
-}
-
-static std::string tls_read_request(TlsPeer *tls)
-{
-    std::string all;
-    char chunk[4096];
-    for (int got; all.find("\r\n\r\n{}") == std::string::npos; all.append(chunk, (size_t)got)) {
-        got = SSL_read(tls->ssl, chunk, sizeof(chunk));
-        if (got <= 0)
-            break;
-    }
-    return all;
 }
 
 TEST(http_client, over_tls_one_record_is_one_answer)
 {
     LogLines log;
     start_process_once();
-    std::string requests;
+    Peer nm([](int listener) {
+        TlsPeer tls = tls_peer_new();
+        ASSERT_TRUE(tls_peer_accept(&tls, listener));
+        char request[4096];
+        SSL_read(tls.ssl, request, sizeof(request));
+        std::string record = tls_peer_record(&tls, k_ok + std::string("{\"n\":1}"));
+        peer_send(tls.fd, record.substr(0, 9));
+        usleep(50000); // the client waits for the rest of the record
+        peer_send(tls.fd, record.substr(9) + tls_peer_record(&tls, "{\"leftover\":1}"));
+        SSL_read(tls.ssl, request, sizeof(request));
+        peer_send(tls.fd, tls_peer_record(&tls, k_ok + std::string("{\"n\":2}")));
+        tls_peer_free(&tls);
+    });
+    nm_set(nm.port, "HTTPS");
     char rsp[512] = {};
-    {
-        Peer nm([&](int listener) {
-            TlsPeer tls = tls_peer_new();
-            ASSERT_TRUE(tls_peer_accept(&tls, listener)); // the kept connection
-            requests += tls_read_request(&tls);
-            std::string record = tls_peer_record(&tls, k_ok + std::string("{\"n\":1}"));
-            peer_send(tls.fd, record.substr(0, 9));
-            usleep(50000); // the client waits for the rest of the record
-            peer_send(tls.fd, record.substr(9) + tls_peer_record(&tls, "{\"leftover\":1}"));
-            requests += tls_read_request(&tls);
-            peer_send(tls.fd, tls_peer_record(&tls, k_ok + std::string("{\"n\":2}")));
-            tls_peer_free(&tls);
-
-            tls = tls_peer_new();
-            ASSERT_TRUE(tls_peer_accept(&tls, listener));
-            requests += tls_read_request(&tls);
-            peer_send(tls.fd, tls_peer_record(&tls, k_ok));
-            tls_peer_free(&tls);
-        });
-        nm_set(nm.port, "HTTPS");
-        EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
-        EXPECT_STREQ("{\"n\":1}", rsp);
-        EXPECT_EQ(7, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
-        EXPECT_STREQ("{\"n\":2}", rsp);
-        EXPECT_EQ(0, nm_http_post("/3", "{}", rsp, sizeof(rsp)));
-        EXPECT_EQ(nm_request_text("/1", nm.port, "{}"), requests.substr(0, requests.find("POST /2")));
-    }
-    std::string lines = log.text();
-    expect_in_order(lines.substr(lines.find("POST /2")),
-                    {"SSL init success!", "[INF] Sending HTTP request over IP: ", "SSL deinit success!"});
+    EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
+    EXPECT_STREQ("{\"n\":1}", rsp);
+    EXPECT_EQ(7, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
+    EXPECT_STREQ("{\"n\":2}", rsp);
 }
