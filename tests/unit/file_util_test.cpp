@@ -24,18 +24,6 @@ static void put_file(const std::string &path, const std::string &content)
     fclose(file);
 }
 
-TEST(FileUtil, CheckFile)
-{
-    std::string dir = make_dir(), file = dir + "/file", none = dir + "/none";
-    put_file(file, "");
-    log_capture_begin();
-    EXPECT_EQ(1, check_file(file.c_str()));
-    EXPECT_EQ(0, check_file(none.c_str()));
-    EXPECT_EQ("[DBG] Checking file: " + file + "...\n[DBG] OK!\n[DBG] Checking file: " + none +
-                  "...\n[WRN] FAILED with checking file: " + none + "!\n",
-              log_capture_end());
-}
-
 TEST(FileUtil, ReadFile)
 {
     std::string dir = make_dir();
@@ -60,17 +48,6 @@ TEST(FileUtil, ReadFile)
         EXPECT_EQ(c.result, read_file(path.c_str(), buf, c.cap)) << c.name;
         EXPECT_EQ("[DBG] Path : " + path + ", " + c.shown + "\n", log_capture_end());
     }
-}
-
-TEST(FileUtil, ReadFileNamesEveryBadArgument)
-{
-    char buf[4];
-    log_capture_begin();
-    EXPECT_EQ(-1, read_file(nullptr, nullptr, 0));
-    EXPECT_EQ(-1, read_file("/dev/null", buf, 0));
-    EXPECT_EQ("[ERR] path is NULL!\n[ERR] out_buf is NULL!\n[ERR] out_buf_len is INVALID!\n"
-              "[ERR] out_buf_len is INVALID!\n",
-              log_capture_end());
 }
 
 TEST(FileUtil, LockExcludesOtherProcesses)

@@ -99,7 +99,9 @@ TEST(Log, LayoutOfBothLines)
     testing::internal::CaptureStdout();
     g_log_std = 2;
     g_log_level = 6;
+    errno = EADDRINUSE;
     log_error("%s=%d", "a", 1);
+    EXPECT_EQ(EADDRINUSE, errno); // though the stream has just found out that it is no terminal
     std::string console = testing::internal::GetCapturedStdout();
     stream_swap(nullptr, LOG_MODE_SYSLOG);
     std::string prefix = "\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} 50%s full:[0-9]+\\]";
@@ -128,15 +130,6 @@ TEST(Log, ArgumentsAreNeverCutFormatsAre)
         EXPECT_EQ('\n', line.back());
         EXPECT_TRUE(line.find('%') == std::string::npos || line.find("f%") != std::string::npos) << line;
     }
-}
-
-TEST(Log, PreservesErrno)
-{
-    log_capture_begin();
-    errno = EADDRINUSE;
-    log_info("first line of the process: finds out about the terminal");
-    EXPECT_EQ(EADDRINUSE, errno);
-    log_capture_end();
 }
 
 // The owner of the swap logs without the lock, other threads wait for the end of the swap.
@@ -172,12 +165,4 @@ TEST(Log, LinesDuringASwap)
     EXPECT_NE(std::string::npos, other_at);
     EXPECT_LT(owner_at, other_at);
     fclose(file);
-}
-
-TEST(Log, MutedCallsDoNothing)
-{
-    log_capture_begin();
-    log_mute();
-    log_error("nobody hears");
-    EXPECT_EQ("", log_capture_end());
 }

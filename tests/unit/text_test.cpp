@@ -35,12 +35,6 @@ TEST(Text, AppendFillsWhatIsLeft)
     EXPECT_EQ(0, memcmp(full, "abcd", 4));
 }
 
-TEST(Text, ErrorTextsAreCutTo31)
-{
-    EXPECT_STREQ("Resource temporarily unavailabl", error_text(EAGAIN).text);
-    EXPECT_STREQ("Broken pipe", error_text(EPIPE).text);
-}
-
 TEST(Text, WordsAtOddAddresses)
 {
     uint8_t bytes[6] = {};
