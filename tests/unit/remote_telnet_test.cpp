@@ -1,6 +1,5 @@
 #include "remote/remote_telnet.h"
 
-#include "log_capture.h"
 #include "transport/conn_registry.h"
 #include "tunnel_peer.h"
 
@@ -87,47 +86,6 @@ TEST(RemoteTelnet, RelaysEveryByteBothWaysAtOnce)
     }
 }
 
-TEST(RemoteTelnet, SetUpRefused)
-{
-    static const struct {
-        const char *name;
-        const char *answer; // null: NM closes instead
-        const char *ctrl;   // null: none
-        const char *line;
-        int device_conns;
-    } k_cases[] = {
-        {"not let in", "{\"result\":\"false\"}", nullptr, "Remote-telnet authentication/INIT failed!", 0},
-        {"closed", nullptr, nullptr, "Remote-telnet authentication/INIT failed!", 0},
-        {"no answer at all", "", "", "Receive remote-telnet authentication response timeout!", 0},
-        {"closed before the control message", k_accept, nullptr, "Receive failed with ret: 0!", 0},
-        {"no control message", k_accept, "", "Receive remote-telnet authentication auth_rsp timeout!", 0},
-        {"other type", k_accept, "{\"type\":\"EXIT\"}", "Create remote telnet tunnel to NM failed!", 0},
-        {"both at once, other type", "{\"result\":\"true\"}{\"type\":\"EXIT\"}", "", "ctrl_msg: {\"type\":\"EXIT\"}",
-         0},
-    };
-    TunnelAgent agent(remote_telnet_init, remote_telnet_turn, false);
-    DeviceEnd device(echo);
-    device_set(device.port);
-    for (const auto &c : k_cases) {
-        SCOPED_TRACE(c.name);
-        NmEnd nm;
-        std::thread nm_thread([&] {
-            EXPECT_TRUE(nm.accept_agent());
-            EXPECT_EQ(auth_bytes(), nm.recv(auth_bytes().size()));
-            nm.send(c.answer ? c.answer : "");
-            usleep(20000);
-            nm.send(c.ctrl ? c.ctrl : "");
-            if (!c.answer || !c.ctrl)
-                shutdown(nm.fd, SHUT_WR);
-            EXPECT_EQ("", nm.recv(1, 20000)); // until the agent closes
-        });
-        std::string log = log_of([&] { EXPECT_EQ(-1, command("start", nm.port)); });
-        nm_thread.join();
-        expect_in_order(log, {"Sending authentication: ", c.line, "Authentication/INIT failure!"});
-        EXPECT_EQ(c.device_conns, device.accepted);
-    }
-}
-
 TEST(RemoteTelnet, BothSetUpTextsInOneSegment)
 {
     NmEnd nm;
@@ -148,45 +106,6 @@ TEST(RemoteTelnet, BothSetUpTextsInOneSegment)
     EXPECT_EQ(0, command("stop", "1"));
 }
 
-// A fresh session of the device, without the text that asked for it.
-TEST(RemoteTelnet, InitReconnectsTheDevice)
-{
-    NmEnd nm;
-    std::atomic<int> sessions{0};
-    DeviceEnd device([&](int fd) {
-        std::string hello = "login " + std::to_string(++sessions) + ": ";
-        (void)!send(fd, hello.data(), hello.size(), MSG_NOSIGNAL);
-        echo(fd);
-    });
-    OpenTelnet tunnel(&nm, device.port);
-    EXPECT_EQ("login 1: ", nm.recv(9));
-    nm.send(k_init);
-    EXPECT_EQ("login 2: ", nm.recv(9));
-    nm.send("root");
-    EXPECT_EQ("root", nm.recv(4));
-}
-
-TEST(RemoteTelnet, KeysReachAFloodingDevice)
-{
-    NmEnd nm;
-    std::atomic<bool> interrupted{false};
-    DeviceEnd device([&](int fd) {
-        std::string line(1000, 'y');
-        while (!interrupted && send(fd, line.data(), line.size(), MSG_NOSIGNAL) > 0) {
-            char key;
-            interrupted = recv(fd, &key, 1, MSG_DONTWAIT) == 1;
-        }
-    });
-    OpenTelnet tunnel(&nm, device.port);
-    EXPECT_EQ(100000u, nm.recv(100000).size());
-    nm.send("\003");
-    int64_t begin = wait_now_ms();
-    while (!interrupted && wait_now_ms() - begin < 5000)
-        (void)nm.recv(4000);
-    EXPECT_TRUE(interrupted);
-    EXPECT_LT(wait_now_ms() - begin, 1000);
-}
-
 // What a device says right before it closes still reaches NM, then the tunnel ends.
 TEST(RemoteTelnet, DeviceSaysFarewell)
 {
@@ -201,33 +120,6 @@ TEST(RemoteTelnet, DeviceSaysFarewell)
         EXPECT_EQ("bye\r\n", nm.recv(100));
         EXPECT_TRUE(holds_soon([] { return !conn_is_connected(REMOTE_TELNET_SERVER); }));
     }
-}
-
-TEST(RemoteTelnet, CyclesLeaveNothing)
-{
-    NmEnd nm;
-    DeviceEnd device(echo);
-    OpenTelnet tunnel(&nm, device.port);
-    EXPECT_EQ(0, command("stop", "1"));
-    nm.drop();
-    ASSERT_TRUE(holds_soon([&] { return device.alive == 0; }));
-    int descriptors = open_descriptors();
-    int threads = count_threads();
-    for (int cycle = 0; cycle < 50; cycle++) {
-        OpenTelnet::start(&nm);
-        nm.send("some keys");
-        if (cycle % 3 == 0) {
-            OpenTelnet::start(&nm); // while it runs
-            EXPECT_EQ(0, command("stop", "1"));
-        } else if (cycle % 3 == 1) {
-            EXPECT_EQ(0, command("stop", "1"));
-        } else {
-            nm.drop();
-            EXPECT_TRUE(holds_soon([] { return !conn_is_connected(REMOTE_TELNET_DEVICE); }));
-        }
-    }
-    nm.drop();
-    EXPECT_TRUE(holds_soon([&] { return open_descriptors() == descriptors && count_threads() == threads; }));
 }
 
 // A stop gets through wherever the set-up stands, and the start that it ended reports failure.

@@ -2,7 +2,6 @@
 
 #include "remote/remote_web.h"
 #include "remote/web_frame.h"
-#include "runtime/text.h"
 #include "transport/conn_registry.h"
 #include "tunnel_peer.h"
 
@@ -135,21 +134,6 @@ TEST(RemoteWeb, DownloadsDoNotWaitForEachOther)
     EXPECT_LT(download(true, 10, k_size), 3 * one_ms);
 }
 
-TEST(RemoteWeb, AnswerLeavesInFramesOfTheForwardLength)
-{
-    NmEnd nm;
-    DeviceEnd device(answers_of(25000));
-    OpenTunnel tunnel(&nm, device.port);
-    nm.send(frame(MSG_TYPE_REQ, 1, "a"));
-    for (size_t len : {10240, 10240, 4520}) {
-        int64_t begin = wait_now_ms();
-        Got got = next_frame(&nm);
-        EXPECT_EQ(MSG_TYPE_RESP, got.type);
-        EXPECT_EQ(len, got.payload.size());
-        EXPECT_LT(wait_now_ms() - begin, 1000);
-    }
-}
-
 // A request body goes up while the device's echo of it comes down; in frames of all sizes, many in one TLS record.
 TEST(RemoteWeb, UploadAndDownloadAtOnce)
 {
@@ -177,27 +161,6 @@ TEST(RemoteWeb, UploadAndDownloadAtOnce)
     }
 }
 
-TEST(RemoteWeb, SlowDeviceGetsEveryByteOnce)
-{
-    NmEnd nm;
-    std::string got;
-    std::atomic<bool> done{false};
-    DeviceEnd device(
-        [&](int fd) {
-            for (std::string piece; got.size() < 64 * 1024 && !(piece = read_upto(fd, 512)).empty(); usleep(10000))
-                got += piece;
-            done = true;
-        },
-        8192);
-    OpenTunnel tunnel(&nm, device.port);
-    std::string body = pattern(64 * 1024, 4);
-    for (size_t at = 0; at < body.size(); at += 8192)
-        nm.send(frame(MSG_TYPE_REQ, 1, body.substr(at, 8192)));
-    EXPECT_TRUE(holds_soon([&] { return done.load(); }));
-    EXPECT_TRUE(got == body);
-    EXPECT_EQ(1, device.accepted);
-}
-
 TEST(RemoteWeb, FramesCutAtEveryByte)
 {
     for (bool tls : {false, true}) {
@@ -218,28 +181,6 @@ TEST(RemoteWeb, FramesCutAtEveryByte)
             }
             EXPECT_EQ("abcd", echoed);
         }
-    }
-}
-
-// A frame that can never be complete wedges its tunnel, at a few lines a second; a stop still works.
-TEST(RemoteWeb, LyingLengths)
-{
-    for (uint32_t length : {16368u, 0xFFFFFFFFu}) {
-        NmEnd nm;
-        DeviceEnd device(echo);
-        OpenTunnel tunnel(&nm, device.port);
-        std::string lie = frame(MSG_TYPE_REQ, 1, std::string(20000, 'x'));
-        be32_put(&lie[4], length);
-        std::string log = log_of([&] {
-            nm.send(lie);
-            usleep(300000);
-        });
-        size_t lines = 0;
-        for (size_t at = 0; (at = log.find("len: 0!", at)) != std::string::npos; at++)
-            lines++;
-        EXPECT_GE(lines, 1u);
-        EXPECT_LE(lines, 40u);
-        EXPECT_EQ(0, device.accepted);
     }
 }
 
@@ -294,73 +235,6 @@ TEST(RemoteWeb, EleventhId)
     EXPECT_EQ("d", got.payload);
 }
 
-TEST(RemoteWeb, DeviceServerGone)
-{
-    NmEnd nm;
-    std::string port;
-    close(listen_socket(&port));
-    OpenTunnel tunnel(&nm, port);
-    std::string log = log_of([&] {
-        nm.send(frame(MSG_TYPE_REQ, 1, "a"));
-        usleep(200000);
-    });
-    expect_in_order(log, {"Create connection to IP: 127.0.0.1, Port: " + port + " failed!",
-                          "Invalid socket: dev_socket_fd = -1!", "Invalid socket: dev_socket_fd = -1!"});
-    nm.send(frame(MSG_TYPE_WEB_DESTROY, 1, ""));
-}
-
-TEST(RemoteWeb, SecondStartTakesTheSlotsAlong)
-{
-    NmEnd nm;
-    DeviceEnd device(answers_of(200 * 1024));
-    OpenTunnel tunnel(&nm, device.port);
-    nm.send(frame(MSG_TYPE_REQ, 5, "z"));
-    Got got = next_frame(&nm);
-    size_t seen = got.payload.size();
-    OpenTunnel::start(&nm); // frames may have died with the old connection, none comes in pieces or twice
-    std::string expected = pattern(200 * 1024, 'z');
-    for (size_t at = 0; at != expected.size();) {
-        got = next_frame(&nm);
-        ASSERT_EQ(MSG_TYPE_RESP, got.type);
-        at = expected.find(got.payload, seen);
-        ASSERT_NE(std::string::npos, at);
-        at += got.payload.size();
-        seen = at;
-    }
-}
-
-// Nothing is left behind by tunnels and ids that come and go, whoever ends them.
-TEST(RemoteWeb, CyclesLeaveNothing)
-{
-    NmEnd nm;
-    DeviceEnd device(echo);
-    std::unique_ptr<OpenTunnel> tunnel(new OpenTunnel(&nm, device.port));
-    EXPECT_EQ(0, command("stop", "1"));
-    EXPECT_TRUE(holds_soon([] { return !remote_web_device_thread_running(); }));
-    nm.drop();
-    int descriptors = open_descriptors();
-    int threads = count_threads();
-    for (int cycle = 0; cycle < 100; cycle++) {
-        OpenTunnel::start(&nm);
-        std::string frames;
-        for (int id = 0; id < 10; id++)
-            frames +=
-                frame(MSG_TYPE_REQ, (uint8_t)id, "x") + (id % 2 ? frame(MSG_TYPE_WEB_DESTROY, (uint8_t)id, "") : "");
-        nm.send(frames);
-        if (cycle % 3 != 0)
-            (void)next_frame(&nm);
-        if (cycle % 2 == 0) {
-            EXPECT_EQ(0, command("stop", "1"));
-        } else {
-            nm.drop();
-            EXPECT_TRUE(holds_soon([] { return !conn_is_connected(REMOTE_WEB_SERVER); }));
-        }
-    }
-    nm.drop();
-    EXPECT_TRUE(holds_soon([&] { return open_descriptors() == descriptors && count_threads() == threads; }))
-        << open_descriptors() << " of " << descriptors << ", " << count_threads() << " of " << threads;
-}
-
 // Commands overlap as they like; after the last stop nothing is left.
 TEST(RemoteWeb, StormOfCommands)
 {
@@ -410,28 +284,4 @@ TEST(RemoteWeb, StopDuringAHangingStart)
     EXPECT_EQ(std::string::npos, read_upto(fd, 100000).find("TOK"));
     close(fd);
     EXPECT_TRUE(holds_soon([] { return !remote_web_device_thread_running(); }));
-}
-
-TEST(RemoteWeb, ProcessStopsUnderABusyTunnel)
-{
-    NmEnd nm;
-    DeviceEnd device([](int fd) {
-        (void)read_upto(fd, 1);
-        write_all(fd, std::string(8 << 20, 'x'));
-    });
-    int64_t begin;
-    {
-        OpenTunnel tunnel(&nm, device.port);
-        for (int id = 0; id < 10; id++)
-            nm.send(frame(MSG_TYPE_REQ, (uint8_t)id, "a"));
-        EXPECT_EQ(MSG_TYPE_RESP, next_frame(&nm).type);
-        begin = wait_now_ms(); // NM reads no more
-        stop_request(15);
-        g_exit_flag = 1;
-        EXPECT_TRUE(holds_soon([] { return !remote_web_device_thread_running(); }));
-        tunnel.agent.thread.join();
-        EXPECT_LT(wait_now_ms() - begin, 1000);
-        stop_reset_for_test();
-        tunnel.agent.thread = std::thread([] {});
-    }
 }

@@ -3,28 +3,15 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <dirent.h>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <sys/ioctl.h>
 #include <thread>
 
 #include "net_peer.h"
 #include "runtime/plugin_info_internal.h"
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
-
-inline int count_threads()
-{
-    int count = 0;
-    DIR *dir = opendir("/proc/self/task");
-    while (struct dirent *entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count;
-}
 
 // True as soon as condition holds, false after 10 s.
 template <class Condition> bool holds_soon(Condition condition)
@@ -49,7 +36,7 @@ struct NmEnd {
     {
         listener = listen_socket(&port);
         if (tls) {
-            peer = tls_peer_new(1024); // quickly made
+            peer = tls_peer_new(1024);                  // quickly made
             port = std::to_string(std::stoi(port) - 1); // over https the agent adds one
         }
     }
@@ -181,10 +168,6 @@ struct TunnelAgent {
     {
         start_process_once();
         plugin_info_reset_for_test();
-        if (getenv("DBG")) {
-            g_log_std = 1;
-            g_log_level = atoi(getenv("DBG"));
-        }
         init();
         std::unique_ptr<PluginInfoEdit> edit(new PluginInfoEdit);
         plugin_info_edit_begin(edit.get());
