@@ -1,10 +1,12 @@
 // device_simulator - a box to work against, steered by typed lines or a script. "help" lists the lines.
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 
 #include "console.h"
 #include "device_files.h"
 #include "device_sim.h"
+#include "sim_loop.h"
 
 static const char k_usage[] =
     "device_simulator --dir DIR --nm-port N [--https] [--port N] [--set KEY=JSON]... [--script FILE]\n"
@@ -15,7 +17,9 @@ struct Box {
     DeviceSim *device;
     std::string dir;
     DeviceCfg cfg;
-    int records; // in the service file so far
+    SimLoop *loop;           // adds service records as time goes by
+    std::atomic<int> records; // in the service file so far
+    std::atomic<int> keep_s;  // a record each so many seconds; 0: none
 };
 
 static std::string sent(bool done)
@@ -36,6 +40,14 @@ static std::string add_services(Box *box, int count)
         }
     }
     return "";
+}
+
+static void keep_adding(Box *box, int period_s)
+{
+    if (period_s > 0 && box->keep_s == period_s) {
+        add_services(box, 1);
+        sim_loop_after(box->loop, period_s * 1000, [=] { keep_adding(box, period_s); });
+    }
 }
 
 // part BYTES JSON: the first bytes of the frame, then the connection is dropped.
@@ -115,6 +127,14 @@ static std::vector<ConsoleCommand> box_commands(Box *box)
         {"return", "", "listen again", plain([=] { device_sim_return(device); })},
         {"service", "[COUNT]", "add records to the service status file",
          [=](const ConsoleLine &line) { return add_services(box, line.number(0, 1)); }},
+        {"keep", "SECONDS", "add one each so many seconds from now on; 0 ends it",
+         [=](const ConsoleLine &line) {
+             const int period_s = line.number(0, 0);
+             if (box->keep_s.exchange(period_s) != period_s) {
+                 keep_adding(box, period_s);
+             }
+             return std::string();
+         }},
         {"set", "KEY JSON", "change the init cfg (then: say init-cfg-changed)",
          [=](const ConsoleLine &line) {
              device_cfg_set(&box->cfg, line.word(0), line.rest.substr(line.rest.find(' ') + 1));
@@ -145,7 +165,7 @@ static void set_from_options(int argc, char **argv, DeviceCfg *cfg)
 int main(int argc, char **argv)
 {
     console_init();
-    Box box = {nullptr, option_text(argc, argv, "--dir", ""), {}, 0};
+    Box box = {nullptr, option_text(argc, argv, "--dir", ""), {}, nullptr, {0}, {0}};
     if (option_given(argc, argv, "--help") || box.dir.empty()) {
         printf("%s", k_usage);
         return box.dir.empty();
@@ -165,11 +185,13 @@ int main(int argc, char **argv)
     }
     console_print("the device listens on port " + std::to_string(device_sim_port(box.device)) + ", its init cfg is " +
                   box.dir + "/init");
+    box.loop = sim_loop_start();
     std::vector<ConsoleCommand> commands = message_commands(&box);
     for (const ConsoleCommand &command : box_commands(&box)) {
         commands.push_back(command);
     }
     const int status = console_run(commands, option_text(argc, argv, "--script", ""));
+    sim_loop_stop(box.loop);
     device_sim_stop(box.device);
     return status;
 }
