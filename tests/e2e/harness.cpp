@@ -347,6 +347,15 @@ int proc_rss_kib(int pid)
     return status_value(pid, "VmRSS");
 }
 
+bool proc_rss_counts()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return false;
+#else
+    return *PLUGIN_RUNNER == '\0';
+#endif
+}
+
 int proc_descriptors(int pid)
 {
     DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
