@@ -55,7 +55,8 @@ constexpr int STATUS_START_FAILED = 255;
 // Lock order, outermost first. Long locks are held over waits:
 //   tunnel command -> NM post -> send order of a connection
 // Short locks never are, and no long lock is taken under one:
-//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status -> dev_msg_mutex, timers -> log
+//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status
+//   -> dev_msg_mutex, timers -> log
 // A restart of the bring-up may run under the NM post lock and takes no long lock itself.
 static WorkThread s_work_threads[] = {
     {"remote_web", remote_web_turn, "Create remote_web thread error!"},
