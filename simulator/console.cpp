@@ -1,8 +1,8 @@
 #include "console.h"
 
+#include <csignal>
 #include <poll.h>
 #include <pthread.h>
-#include <csignal>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -14,7 +14,7 @@
 
 #include "sim_loop.h"
 
-static int s_signals = -1; // signalfd of SIGINT and SIGTERM
+static int s_signals = -1;  // signalfd of SIGINT and SIGTERM
 static bool s_quit = false; // main thread
 
 int ConsoleLine::number(size_t index, int missing) const

@@ -27,8 +27,9 @@ void console_init();
 // Prints a line with the local time in front. Any thread.
 void console_print(const std::string &line);
 
-// Runs the lines of the script (none for ""), then those typed, until "quit", SIGINT or SIGTERM; the end of the input alone
-// ends nothing. "help", "sleep MS" and "quit" are known to all. Returns the exit status: 1 when a line of the script failed.
+// Runs the lines of the script (none for ""), then those typed, until "quit", SIGINT or SIGTERM; the end of the input
+// alone ends nothing. "help", "sleep MS" and "quit" are known to all. Returns the exit status: 1 when a line of the
+// script failed.
 int console_run(const std::vector<ConsoleCommand> &commands, const std::string &script);
 
 // The value behind an option ("--port", "8080"), missing when it is not given.

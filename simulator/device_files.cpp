@@ -103,7 +103,8 @@ bool device_write_all(const std::string &dir, const DeviceCfg &cfg)
 {
     return device_write_file(dir + "/init", device_cfg_text(cfg)) &&
            device_write_file(dir + "/device", "{\"model\":\"Gateway 100\",\"firmware\":\"2.4.1\",\"slots\":4}\n") &&
-           device_write_file(dir + "/port", "{\"ports\":[{\"id\":1,\"state\":\"idle\"},{\"id\":2,\"state\":\"busy\"}]}\n") &&
+           device_write_file(dir + "/port",
+                             "{\"ports\":[{\"id\":1,\"state\":\"idle\"},{\"id\":2,\"state\":\"busy\"}]}\n") &&
            device_write_file(dir + "/service", "");
 }
 
@@ -136,5 +137,6 @@ bool device_service_add(const std::string &path, const std::string &record)
 
 std::string device_service_record(int n)
 {
-    return "{\"service\":\"voice-" + std::to_string(n) + "\",\"state\":\"running\",\"calls\":" + std::to_string(n * 3) + "}";
+    return "{\"service\":\"voice-" + std::to_string(n) + "\",\"state\":\"running\",\"calls\":" + std::to_string(n * 3) +
+           "}";
 }

@@ -8,8 +8,8 @@
 // The init cfg as rows of key and JSON text of the value ("\"http\"", "443"), in the order of the file.
 using DeviceCfg = std::vector<std::pair<std::string, std::string>>;
 
-// A whole init cfg of a device on loopback whose files live in dir; the device's agent listens on dev_port, NM on nm_port.
-// With https the file names the port before nm_port, because the agent goes to the next one.
+// A whole init cfg of a device on loopback whose files live in dir; the device's agent listens on dev_port, NM on
+// nm_port. With https the file names the port before nm_port, because the agent goes to the next one.
 DeviceCfg device_cfg_default(const std::string &dir, bool https, int nm_port, int dev_port);
 
 // Sets a value; adds the row when there is none. value is JSON text; device_cfg_set_text quotes.

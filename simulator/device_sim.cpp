@@ -319,9 +319,8 @@ bool device_sim_return(DeviceSim *device)
 
 static int count_locked(DeviceSim *device, const std::string &type)
 {
-    return (int)std::count_if(device->frames.begin(), device->frames.end(), [&type](const DeviceFrame &frame) {
-        return type.empty() || frame.type == type;
-    });
+    return (int)std::count_if(device->frames.begin(), device->frames.end(),
+                              [&type](const DeviceFrame &frame) { return type.empty() || frame.type == type; });
 }
 
 bool device_sim_wait_for(DeviceSim *device, const std::string &type, int count, int timeout_ms)

@@ -12,16 +12,17 @@ struct DeviceOptions {
     std::string ip = "127.0.0.1";
     int port = 0;        // 0: any free port
     int recv_buffer = 0; // socket buffer for what comes in, bytes; 0: the system's
-    std::function<void(const std::string &line)> print; // called on the loop thread for each event; empty: nothing is said
+    std::function<void(const std::string &line)>
+        print; // called on the loop thread for each event; empty: nothing is said
 };
 
 struct DeviceFrame {
     std::string type; // the "type" of its JSON; empty when there is none
     std::string text;
-    std::string time; // sim_clock() of the arrival
+    std::string time;    // sim_clock() of the arrival
     long long at_ms = 0; // monotonic clock
-    int conn = 0;     // which connection brought it, counted from 1
-    std::string wrong; // empty when all is right
+    int conn = 0;        // which connection brought it, counted from 1
+    std::string wrong;   // empty when all is right
 };
 
 struct DeviceSim;

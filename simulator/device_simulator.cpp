@@ -10,14 +10,15 @@
 
 static const char k_usage[] =
     "device_simulator --dir DIR --nm-port N [--https] [--port N] [--set KEY=JSON]... [--script FILE]\n"
-    "Plays the device: writes its init cfg (DIR/init) and status files into DIR, takes the agent's connection, says what\n"
+    "Plays the device: writes its init cfg (DIR/init) and status files into DIR, takes the agent's connection, says "
+    "what\n"
     "is wrong with its frames and sends messages. Port 0 (the default) is any free one. Type help for the commands.\n";
 
 struct Box {
     DeviceSim *device;
     std::string dir;
     DeviceCfg cfg;
-    SimLoop *loop;           // adds service records as time goes by
+    SimLoop *loop;            // adds service records as time goes by
     std::atomic<int> records; // in the service file so far
     std::atomic<int> keep_s;  // a record each so many seconds; 0: none
 };
@@ -63,7 +64,8 @@ static std::string send_part(Box *box, const ConsoleLine &line)
 static std::string send_lie(Box *box, const ConsoleLine &line)
 {
     const std::string text = line.rest.substr(line.rest.find(' ') + 1);
-    return sent(device_sim_send_raw(box->device, device_frame_bytes((unsigned)strtoul(line.rest.c_str(), nullptr, 0), text)));
+    return sent(
+        device_sim_send_raw(box->device, device_frame_bytes((unsigned)strtoul(line.rest.c_str(), nullptr, 0), text)));
 }
 
 static std::string wait_for(Box *box, const ConsoleLine &line)
@@ -99,7 +101,9 @@ static std::vector<ConsoleCommand> message_commands(Box *box)
              return std::string();
          }},
         {"slow", "PAUSE_MS JSON", "send a message byte by byte",
-         [=](const ConsoleLine &line) { return sent(device_sim_send_slowly(device, rest_of(line), line.number(0, 1))); }},
+         [=](const ConsoleLine &line) {
+             return sent(device_sim_send_slowly(device, rest_of(line), line.number(0, 1)));
+         }},
         {"part", "BYTES JSON", "send the beginning of a frame and close",
          [=](const ConsoleLine &line) { return send_part(box, line); }},
         {"lie", "LENGTH TEXT", "send a frame that claims this length",
@@ -177,8 +181,8 @@ int main(int argc, char **argv)
     if (!box.device) {
         return 1;
     }
-    box.cfg = device_cfg_default(box.dir, option_given(argc, argv, "--https"), option_number(argc, argv, "--nm-port", 0),
-                                 device_sim_port(box.device));
+    box.cfg = device_cfg_default(box.dir, option_given(argc, argv, "--https"),
+                                 option_number(argc, argv, "--nm-port", 0), device_sim_port(box.device));
     set_from_options(argc, argv, &box.cfg);
     if (!device_write_all(box.dir, box.cfg)) {
         return 1;

@@ -17,13 +17,13 @@ std::string json_text(const cJSON *object, const char *key);
 // The formatted print.
 std::string json_print(const cJSON *item);
 
-// Whether the members of an object are these keys in this order; keys are separated by one blank. A key with "?" in front
-// may be missing.
+// Whether the members of an object are these keys in this order; keys are separated by one blank. A key with "?" in
+// front may be missing.
 bool json_keys_are(const cJSON *object, const std::string &keys);
 
-// Fills a layout: each %K is replaced by the next member's value, strings without quotes and everything else as printed.
-// With the layout that a text was made from the result is the text again. "" when a member is missing.
-// The member names are separated by one blank.
+// Fills a layout: each %K is replaced by the next member's value, strings without quotes and everything else as
+// printed. With the layout that a text was made from the result is the text again. "" when a member is missing. The
+// member names are separated by one blank.
 std::string json_refill(const std::string &layout, const cJSON *object, const std::string &keys);
 
 // text with control characters written as \n, \t, \xNN, cut to max characters, for one line of output.

@@ -92,7 +92,8 @@ static std::string check_run_status(const std::string &body, const cJSON *root)
         cJSON_GetArraySize(boards) != 1 || !json_keys_are(board, "name type cpuUsage memoryUsage diskUsage")) {
         complain(&wrong, "members of the run status missing or out of order");
     }
-    if (!has_form(json_text(basic, "datetime"), "0000-00-00 00:00:00") || !has_form(json_text(basic, "runtime"), "+0:00:00")) {
+    if (!has_form(json_text(basic, "datetime"), "0000-00-00 00:00:00") ||
+        !has_form(json_text(basic, "runtime"), "+0:00:00")) {
         complain(&wrong, "bad datetime or runtime");
     }
     for (const char *usage : {"cpuUsage", "memoryUsage", "diskUsage"}) {
@@ -156,8 +157,10 @@ static std::string check_ports(const std::string &, const cJSON *root)
 
 static const BodyCheck k_bodies[] = {
     {"active",
-     "{\n\t\"deviceSn\":\"%K\",\n\t\"ptype\":\"%K\",\n\t\"category\":\"%K\",\n\t\"pname\":\"%K\",\n\t\"pversion\":\"%K\","
-     "\n\t\"mac\":\"%K\",\n\t\"localIp\":\"%K\",\n\t\"platformName\":\"%K\",\n\t\"factoryName\":\"%K\",\n\t\"ver\":\"%K\"\n}",
+     "{\n\t\"deviceSn\":\"%K\",\n\t\"ptype\":\"%K\",\n\t\"category\":\"%K\",\n\t\"pname\":\"%K\",\n\t\"pversion\":\"%"
+     "K\","
+     "\n\t\"mac\":\"%K\",\n\t\"localIp\":\"%K\",\n\t\"platformName\":\"%K\",\n\t\"factoryName\":\"%K\",\n\t\"ver\":\"%"
+     "K\"\n}",
      "deviceSn ptype category pname pversion mac localIp platformName factoryName ver", nullptr},
     {"handshake", "{\n\"ver\":\"%K\"\n}", "ver", nullptr},
     {"heartbeat", "{\n\t\"ver\":\"%K\",\n\t\"deviceSn\":\"%K\"\n}", "ver deviceSn", nullptr},

@@ -3,7 +3,8 @@
 
 #include <string>
 
-// A command that the agent hands to the device as it is: "upgrade", "reboot", "ping", ... With session empty: no session.
+// A command that the agent hands to the device as it is: "upgrade", "reboot", "ping", ... With session empty: no
+// session.
 std::string nm_command_forward(const std::string &type, const std::string &session);
 
 std::string nm_command_trigger(int period_s);
@@ -11,7 +12,7 @@ std::string nm_command_trigger(int period_s);
 struct NmStrategy {
     std::string action = "set"; // "set", "start" or "stop"
     int system_period_s = -1;   // negative: left out
-    std::string mode;           // "immediate", "timing", "delay", "immediate_timing", "immediate_delay"; empty: no strategy
+    std::string mode; // "immediate", "timing", "delay", "immediate_timing", "immediate_delay"; empty: no strategy
     int period_s = -1;
     int limit_kib = -1;
 };

@@ -1,4 +1,5 @@
-// nm_http.h - HTTP as NM sees it: requests cut out of a byte stream with every line kept as it came, answers as one text.
+// nm_http.h - HTTP as NM sees it: requests cut out of a byte stream with every line kept as it came, answers as one
+// text.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +15,8 @@ struct HttpRequest {
     std::string version;
 };
 
-// Cuts the first request out of text. Returns the bytes it took, 0 when it is not complete yet, -1 (with what is wrong in
-// *wrong) for bytes that can never become a request.
+// Cuts the first request out of text. Returns the bytes it took, 0 when it is not complete yet, -1 (with what is wrong
+// in *wrong) for bytes that can never become a request.
 int http_request_cut(const std::string &text, HttpRequest *request, std::string *wrong);
 
 // The value of the header called name, exactly as written on the wire; "" when there is none.

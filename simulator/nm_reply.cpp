@@ -46,8 +46,7 @@ static std::string activation_body(const NmSim &nm)
     if (activation.status == 304) {
         add_redirection(result, activation);
     } else {
-        cJSON_AddStringToObject(result, "host",
-                                (activation.host.empty() ? nm.options.ip : activation.host).c_str());
+        cJSON_AddStringToObject(result, "host", (activation.host.empty() ? nm.options.ip : activation.host).c_str());
         cJSON_AddNumberToObject(result, "port", activation.port == -2 ? nm.options.udp_port : activation.port);
     }
     return body_of_json(root);
@@ -86,7 +85,8 @@ static std::string session_body(const std::string &body)
     return body_of_json(root);
 }
 
-static std::string good_body_locked(NmSim *nm, const std::string &name, const HttpRequest &request, const NmFault &fault)
+static std::string good_body_locked(NmSim *nm, const std::string &name, const HttpRequest &request,
+                                    const NmFault &fault)
 {
     if (name == "active") {
         return activation_body(*nm);
@@ -152,7 +152,8 @@ static void apply_fault(const NmFault &fault, const std::string &body, NmReply *
         reply->second = good.substr(reply->bytes.size());
         break;
     case NM_FAULT_LONG:
-        reply->bytes = http_answer(200, body.substr(0, body.size() - 1) + ",\"pad\":\"" + std::string(4000, 'x') + "\"}");
+        reply->bytes =
+            http_answer(200, body.substr(0, body.size() - 1) + ",\"pad\":\"" + std::string(4000, 'x') + "\"}");
         break;
     case NM_FAULT_HTTP10:
         reply->bytes = "HTTP/1.0" + good.substr(8);

@@ -137,8 +137,8 @@ bool nm_serve_start(NmSim *nm)
     if (fd < 0) {
         return false;
     }
-    nm->listener =
-        evconnlistener_new(sim_loop_base(nm->loop), on_accept, nm, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, fd);
+    nm->listener = evconnlistener_new(sim_loop_base(nm->loop), on_accept, nm,
+                                      LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, fd);
     return nm->listener != nullptr;
 }
 

@@ -30,7 +30,8 @@ static void say_request(NmSim *nm, const NmRequest &request, const std::string &
                    (request.wrong.empty() ? "all right" : "WRONG: " + json_one_line(request.wrong, 600)) + ") -> " +
                    json_one_line(shown, 300));
     if (request.name == "runstatus") {
-        nm_say(nm, nm_view_run_status(request.body, nm->last_run_status.body, request.at_ms - nm->last_run_status.at_ms));
+        nm_say(nm,
+               nm_view_run_status(request.body, nm->last_run_status.body, request.at_ms - nm->last_run_status.at_ms));
         nm->last_run_status = request;
     } else if (request.name == "working/services") {
         nm_say(nm, nm_view_services(request.body));

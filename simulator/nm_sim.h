@@ -1,7 +1,7 @@
 // nm_sim.h - NM as a device sees it: HTTP or HTTPS posts, the UDP detection channel, commands handed out by handshake.
-// Every request is checked when it comes (method, path, header lines and their order, signature, layout of the body) and
-// kept with what was wrong about it. Every answer leaves in one send. On request it misbehaves.
-// Threads: each instance has a loop thread of its own; all calls below may come from any other thread.
+// Every request is checked when it comes (method, path, header lines and their order, signature, layout of the body)
+// and kept with what was wrong about it. Every answer leaves in one send. On request it misbehaves. Threads: each
+// instance has a loop thread of its own; all calls below may come from any other thread.
 #pragma once
 
 #include <functional>
@@ -13,22 +13,23 @@
 struct NmOptions {
     bool https = false;
     std::string ip = "127.0.0.1";
-    int port = 0;     // HTTP(S); 0: any free port
-    int udp_port = 0; // detection; 0: any free port
+    int port = 0;       // HTTP(S); 0: any free port
+    int udp_port = 0;   // detection; 0: any free port
     std::string serial; // the one device served; empty: any
-    std::function<void(const std::string &line)> print; // called on the loop thread for each event; empty: nothing is said
+    std::function<void(const std::string &line)>
+        print; // called on the loop thread for each event; empty: nothing is said
 };
 
 // One request or datagram as it came.
 struct NmRequest {
-    std::string name;                 // "active", "handshake", "working/services", ...; "device" for the bare path; "udp"
-    std::string line;                 // the request line; empty for a datagram
+    std::string name; // "active", "handshake", "working/services", ...; "device" for the bare path; "udp"
+    std::string line; // the request line; empty for a datagram
     std::vector<std::string> headers; // whole header lines in order
     std::string body;
-    std::string time; // sim_clock() of the arrival
+    std::string time;    // sim_clock() of the arrival
     long long at_ms = 0; // monotonic clock
-    int conn = 0;     // which connection brought it, counted from 1
-    std::string wrong; // what is wrong with it, items joined with "; "; empty when all is right
+    int conn = 0;        // which connection brought it, counted from 1
+    std::string wrong;   // what is wrong with it, items joined with "; "; empty when all is right
 };
 
 // How NM answers an activation.
@@ -81,8 +82,8 @@ SimLoop *nm_sim_loop(NmSim *nm); // for the NM side of the tunnels
 
 void nm_sim_set_activation(NmSim *nm, const NmActivation &activation);
 
-// Sets what happens to requests of that name ("" for every HTTP name without a fault of its own, "udp" for datagrams, "accept"
-// with NM_FAULT_SILENCE for connections that are accepted and never served, so that TLS never starts).
+// Sets what happens to requests of that name ("" for every HTTP name without a fault of its own, "udp" for datagrams,
+// "accept" with NM_FAULT_SILENCE for connections that are accepted and never served, so that TLS never starts).
 void nm_sim_set_fault(NmSim *nm, const std::string &name, const NmFault &fault);
 void nm_sim_clear_faults(NmSim *nm);
 

@@ -10,17 +10,19 @@
 static const char k_usage[] =
     "nm_simulator [--https] [--ip A] [--port N] [--udp-port N] [--serial S] [--web-port N] [--telnet-port N]\n"
     "             [--script FILE]\n"
-    "Plays the management server: answers the device's posts and its UDP heartbeats, says what is wrong with them, and\n"
-    "hands out commands. Port 0 (the default) is any free one; --web-port and --telnet-port are where local browsers and\n"
+    "Plays the management server: answers the device's posts and its UDP heartbeats, says what is wrong with them, "
+    "and\n"
+    "hands out commands. Port 0 (the default) is any free one; --web-port and --telnet-port are where local browsers "
+    "and\n"
     "telnet clients enter a tunnel. Type help for the commands.\n";
 
 static const std::map<std::string, NmFaultKind> k_fault_words = {
-    {"delay", NM_FAULT_NONE},         {"silence", NM_FAULT_SILENCE}, {"refuse", NM_FAULT_REFUSE},
-    {"404", NM_FAULT_STATUS},         {"junk", NM_FAULT_JUNK},       {"close", NM_FAULT_CLOSE},
-    {"half", NM_FAULT_HALF},          {"two", NM_FAULT_TWO_SEGMENTS}, {"long", NM_FAULT_LONG},
-    {"http10", NM_FAULT_HTTP10},      {"nojson", NM_FAULT_NO_JSON},  {"empty", NM_FAULT_EMPTY},
-    {"chunked", NM_FAULT_CHUNKED},    {"body", NM_FAULT_BODY},       {"word", NM_FAULT_WORD},
-    {"twice", NM_FAULT_TWICE},        {"stranger", NM_FAULT_STRANGER},
+    {"delay", NM_FAULT_NONE},      {"silence", NM_FAULT_SILENCE},   {"refuse", NM_FAULT_REFUSE},
+    {"404", NM_FAULT_STATUS},      {"junk", NM_FAULT_JUNK},         {"close", NM_FAULT_CLOSE},
+    {"half", NM_FAULT_HALF},       {"two", NM_FAULT_TWO_SEGMENTS},  {"long", NM_FAULT_LONG},
+    {"http10", NM_FAULT_HTTP10},   {"nojson", NM_FAULT_NO_JSON},    {"empty", NM_FAULT_EMPTY},
+    {"chunked", NM_FAULT_CHUNKED}, {"body", NM_FAULT_BODY},         {"word", NM_FAULT_WORD},
+    {"twice", NM_FAULT_TWICE},     {"stranger", NM_FAULT_STRANGER},
 };
 
 // fault NAME KIND [TIMES] [DELAY_MS] [TEXT...]; NAME "all" stands for every HTTP request.
@@ -115,8 +117,7 @@ static std::function<std::string(const ConsoleLine &)> plain(const std::function
 static std::vector<ConsoleCommand> device_commands(NmSim *nm, NmTunnels *tunnels)
 {
     return {
-        {"send", "JSON", "queue a command",
-         plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, line.rest); })},
+        {"send", "JSON", "queue a command", plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, line.rest); })},
         {"forward", "TYPE [SESSION]", "queue upgrade, backup, reboot, reset, log, ping, ... for the device",
          plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, nm_command_forward(line.word(0), line.word(1))); })},
         {"trigger", "SECONDS", "queue a new heartbeat period",

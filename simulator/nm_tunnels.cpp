@@ -26,7 +26,8 @@ static TunnelAuth fresh_auth(NmSim *nm)
     return auth;
 }
 
-static void queue_command(NmSim *nm, const std::string &type, const std::string &action, const TunnelAuth &auth, int port)
+static void queue_command(NmSim *nm, const std::string &type, const std::string &action, const TunnelAuth &auth,
+                          int port)
 {
     NmTunnel command;
     command.type = type;

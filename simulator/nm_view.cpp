@@ -46,8 +46,8 @@ std::string nm_view_run_status(const std::string &body, const std::string &previ
              json_text(basic, "runtime").c_str(), json_text(board, "cpuUsage").c_str(),
              json_text(board, "memoryUsage").c_str(), json_text(board, "diskUsage").c_str());
     std::string table = line;
-    snprintf(line, sizeof(line), "\n  %-15s %-5s %-11s %-20s %12s %12s", "interface", "link", "speed", "ipv4", "rx kbit/s",
-             "tx kbit/s");
+    snprintf(line, sizeof(line), "\n  %-15s %-5s %-11s %-20s %12s %12s", "interface", "link", "speed", "ipv4",
+             "rx kbit/s", "tx kbit/s");
     table += line;
     const cJSON *item;
     cJSON_ArrayForEach(item, member(basic, "interface"))
@@ -66,7 +66,8 @@ std::string nm_view_services(const std::string &body)
 {
     JsonTree root = json_parse(body);
     char *record = cJSON_PrintUnformatted(member(root.get(), "services"));
-    std::string line = "  services of " + json_text(root.get(), "deviceSn") + ": " + json_one_line(record ? record : "", 400);
+    std::string line =
+        "  services of " + json_text(root.get(), "deviceSn") + ": " + json_one_line(record ? record : "", 400);
     cJSON_free(record);
     return line;
 }

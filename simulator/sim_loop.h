@@ -1,5 +1,6 @@
 // sim_loop.h - one libevent loop on a thread of its own, and the ways into it from other threads.
-// A simulator's sockets belong to its loop: callbacks run there, one at a time. Everybody else goes through sim_loop_call.
+// A simulator's sockets belong to its loop: callbacks run there, one at a time. Everybody else goes through
+// sim_loop_call.
 #pragma once
 
 #include <functional>

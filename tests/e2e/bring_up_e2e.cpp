@@ -32,8 +32,9 @@ static void run_main_job(bool https)
     EXPECT_EQ(nm_sim_request(stage.nm, "upgradeResult", 0).body,
               "{\"type\":\"upgrade-result\",\"result\":\"success\",\"sessionid\":\"s-42\"}");
     ASSERT_TRUE(device_sim_wait_for(stage.device, "upgrade-ack", 1, k_wait_ms));
-    EXPECT_EQ(device_sim_frame(stage.device, "upgrade-ack", 0).text,
-              "{\t\"sessionid\":\"s-42\",\t\"type\":\"upgrade-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}");
+    EXPECT_EQ(
+        device_sim_frame(stage.device, "upgrade-ack", 0).text,
+        "{\t\"sessionid\":\"s-42\",\t\"type\":\"upgrade-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}");
     EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
     EXPECT_EQ(stage_wrong(stage), "");
 }
@@ -59,13 +60,15 @@ TEST(BringUp, RefusedThenAccepted)
     stage_write(stage);
     ASSERT_TRUE(agent_start(&stage.agent));
     ASSERT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 1, k_wait_ms));
-    EXPECT_EQ(device_sim_frame(stage.device, "online-status-notify", 0).text,
-              "{\t\"type\":\"online-status-notify\",\t\"result\":\"device_activation_failed\",\t\"cause\":\"unknown device\","
-              "\t\"ver\":\"0.1\"}");
+    EXPECT_EQ(
+        device_sim_frame(stage.device, "online-status-notify", 0).text,
+        "{\t\"type\":\"online-status-notify\",\t\"result\":\"device_activation_failed\",\t\"cause\":\"unknown device\","
+        "\t\"ver\":\"0.1\"}");
 
     nm_sim_set_activation(stage.nm, NmActivation()); // the next pass comes 10 s later
     ASSERT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 2, k_wait_ms));
-    EXPECT_TRUE(has(device_sim_frame(stage.device, "online-status-notify", 1).text, "\"result\":\"online\",\t\"cause\":\"\""));
+    EXPECT_TRUE(
+        has(device_sim_frame(stage.device, "online-status-notify", 1).text, "\"result\":\"online\",\t\"cause\":\"\""));
     EXPECT_EQ(nm_sim_count(stage.nm, "active"), 2);
     EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
     EXPECT_EQ(stage_wrong(stage), "");

@@ -1,12 +1,12 @@
 #include "harness.h"
 
 #include <arpa/inet.h>
+#include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <csignal>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -158,7 +158,8 @@ int agent_wait_exit(AgentProcess *agent, int timeout_ms)
     const long long until = monotonic_ms() + timeout_ms;
     {
         std::unique_lock<std::mutex> guard(agent->console->lock);
-        agent->console->changed.wait_for(guard, std::chrono::milliseconds(timeout_ms), [&] { return agent->console->ended; });
+        agent->console->changed.wait_for(guard, std::chrono::milliseconds(timeout_ms),
+                                         [&] { return agent->console->ended; });
     }
     int status = 0;
     while (waitpid(agent->pid, &status, WNOHANG) != agent->pid) {

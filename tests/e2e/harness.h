@@ -1,5 +1,6 @@
 // harness.h - the real binary in a temporary directory, between a simulated NM and a simulated device.
-// Tests wait on events (log lines, requests, frames), never on sleeps. agent_stop and the destructor leave nothing behind.
+// Tests wait on events (log lines, requests, frames), never on sleeps. agent_stop and the destructor leave nothing
+// behind.
 #pragma once
 
 #include <string>
@@ -38,16 +39,18 @@ struct Stage {
     Stage() = default;
     Stage(const Stage &) = delete;
     Stage &operator=(const Stage &) = delete;
-    ~Stage(); // kills what still runs, removes the directory; on a failed test prints the console's end and what was wrong
+    ~Stage(); // kills what still runs, removes the directory; on a failed test prints the console's end and what was
+              // wrong
 };
 
 // Makes the directory, starts NM and device on free ports and fills cfg and config; the agent is not started.
 void stage_prepare(Stage *stage, bool https);
-void stage_write(const Stage &stage);                        // config.ini and the device's files
+void stage_write(const Stage &stage); // config.ini and the device's files
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value);
 // stage_prepare, stage_write, agent_start.
 void stage_start(Stage *stage, bool https);
-// Waits until the device has been told "online" (looking behind the last log line found). False when that does not come.
+// Waits until the device has been told "online" (looking behind the last log line found). False when that does not
+// come.
 bool stage_wait_online(Stage *stage, int timeout_ms = k_wait_ms);
 // stage_start and stage_wait_online.
 bool stage_online(Stage *stage, bool https);
@@ -73,9 +76,10 @@ long long monotonic_ms();
 int proc_threads(int pid);
 int proc_descriptors(int pid);
 int proc_rss_kib(int pid);
-bool proc_rss_counts(); // false under an emulator or a sanitizer, whose own memory grows
+bool proc_rss_counts();   // false under an emulator or a sanitizer, whose own memory grows
 int proc_cpu_ms(int pid); // user and system time so far
 std::string file_text(const std::string &path);
 
-// A port of 127.0.0.1 that takes no connection and refuses none: connecting to it hangs. Close the descriptors after use.
+// A port of 127.0.0.1 that takes no connection and refuses none: connecting to it hangs. Close the descriptors after
+// use.
 int black_hole_port(std::vector<int> *descriptors);

@@ -44,9 +44,9 @@ TEST(Heartbeat, SurvivesEveryWrongAnswer)
     nm_sim_set_fault(stage.nm, "udp", fault(NM_FAULT_SILENCE));
     ASSERT_TRUE(agent_wait_log(&stage.agent, "Change to http mode."));
     int session = 0;
-    for (NmFaultKind kind : {NM_FAULT_STATUS, NM_FAULT_JUNK, NM_FAULT_CLOSE, NM_FAULT_HALF, NM_FAULT_TWO_SEGMENTS,
-                             NM_FAULT_LONG, NM_FAULT_HTTP10, NM_FAULT_NO_JSON, NM_FAULT_EMPTY, NM_FAULT_CHUNKED,
-                             NM_FAULT_SILENCE}) {
+    for (NmFaultKind kind :
+         {NM_FAULT_STATUS, NM_FAULT_JUNK, NM_FAULT_CLOSE, NM_FAULT_HALF, NM_FAULT_TWO_SEGMENTS, NM_FAULT_LONG,
+          NM_FAULT_HTTP10, NM_FAULT_NO_JSON, NM_FAULT_EMPTY, NM_FAULT_CHUNKED, NM_FAULT_SILENCE}) {
         SCOPED_TRACE("fault " + std::to_string(kind));
         nm_sim_set_fault(stage.nm, "heartbeat", fault(kind, "", 1));
         nm_sim_queue(stage.nm, nm_command_forward("ping", std::to_string(++session)));

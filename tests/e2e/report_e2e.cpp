@@ -28,11 +28,13 @@ TEST(Report, RunStatusAndServicesByNmsStrategy)
               "{\n\t\"ver\":\"1.3\",\n\t\"deviceSn\":\"SN00000001\",\n\t\"services\":{\"name\":\"one\"}\n}");
     EXPECT_TRUE(has(nm_sim_request(stage.nm, "working/services", 1).body, "two"));
     EXPECT_EQ(device_sim_frame(stage.device, "service-strategy", 0).text,
-              "{\t\"type\":\"service-strategy\",\t\"ver\":\"1.3\",\t\"serviceStrategy\":{\n\t\"mode\":\t\"immediate_delay\",\n"
+              "{\t\"type\":\"service-strategy\",\t\"ver\":\"1.3\",\t\"serviceStrategy\":{\n\t\"mode\":\t\"immediate_"
+              "delay\",\n"
               "\t\"limit\":\t100\n}}");
 
     ASSERT_TRUE(device_service_add(service, "{\"name\":\"three\"}"));
-    for (int i = 0; i < 40 && nm_sim_count(stage.nm, "working/services") < 3; i++) { // dropped while a report still runs
+    for (int i = 0; i < 40 && nm_sim_count(stage.nm, "working/services") < 3;
+         i++) { // dropped while a report still runs
         ASSERT_TRUE(device_sim_send(stage.device, "{\"type\":\"service-status\"}"));
         (void)nm_sim_wait_for(stage.nm, "working/services", 3, 1000);
     }
@@ -51,8 +53,8 @@ struct DeviceMessage {
 };
 
 static const DeviceMessage k_messages[] = {
-    {"{\"type\":\"cfg-result\",\"sessionid\":\"a\"}", "cfgResult", "{\"type\":\"cfg-result\",\"sessionid\":\"a\"}", "cfg-ack",
-     "{\t\"sessionid\":\"a\",\t\"type\":\"cfg-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}"},
+    {"{\"type\":\"cfg-result\",\"sessionid\":\"a\"}", "cfgResult", "{\"type\":\"cfg-result\",\"sessionid\":\"a\"}",
+     "cfg-ack", "{\t\"sessionid\":\"a\",\t\"type\":\"cfg-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}"},
     {"{ \"type\":\"backup-result\", \"sessionid\":\"b\" }", "backupResult",
      "{ \"type\":\"backup-result\", \"sessionid\":\"b\" }", "backup-ack",
      "{\t\"sessionid\":\"b\",\t\"type\":\"backup-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}"},
@@ -107,7 +109,8 @@ TEST(Report, RefusedAndUnansweredResults)
     ASSERT_TRUE(device_sim_send(stage.device, "{\"type\":\"cfg-result\",\"sessionid\":\"a\"}"));
     ASSERT_TRUE(device_sim_wait_for(stage.device, "cfg-ack", 1, k_wait_ms));
     EXPECT_EQ(device_sim_frame(stage.device, "cfg-ack", 0).text,
-              "{\t\"sessionid\":\"a\",\t\"type\":\"cfg-ack\",\t\"result\":false,\t\"cause\":\"no such task\",\t\"ver\":\"\"}");
+              "{\t\"sessionid\":\"a\",\t\"type\":\"cfg-ack\",\t\"result\":false,\t\"cause\":\"no such "
+              "task\",\t\"ver\":\"\"}");
 
     NmFault closing;
     closing.kind = NM_FAULT_CLOSE;
