@@ -123,14 +123,17 @@ inline X509 *self_signed(EVP_PKEY *key)
     return cert;
 }
 
-// 1024 bits: quick to make, and an old key is what some servers have.
-inline TlsPeer tls_peer_new(int key_bits = 1024)
+// An RSA key of 1024 bits: quick to make. signatures: the only kinds the server offers, null for its defaults.
+inline TlsPeer tls_peer_new(const char *signatures = nullptr)
 {
     TlsPeer peer = {};
     peer.fd = -1;
     peer.ctx = SSL_CTX_new(TLS_server_method());
     SSL_CTX_set_security_level(peer.ctx, 0);
-    EVP_PKEY *key = EVP_RSA_gen((unsigned)key_bits);
+    if (signatures) {
+        EXPECT_EQ(1, SSL_CTX_set1_sigalgs_list(peer.ctx, signatures));
+    }
+    EVP_PKEY *key = EVP_RSA_gen(1024);
     X509 *cert = self_signed(key);
     EXPECT_EQ(1, SSL_CTX_use_certificate(peer.ctx, cert));
     EXPECT_EQ(1, SSL_CTX_use_PrivateKey(peer.ctx, key));

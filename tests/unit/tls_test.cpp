@@ -1,5 +1,6 @@
 #include "net_peer.h"
 
+#include <openssl/err.h>
 #include <thread>
 
 #include "runtime/stop_internal.h"
@@ -13,11 +14,11 @@ struct TlsLink {
     TlsPeer peer;
 };
 
-static TlsLink tls_link_open(int key_bits = 1024)
+static TlsLink tls_link_open(const char *signatures = nullptr)
 {
     start_process_once();
     TlsLink link = {};
-    link.peer = tls_peer_new(key_bits);
+    link.peer = tls_peer_new(signatures);
     std::string port;
     int listener = listen_socket(&port, 2048);
     std::thread server([&] { EXPECT_TRUE(tls_peer_accept(&link.peer, listener)); });
@@ -37,8 +38,8 @@ static void tls_link_close(TlsLink *link)
 
 TEST(Tls, BytesGoBothWays)
 {
-    for (int key_bits : {1024, 2048}) { // old keys are fine: nothing is verified
-        TlsLink link = tls_link_open(key_bits);
+    for (const char *signatures : {(const char *)nullptr, "RSA+SHA1"}) { // old servers are fine: nothing is verified
+        TlsLink link = tls_link_open(signatures);
         char buf[64] = "";
         std::string log = log_of([&] { EXPECT_EQ(4, tcp_send(&link.conn, "ping", 4)); });
         expect_in_order(log, {"SSL send, 4 bytes."});
@@ -47,6 +48,7 @@ TEST(Tls, BytesGoBothWays)
         EXPECT_EQ(1, conn_readable(&link.conn, 5000));
         EXPECT_EQ(4, conn_recv(&link.conn, buf, sizeof(buf)));
         EXPECT_EQ(0, memcmp("pong", buf, 4));
+        ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH); // what another session left behind is not this one's error
         errno = 0;
         EXPECT_EQ(-1, conn_recv(&link.conn, buf, sizeof(buf)));
         EXPECT_EQ(EAGAIN, errno);
