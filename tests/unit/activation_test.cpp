@@ -45,25 +45,6 @@ static std::string cause_now()
 
 static const std::string k_ok = "HTTP/1.1 200 OK\r\n\r\n";
 
-TEST(activation, identity_is_posted_byte_for_byte)
-{
-    LogLines log;
-    std::string request, port;
-    {
-        Peer nm(answering({k_ok + R"({"status":200,"result":{"host":"localhost","port":5000}})"}, &request));
-        port = nm.port;
-        identity_set(nm.port);
-        EXPECT_EQ(0, device_activate());
-    }
-    EXPECT_EQ(
-        nm_request_text("/dev-api/A1/active", port,
-                        "{\n\t\"deviceSn\":\"A1\",\n\t\"ptype\":\"7\",\n\t\"category\":\"3\",\n\t\"pname\":\"box\","
-                        "\n\t\"pversion\":\"2.0\",\n\t\"mac\":\"00:aa\",\n\t\"localIp\":\"127.0.0.1\","
-                        "\n\t\"platformName\":\"pl\",\n\t\"factoryName\":\"fa\",\n\t\"ver\":\"1.3\"\n}"),
-        request);
-    EXPECT_TRUE(log.has("[INF] Activate device: A1 successfully!"));
-}
-
 TEST(activation, answers)
 {
     static const struct {
@@ -166,24 +147,4 @@ TEST(activation, the_device_is_told_of_a_redirection)
     le32_put(lengths[1], (uint32_t)cut.size());
     EXPECT_EQ(std::string(lengths[0], 4) + small + std::string(lengths[1], 4) + cut, frames);
     EXPECT_TRUE(log.has("[INF] Send redirection to device, payload_len: 506, content: " + cut + "\n"));
-}
-
-TEST(activation, handshake_hands_the_answer_on)
-{
-    LogLines log;
-    std::string request, port;
-    {
-        Peer nm(answering({k_ok + R"({"result":{"payload":[{"type":"no such command"}]}})"}, &request));
-        identity_set(port = nm.port);
-        handshake_send();
-    }
-    EXPECT_EQ(nm_request_text("/dev-api/A1/handshake", port, "{\n\"ver\":\"1.3\"\n}"), request);
-    expect_in_order(log.text(), {"[DBG] Sending handshake req...",
-                                 "[INF] Receive command: {\"result\":", "[WRN] Process handshake response failed!"});
-    handshake_send(); // NM is gone
-    EXPECT_TRUE(log.has("[WRN] Handshaking failed!"));
-    set_dma_cause("old");
-    EXPECT_EQ(-1, device_activate());
-    EXPECT_TRUE(log.has("[WRN] Acting device failed! Retry..."));
-    EXPECT_EQ("", cause_now());
 }

@@ -54,34 +54,6 @@ static void set_method(const char *method)
     plugin_info_edit_commit(&edit);
 }
 
-TEST(ConnRegistry, NamesAndUnknownNumbers)
-{
-    start_process_once();
-    std::string log = log_of([] {
-        EXPECT_STREQ("REMOTE_WEB_SERVER", conn_type_name(5));
-        EXPECT_STREQ("Unknown type", conn_type_name(6));
-        EXPECT_STREQ("PENDING", conn_status_name(2));
-        EXPECT_STREQ("Unknown status", conn_status_name(7));
-    });
-    expect_in_order(log, {"Unknown type: 6", "Unknown status: 7"});
-
-    ConnectionType odd = (ConnectionType)77;
-    Listener listener = listener_new();
-    int before = open_descriptors();
-    SocketConn copy;
-    EXPECT_EQ(1, conn_add(odd, connect_to(listener), 1));
-    EXPECT_EQ(before, open_descriptors());
-    conn_note_failed(odd, &copy);
-    conn_remove(odd, 1);
-    EXPECT_EQ(1, conn_remove_if_connected(odd, 1));
-    EXPECT_EQ(0, conn_check(odd) + tcp_check_conn(odd) + conn_is_connected(odd) + conn_reconnect(odd));
-    EXPECT_EQ(0, conn_hold(odd, &copy) + conn_is_current(odd, &copy) + poll_conn_readable(odd, 0));
-    conn_remove_if_current(odd, &copy, 1);
-    conn_drop(&copy);
-    EXPECT_EQ(0, conn_info_get(odd).conn.socket_fd);
-    close(listener.fd);
-}
-
 TEST(ConnRegistry, AddOverConnectedAndRemoveLeaveTheTexts)
 {
     Listener listener = listener_new();
@@ -125,24 +97,6 @@ TEST(ConnRegistry, AddOverConnectedAndRemoveLeaveTheTexts)
     close(listener.fd);
 }
 
-TEST(ConnRegistry, RemoveAllTakesTheConnectedOnes)
-{
-    Listener listener = listener_new();
-    int before = open_descriptors();
-    conn_add(DEV_TCP, connect_to(listener), 0);
-    conn_add(REMOTE_TELNET_DEVICE, connect_to(listener), 0);
-    conn_add(NM_UDP_DETECTION, udp_connect(k_ip, "9", nullptr, nullptr), 0);
-    std::string log = log_of([] { conn_remove_all_but_device(); });
-    expect_in_order(log,
-                    {"CONN[0]", "CONN[5]", "NM_UDP_DETECTION(1), peer", "REMOTE_TELNET_DEVICE(4), peer", "CONN[0]"});
-    EXPECT_FALSE(has_text(log, "DEV_TCP(0)"));
-    EXPECT_EQ(1, conn_is_connected(DEV_TCP));
-    conn_remove_all();
-    EXPECT_EQ(0, conn_is_connected(DEV_TCP));
-    EXPECT_EQ(before, open_descriptors());
-    close(listener.fd);
-}
-
 TEST(ConnRegistry, CheckDropsTheDeadAndTheUdpEntry)
 {
     Listener listener = listener_new();
@@ -164,20 +118,6 @@ TEST(ConnRegistry, CheckDropsTheDeadAndTheUdpEntry)
     expect_in_order(log, {"Shutdown and close socket: ", "NM_UDP_DETECTION(1), peer IP: 127.0.0.1", "CONN[0]"});
     EXPECT_EQ(0, conn_is_connected(NM_UDP_DETECTION));
     close(listener.fd);
-}
-
-TEST(ConnRegistry, ReconnectGoesToTheSamePeer)
-{
-    Listener listener = listener_new();
-    conn_add(REMOTE_TELNET_DEVICE, connect_to(listener), 0);
-    std::string log = log_of([] { EXPECT_EQ(1, conn_reconnect(REMOTE_TELNET_DEVICE)); });
-    expect_in_order(log, {removed_line("REMOTE_TELNET_DEVICE(4)", listener),
-                          "TCP connecting [remote (127.0.0.1:" + listener.port, "has been added, socket: ", "CONN[0]"});
-    EXPECT_EQ(1, conn_is_connected(REMOTE_TELNET_DEVICE));
-    close(listener.fd);
-    log = log_of([] { EXPECT_EQ(0, conn_reconnect(REMOTE_TELNET_DEVICE)); });
-    EXPECT_FALSE(has_text(log, "CONN["));
-    EXPECT_EQ(0, conn_is_connected(REMOTE_TELNET_DEVICE));
 }
 
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
@@ -240,14 +180,6 @@ TEST(ConnRegistry, OldCopiesDoNotTouchTheSuccessor)
     close(listener.fd);
 }
 
-TEST(ConnRegistry, PollOfAnEmptyEntryWaits)
-{
-    start_process_once();
-    int64_t start = wait_now_ms();
-    EXPECT_EQ(0, poll_conn_readable(DEV_TCP, 50));
-    EXPECT_GE(wait_now_ms() - start, 50);
-}
-
 TEST(ConnRegistry, ThousandCyclesLeaveNothingBehind)
 {
     Listener listener = listener_new();
@@ -261,97 +193,6 @@ TEST(ConnRegistry, ThousandCyclesLeaveNothingBehind)
     }
     conn_remove_all();
     EXPECT_EQ(before, open_descriptors());
-    close(listener.fd);
-}
-
-// Adders, removers, senders, readers and the table's printer at once; the sanitizers watch.
-TEST(ConnRegistry, ThreadsMeet)
-{
-    Listener listener = listener_new();
-    g_log_level = 2;
-    std::atomic<bool> done{false};
-    std::thread acceptor([&] {
-        std::vector<int> peers;
-        while (!done) {
-            if (readable_within(listener.fd, 10))
-                peers.push_back(accept(listener.fd, nullptr, nullptr));
-        }
-        for (int peer : peers)
-            close(peer);
-    });
-    auto repeat = [&](auto step) {
-        return std::thread([&done, step] {
-            while (!done)
-                step();
-        });
-    };
-    auto use = [](auto act) {
-        SocketConn copy;
-        if (conn_hold(HTTP, &copy))
-            act(&copy);
-        conn_drop(&copy);
-        usleep(100);
-    };
-    auto send_frame = [](SocketConn *copy) {
-        SendPart parts[] = {{"len!", 4}, {"text", 4}};
-        (void)conn_send(copy, SEND_MESSAGE, parts, 2);
-    };
-    std::thread threads[] = {
-        repeat([&] { conn_add(HTTP, tcp_connect(k_ip, listener.port.c_str(), nullptr, nullptr, 0, 0), 0); }),
-        repeat([] { (void)conn_check(HTTP), usleep(500); }),
-        repeat([] { conn_remove_all_but_device(), usleep(2000); }),
-        repeat([&] { use(send_frame); }),
-        repeat([&] { use(send_frame); }),
-        repeat([] { (void)poll_conn_readable(HTTP, 5); }),
-    };
-    usleep(1000000);
-    done = true;
-    for (std::thread &thread : threads)
-        thread.join();
-    acceptor.join();
-    conn_remove_all();
-    close(listener.fd);
-}
-
-// Encrypted by type and method; the session precedes the addition, its end stands inside the removal.
-TEST(ConnRegistry, TlsByTypeAndMethod)
-{
-    const struct {
-        ConnectionType type;
-        const char *method;
-        bool encrypted;
-    } cases[] = {
-        {HTTP, "HTTPS", true},
-        {REMOTE_WEB_SERVER, "https", true},
-        {REMOTE_TELNET_SERVER, "Https", true},
-        {REMOTE_TELNET_DEVICE, "https", false},
-        {DEV_TCP, "https", false},
-        {HTTP, "http", false},
-    };
-    Listener listener = listener_new();
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(conn_type_name(c.type)) + " " + c.method);
-        set_method(c.method);
-        TlsPeer peer = tls_peer_new();
-        std::thread server([&] {
-            if (c.encrypted)
-                EXPECT_TRUE(tls_peer_accept(&peer, listener.fd));
-            else
-                peer.fd = accept(listener.fd, nullptr, nullptr);
-        });
-        std::string log = log_of([&] {
-            conn_add(c.type, tcp_connect(k_ip, listener.port.c_str(), nullptr, nullptr, 0, 0), 1);
-            conn_remove(c.type, 0);
-        });
-        server.join();
-        EXPECT_EQ(c.encrypted, has_text(log, "SSL init success!"));
-        EXPECT_EQ(c.encrypted, has_text(log, ", SSL: 1"));
-        EXPECT_EQ(c.encrypted, has_text(log, "SSL deinit success!"));
-        if (c.encrypted)
-            expect_in_order(log, {"SSL init success!", "has been added, socket: ", "CONN[0]",
-                                  "Shutdown and close socket: ", "SSL deinit success!", "has been removed,"});
-        tls_peer_free(&peer);
-    }
     close(listener.fd);
 }
 

@@ -94,21 +94,6 @@ TEST(DevMsgHandle, MessagesReachTheirPathAndAreAcknowledged)
     close(device);
 }
 
-TEST(DevMsgHandle, OnlineStatusIsAnswered)
-{
-    int device = device_link();
-    const std::string cause(200, 'c');
-    set_dma_cause(cause.c_str());
-    dispatch("{\"type\":\"online-status\"}");
-    EXPECT_EQ(device_read(device), "{\t\"type\":\"online-status-ack\",\t\"result\":\"offline\",\t\"cause\":\"" +
-                                       cause.substr(0, 127) + "\",\t\"ver\":\"\"}");
-    conn_remove_all();
-    LogLines log;
-    dma_status_send("online-status-notify");
-    EXPECT_TRUE(log.has("The device TCP connection is lost!\n"));
-    close(device);
-}
-
 // The stop comes while NM keeps silent: a "false" would be a lie.
 TEST(DevMsgHandle, PostCutByAStopIsNotAcknowledged)
 {

@@ -120,33 +120,3 @@ TEST(DevMsgRecv, FullBufferWaitsForTheConsumer)
     EXPECT_EQ(pass(device, "", 2), (Texts{two, three}));
     receiver_end(device);
 }
-
-// The two threads as they run in the agent, on the smallest areas and a burst far larger than they are.
-TEST(DevMsgRecv, TurnsKeepUpWithABurst)
-{
-    constexpr int count = 60;
-    start_process_once();
-    g_log_std = 1;
-    g_log_level = 3;
-    int device = receiver(64, 64);
-    std::thread consumer([] {
-        while (!stop_requested())
-            dev_msg_handle_turn();
-    });
-    std::atomic<bool> answered{false};
-    std::thread peer([&] {
-        std::string burst;
-        for (int i = 0; i < count; i++)
-            burst += frame("{\"type\":\"ping\",\"x\":\"" + std::string((size_t)i % 36, 'x') + "\"}");
-        EXPECT_EQ(send(device, burst.data(), burst.size(), 0), (ssize_t)burst.size());
-        for (int i = 0; i < count; i++)
-            EXPECT_EQ(device_read(device), "{\n\t\"type\":\"pong\"\n}\n") << i;
-        answered = true;
-    });
-    while (!answered)
-        dev_msg_recv();
-    stop_request(15);
-    consumer.join();
-    peer.join();
-    receiver_end(device);
-}

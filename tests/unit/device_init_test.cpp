@@ -53,57 +53,6 @@ static void world_end(World *w)
     rmdir(w->directory);
 }
 
-static std::string notify(const char *result, const char *cause)
-{
-    return std::string("{\t\"type\":\"online-status-notify\",\t\"result\":\"") + result + "\",\t\"cause\":\"" + cause +
-           "\",\t\"ver\":\"\"}";
-}
-
-TEST(DeviceInit, OnlineRestartOnline)
-{
-    World w;
-    world_begin(&w);
-    LogLines log;
-    device_init_pass();
-    int device = accept(w.listener, nullptr, nullptr);
-    EXPECT_EQ(device_read(device), notify("online", ""));
-    EXPECT_TRUE(log.has_in_order({"Device initializing...", "TCP connecting", "DEV_TCP", "has been added",
-                                  "TCP connecting", "Sending HTTP request over", "Activate device: SN successfully!",
-                                  "Init cfg successfully, start the services ...", "len: 6 s, 0 ms, timerid",
-                                  "len: 120 s, 0 ms, timerid", "Send 'online-status-notify'"}));
-    log.clear();
-    restart_device_init();
-    restart_device_init(); // once is enough
-    EXPECT_TRUE(log.has_in_order({"'enable_init_flag', len: 10000 ms\n", "Stop timer, ", "Stop timer, "}));
-    EXPECT_EQ(log.count("enable_init_flag"), 1);
-    EXPECT_GT(alarm(0), 8u);
-
-    log.clear();
-    device_init_pass(); // status unchanged: the device hears nothing; its link is kept
-    EXPECT_EQ(log.count("TCP connecting"), 1);
-    EXPECT_EQ(device_read(device, 0), "(none)");
-    close(device);
-    world_end(&w);
-}
-
-TEST(DeviceInit, RefusalIsToldOncePerCause)
-{
-    World w;
-    world_begin(&w);
-    const std::string unknown = http_ok("{\"status\":403,\"error\":\"unknown\"}");
-    const std::string blocked = http_ok("{\"status\":403,\"error\":\"blocked\"}");
-    nm_peer_answer_set(&w.nm, "active", {unknown, unknown, blocked, k_active});
-    device_init_pass();
-    int device = accept(w.listener, nullptr, nullptr);
-    for (int i = 0; i < 3; i++)
-        device_init_pass();
-    EXPECT_EQ(device_read(device), notify("device_activation_failed", "unknown"));
-    EXPECT_EQ(device_read(device), notify("device_activation_failed", "blocked"));
-    EXPECT_EQ(device_read(device), notify("online", ""));
-    close(device);
-    world_end(&w);
-}
-
 // Waits grow with the failures; every fifth reads config.ini again. Only a restart brings the short wait back.
 TEST(DeviceInit, RetryStages)
 {

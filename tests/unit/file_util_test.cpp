@@ -24,32 +24,6 @@ static void put_file(const std::string &path, const std::string &content)
     fclose(file);
 }
 
-TEST(FileUtil, ReadFile)
-{
-    std::string dir = make_dir();
-    put_file(dir + "/empty", "");
-    put_file(dir + "/ten", "0123456789");
-    ASSERT_EQ(0, mkfifo((dir + "/fifo").c_str(), 0600));
-    static const struct {
-        const char *name;
-        size_t cap;
-        ssize_t result;
-        const char *shown;
-    } k_cases[] = {
-        {"empty", 8, 0, "len: 0, content: "},      {"ten", 10, 10, "len: 10, content: 0123456789"},
-        {"ten", 4, 4, "len: 4, content: 0123"},    {"none", 8, -1, "len: -1, content: "},
-        {"fifo", 8, 0, "len: 0, content: "},
-    };
-    for (const auto &c : k_cases) {
-        std::string path = dir + "/" + c.name;
-        char buf[16];
-        memset(buf, 'x', sizeof(buf)); // no NUL behind the bytes: the log line must not run on
-        log_capture_begin();
-        EXPECT_EQ(c.result, read_file(path.c_str(), buf, c.cap)) << c.name;
-        EXPECT_EQ("[DBG] Path : " + path + ", " + c.shown + "\n", log_capture_end());
-    }
-}
-
 TEST(FileUtil, LockExcludesOtherProcesses)
 {
     std::string path = make_dir() + "/file";

@@ -41,71 +41,6 @@ static void online_end(Online *o)
     alarm(0);
 }
 
-// One beat; the detection server answers with the word (null: silence). Returns the datagram.
-static std::string beat(Online *o, const char *word)
-{
-    std::atomic<bool> over{false};
-    std::thread callback([&over] {
-        udp_handler(nullptr);
-        over = true;
-    });
-    char datagram[512] = {};
-    struct sockaddr_in from = {};
-    socklen_t len = sizeof(from);
-    while (!over && !readable_within(o->udp, 10)) {
-    }
-    ssize_t got = recvfrom(o->udp, datagram, sizeof(datagram) - 1, MSG_DONTWAIT, (struct sockaddr *)&from, &len);
-    EXPECT_TRUE(got < 1 || !word || sendto(o->udp, word, strlen(word), 0, (struct sockaddr *)&from, len) >= 0);
-    callback.join();
-    return datagram;
-}
-
-TEST(Heartbeat, UdpAnswers)
-{
-    const struct {
-        const char *word;
-        Texts posts;
-        uint32_t restarts;
-    } cases[] = {
-        {"active", {}, 0},
-        {"ack", {"/dev-api/SN/handshake"}, 0},
-        {"ack\n", {"/dev-api/SN/heartbeat"}, 0},
-        {"", {"/dev-api/SN/heartbeat"}, 0},
-        {"ReC", {}, 1},
-    };
-    Online o;
-    online_begin(&o);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.word);
-        size_t before = nm_peer_posts(&o.nm).size();
-        EXPECT_EQ(beat(&o, c.word), k_body);
-        Texts paths = nm_peer_paths(&o.nm);
-        EXPECT_EQ(Texts(paths.begin() + (ssize_t)before, paths.end()), c.posts);
-        EXPECT_EQ(g_restart_count, c.restarts);
-    }
-    EXPECT_EQ(g_init_done, 0);
-    EXPECT_EQ(beat(&o, "active"), ""); // offline: no heartbeat
-    online_end(&o);
-}
-
-// Five misses in a row turn to HTTP although every post succeeded.
-TEST(Heartbeat, SilentUdpTurnsToHttp)
-{
-    Online o;
-    online_begin(&o);
-    LogLines log;
-    EXPECT_EQ(beat(&o, nullptr), k_body);
-    EXPECT_EQ(beat(&o, "ACTIVE"), k_body);
-    for (int i = 0; i < 5; i++)
-        EXPECT_EQ(beat(&o, nullptr), k_body) << i;
-    EXPECT_EQ(beat(&o, "ACTIVE"), "");
-    EXPECT_EQ(log.count("nonresponse for udp trigger has reached the upper limit! Change to http mode.\n"), 1);
-    EXPECT_EQ(nm_peer_bodies(&o.nm), Texts(7, k_body));
-    heartbeat_reset();
-    EXPECT_EQ(beat(&o, "ACTIVE"), k_body);
-    online_end(&o);
-}
-
 TEST(Heartbeat, HttpAnswers)
 {
     const struct {
@@ -140,25 +75,6 @@ TEST(Heartbeat, HttpAnswers)
     online_end(&o);
 }
 
-// The fifth failed post asks for a restart and so does the sixth; meanwhile the UDP count reaches its limit as well.
-TEST(Heartbeat, FailedPostsRestart)
-{
-    Online o;
-    online_begin(&o);
-    nm_peer_answer_set(&o.nm, "heartbeat", {""});
-    LogLines log;
-    for (uint32_t i = 1; i <= 5; i++) {
-        EXPECT_EQ(g_restart_count, 0u);
-        beat(&o, "nothing known");
-    }
-    EXPECT_EQ(tx_nms_message(REPORT_HEARTBEAT, k_body, strlen(k_body)), -1);
-    EXPECT_TRUE(log.has_in_order({"http trigger has reached the upper limit! Re-initialize device...\n",
-                                  "Start timer for 'enable_init_flag', len: 10000 ms\n", "Change to http mode.\n",
-                                  "http trigger has reached the upper limit! Re-initialize device...\n"}));
-    EXPECT_EQ(g_restart_count, 1u);
-    online_end(&o);
-}
-
 // While one exchange waits for its answer, a further expiry sends nothing; one that lost its bring-up counts nothing.
 TEST(Heartbeat, OverlapAndCallOff)
 {
@@ -173,19 +89,6 @@ TEST(Heartbeat, OverlapAndCallOff)
     EXPECT_EQ(log.count("Sending UDP detection... "), 1);
     EXPECT_FALSE(log.has("udp_recv error"));
     EXPECT_EQ(nm_peer_paths(&o.nm), Texts{}); // called off: no post
-    online_end(&o);
-}
-
-TEST(Heartbeat, LostDeviceLinkRestartsOnce)
-{
-    Online o;
-    online_begin(&o);
-    shutdown(o.device, SHUT_RDWR);
-    LogLines log;
-    udp_handler(nullptr);
-    udp_handler(nullptr);
-    EXPECT_EQ(log.count("Device TCP connection lost! Re-initialize device...\n"), 2);
-    EXPECT_EQ(log.count("Start timer for 'enable_init_flag', len: 10000 ms\n"), 1);
     online_end(&o);
 }
 

@@ -59,22 +59,6 @@ TEST(http_client, answers_are_parsed)
     }
 }
 
-TEST(http_client, early_failures_leave_the_answer_alone)
-{
-    LogLines log;
-    char rsp[16] = "kept";
-    EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "get", nullptr, 0, nullptr, rsp, sizeof(rsp)));
-    EXPECT_EQ(-1, http_request("127.0.0.1", "1", "/", "GET", nullptr, 1, nullptr, rsp, sizeof(rsp)));
-    EXPECT_EQ(-1, http_post_nm("/", "", rsp, sizeof(rsp)));
-    EXPECT_EQ(3, log.count("[ERR] Invalid parameters!"));
-    nm_set("1"); // nobody listens there
-    EXPECT_EQ(-1, http_post_nm("/x", "{}", rsp, sizeof(rsp)));
-    EXPECT_EQ(-1, http_request("no-host.invalid", "1", "/x", "GET", nullptr, 0, nullptr, rsp, sizeof(rsp)));
-    EXPECT_EQ(2, log.count("[ERR] http_tcpclient_create failed!"));
-    EXPECT_TRUE(log.has("[ERR] gethostbyname() failed: no-host.invalid"));
-    EXPECT_STREQ("kept", rsp);
-}
-
 TEST(http_client, request_takes_one_receive)
 {
     const std::string long_json = "{\"a\":\"" + std::string(600, 'x') + "\"}";
@@ -100,43 +84,6 @@ TEST(http_client, request_takes_one_receive)
                   http_request("localhost", peer.port.c_str(), "/x", "POST", nullptr, 0, "{}", rsp, sizeof(rsp)));
         EXPECT_EQ(row.rsp, rsp);
         EXPECT_TRUE(log.has(row.line));
-    }
-}
-
-TEST(http_client, request_of_a_mebibyte_arrives_whole)
-{
-    std::string body(1 << 20, 'b');
-    std::string request;
-    char rsp[64] = {};
-    {
-        LogLines log;
-        Peer peer(answering({k_ok + std::string("{}")}, &request));
-        EXPECT_EQ(
-            2, http_request("127.0.0.1", peer.port.c_str(), "/x", "POST", nullptr, 0, body.c_str(), rsp, sizeof(rsp)));
-    }
-    EXPECT_EQ("\r\nContent-Length: 1048576\r\n\r\n" + body, request.substr(request.find("\r\nContent-Length")));
-}
-
-TEST(http_client, a_stop_ends_the_wait_without_a_word)
-{
-    LogLines log;
-    ASSERT_EQ(0, stop_init(nullptr));
-    for (int kept = 0; kept <= 1; kept++) {
-        std::promise<void> done;
-        Peer peer([&](int listener) {
-            int fd = peer_accept(listener);
-            peer_read_request(fd);
-            stop_request(15);
-            done.get_future().wait();
-            close(fd);
-        });
-        nm_set(peer.port);
-        char rsp[64] = {};
-        EXPECT_EQ(-1, kept ? http_post_nm("/x", "{}", rsp, sizeof(rsp)) : nm_http_post("/x", "{}", rsp, sizeof(rsp)));
-        EXPECT_FALSE(log.has("select")) << kept;
-        EXPECT_FALSE(log.has("Receive response")) << kept;
-        done.set_value();
-        stop_reset_for_test();
     }
 }
 

@@ -195,18 +195,6 @@ TEST(init_cfg, hostile_texts_do_no_harm)
         EXPECT_EQ(-1, init_cfg_parse_text(text.c_str()));
 }
 
-TEST(init_cfg, long_texts_are_cut_to_their_field)
-{
-    LogLines log;
-    const std::string longest(600, 'x'), quoted = "\"" + longest + "\"";
-    EXPECT_EQ(0, init_cfg_parse_text(cfg_with("log_path", quoted.c_str()).c_str()));
-    EXPECT_EQ(longest.substr(0, 254) + "/", info_now().plugin_log_path);
-    EXPECT_EQ(1, init_cfg_parse_text(cfg_with("interface", quoted.c_str()).c_str()));
-    EXPECT_EQ(longest.substr(0, 63), info_now().interface);
-    EXPECT_EQ(-1, init_cfg_parse_text(cfg_with("host", quoted.c_str()).c_str()));
-    EXPECT_EQ(longest.substr(0, 15), info_now().nm_ip);
-}
-
 TEST(init_cfg, identity_is_compared)
 {
     static const struct {
@@ -272,20 +260,4 @@ TEST(init_cfg, files_at_the_limits)
     EXPECT_EQ(-1, init_cfg_parse());
     EXPECT_EQ(0, stop_status());
     EXPECT_EQ(2, log.count("[ERR] Reading init cfg failed! File path: " + path));
-}
-
-TEST(init_cfg, reload_restarts_only_for_another_identity)
-{
-    LogLines log;
-    ASSERT_EQ(0, init_cfg_parse_text(k_cfg));
-    g_init_done = 1;
-    std::string path = cfg_file(cfg_with("web_port", "8088"));
-    reload_init_cfg();
-    EXPECT_STREQ("8088", info_now().dev_web.remote_port);
-    EXPECT_EQ(1, g_init_done);
-    cfg_file(cfg_with("dev-sn", "\"B2\""));
-    reload_init_cfg();
-    EXPECT_STREQ("A1", info_now().dev_sn); // the next pass takes it
-    EXPECT_EQ(0, g_init_done);
-    unlink(path.c_str());
 }

@@ -36,31 +36,6 @@ static void stream_swap(FILE *stream, LogMode mode)
     log_swap_end();
 }
 
-TEST(Log, LevelsAreThresholds)
-{
-    static const struct {
-        uint32_t level;
-        const char *lines;
-    } k_cases[] = {
-        {0, ""},
-        {2, ""},
-        {3, "[ERR] e\n"},
-        {4, "[WRN] w\n[ERR] e\n"},
-        {5, "[WRN] w\n[ERR] e\n"},
-        {6, "[INF] i\n[WRN] w\n[ERR] e\n"},
-        {7, "[DBG] d\n[INF] i\n[WRN] w\n[ERR] e\n"},
-        {0xFFFFFFFF, "[DBG] d\n[INF] i\n[WRN] w\n[ERR] e\n"},
-    };
-    for (const auto &c : k_cases) {
-        log_capture_begin(c.level);
-        log_debug("d");
-        log_info("i");
-        log_warn("w");
-        log_error("e");
-        EXPECT_EQ(c.lines, log_capture_end()) << c.level;
-    }
-}
-
 // Which outputs a line reaches, by console setting, mode and open stream. Syslog itself is not looked at.
 TEST(Log, TargetsFollowSettingModeAndStream)
 {

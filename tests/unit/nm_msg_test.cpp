@@ -87,19 +87,6 @@ TEST(NmMsg, CommandsFindTheirHandler)
     EXPECT_EQ(s_seen, "3{\"type\":\"probe\"}16");
 }
 
-TEST(NmMsg, ForwardedCommandIsOneFrame)
-{
-    int device = device_link();
-    LogLines log;
-    EXPECT_EQ(nm_msg_forwarding(0, "", "0123456789", 10), 0);
-    EXPECT_TRUE(log.has(", len: 10 (HEX: 0x0a 0x00 0x00 0x00 ), content: 0123456789 \n"));
-    EXPECT_EQ(read_upto(device, 14), frame("0123456789"));
-    conn_remove_all();
-    EXPECT_EQ(nm_msg_forwarding(0, "", "x", 1), 0); // no link: lost, all the same
-    EXPECT_EQ(read_upto(device, 1), "");
-    close(device);
-}
-
 TEST(NmMsg, QueriesPostTheStatusFiles)
 {
     NmPeer nm;

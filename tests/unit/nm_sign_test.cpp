@@ -36,24 +36,3 @@ TEST(nm_sign, headers_in_order_with_the_signature)
         EXPECT_STREQ("ptype: 7", headers[3]);
     }
 }
-
-TEST(nm_sign, device_response_is_posted_and_logged)
-{
-    LogLines log;
-    std::string request, port;
-    char rsp[10240] = {};
-    int len = -5;
-    {
-        Peer nm(answering({"HTTP/1.1 200 OK\r\n\r\n{\"status\":200}"}, &request));
-        nm_set(port = nm.port);
-        EXPECT_EQ(1, nm_send_device_response("/dev-api/A1/x", "{\"m\":1}", rsp, sizeof(rsp), &len));
-    }
-    EXPECT_EQ(14, len);
-    EXPECT_EQ(nm_request_text("/dev-api/A1/x", port, "{\"m\":1}"), request);
-    EXPECT_EQ(0, nm_send_device_response("/dev-api/A1/x", "{}", rsp, sizeof(rsp), &len)); // NM is gone
-    EXPECT_EQ(14, len);
-    expect_in_order(log.text(), {"[INF] Sending device response to NM, uri: /dev-api/A1/x, header: secretKey: "
-                                 "b7c2bef02ff598441ae8d05209dca008,pver: 1.3, msg: {\"m\":1}",
-                                 "[INF] Receive response from NM, len: 14, content: {\"status\":200}",
-                                 "[WRN] Sending device response to NM failed. response: "});
-}

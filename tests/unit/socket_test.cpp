@@ -111,26 +111,6 @@ TEST(Socket, ConnectFailuresSayWhatTheyAre)
     close(listener);
 }
 
-TEST(Socket, ConnectKeepsBothEndsAndIsNonBlocking)
-{
-    start_process_once();
-    std::string port;
-    int listener = listen_socket(&port);
-    SocketConn conn = tcp_connect(k_ip, port.c_str(), k_ip, "0", 0, 0);
-    ASSERT_GT(conn.socket_fd, 0);
-    EXPECT_STREQ(k_ip, conn.remote_ip);
-    EXPECT_EQ(port, conn.remote_port);
-    EXPECT_STREQ(k_ip, conn.local_ip);
-    EXPECT_STREQ("0", conn.local_port);
-    char byte;
-    errno = 0;
-    EXPECT_EQ(-1, conn_recv(&conn, &byte, 1));
-    EXPECT_EQ(EAGAIN, errno);
-    socket_close_private(&conn);
-    EXPECT_EQ(-1, conn_recv(&conn, &byte, 1));
-    close(listener);
-}
-
 // A peer whose queue is full does not answer at all.
 TEST(Socket, SilentPeerTimesOutAndAStopCutsTheWait)
 {
@@ -328,41 +308,6 @@ TEST(Socket, LivenessLooksAtTheState)
     int64_t start = wait_now_ms();
     EXPECT_EQ(0, poll_readable(0, 30));
     EXPECT_GE(wait_now_ms() - start, 30);
-}
-
-// 2 s of a full send buffer are "not established", but not when the wait was cut.
-TEST(Socket, LivenessOfAFullBuffer)
-{
-    Link link = link_open(false);
-    fill_buffers(link.conn.socket_fd);
-    std::string log = log_of([&] { EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd)); });
-    EXPECT_TRUE(has_text(log, "selecting timeout."));
-    stop_request(15);
-    EXPECT_EQ(1, tcp_check_fd(link.conn.socket_fd));
-    stop_reset_for_test();
-    link_close(&link);
-}
-
-TEST(Socket, UdpReachesItsPeerWhateverTheBind)
-{
-    start_process_once();
-    std::string port;
-    int peer = bound_socket(SOCK_DGRAM, &port);
-    for (const char *local_ip : {"0.0.0.0", "192.0.2.1"}) {
-        SCOPED_TRACE(local_ip);
-        SocketConn conn = {};
-        std::string log = log_of([&] { conn = udp_connect(k_ip, port.c_str(), local_ip, "0"); });
-        EXPECT_EQ(strcmp(local_ip, "0.0.0.0") != 0,
-                  has_text(log, "Binding failed, IP: 192.0.2.1, Port: 0, errno: Cannot assign requested address(99)"));
-        ASSERT_GT(conn.socket_fd, 0);
-        EXPECT_EQ(4, udp_sendto(&conn, "ping", 4));
-        EXPECT_EQ("ping", read_upto(peer, 4));
-        socket_close_private(&conn);
-        EXPECT_EQ(-1, udp_sendto(&conn, "ping", 4));
-    }
-    EXPECT_EQ(0, udp_connect("no.such.host.invalid", "1", nullptr, nullptr).socket_fd);
-    EXPECT_EQ(0, udp_connect(nullptr, "1", nullptr, nullptr).socket_fd);
-    close(peer);
 }
 
 TEST(Socket, NamesAndInterfaces)

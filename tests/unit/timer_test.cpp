@@ -98,34 +98,3 @@ TEST(Timer, CallbacksOverlapAndOutliveTheirTimer)
         wait_cadence_ms(1);
     EXPECT_EQ(0, timer_callbacks_running());
 }
-
-TEST(Timer, NothingRunsOnceTheProcessStops)
-{
-    static PluginTimer timer = {0, 0, 10, on_count};
-    ASSERT_EQ(0, stop_init(nullptr));
-    stop_request(0);
-    log_capture_begin();
-    start_timer(&timer);
-    wait_cadence_ms(60);
-    stop_timer(&timer);
-    log_capture_end();
-    EXPECT_EQ(0, s_calls);
-    EXPECT_EQ(0, start_alarm_timer(10000, SIG_DFL)); // SIGALRM is the deadline now
-    EXPECT_EQ(STOP_DEADLINE_S, alarm(0));
-    stop_reset_for_test();
-}
-
-TEST(Timer, AlarmIsCutToSeconds)
-{
-    EXPECT_EQ(0, start_alarm_timer(120000, SIG_IGN));
-    EXPECT_EQ(120, start_alarm_timer(1500, SIG_IGN));
-    EXPECT_EQ(1, start_alarm_timer(999, SIG_IGN)); // cancels
-    EXPECT_EQ(0u, alarm(0));
-    log_capture_begin();
-    EXPECT_EQ(0, start_alarm_timer(10000, SIG_IGN));
-    struct sigaction action;
-    sigaction(SIGALRM, nullptr, &action);
-    EXPECT_EQ(SA_RESTART, action.sa_flags & SA_RESTART);
-    EXPECT_EQ("", log_capture_end());
-    alarm(0);
-}

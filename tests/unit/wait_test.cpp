@@ -55,25 +55,6 @@ TEST(Wait, Results)
     EXPECT_EQ(WAIT_TIMEOUT, wait_bell(&s_bell, 0));
 }
 
-TEST(Wait, SignalsDoNotShortenIt)
-{
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, nullptr);
-    pthread_t self = pthread_self();
-    std::atomic<bool> done{false};
-    std::thread pest([&] {
-        while (!done) {
-            pthread_kill(self, SIGUSR1);
-            wait_cadence_ms(5);
-        }
-    });
-    EXPECT_GE(time_of([] { EXPECT_EQ(WAIT_TIMEOUT, wait_sleep_ms(100)); }), 99);
-    EXPECT_GE(time_of([] { wait_cadence_ms(100); }), 99);
-    done = true;
-    pest.join();
-}
-
 // Every kind of wait on another thread ends at once with the request, those that begin later too; none runs the
 // closing sequence.
 TEST(Wait, StopCutsAllWaits)
@@ -153,31 +134,4 @@ TEST(Stop, MainQuitsAtWaitsWithoutALock)
     EXPECT_EQ(WAIT_CUT, wait_sleep_ms(10)); // the sequence's own waits do not start it again
     EXPECT_EQ(1, s_sequence_runs);
     stop_reset_for_test();
-}
-
-TEST(Stop, OffMainItIsRecordedOnly)
-{
-    ASSERT_EQ(0, stop_init(note_sequence));
-    std::thread([] {
-        EXPECT_FALSE(stop_is_main_thread());
-        stop_process(0);
-    }).join();
-    EXPECT_TRUE(stop_requested());
-    EXPECT_EQ(0, s_sequence_runs);
-    EXPECT_EQ(STOP_DEADLINE_S, alarm(0));
-    stop_process(15);
-    EXPECT_EQ(1, s_sequence_runs);
-    EXPECT_EQ(0, s_sequence_status);
-    stop_reset_for_test();
-}
-
-TEST(StopDeathTest, DeadlineEndsWithTheRequestedStatus)
-{
-    EXPECT_EXIT(
-        {
-            stop_init(note_sequence);
-            stop_request(15);
-            raise(SIGALRM);
-        },
-        testing::ExitedWithCode(15), "");
 }
