@@ -69,7 +69,7 @@ WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms)
         int slice_ms = timeout_ms < 0 ? -1 : remaining_ms(end_ms);
         if (t_call_off.counter && (slice_ms < 0 || slice_ms > CALL_OFF_SLICE_MS))
             slice_ms = CALL_OFF_SLICE_MS;
-        int ready = poll(polled, (nfds_t)(count + 1), slice_ms);
+        int ready = poll(polled, (nfds_t)count + 1, slice_ms);
         if (ready < 0) {
             if (errno != EINTR)
                 return WAIT_ERROR;

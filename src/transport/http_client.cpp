@@ -50,7 +50,7 @@ char *http_build_request(const char *method, const char *path, const char *host,
 
     size_t head_len = strlen(text);
     if (body_len > 0)
-        memcpy(text + head_len, body, body_len); // room for the NUL is left by the head
+        memcpy(text + head_len, body, body_len + 1); // with its NUL: the head left room
     *len = head_len + body_len;
     return text;
 }
