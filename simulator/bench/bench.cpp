@@ -74,6 +74,12 @@ static std::string k_per_s(double value)
     return number(value, 0) + " KiB/s";
 }
 
+static std::string median(std::vector<long long> times_ms)
+{
+    std::sort(times_ms.begin(), times_ms.end());
+    return std::to_string(times_ms[times_ms.size() / 2]) + " ms, worst " + std::to_string(times_ms.back()) + " ms";
+}
+
 // Median and worst of typed bytes coming back, the wire's delay being nothing.
 static std::string telnet_echo(bool https)
 {
@@ -91,8 +97,7 @@ static std::string telnet_echo(bool https)
         times_ms.push_back(monotonic_ms() - typed_ms);
     }
     close(fd);
-    std::sort(times_ms.begin(), times_ms.end());
-    return std::to_string(times_ms[50]) + " ms, worst " + std::to_string(times_ms.back()) + " ms";
+    return median(times_ms);
 }
 
 static std::string start_to_online(bool https)
@@ -114,32 +119,113 @@ static std::string term_to_end()
     return std::to_string(monotonic_ms() - begin_ms) + " ms";
 }
 
+// Sum over the lines that a command prints, of the number in each that the format finds.
+static long long sum_of(const std::string &command, const char *format)
+{
+    long long sum = 0;
+    FILE *lines = popen(command.c_str(), "r");
+    char line[256];
+    long long number_found;
+    while (fgets(line, sizeof(line), lines) != nullptr) {
+        sum += sscanf(line, format, &number_found) == 1 ? number_found : 0;
+    }
+    pclose(lines);
+    return sum;
+}
+
+static std::string tasks_of(int pid)
+{
+    return "/proc/" + std::to_string(pid) + "/task/*/";
+}
+
 // Times that the process has left the processor by itself, over all threads.
 static long long switches(int pid)
 {
-    long long sum = 0;
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    FILE *list = popen(("cat " + tasks + "/*/status").c_str(), "r");
-    char line[256];
-    long long count;
-    while (fgets(line, sizeof(line), list) != nullptr) {
-        sum += sscanf(line, "voluntary_ctxt_switches: %lld", &count) == 1 ? count : 0;
-    }
-    pclose(list);
-    return sum;
+    return sum_of("cat " + tasks_of(pid) + "status", "voluntary_ctxt_switches: %lld");
+}
+
+static double processor_ms(int pid)
+{
+    return static_cast<double>(sum_of("cat " + tasks_of(pid) + "schedstat", "%lld")) / 1e6;
+}
+
+static std::string private_memory(int pid)
+{
+    const std::string command = "grep -h Private_ /proc/" + std::to_string(pid) + "/smaps_rollup";
+    return number(static_cast<double>(sum_of(command, "%*s %lld")) / 1024, 2) + " MiB";
 }
 
 static std::string idle()
 {
     Stage stage;
+    config_set(&stage.config, "plugin_config:log_level", "6");
     need(stage_online(&stage, false), "agent online");
-    const int cpu_before_ms = proc_cpu_ms(stage.agent.pid);
-    const long long switches_before = switches(stage.agent.pid);
+    const int pid = stage.agent.pid;
+    const double before_ms = processor_ms(pid);
+    const long long switches_before = switches(pid);
     sleep(k_idle_s);
-    const double cpu_ms = proc_cpu_ms(stage.agent.pid) - cpu_before_ms;
-    const auto wakes = static_cast<double>(switches(stage.agent.pid) - switches_before);
-    return number(cpu_ms / 10 / k_idle_s, 2) + " % CPU, " + number(wakes / k_idle_s, 0) + " wake-ups/s, " +
-           number(proc_rss_kib(stage.agent.pid) / 1024.0, 1) + " MiB resident";
+    const double share = (processor_ms(pid) - before_ms) / (k_idle_s * 10);
+    const auto wakes = static_cast<double>(switches(pid) - switches_before);
+    return number(share, 3) + " % of a core, " + number(wakes / k_idle_s, 1) + " wake-ups/s";
+}
+
+static std::string memory_idle()
+{
+    Stage stage;
+    need(stage_online(&stage, false), "agent online");
+    need(nm_sim_wait_for(stage.nm, "udp", 1, k_wait_ms), "heartbeat");
+    return private_memory(stage.agent.pid) + ", " + std::to_string(proc_threads(stage.agent.pid)) + " threads";
+}
+
+static std::string memory_in_tunnels()
+{
+    DeviceService files(serve_web_files);
+    DeviceService echo(serve_echo);
+    TunnelStage stage;
+    start(&stage, false, &files, &echo);
+    need(web_open(&stage) && telnet_open(&stage), "tunnels open");
+    need(answer_of(stage.web->client_port(), "1000000 1\n").size() == 1000000, "all bytes");
+    return private_memory(stage.agent.pid) + ", " + std::to_string(proc_threads(stage.agent.pid)) + " threads";
+}
+
+// From the last byte of the device's frame to NM's having the post.
+static std::string result_latency()
+{
+    Stage stage;
+    need(stage_online(&stage, false), "agent online");
+    std::vector<long long> times_ms;
+    for (int i = 0; i < 20; i++) {
+        const long long sent_ms = monotonic_ms();
+        need(device_sim_send(stage.device, R"({"type":"cfg-result","sessionid":"b","result":true})"), "send");
+        need(nm_sim_wait_for(stage.nm, "cfgResult", i + 1, k_wait_ms), "post");
+        times_ms.push_back(nm_sim_request(stage.nm, "cfgResult", i).at_ms - sent_ms);
+        need(device_sim_wait_for(stage.device, "cfg-ack", i + 1, k_wait_ms), "ack");
+    }
+    return median(times_ms);
+}
+
+// From the handshake's arrival at NM, which answers it with the command, to the device's having the frame.
+static std::string command_latency()
+{
+    Stage stage;
+    need(stage_online(&stage, false) && stage_fast_heartbeat(&stage), "agent online");
+    std::vector<long long> times_ms;
+    for (int i = 0; i < 10; i++) {
+        need(stage_command(&stage, R"({"type":"reboot","sessionid":"b"})"), "command");
+        need(device_sim_wait_for(stage.device, "reboot", i + 1, k_wait_ms), "frame");
+        times_ms.push_back(device_sim_frame(stage.device, "reboot", -1).at_ms -
+                           nm_sim_request(stage.nm, "handshake", -1).at_ms);
+    }
+    return median(times_ms);
+}
+
+static std::string stripped_size()
+{
+    const std::string copy = "/tmp/proxy_plugin.stripped." + std::to_string(getpid());
+    const std::string command = std::string("strip -o ") + copy + " " + PLUGIN_BINARY + " && stat -c %s " + copy;
+    const long long size = sum_of(command, "%lld");
+    unlink(copy.c_str());
+    return number(static_cast<double>(size) / 1024, 0) + " KiB";
 }
 
 // A slot reads 32 KiB and sends them as four frames, 10 ms apart: 800 KiB/s with the default settings.
@@ -150,7 +236,12 @@ static const struct {
 } k_rows[] = {
     {"start to online", "", [] { return start_to_online(false); }},
     {"start to online, https", "", [] { return start_to_online(true); }},
-    {"idle", "", idle},
+    {"device result to NM's post", "", result_latency},
+    {"NM's command to the device", "", command_latency},
+    {"idle", "0.1 %, 25 wake-ups/s", idle},
+    {"private memory idle", "3 MiB", memory_idle},
+    {"private memory, both tunnels", "", memory_in_tunnels},
+    {"stripped size", "250 KiB", stripped_size},
     {"SIGTERM to end, tunnel open", "2000 ms", term_to_end},
     {"web download, 1 id", "800 KiB/s", [] { return k_per_s(web_throughput(false, 1, 4 << 20)); }},
     {"web download, 10 ids", "10 x 800 KiB/s", [] { return k_per_s(web_throughput(false, 10, 1 << 20)); }},
