@@ -1,0 +1,212 @@
+// The parsers that read what peers and files say, one target each: fuzz_parsers --target=NAME. Built with libFuzzer by
+// the fuzz preset, else run over the files of corpus/NAME as a test.
+#include <fcntl.h>
+#include <iniparser.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "device/dev_msg_handle.h"
+#include "device/dev_msg_recv.h"
+#include "nm/activation.h"
+#include "nm/init_cfg_internal.h"
+#include "nm/nm_msg.h"
+#include "remote/remote_telnet.h"
+#include "remote/remote_web.h"
+#include "remote/web_pool.h"
+#include "remote/web_request.h"
+#include "runtime/log.h"
+#include "runtime/plugin_config.h"
+#include "runtime/plugin_info.h"
+#include "runtime/wait.h"
+#include "status/metrics.h"
+#include "status/service_status_internal.h"
+#include "transport/field_extract.h"
+#include "transport/http_client.h"
+#include "world.h"
+
+static void require(bool holds)
+{
+    if (!holds)
+        abort();
+}
+
+// What a target gets, after world_begin.
+struct Input {
+    const uint8_t *data;
+    size_t size;
+    const char *text; // the same with a NUL behind it, in memory of just that size
+};
+
+static void http_response(const Input &in)
+{
+    char *json;
+    int len = http_parse_response(in.text, &json);
+    require(json ? len >= 2 && strlen(json) == (size_t)len && json[0] == '{' && json[len - 1] == '}' : len <= 0);
+    if (json)
+        (void)dev_msg_ack("1", 1, "cfg-result", json, len);
+    free(json);
+}
+
+static void activation(const Input &)
+{
+    (void)device_activate();
+}
+
+static void nm_command(const Input &in)
+{
+    (void)nm_msg_process(0, in.text);
+    remote_web_tunnel_destroy();
+}
+
+static void device_frames(const Input &in)
+{
+    PluginInfoEdit edit;
+    plugin_info_edit_begin(&edit);
+    edit.next.max_dev_msg_size = 128;
+    edit.next.dev_msg_buffer_size = 160;
+    plugin_info_edit_mark(&edit, &edit.next.max_dev_msg_size, sizeof(int32_t));
+    plugin_info_edit_mark(&edit, &edit.next.dev_msg_buffer_size, sizeof(int32_t));
+    plugin_info_edit_commit(&edit);
+    (void)dev_msg_buffer_init();
+    for (size_t turns = 0; world_bytes_left() > 0; turns++) {
+        dev_msg_recv();
+        dev_msg_get();
+        require(turns <= in.size); // each reads a byte or cuts a frame
+    }
+    for (int i = 0; i < 40; i++) // frames of five bytes in a full buffer
+        dev_msg_get();
+    free_device_buffers();
+}
+
+static const char k_start[] = "{\"param\":{\"action\":\"start\",\"host\":\"127.0.0.1\",\"port\":4,\"token\":\"t\","
+                              "\"key\":1,\"sessionid\":\"s\"}}";
+
+static void web_frames(const Input &)
+{
+    require(web_pool_open() == 0 && web_request_open() == 0); // without the thread of the device side
+    require(remote_web_req_handle(0, k_start, k_start, sizeof(k_start) - 1) == 0);
+    while (conn_is_connected(REMOTE_WEB_SERVER) && !wait_is_cut())
+        remote_web_turn();
+    remote_web_tunnel_destroy();
+}
+
+static void telnet_setup(const Input &in)
+{
+    (void)remote_telnet_is_init(in.text);
+    char token[64];
+    json_key_extract(in.text, "token", token, sizeof(token));
+    require(memchr(token, '\0', sizeof(token)));
+    (void)remote_telnet_req_handle(0, k_start, k_start, sizeof(k_start) - 1);
+    while (conn_is_connected(REMOTE_TELNET_SERVER) && !wait_is_cut())
+        (void)remote_telnet_data_handle();
+}
+
+static void init_cfg(const Input &in)
+{
+    (void)init_cfg_parse_text(in.text);
+    PluginInfo info;
+    plugin_info_get(&info);
+    size_t len = strlen(info.plugin_log_path);
+    require(info.max_dev_msg_size >= 4096 && info.dev_msg_buffer_size >= info.max_dev_msg_size);
+    require(len == 0 || info.plugin_log_path[len - 1] == '/');
+}
+
+static int say_nothing(const char *, ...)
+{
+    return 0;
+}
+
+// A descriptor at the start of a file in memory that holds the input.
+static int file_of(const Input &in)
+{
+    int fd = memfd_create("input", MFD_CLOEXEC);
+    require(write(fd, in.data, in.size) == (ssize_t)in.size && lseek(fd, 0, SEEK_SET) == 0);
+    return fd;
+}
+
+// The file has a fixed name: it is a link in a directory of its own, to a file in memory.
+static void config_ini(const Input &in)
+{
+    static char directory[] = "/tmp/fuzz.XXXXXX";
+    static int before = open(".", O_RDONLY | O_CLOEXEC);
+    iniparser_set_error_callback(say_nothing);
+    int fd = file_of(in);
+    std::string file = "/proc/self/fd/" + std::to_string(fd);
+    require(mkdtemp(directory) && chdir(directory) == 0 && symlink(file.c_str(), PLUGIN_CONFIG_PATH) == 0);
+    (void)read_plugin_config();
+    require(unlink(PLUGIN_CONFIG_PATH) == 0 && fchdir(before) == 0 && rmdir(directory) == 0);
+    close(fd);
+    memset(strchr(directory, '.') + 1, 'X', 6);
+}
+
+static void record_check(const char *record, void *)
+{
+    require(record[0] != '\0' && strlen(record) < SERVICE_RECORD_SIZE);
+}
+
+static void service_file(const Input &in)
+{
+    int fd = file_of(in);
+    service_records_read(fd, record_check, nullptr);
+    close(fd);
+}
+
+static void proc_texts(const Input &in)
+{
+    FILE *stream = fmemopen((void *)in.text, in.size + 1, "r");
+    uint64_t total, idle;
+    int32_t total_kb, free_kb;
+    metrics_cpu_parse(stream, &total, &idle);
+    rewind(stream);
+    metrics_mem_parse(stream, &total_kb, &free_kb);
+    fclose(stream);
+}
+
+static const struct Target {
+    const char *name;
+    void (*run)(const Input &in);
+    bool in_pieces; // as long as the first byte of the input says
+    bool accepts;   // NM and the device's services
+} k_targets[] = {
+    {"http_response", http_response, false, false}, {"activation", activation, false, true},
+    {"nm_command", nm_command, false, false},       {"device_frames", device_frames, true, false},
+    {"web_frames", web_frames, true, true},         {"telnet_setup", telnet_setup, true, true},
+    {"init_cfg", init_cfg, false, false},           {"config_ini", config_ini, false, false},
+    {"service_file", service_file, false, false},   {"proc_texts", proc_texts, false, false},
+};
+static const Target *s_target;
+
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
+{
+    for (const Target &target : k_targets) {
+        if (*argc > 1 && (*argv)[1] == std::string("--target=") + target.name)
+            s_target = &target;
+    }
+    if (!s_target) {
+        fprintf(stderr, "usage: %s --target=NAME ..., NAME as in corpus/\n", (*argv)[0]);
+        exit(2);
+    }
+    require(freopen("/dev/null", "w", stdout));
+    log_mute();
+    nm_msg_table_init();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    bool cut = s_target->in_pieces && size > 0;
+    Input in = {data + cut, size - cut, nullptr};
+    char *text = (char *)malloc(in.size + 1);
+    memcpy(text, in.data, in.size);
+    text[in.size] = '\0';
+    in.text = text;
+    world_begin(in.data, in.size, cut ? data[0] : 0, s_target->accepts);
+    s_target->run(in);
+    world_end();
+    free(text);
+    return 0;
+}
