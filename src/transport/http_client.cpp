@@ -67,6 +67,8 @@ SocketConn http_tcpclient_create(const char *host, const char *port)
         if (conn.remote_addr)
             freeaddrinfo(conn.remote_addr);
         conn.remote_addr = nullptr;
+    } else if (address[0] == '\0') {
+        log_error("gethostbyname() failed: %s", address); // resolve_host says nothing about an empty name
     }
     if (conn.socket_fd < 1)
         log_error("http_tcpclient_create failed!");

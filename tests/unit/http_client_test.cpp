@@ -85,6 +85,9 @@ TEST(http_client, request_takes_one_receive)
         EXPECT_EQ(row.rsp, rsp);
         EXPECT_TRUE(log.has(row.line));
     }
+    LogLines log;
+    EXPECT_EQ(0, http_tcpclient_create("", "80").socket_fd);
+    EXPECT_TRUE(log.has("[ERR] gethostbyname() failed: \n[ERR] http_tcpclient_create failed!\n"));
 }
 
 TEST(http_client, posts_share_one_connection)
