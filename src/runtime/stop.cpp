@@ -66,11 +66,6 @@ int stop_status(void)
     return s_status;
 }
 
-int stop_is_main_thread(void)
-{
-    return t_is_main;
-}
-
 int stop_wake_fd(void)
 {
     return s_wake_fd;

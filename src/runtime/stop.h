@@ -31,9 +31,6 @@ int stop_requested(void);
 // Status of the recorded request, -1 without one.
 int stop_status(void);
 
-// 1 on the thread that called stop_init.
-int stop_is_main_thread(void);
-
 // Readable for good once a stop was requested; for poll only. -1 before stop_init.
 int stop_wake_fd(void);
 
