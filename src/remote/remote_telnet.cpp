@@ -324,15 +324,22 @@ static RelayResult relay_step(const SocketConn *nm, SocketConn *device, char *bu
     return RELAY_DONE;
 }
 
+// NM's half anew; what was held of the old one is let go. 1 when it stands.
+static int nm_half_reconnect(SocketConn *nm)
+{
+    conn_drop(nm);
+    return conn_reconnect(REMOTE_TELNET_SERVER) && conn_hold(REMOTE_TELNET_SERVER, nm);
+}
+
 // Both halves are usable: 1; else the tunnel is torn down, with the device's last words delivered.
-static int halves_usable(const SocketConn *nm, const SocketConn *device, char *buf)
+static int halves_usable(SocketConn *nm, const SocketConn *device, char *buf)
 {
     if (!conn_check(REMOTE_TELNET_SERVER)) {
         log_info("NM remote-web connection lost! Destroy tunnel now.");
     } else if (!conn_check(REMOTE_TELNET_DEVICE)) {
         log_info("Device remote-web connection lost! Destroy tunnel now.");
         farewell_relay(nm, device, buf);
-    } else if (!conn_check(REMOTE_TELNET_SERVER) && !conn_reconnect(REMOTE_TELNET_SERVER)) {
+    } else if (!conn_check(REMOTE_TELNET_SERVER) && !nm_half_reconnect(nm)) {
         log_warn("Remote telnet to NM is broken! Destroy tunnel!");
     } else {
         return 1;
