@@ -148,7 +148,7 @@ static int settings_take(void)
 // Keeps a device link that works or makes a new one. 0, or -1 (logged).
 static int device_link_open(void)
 {
-    if (conn_check(DEV_TCP))
+    if (conn_is_connected(DEV_TCP) && conn_check(DEV_TCP))
         return 0;
     PluginInfo info;
     plugin_info_get(&info);
