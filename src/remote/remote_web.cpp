@@ -46,21 +46,13 @@ static int resources_set_up(void)
     return 0;
 }
 
-static void tunnel_destroy_locked(void)
+// Caller holds s_lock. Pool emptied, device connections and NM connection closed.
+static void remote_web_tunnel_destroy(void)
 {
     s_running = 0;
     web_pool_close();
     if (conn_info_get(REMOTE_WEB_SERVER).status != DISCONNECTED)
         conn_remove_if_connected(REMOTE_WEB_SERVER, 1);
-}
-
-void remote_web_tunnel_destroy(void)
-{
-    CallOff before;
-    if (tunnel_lock(&s_lock, &before) != 0)
-        return;
-    tunnel_destroy_locked();
-    tunnel_unlock(&s_lock, &before);
 }
 
 // Caller holds s_lock. Sends the authentication and hands the connection that carried it to the device side.
@@ -91,7 +83,7 @@ static int start_locked(const TunnelRequest *request)
         return 0;
     if (authenticate_locked(request) != 0) {
         log_warn("Sending remote-web authentication failed!");
-        tunnel_destroy_locked();
+        remote_web_tunnel_destroy();
         return -1;
     }
     s_running = 1;
@@ -111,7 +103,7 @@ int remote_web_req_handle(uintptr_t, const char *, const char *payload, uint32_t
         result = start_locked(&request);
     } else {
         log_info("Remote web stopped");
-        tunnel_destroy_locked();
+        remote_web_tunnel_destroy();
     }
     tunnel_unlock(&s_lock, &before);
     return result;
@@ -204,7 +196,7 @@ static void remote_web_poll(void)
         return;
     if (s_running && !conn_check(REMOTE_WEB_SERVER)) {
         log_info("Server remote-web connection lost! Destroy tunnel now.");
-        tunnel_destroy_locked();
+        remote_web_tunnel_destroy();
     } else if (s_running) {
         remote_web_data_handle_privately();
     }

@@ -9,9 +9,6 @@
 // Handler of the NM command "remote-web". -1 for a bad request or a failed authentication send, else 0.
 int remote_web_req_handle(uintptr_t context, const char *answer, const char *payload, uint32_t payload_len);
 
-// Stops the tunnel: pool emptied, device connections closed, NM connection closed.
-void remote_web_tunnel_destroy(void);
-
 // One cycle of the thread remote_web: while the tunnel runs one step and a pause of 1 ms, else rests until it opens.
 void remote_web_turn(void);
 
