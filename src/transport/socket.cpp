@@ -121,7 +121,7 @@ static int tcp_set_options(int fd, const ConnectJob *job)
     (void)set_int_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_S);
     (void)set_int_option(fd, IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_PROBES);
     (void)set_int_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, USER_TIMEOUT_MS);
-    // Frames go out in two sends; the second would wait some 40 ms for the peer's delayed acknowledgement of the first.
+    // A web frame goes out in two sends; the second would wait some 40 ms for the delayed acknowledgement of the first.
     (void)set_int_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
     if (set_int_option(fd, SOL_SOCKET, SO_SNDBUF, job->send_buf_size) != 0) {
         log_warn("TCP setsockopt 'SO_SNDBUF' failed!");
