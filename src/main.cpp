@@ -247,8 +247,10 @@ static void main_loop(void)
 
 int main()
 {
-    if (process_start() != 0)
+    if (process_start() != 0) {
+        stop_request(STATUS_START_FAILED); // for its deadline: a thread may hang in a write to a full pipe
         process_end(STATUS_START_FAILED);
+    }
     main_loop();
     main_loop_shutdown();
 }
