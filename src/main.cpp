@@ -108,8 +108,8 @@ static void late_threads_await(void)
         wait_cadence_ms(THREAD_EXIT_POLL_MS);
 }
 
-// The end after a stop request, on main at a quit point. The exit flag goes up behind the first line, so that no thread's
-// "exited" line overtakes it.
+// The end after a stop request, on main at a quit point. The exit flag goes up behind the first line, so that no
+// thread's "exited" line overtakes it.
 [[noreturn]] static void closing_sequence(int status)
 {
     stop_signals_ignore();

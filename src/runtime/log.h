@@ -1,7 +1,7 @@
 // log.h - the four log calls: printf-style, one line each, filtered by g_log_level and written to the log file, to
 // standard output in colour, or to syslog, as g_log_std and the log mode say.
-// They preserve errno, so callers may log first and use errno after. Any thread, timer callbacks included; the only lock
-// taken is the log lock, the innermost of all. Nothing is allocated. Never called from a signal handler.
+// They preserve errno, so callers may log first and use errno after. Any thread, timer callbacks included; the only
+// lock taken is the log lock, the innermost of all. Nothing is allocated. Never called from a signal handler.
 #pragma once
 
 #include <pthread.h>

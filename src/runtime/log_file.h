@@ -24,6 +24,6 @@ void log_split_check(void);
 // Records the log files of directory ("/" at its end) in the table: the number of valid ones (10 at most), or -1.
 int log_dir_scan(const char *directory);
 
-// Index of the slot to open, out of max_number slots of max_size bytes each, made the current entry; *truncate is 1 when
-// it is to be overwritten.
+// Index of the slot to open, out of max_number slots of max_size bytes each, made the current entry; *truncate is 1
+// when it is to be overwritten.
 int log_pick_slot(int32_t max_number, int32_t max_size, int *truncate);

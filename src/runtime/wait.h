@@ -28,8 +28,8 @@ WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms);
 // Sleeps. WAIT_TIMEOUT when slept whole, WAIT_CUT otherwise.
 WaitResult wait_sleep_ms(int ms);
 
-// The pause between two turns of a work loop (1 to 10 ms): slept whole, whatever happens, so that a loop which leaves by
-// the exit flag alone cannot spin between a stop request and the flag.
+// The pause between two turns of a work loop (1 to 10 ms): slept whole, whatever happens, so that a loop which leaves
+// by the exit flag alone cannot spin between a stop request and the flag.
 void wait_cadence_ms(int ms);
 
 // Takes a long lock (one that is held over waits) in a wait that can be cut. WAIT_READY when taken, else WAIT_CUT.

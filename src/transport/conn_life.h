@@ -1,5 +1,5 @@
-// conn_life.h - the counted life of a connection: descriptor, address list and TLS session live until the last user lets
-// go, so that nobody polls, reads or writes a number that was closed and given out again.
+// conn_life.h - the counted life of a connection: descriptor, address list and TLS session live until the last user
+// lets go, so that nobody polls, reads or writes a number that was closed and given out again.
 // Any thread.
 #pragma once
 
@@ -26,6 +26,7 @@ ConnLife *conn_life_new(const SocketConn *conn);
 void conn_life_hold(ConnLife *life); // null: nothing
 void conn_life_drop(ConnLife *life); // null: nothing; the last one closes, quietly
 
-// Shuts both directions down at once and makes a later close linger for 1 s at most; wakes every thread that waits on it.
+// Shuts both directions down at once and makes a later close linger for 1 s at most; wakes every thread that waits on
+// it.
 // Once per life, later calls do nothing. Returns 0, or -1 when the linger option was refused.
 int conn_life_shut(ConnLife *life);

@@ -6,8 +6,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// Group 1 of the extended regular expression. 0 found (or a match without a group 1, empty value); 1 no match; a regcomp
-// error code; -1 for a missing argument or a value that does not fit.
+// Group 1 of the extended regular expression. 0 found (or a match without a group 1, empty value); 1 no match; a
+// regcomp error code; -1 for a missing argument or a value that does not fit.
 int regex_extract(const char *msg, const char *regex, char *value, size_t value_cap);
 
 // Value of a key in JSON-like text, by pattern. The value buffer holds it or stays zeroed.

@@ -1,7 +1,8 @@
 // http_client.h - HTTP/1.1 requests to NM, plain or TLS: one request, one answer, one JSON object out of it.
 // Owns nothing between calls; the kept connection is the registry's HTTP entry. The request grows with its body.
 // Threads: http_request any; http_post_nm one at a time (callers hold g_nm_post_mutex). Blocks for an answer 5 s or 2 s
-// at most, beside look-up (unbounded), connect (2 s) and TLS handshake. A stop or call-off ends every wait but the look-up.
+// at most, beside look-up (unbounded), connect (2 s) and TLS handshake. A stop or call-off ends every wait but the
+// look-up.
 #pragma once
 
 #include <stddef.h>
@@ -12,7 +13,8 @@
 constexpr size_t HTTP_HEADER_SLOT_SIZE = 512; // one header line, without its line end
 
 // One request on a connection of its own, closed on every path. method: "GET" or "POST"; headers may be null with count
-// 0; body may be null. rsp (zeroed by the caller) receives the answer's JSON object, NUL-ended, at most rsp_cap - 1 bytes.
+// 0; body may be null. rsp (zeroed by the caller) receives the answer's JSON object, NUL-ended, at most rsp_cap - 1
+// bytes.
 // Returns its length; 0 for a 200 without JSON; -1 (logged) on any failure.
 int http_request(const char *host, const char *port, const char *path, const char *method,
                  const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,

@@ -17,6 +17,6 @@ int nm_fill_headers(char (&headers)[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE]);
 // Posts to NM's path with the four headers on a connection of its own. As http_request, without its own lines.
 int nm_http_post(const char *path, const char *body, char *rsp, size_t rsp_cap);
 
-// Posts a device's message and logs both ways. rsp has 10240 bytes, zeroed. 1 when NM answered (its length in *rsp_len),
-// else 0.
+// Posts a device's message and logs both ways. rsp has 10240 bytes, zeroed. 1 when NM answered (its length in
+// *rsp_len), else 0.
 int nm_send_device_response(const char *path, const char *msg, char *rsp, size_t rsp_cap, int *rsp_len);

@@ -1,7 +1,7 @@
 // tls.h - TLS 1.2 client sessions on connected, non-blocking sockets. They encrypt, they do not authenticate: no
 // certificate and no name is verified.
-// A session is shared by the threads that hold its connection: one short lock inside it around each single library call,
-// never over a wait. Any thread.
+// A session is shared by the threads that hold its connection: one short lock inside it around each single library
+// call, never over a wait. Any thread.
 #pragma once
 
 #include <stddef.h>
@@ -16,16 +16,16 @@ TlsSession *tls_init(int fd);
 // A write that the session began is continued with the same bytes or the connection must be dropped.
 int tls_send(TlsSession *session, const void *buf, size_t len);
 
-// tls_send with the bytes accepted in all in *accepted. As long as they are not all of buf a record may be begun: the rest
-// goes out with tls_write_once, from the same memory, or the connection is dropped.
+// tls_send with the bytes accepted in all in *accepted. As long as they are not all of buf a record may be begun: the
+// rest goes out with tls_write_once, from the same memory, or the connection is dropped.
 int tls_send_counted(TlsSession *session, const void *buf, size_t len, size_t *accepted);
 
 // One SSL_write without lines or waits: bytes accepted, or -1 with errno EAGAIN (nothing taken; retry with the same
 // bytes when events, POLLIN or POLLOUT, come) or another errno (the session is dead).
 int tls_write_once(TlsSession *session, const void *buf, size_t len, short *events);
 
-// One SSL_read: bytes; 0 at the peer's end; -1 with errno EAGAIN when no plaintext is there yet, with another errno on a
-// real error, and for a missing argument (logged).
+// One SSL_read: bytes; 0 at the peer's end; -1 with errno EAGAIN when no plaintext is there yet, with another errno on
+// a real error, and for a missing argument (logged).
 int tls_recv(TlsSession *session, void *buf, size_t len);
 
 // 1 when plaintext can be read (or the end or an error of the session) within timeout_ms, else 0. An incomplete record
