@@ -1,6 +1,7 @@
 // Process entry: start-up order, work threads, main loop, closing sequence.
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -28,6 +29,7 @@ constexpr int LOOP_PAUSE_MS = 10;
 constexpr int THREAD_EXIT_POLL_MS = 2;
 constexpr int LATE_THREADS_LIMIT_MS = 1000;
 constexpr int STATUS_START_FAILED = 255;
+constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 
 // The threads of the process:
 //
@@ -203,8 +205,18 @@ static void modules_init(void)
     service_status_init();
 }
 
+// A box with 64 MiB is not to keep for ever what one large message took: large blocks go back to the system when they are
+// freed, and the threads share one heap instead of growing one each.
+static void memory_give_back(void)
+{
+    mallopt(M_MMAP_THRESHOLD, LARGE_BLOCK);
+    mallopt(M_TRIM_THRESHOLD, LARGE_BLOCK);
+    mallopt(M_ARENA_MAX, 1);
+}
+
 static int process_start(void)
 {
+    memory_give_back();
     signal(SIGPIPE, SIG_IGN); // first of all: a closed standard output raises it too
     standard_descriptors_reserve();
     setlinebuf(stdout);
