@@ -34,6 +34,12 @@ static void require(bool holds)
         abort();
 }
 
+#define TUNNEL_REQUEST(action)                                                                           \
+    "{\"param\":{\"action\":\"" action "\",\"host\":\"127.0.0.1\",\"port\":4,\"token\":\"t\",\"key\":1," \
+    "\"sessionid\":\"s\"}}"
+static const char k_start[] = TUNNEL_REQUEST("start");
+static const char k_stop[] = TUNNEL_REQUEST("stop");
+
 // What a target gets, after world_begin.
 struct Input {
     const uint8_t *data;
@@ -58,8 +64,7 @@ static void activation(const Input &)
 
 static void nm_command(const Input &in)
 {
-    (void)nm_msg_process(0, in.text);
-    remote_web_tunnel_destroy();
+    (void)nm_msg_process(0, in.text); // without threads no web tunnel comes of it
 }
 
 static void device_frames(const Input &in)
@@ -82,16 +87,13 @@ static void device_frames(const Input &in)
     free_device_buffers();
 }
 
-static const char k_start[] = "{\"param\":{\"action\":\"start\",\"host\":\"127.0.0.1\",\"port\":4,\"token\":\"t\","
-                              "\"key\":1,\"sessionid\":\"s\"}}";
-
 static void web_frames(const Input &)
 {
     require(web_pool_open() == 0 && web_request_open() == 0); // without the thread of the device side
     require(remote_web_req_handle(0, k_start, k_start, sizeof(k_start) - 1) == 0);
     while (conn_is_connected(REMOTE_WEB_SERVER) && !wait_is_cut())
         remote_web_turn();
-    remote_web_tunnel_destroy();
+    (void)remote_web_req_handle(0, k_stop, k_stop, sizeof(k_stop) - 1);
 }
 
 static void telnet_setup(const Input &in)
