@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -33,6 +32,7 @@ struct DeviceSim {
     std::condition_variable changed;
     std::map<std::string, std::string> auto_answers;
     std::vector<DeviceFrame> frames;
+    std::map<std::string, int> counts; // frames so far, by type; under "" all
     int conn_count = 0;
     bool connected = false;
 };
@@ -96,6 +96,16 @@ static std::string auto_answer(const std::string &result, const std::string &com
     return text;
 }
 
+static void frame_keep_locked(DeviceSim *device, const DeviceFrame &frame)
+{
+    device->frames.push_back(frame);
+    device->counts[""]++;
+    if (!frame.type.empty()) {
+        device->counts[frame.type]++;
+    }
+    device->changed.notify_all();
+}
+
 static void frame_received(DeviceSim *device, const std::string &text)
 {
     DeviceFrame frame;
@@ -113,8 +123,7 @@ static void frame_received(DeviceSim *device, const std::string &text)
             answer = auto_answer(rule->second, text);
         }
         frame.conn = device->conn_count;
-        device->frames.push_back(frame);
-        device->changed.notify_all();
+        frame_keep_locked(device, frame);
     }
     if (!answer.empty()) {
         say(device, "answering: " + json_one_line(answer, 600));
@@ -136,7 +145,7 @@ static bool frame_take(DeviceSim *device)
         frame.wrong = "frame of " + std::to_string(length) + " bytes";
         {
             std::lock_guard<std::mutex> guard(device->lock);
-            device->frames.push_back(frame);
+            frame_keep_locked(device, frame);
         }
         link_close(device, "WRONG: " + frame.wrong);
         return false;
@@ -319,8 +328,8 @@ bool device_sim_return(DeviceSim *device)
 
 static int count_locked(DeviceSim *device, const std::string &type)
 {
-    return (int)std::count_if(device->frames.begin(), device->frames.end(),
-                              [&type](const DeviceFrame &frame) { return type.empty() || frame.type == type; });
+    const auto found = device->counts.find(type);
+    return found == device->counts.end() ? 0 : found->second;
 }
 
 bool device_sim_wait_for(DeviceSim *device, const std::string &type, int count, int timeout_ms)
@@ -354,6 +363,14 @@ std::vector<DeviceFrame> device_sim_frames(DeviceSim *device)
 {
     std::lock_guard<std::mutex> guard(device->lock);
     return device->frames;
+}
+
+std::vector<DeviceFrame> device_sim_take(DeviceSim *device)
+{
+    std::lock_guard<std::mutex> guard(device->lock);
+    std::vector<DeviceFrame> taken;
+    taken.swap(device->frames);
+    return taken;
 }
 
 std::string device_sim_wrong(DeviceSim *device)

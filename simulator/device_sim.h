@@ -61,5 +61,7 @@ int device_sim_count(DeviceSim *device, const std::string &type);
 // The index-th (from 0) frame of that type; the last one for -1. An empty record when there is none.
 DeviceFrame device_sim_frame(DeviceSim *device, const std::string &type, int index);
 std::vector<DeviceFrame> device_sim_frames(DeviceSim *device);
+// Moves the records out, for runs of many hours; the counts above go on, everything else looks at later records only.
+std::vector<DeviceFrame> device_sim_take(DeviceSim *device);
 // Everything found wrong so far, one line each; empty when all was right.
 std::string device_sim_wrong(DeviceSim *device);

@@ -1,6 +1,5 @@
 #include "nm_sim.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -48,6 +47,7 @@ void nm_record(NmSim *nm, NmRequest request, const std::string &shown)
         say_request(nm, request, shown);
     }
     std::lock_guard<std::mutex> guard(nm->lock);
+    nm->counts[request.name]++;
     nm->transcript.push_back(std::move(request));
     nm->changed.notify_all();
 }
@@ -156,8 +156,8 @@ void nm_sim_ask_restart(NmSim *nm)
 
 static int count_locked(NmSim *nm, const std::string &name)
 {
-    return (int)std::count_if(nm->transcript.begin(), nm->transcript.end(),
-                              [&name](const NmRequest &request) { return request.name == name; });
+    const auto found = nm->counts.find(name);
+    return found == nm->counts.end() ? 0 : found->second;
 }
 
 bool nm_sim_wait_for(NmSim *nm, const std::string &name, int count, int timeout_ms)
@@ -191,6 +191,14 @@ std::vector<NmRequest> nm_sim_transcript(NmSim *nm)
 {
     std::lock_guard<std::mutex> guard(nm->lock);
     return nm->transcript;
+}
+
+std::vector<NmRequest> nm_sim_take(NmSim *nm)
+{
+    std::lock_guard<std::mutex> guard(nm->lock);
+    std::vector<NmRequest> taken;
+    taken.swap(nm->transcript);
+    return taken;
 }
 
 std::string nm_sim_wrong(NmSim *nm)

@@ -105,6 +105,8 @@ int nm_sim_count(NmSim *nm, const std::string &name);
 // The index-th (from 0) request of that name; the last one for -1. An empty record when there is none.
 NmRequest nm_sim_request(NmSim *nm, const std::string &name, int index);
 std::vector<NmRequest> nm_sim_transcript(NmSim *nm);
+// Moves the records out, for runs of many hours; the counts above go on, everything below looks at later records only.
+std::vector<NmRequest> nm_sim_take(NmSim *nm);
 // Everything found wrong so far, one line each; empty when all was right.
 std::string nm_sim_wrong(NmSim *nm);
 int nm_sim_connections(NmSim *nm); // accepted so far

@@ -43,6 +43,7 @@ struct NmSim {
     std::deque<std::string> commands;
     bool restart_wanted = false;
     std::vector<NmRequest> transcript;
+    std::map<std::string, int> counts; // requests so far, by name
     int conn_count = 0;
 };
 
