@@ -86,6 +86,7 @@ void TelnetTunnelSim::on_pause(int, short, void *self)
 void TelnetTunnelSim::agent_ready()
 {
     session_used_ = false;
+    update([this] { stats_.held.clear(); }); // of a session that is gone
     switch (answers_) {
     case TELNET_ANSWER_SEPARATE:
         agent_send(k_result_true);
@@ -194,9 +195,9 @@ void TelnetTunnelSim::client_accepted(int fd)
     if (fresh) {
         init_send();
     }
-    if (fresh || init_due_) {
+    if (fresh) {
         pause_start();
-    } else {
+    } else if (!event_pending(pause_, EV_TIMEOUT, nullptr)) { // else its end lets the keys through
         bufferevent_enable(client_, EV_READ);
     }
 }
