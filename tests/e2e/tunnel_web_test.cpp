@@ -159,8 +159,17 @@ TEST(TunnelWeb, ManyFramesInOneTlsRecord)
         web->send_bytes(stream.substr(sent, 16384));
     }
     for (int i = 0; i < 8; i++) {
-        EXPECT_TRUE(data_of(web, ids[i], expected[i])) << "id " << i;
+        ASSERT_TRUE(data_of(web, ids[i], expected[i])) << "id " << i;
     }
+    // Half a frame in the agent's buffer, then a full record: it does not fit, and its rest is the last that NM has to
+    // say.
+    const std::string cut = web_frame(WEB_FRAME_REQ, ids[0], noise(15000, 1));
+    const std::string last = web_frame(WEB_FRAME_REQ, ids[1], noise(16384 - 5000 - k_web_header_size, 2));
+    web->send_bytes(cut.substr(0, cut.size() - 5000));
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "length = 15000, type = 2"));
+    web->send_bytes(cut.substr(cut.size() - 5000) + last);
+    EXPECT_TRUE(data_of(web, ids[0], expected[0] + noise(15000, 1)));
+    EXPECT_TRUE(data_of(web, ids[1], expected[1] + last.substr(k_web_header_size)));
     EXPECT_EQ("", tunnel_problems(stage));
 }
 
