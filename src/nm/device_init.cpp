@@ -28,6 +28,7 @@ static const int k_retry_delays_ms[RETRY_STAGE_LAST + 1] = {10000, 30000, 120000
 std::atomic<uint8_t> g_enable_init_flag{1};
 std::atomic<uint8_t> g_init_done{0};
 std::atomic<uint32_t> g_restart_count{0};
+static std::atomic<uint8_t> s_identity_outdated{0}; // the init cfg has changed since a pass read it
 static_assert(std::atomic<uint8_t>::is_always_lock_free, "stored by the alarm's handler");
 
 static int32_t s_init_fail_count;               // main thread only; since the last success or forced re-read
@@ -138,6 +139,7 @@ void run_status_period_set(int32_t period_s)
 static int settings_take(void)
 {
     log_info("Device initializing...");
+    s_identity_outdated = 0;
     if (init_cfg_parse() != 0) {
         log_error("Parsing init cfg failed!");
         return -1;
@@ -216,6 +218,14 @@ void device_init_pass(void)
         return;
     }
     services_start();
+    if (s_identity_outdated)
+        restart_device_init();
+}
+
+void device_identity_changed(void)
+{
+    s_identity_outdated = 1; // before the restart: a pass that ends in between sees it
+    restart_device_init();
 }
 
 void restart_device_init(void)

@@ -40,6 +40,10 @@ uint32_t dma_status_get(char (&cause)[DMA_CAUSE_SIZE]);
 // Lines as stated, the UDP handler's warning excepted.
 void restart_device_init(void);
 
+// The init cfg now names another device or another NM: restarts; a pass under way, which has read the old one, is
+// followed by the restart. Any thread but main.
+void device_identity_changed(void);
+
 // Rises with every restart: the call-off of what still runs for the last bring-up (wait_call_off_set).
 extern std::atomic<uint32_t> g_restart_count;
 

@@ -430,7 +430,7 @@ void reload_init_cfg(void)
     redirection_forget();
     int compared = init_cfg_compare();
     if (compared == 1)
-        restart_device_init();
+        device_identity_changed();
     else if (compared == 0)
         (void)init_cfg_parse();
 }
