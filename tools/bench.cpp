@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "e2e/tunnel_stage.h"
+#include "tunnel_stage.h"
 
 static const int k_idle_s = 20; // observed for the idle figures
 
