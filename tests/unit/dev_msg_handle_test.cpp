@@ -1,7 +1,7 @@
 #include "device/dev_msg_handle.h"
 
 #include "nm/device_init.h"
-#include "session_peers.h"
+#include "peers.h"
 
 // Hands over a message in an area that has just its room.
 static void dispatch(const std::string &text)
@@ -52,45 +52,29 @@ TEST(DevMsgHandle, Acks)
     close(device);
 }
 
-// What the device says, in one conversation: what NM gets, and which messages are answered.
-TEST(DevMsgHandle, MessagesReachTheirPathAndAreAcknowledged)
+// NM gets the payload indented, within the room that the message had; call history is tried three times.
+TEST(DevMsgHandle, AlarmsAndCallHistory)
 {
     NmPeer nm;
-    nm_peer_answer_set(&nm, "backupResult", {""}); // NM closes the connection
-    nm_peer_answer_set(&nm, "callhistory", {"", "", http_ok("{}"), ""});
-    nm_peer_start(&nm, "1.3", "SN");
-    int device = device_link();
-    const std::string cfg = "{\"type\":\"cfg-result\", \"sessionid\":\"a\"}", ports = "{\"type\":\"port-status\"}";
-    const std::string backup = "{\"type\":\"backup-result\",\"log\":\"" + std::string(1 << 20, 'l') + "\"}";
-    const std::string deep = "{\"a\":{\"a\":{\"a\":{\"a\":{\"a\":{\"a\":1}}}}}}";
-    const std::string alarm = "{\"type\":\"alarm-info\",\"msgId\":3,\"payload\":" + deep + "}";
+    nm.answer_set("callhistory", {"", "", http_ok("{}"), ""});
+    const std::string alarm = "{\"type\":\"alarm-info\",\"msgId\":3,\"payload\":"
+                              "{\"a\":{\"a\":{\"a\":{\"a\":{\"a\":{\"a\":1}}}}}}}";
     std::string alarm_body = "[{\n", indent = "\t";
     for (int i = 0; i < 5; i++, indent += "\t")
         alarm_body += indent + "\"a\":\t{\n";
     alarm_body += indent + "\"a\":\t1\n\t\t\t\t\t}\n\t\t\t\t}\n\t\t\t}\n\t\t}\n\t}\n}]";
     ASSERT_GT(alarm_body.size(), alarm.size());
-    dispatch(cfg);
-    dispatch(ports);
+    int device = device_link();
     for (const char *nothing : {"{\"type\":\"alarm-info\"}", "not JSON", "{\"type\":\"Ping\"}"})
         dispatch(nothing);
     dispatch(alarm);
-    g_log_level = 3;
-    dispatch(backup);
     for (int i = 0; i < 2; i++) // heard at the third attempt; not heard in three
         dispatch("{\"type\":\"call-history\",\"payload\":[1]}");
-    dispatch("{\"type\":\"ping\",\"payload\":1}");
-    EXPECT_EQ(device_read(device), ack("a", "cfg-ack", "true", ""));
     EXPECT_EQ(device_read(device), "{\t\"type\":\"alarm-ack\",\t\"msgId\":3,\t\"result\":true,\t\"ver\":\"\"}");
-    EXPECT_EQ(device_read(device), ack("", "backup-ack", "false", ""));
-    EXPECT_EQ(device_read(device), "{\n\t\"type\":\"pong\"\n}\n");
-    conn_remove_all();
-    nm_peer_end(&nm);
-    Texts paths = {"/dev-api/SN/cfgResult", "/dev-api/SN/ports", "/dev-api/SN/alarm", "/dev-api/SN/backupResult"};
-    paths.insert(paths.end(), 6, "/dev-api/SN/callhistory");
-    EXPECT_EQ(nm_peer_paths(&nm), paths);
-    Texts bodies = {cfg, ports, alarm_body.substr(0, alarm.size()), backup}; // indented beyond the area
-    bodies.insert(bodies.end(), 6, "[1]");
-    EXPECT_TRUE(nm_peer_bodies(&nm) == bodies) << nm_peer_bodies(&nm)[2];
+    EXPECT_EQ(device_read(device, 0), "(none)");
+    Texts bodies(7, "[1]");
+    bodies[0] = alarm_body.substr(0, alarm.size());
+    EXPECT_EQ(nm.now(&NmPeer::bodies), bodies);
     close(device);
 }
 
@@ -98,15 +82,10 @@ TEST(DevMsgHandle, MessagesReachTheirPathAndAreAcknowledged)
 TEST(DevMsgHandle, PostCutByAStopIsNotAcknowledged)
 {
     start_process_once();
-    NmPeer nm;
-    nm_peer_start(&nm, "1.3", "SN");
     std::string port;
     int silent = listen_socket(&port);
+    nm_set(port);
     int device = device_link();
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
-    (void)plugin_info_edit_text(&edit, edit.next.nm_port, port.c_str());
-    plugin_info_edit_commit(&edit);
     LogLines log;
     std::thread handler([] { dispatch("{\"type\":\"cfg-result\"}"); });
     int fd = accept(silent, nullptr, nullptr);
@@ -115,7 +94,6 @@ TEST(DevMsgHandle, PostCutByAStopIsNotAcknowledged)
     handler.join();
     EXPECT_FALSE(log.has("Posting result to NM failed!"));
     EXPECT_EQ(device_read(device, 0), "(none)");
-    nm_peer_end(&nm);
     for (int one : {fd, silent, device})
         close(one);
 }

@@ -1,17 +1,14 @@
 #include "device/dev_msg_recv.h"
 
-#include "session_peers.h"
+#include "peers.h"
 
 // Areas of the given sizes and a device link; returns the device's end.
 static int receiver(int32_t msg_size, int32_t buffer_size)
 {
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
-    edit.next.max_dev_msg_size = msg_size;
-    edit.next.dev_msg_buffer_size = buffer_size;
-    plugin_info_edit_mark(&edit, &edit.next.max_dev_msg_size, sizeof(int32_t));
-    plugin_info_edit_mark(&edit, &edit.next.dev_msg_buffer_size, sizeof(int32_t));
-    plugin_info_edit_commit(&edit);
+    info_edit([=](PluginInfo *next) {
+        next->max_dev_msg_size = msg_size;
+        next->dev_msg_buffer_size = buffer_size;
+    });
     dev_msg_recv_init();
     EXPECT_EQ(dev_msg_buffer_init(), 1);
     return device_link();

@@ -4,7 +4,7 @@
 
 #include "device/dev_msg_recv.h"
 #include "nm/nm_msg.h"
-#include "session_peers.h"
+#include "peers.h"
 
 static const std::string k_active = http_ok("{\"status\":200,\"result\":{\"host\":\"127.0.0.1\",\"port\":9}}");
 static const char k_init_cfg[] =
@@ -26,18 +26,14 @@ static void world_begin(World *w)
     ASSERT_NE(mkdtemp(w->directory), nullptr);
     ASSERT_EQ(chdir(w->directory), 0);
     nm_msg_table_init();
-    nm_peer_answer_set(&w->nm, "active", {k_active});
-    nm_peer_start(&w->nm, "1.3", "SN");
+    w->nm.answer_set("active", {k_active});
     std::string device_port;
     w->listener = listen_socket(&device_port);
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
     char init_cfg[1024];
-    (void)text_fmt(init_cfg, k_init_cfg, edit.next.nm_port, device_port.c_str());
+    (void)text_fmt(init_cfg, k_init_cfg, w->nm.peer.port.c_str(), device_port.c_str());
     std::ofstream("init") << init_cfg;
     std::ofstream("config.ini") << "[device_info]\ninit_cfg = ./init\n[plugin_config]\nlog_std = 1\nlog_level = 7\n";
-    (void)plugin_info_edit_text(&edit, edit.next.init_cfg_path, "./init");
-    plugin_info_edit_commit(&edit);
+    info_edit([](PluginInfo *next) { (void)text_set(next->init_cfg_path, "./init"); });
 }
 
 static void world_end(World *w)
@@ -45,7 +41,6 @@ static void world_end(World *w)
     restart_device_init();
     alarm(0);
     conn_remove_all();
-    nm_peer_end(&w->nm);
     close(w->listener);
     free_device_buffers();
     unlink("init");

@@ -1,17 +1,14 @@
+#include <fcntl.h>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <sstream>
 #include <stdlib.h>
-#include <string>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "log_capture.h"
 #include "runtime/log.h"
 #include "runtime/log_file.h"
-#include "runtime/plugin_info.h"
+#include "support.h"
 
 static std::string make_dir()
 {
@@ -53,28 +50,21 @@ struct RingCase {
     int valid;
     int slot;
     int truncate;
-    const char *last_line; // "<dir>" stands for the directory
+    const char *name; // of the file that is overwritten, null: the file is used further
 };
 static const RingCase k_ring_cases[] = {
-    {"empty", {}, 0, 0, 1, "[INF] Reach the limit of log file number: 3, overwrite log file: '' now.\n"},
-    {"room in the first",
-     {{"0.log", 99, 50}},
-     1, 0, 0, "[INF] Log file: '<dir>0.log' has size: 99, less than limit: 100, reuse it.\n"},
-    {"full at the limit, an unused slot is next",
-     {{"0.log", 100, 50}},
-     1, 1, 1, "[INF] Reach the limit of log file number: 3, overwrite log file: '' now.\n"},
-    {"room wins over an unused slot",
-     {{"0.log", 100, 50}, {"2.log", 0, 60}},
-     2, 2, 0, "[INF] Log file: '<dir>2.log' has size: 0, less than limit: 100, reuse it.\n"},
-    {"all full, the oldest",
-     {{"0.log", 100, 50}, {"1.log", 100, 40}, {"2.log", 100, 60}},
-     3, 1, 1, "[INF] Reach the limit of log file number: 3, overwrite log file: '<dir>1.log' now.\n"},
-    {"all as old, the lowest",
-     {{"0.log", 100, 50}, {"1.log", 100, 50}, {"2.log", 100, 50}},
-     3, 0, 1, "[INF] Reach the limit of log file number: 3, overwrite log file: '<dir>0.log' now.\n"},
+    {"empty", {}, 0, 0, 1, ""},
+    {"room in the first", {{"0.log", 99, 50}}, 1, 0, 0, nullptr},
+    {"full at the limit, an unused slot is next", {{"0.log", 100, 50}}, 1, 1, 1, ""},
+    {"room wins over an unused slot", {{"0.log", 100, 50}, {"2.log", 0, 60}}, 2, 2, 0, nullptr},
+    {"all full, the oldest", {{"0.log", 100, 50}, {"1.log", 100, 40}, {"2.log", 100, 60}}, 3, 1, 1, "1.log"},
+    {"all as old, the lowest", {{"0.log", 100, 50}, {"1.log", 100, 50}, {"2.log", 100, 50}}, 3, 0, 1, "0.log"},
     {"beyond the ring, no number at all, a tail",
      {{"3.log", 1, 50}, {".log", 100, 50}, {"1.log.old", 100, 50}, {"99999999999999.log", 1, 50}, {"10.log", 1, 50}},
-     3, 2, 1, "[INF] Reach the limit of log file number: 3, overwrite log file: '' now.\n"},
+     3,
+     2,
+     1,
+     ""},
 };
 
 static void ring_case_check(const RingCase &c)
@@ -84,16 +74,15 @@ static void ring_case_check(const RingCase &c)
         if (file.name)
             put_file(dir + file.name, file.size, file.modified);
     }
-    log_capture_begin(6);
+    LogLines log(6);
     EXPECT_EQ(c.valid, log_dir_scan(dir.c_str()));
     int truncate = -1;
+    (void)log.take();
     EXPECT_EQ(c.slot, log_pick_slot(3, 100, &truncate));
-    std::string log = log_capture_end(), last_line = c.last_line;
     EXPECT_EQ(c.truncate, truncate);
-    size_t at = last_line.find("<dir>");
-    if (at != std::string::npos)
-        last_line.replace(at, 5, dir);
-    EXPECT_EQ(last_line, log.substr(log.size() - last_line.size()));
+    std::string wanted = c.name ? "overwrite log file: '" + (*c.name ? dir + c.name : "") + "' now.\n"
+                                : "less than limit: 100, reuse it.\n";
+    EXPECT_EQ(log.text().size() - wanted.size(), log.text().find(wanted));
 }
 
 // The table keeps what earlier scans found, so every case wants a process of its own.
@@ -112,51 +101,26 @@ TEST(LogFile, PicksASlot)
     }
 }
 
-TEST(LogFile, ScanSaysWhatItFinds)
-{
-    std::string dir = make_dir();
-    put_file(dir + "notes.txt", 5, 50);
-    ASSERT_EQ(0, mkdir((dir + "1.log").c_str(), 0700));
-    ASSERT_EQ(0, symlink("nowhere", (dir + "2.log").c_str()));
-    log_capture_begin();
-    EXPECT_EQ(0, log_dir_scan(dir.c_str()));
-    EXPECT_EQ("[INF] fileName: notes.txt\n[INF] No match for REGEX: \"^([0-9]*)\\.log\", msg: notes.txt\n"
-              "[INF] 'notes.txt' is not a valid log file\n",
-              log_capture_end());
-    put_file(dir + "4.log", 5, 50);
-    unlink((dir + "notes.txt").c_str());
-    log_capture_begin();
-    EXPECT_EQ(1, log_dir_scan(dir.c_str()));
-    EXPECT_EQ("[INF] fileName: 4.log\n[INF] pmatch[1].rm_eo: 1, pmatch[1].rm_so: 0, matched_len: 1, matched value: 4\n"
-              "[INF] Log file: '" + dir + "4.log', size: 5, last_modify: 50.\n",
-              log_capture_end());
-    log_capture_begin();
-    EXPECT_EQ(-1, log_dir_scan("/nowhere/at/all/"));
-    EXPECT_EQ("[ERR] fail to open dir\n", log_capture_end());
-}
-
-// log_init with an init cfg that names dir, 2 files of 64 KiB.
-static void configure(const std::string &base, const std::string &log_dir)
+// log_init with an init cfg that names dir, 2 files of 64 KiB; result and the console are returned.
+static int init_logs(const std::string &base, const std::string &log_dir, LogLines *console, int32_t log_std = 0)
 {
     std::ofstream(base + "init") << "{\"log_path\":\"" << log_dir << "\",\"max_files\":2,\"max_size\":64}";
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
-    plugin_info_edit_text(&edit, edit.next.init_cfg_path, (base + "init").c_str());
-    plugin_info_edit_commit(&edit);
-    g_log_std = 0;
-    g_log_level = 6;
+    info_edit([&](PluginInfo *next) { (void)text_set(next->init_cfg_path, (base + "init").c_str()); });
+    (void)console->take();
+    g_log_std = log_std;
+    return log_init();
 }
 
 TEST(LogFile, FillsAndSplits)
 {
     std::string base = make_dir(), logs = base + "logs/";
-    configure(base, logs);
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(1, log_init());
-    std::string console = testing::internal::GetCapturedStdout();
+    LogLines console(6);
+    ASSERT_EQ(1, init_logs(base, logs, &console));
     // Between the mode and the open the console is the only place left.
-    EXPECT_EQ(1, count_of(console, "Creating log directory: '" + logs + "' ..."));
-    EXPECT_EQ(0, count_of(console, "open successfully"));
+    EXPECT_EQ(1, console.count("Creating log directory: '" + logs + "' ..."));
+    EXPECT_EQ(0, console.count("open successfully"));
+    (void)console.take();
+    g_log_std = 0;
     std::string line(900, 'x');
     for (int i = 0; i < 68; i++)
         log_info("%s", line.c_str());
@@ -164,9 +128,9 @@ TEST(LogFile, FillsAndSplits)
     EXPECT_NE(0, access((logs + "1.log").c_str(), F_OK)); // some hundred bytes are missing
     for (int i = 0; i < 3; i++)
         log_info("%s", line.c_str());
-    testing::internal::CaptureStdout();
     log_split_check();
-    EXPECT_EQ(1, count_of(testing::internal::GetCapturedStdout(), "overwrite log file: '' now."));
+    EXPECT_EQ(1, console.count("overwrite log file: '' now."));
+    g_log_std = 0;
     log_close();
     log_close(); // silent without a file
     std::string first = content_of(logs + "0.log"), second = content_of(logs + "1.log");
@@ -180,29 +144,20 @@ TEST(LogFile, FillsAndSplits)
 TEST(LogFile, FailuresAndSyslog)
 {
     std::string base = make_dir();
-    configure(base, base + "no/such/parent/");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, log_init());
-    EXPECT_EQ(1, count_of(testing::internal::GetCapturedStdout(),
-                          "[ERR] Create log dir failed! ret: -1(No such file or directory)!"));
+    LogLines console(6);
+    EXPECT_EQ(0, init_logs(base, base + "no/such/parent/", &console));
+    EXPECT_TRUE(console.has("[ERR] Create log dir failed! ret: -1(No such file or directory)!"));
     EXPECT_EQ(LOG_MODE_FILE, log_mode_get()); // so the console it is
 
-    ASSERT_EQ(0, mkdir((base + "logs").c_str(), 0700));
-    ASSERT_EQ(0, mkdir((base + "logs/0.log").c_str(), 0700)); // whichever slot it is
-    ASSERT_EQ(0, mkdir((base + "logs/1.log").c_str(), 0700));
-    configure(base, base + "logs/");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, log_init());
-    std::string console = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(1, count_of(console, ".log' open failed, mode: '"));
-    EXPECT_EQ(1, count_of(console, "[INF] Close log file: ")); // the slot was current already
-    log_split_check(); // nothing is current any more
+    for (const char *taken : {"logs", "logs/0.log", "logs/1.log"}) // whichever slot it is
+        ASSERT_EQ(0, mkdir((base + taken).c_str(), 0700));
+    EXPECT_EQ(0, init_logs(base, base + "logs/", &console));
+    EXPECT_EQ(1, console.count(".log' open failed, mode: '"));
+    EXPECT_EQ(1, console.count("[INF] Close log file: ")); // the slot was current already
+    log_split_check();                                     // nothing is current any more
 
-    configure(base, "");
-    EXPECT_EQ(1, log_init());
+    EXPECT_EQ(1, init_logs(base, "", &console));
     EXPECT_EQ(LOG_MODE_SYSLOG, log_mode_get());
-    configure(base, base + "unused/");
-    g_log_std = 1;
-    EXPECT_EQ(1, log_init());
+    EXPECT_EQ(1, init_logs(base, base + "unused/", &console, 1));
     EXPECT_NE(0, access((base + "unused").c_str(), F_OK));
 }

@@ -1,15 +1,12 @@
 #include <atomic>
 #include <errno.h>
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <regex.h>
-#include <string>
+#include <regex>
 #include <thread>
 
-#include "log_capture.h"
 #include "runtime/log.h"
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
+#include "support.h"
 
 static std::string file_text(FILE *file)
 {
@@ -17,15 +14,6 @@ static std::string file_text(FILE *file)
     rewind(file);
     text.resize(fread(&text[0], 1, text.size(), file));
     return text;
-}
-
-static bool matches(const std::string &text, const std::string &pattern)
-{
-    regex_t compiled;
-    EXPECT_EQ(0, regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NOSUB));
-    bool result = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-    regfree(&compiled);
-    return result;
 }
 
 static void stream_swap(FILE *stream, LogMode mode)
@@ -56,10 +44,10 @@ TEST(Log, TargetsFollowSettingModeAndStream)
         SCOPED_TRACE(testing::Message() << c.log_std << ' ' << c.mode << ' ' << c.has_stream);
         FILE *file = tmpfile();
         stream_swap(c.has_stream ? file : nullptr, c.mode);
-        log_capture_begin(6);
+        LogLines log(6);
         g_log_std = c.log_std;
         log_info("line %d", 7);
-        EXPECT_EQ(c.to_console ? "[INF] line 7\n" : "", log_capture_end());
+        EXPECT_EQ(c.to_console ? "[INF] line 7\n" : "", log.text());
         stream_swap(nullptr, LOG_MODE_SYSLOG);
         EXPECT_EQ(c.to_file, file_text(file).find("][INF] line 7\n") != std::string::npos);
         fclose(file);
@@ -80,27 +68,27 @@ TEST(Log, LayoutOfBothLines)
     std::string console = testing::internal::GetCapturedStdout();
     stream_swap(nullptr, LOG_MODE_SYSLOG);
     std::string prefix = "\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} 50%s full:[0-9]+\\]";
-    EXPECT_TRUE(matches(file_text(file), "^" + prefix + "\\[ERR\\] a=1\n$")) << file_text(file);
-    EXPECT_TRUE(matches(console, "^\033\\[1;4;33;41m" + prefix + "\\[ERR\\] a=1\033\\[0m\n$")) << console;
+    EXPECT_TRUE(std::regex_match(file_text(file), std::regex(prefix + "\\[ERR\\] a=1\n"))) << file_text(file);
+    EXPECT_TRUE(std::regex_match(console, std::regex("\033\\[1;4;33;41m" + prefix + "\\[ERR\\] a=1\033\\[0m\n")))
+        << console;
     fclose(file);
 }
 
 TEST(Log, ArgumentsAreNeverCutFormatsAre)
 {
+    LogLines log;
     std::string argument(5000, 'x');
-    log_capture_begin();
     log_info("<%s>", argument.c_str());
-    EXPECT_EQ("[INF] <" + argument + ">\n", log_capture_end());
+    EXPECT_EQ("[INF] <" + argument + ">\n", log.take());
 
     // A format cut anywhere, also inside a conversion, still prints its head and its line end.
     for (size_t head = 900; head < 1024; head++) {
         std::string format = std::string(head, 'f') + "%%-%-12.3ld";
-        log_capture_begin();
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
         log_info(format.c_str(), 7L);
 #pragma GCC diagnostic pop
-        std::string line = log_capture_end();
+        std::string line = log.take();
         EXPECT_EQ(0u, line.find("[INF] " + std::string(900, 'f'))) << head;
         EXPECT_EQ('\n', line.back());
         EXPECT_TRUE(line.find('%') == std::string::npos || line.find("f%") != std::string::npos) << line;
@@ -126,12 +114,10 @@ TEST(Log, LinesDuringASwap)
     EXPECT_FALSE(other_logged);
     log_swap_end();
     other.join();
-    int64_t start = wait_now_ms();
     ASSERT_EQ(0, log_swap_begin(true));
-    std::thread limited([] { EXPECT_EQ(-1, log_swap_begin(true)); });
-    limited.join();
-    int64_t waited = wait_now_ms() - start;
-    EXPECT_GE(waited, 190);
+    int64_t start = wait_now_ms();
+    std::thread([] { EXPECT_EQ(-1, log_swap_begin(true)); }).join(); // a limited wait
+    EXPECT_GE(wait_now_ms() - start, 190);
     log_stream_set(nullptr);
     log_mode_set(LOG_MODE_SYSLOG);
     log_swap_end();

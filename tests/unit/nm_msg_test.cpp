@@ -1,8 +1,6 @@
 #include "nm/nm_msg.h"
 
-#include <fstream>
-
-#include "session_peers.h"
+#include "support.h"
 
 static std::string answer_with(const std::string &payload)
 {
@@ -85,29 +83,4 @@ TEST(NmMsg, CommandsFindTheirHandler)
         EXPECT_EQ(log.count(c.line), 1);
     }
     EXPECT_EQ(s_seen, "3{\"type\":\"probe\"}16");
-}
-
-TEST(NmMsg, QueriesPostTheStatusFiles)
-{
-    NmPeer nm;
-    nm_peer_answer_set(&nm, "port", {""}); // refused: logged, and a success all the same
-    nm_peer_start(&nm, "1.3", "SN");
-    char path[] = "/tmp/status_file_XXXXXX";
-    close(mkstemp(path));
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
-    (void)plugin_info_edit_text(&edit, edit.next.device_path, path);
-    (void)plugin_info_edit_text(&edit, edit.next.port_path, path);
-    plugin_info_edit_commit(&edit);
-    EXPECT_EQ(nm_dev_query_handle(0, "", "", 0), -1); // still empty
-    std::ofstream(path) << std::string(10241, 's');
-    LogLines log;
-    EXPECT_EQ(nm_dev_query_handle(0, "", "", 0), 0);
-    EXPECT_FALSE(log.has("Posting dev status failed!"));
-    EXPECT_EQ(nm_port_query_handle(0, "", "", 0), 0);
-    EXPECT_TRUE(log.has_in_order({"Posting port status failed!, ret = -1\n", "Posting port status successfully\n"}));
-    nm_peer_end(&nm);
-    EXPECT_EQ(nm_peer_paths(&nm), (Texts{"/dev-api/SN", "/dev-api/SN/port"}));
-    EXPECT_EQ(nm_peer_bodies(&nm), Texts(2, std::string(10240, 's')));
-    unlink(path);
 }

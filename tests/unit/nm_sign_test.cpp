@@ -1,16 +1,10 @@
 #include "transport/nm_sign.h"
 
-#include <gtest/gtest.h>
-
-#include "log_capture.h"
-#include "peer.h"
+#include "peers.h"
 
 static void serial_set(const std::string &serial)
 {
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
-    plugin_info_edit_text(&edit, edit.next.dev_sn, serial.c_str());
-    plugin_info_edit_commit(&edit);
+    info_edit([&](PluginInfo *next) { (void)text_set(next->dev_sn, serial.c_str()); });
 }
 
 TEST(nm_sign, headers_in_order_with_the_signature)

@@ -1,20 +1,11 @@
 #include "status/service_status.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <atomic>
-#include <chrono>
-
-#include "log_capture.h"
-#include "nm_peer.h"
-#include "runtime/stop.h"
+#include "peers.h"
 #include "runtime/stop_internal.h"
 #include "status/service_status_internal.h"
-#include "transport/conn_registry.h"
-
-typedef std::vector<std::string> Texts;
 
 static const std::string k_sep = "\r\n\r\n";
 
@@ -26,10 +17,7 @@ static std::string service_file(const std::string &content)
     EXPECT_GT(fd, 0);
     EXPECT_EQ(write(fd, content.data(), content.size()), (ssize_t)content.size());
     close(fd);
-    PluginInfoEdit edit;
-    plugin_info_edit_begin(&edit);
-    (void)plugin_info_edit_text(&edit, edit.next.service_path, path);
-    plugin_info_edit_commit(&edit);
+    info_edit([&](PluginInfo *next) { (void)text_set(next->service_path, path); });
     return path;
 }
 
@@ -73,9 +61,9 @@ TEST(ServiceStatus, RecordsAreCutAtTheirSeparators)
         std::string path = service_file(c.file);
         int fd = open(path.c_str(), O_RDONLY);
         Texts records;
-        log_capture_begin();
+        LogLines log;
         service_records_read(fd, keep_record, &records);
-        EXPECT_EQ(log_capture_end(), c.invalid ? "[ERR] Invalid param!\n" : "");
+        EXPECT_EQ(log.text(), c.invalid ? "[ERR] Invalid param!\n" : "");
         EXPECT_EQ(records, c.records);
         close(fd);
         unlink(path.c_str());
@@ -99,97 +87,67 @@ TEST(ServiceStatus, RecordsSurviveEveryCutBetweenTwoReads)
     }
 }
 
+// A whole run posts every record once and in order. A stop in the middle of the posts: what was not sent is still in
+// the file.
 TEST(ServiceStatus, ReportPostsEveryRecordOnceAndInOrder)
 {
-    NmPeer nm;
-    nm_peer_start(&nm, "1.3", "SN1");
+    ASSERT_EQ(stop_init([](int) { _exit(99); }), 0);
     std::string file;
     Texts expected;
-    for (int i = 0; i < 1000; i++) {
+    for (int i = 0; i < 500; i++) {
         std::string record =
             "{\"id\":" + std::to_string(i) + ",\"p\":\"" + std::string((size_t)(i * 37 % 700), 'p') + "\"}";
-        expected.push_back("{\n\t\"ver\":\"1.3\",\n\t\"deviceSn\":\"SN1\",\n\t\"services\":" + record + "\n}");
+        expected.push_back("{\n\t\"ver\":\"1.3\",\n\t\"deviceSn\":\"A1\",\n\t\"services\":" + record + "\n}");
         file += record + k_sep;
     }
     std::string path = service_file(file);
+    NmPeer nm;
     service_status_report(0);
     EXPECT_EQ(file_size(path), (off_t)file.size());
-    std::vector<NmPost> posts = nm_peer_posts(&nm);
-    ASSERT_EQ(posts.size(), expected.size());
-    for (size_t i = 0; i < posts.size(); i++) {
-        ASSERT_EQ(posts[i].path, "/dev-api/SN1/working/services");
-        ASSERT_EQ(posts[i].body, expected[i]);
-    }
-    conn_remove_all();
-    nm_peer_end(&nm);
-    unlink(path.c_str());
-}
+    EXPECT_EQ(nm.now(&NmPeer::paths), Texts(500, "/dev-api/A1/working/services"));
+    EXPECT_TRUE(nm.now(&NmPeer::bodies) == expected);
 
-// A stop in the middle of the posts: what was not sent is still in the file.
-TEST(ServiceStatus, AStoppedRunKeepsTheFile)
-{
-    ASSERT_EQ(stop_init([](int) { _exit(99); }), 0);
-    NmPeer nm;
-    nm_peer_start(&nm, "1.3", "SN1");
-    std::string file;
-    for (int i = 0; i < 500; i++)
-        file += "{}" + k_sep;
-    std::string path = service_file(file);
     std::thread run(service_status_report, 1);
-    nm_peer_wait(&nm, 3);
+    while (nm.now(&NmPeer::paths).size() < 503)
+        usleep(100);
     stop_request(15);
     run.join();
-    EXPECT_LT(nm_peer_posts(&nm).size(), 100u);
+    EXPECT_LT(nm.now(&NmPeer::paths).size(), 700u);
     EXPECT_EQ(file_size(path), (off_t)file.size());
     alarm(0); // the hard deadline
     stop_reset_for_test();
-    conn_remove_all();
-    nm_peer_end(&nm);
     unlink(path.c_str());
-}
-
-// Holds the whole file locked in another process until the pipe's other end is closed.
-static pid_t lock_elsewhere(const std::string &path, int until_fd)
-{
-    int ready[2];
-    char byte = 0;
-    EXPECT_EQ(pipe(ready), 0);
-    pid_t child = fork();
-    if (child == 0) {
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        int fd = open(path.c_str(), O_RDWR);
-        if (fcntl(fd, F_SETLK, &lock) == 0 && write(ready[1], "x", 1) == 1)
-            (void)!read(until_fd, &byte, 1);
-        _exit(0);
-    }
-    close(ready[1]);
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    close(ready[0]);
-    return child;
 }
 
 TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
 {
     std::string path = service_file("a" + k_sep);
-    int until[2];
-    ASSERT_EQ(pipe2(until, O_CLOEXEC), 0);
-    pid_t child = lock_elsewhere(path, until[0]);
-    log_capture_begin();
+    int ready[2], until[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(until), 0);
+    char byte = 0;
+    pid_t child = fork();
+    if (child == 0) { // holds the whole file locked until it is killed
+        struct flock lock = {};
+        lock.l_type = F_WRLCK;
+        if (fcntl(open(path.c_str(), O_RDWR), F_SETLK, &lock) == 0 && write(ready[1], "x", 1) == 1)
+            (void)!read(until[0], &byte, 1);
+        _exit(0);
+    }
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    LogLines log;
     service_status_report(1);
-    std::string log = log_capture_end();
-    EXPECT_EQ(log, "[WRN] Set file lock failed: Resource temporarily unavailable\n"
-                   "[WRN] Set file lock failed again: Resource temporarily unavailable\n");
+    EXPECT_EQ(log.take(), "[WRN] Set file lock failed: Resource temporarily unavailable\n"
+                          "[WRN] Set file lock failed again: Resource temporarily unavailable\n");
     EXPECT_EQ(file_size(path), 5);
     kill(child, SIGKILL);
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
     unlink(path.c_str());
-
-    log_capture_begin();
     service_status_report(1); // the file is missing now: told by the lock
-    log = log_capture_end();
-    EXPECT_EQ(log, "[WRN] Set file lock failed: Bad file descriptor\n"
-                   "[WRN] Set file lock failed again: Bad file descriptor\n");
+    EXPECT_EQ(log.take(), "[WRN] Set file lock failed: Bad file descriptor\n"
+                          "[WRN] Set file lock failed again: Bad file descriptor\n");
+    for (int fd : {ready[0], ready[1], until[0], until[1]})
+        close(fd);
 }
 
 TEST(ServiceStatus, PollStartsAndStopsTheTimerAsTheModeWants)
@@ -219,11 +177,5 @@ TEST(ServiceStatus, PollStartsAndStopsTheTimerAsTheModeWants)
         EXPECT_EQ(now.timer.timerid != 0, step.timer_running && now.timer.seconds > 0);
         EXPECT_EQ(service_state_get(), SERVICE_IDLE);
     }
-    service_status_set_timing(SERVICE_TIMING, 70);
-    service_status_start();
-    service_status_poll();
-    service_status_set_timing(SERVICE_TIMING, 71);
-    EXPECT_EQ(service_settings_get().timer_running, 0);
-    EXPECT_EQ(service_settings_get().timer.timerid, 0u);
     unlink(path.c_str());
 }

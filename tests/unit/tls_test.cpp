@@ -1,7 +1,6 @@
-#include "net_peer.h"
+#include "peers.h"
 
 #include <openssl/err.h>
-#include <thread>
 
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
@@ -22,7 +21,7 @@ static TlsLink tls_link_open(const char *signatures = nullptr)
     std::string port;
     int listener = listen_socket(&port, 2048);
     std::thread server([&] { EXPECT_TRUE(tls_peer_accept(&link.peer, listener)); });
-    link.conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
+    link.conn = connect_to(port);
     link.conn.ssl = tls_init(link.conn.socket_fd);
     EXPECT_NE(nullptr, link.conn.ssl);
     server.join();
@@ -41,8 +40,9 @@ TEST(Tls, BytesGoBothWays)
     for (const char *signatures : {(const char *)nullptr, "RSA+SHA1"}) { // old servers are fine: nothing is verified
         TlsLink link = tls_link_open(signatures);
         char buf[64] = "";
-        std::string log = log_of([&] { EXPECT_EQ(4, tcp_send(&link.conn, "ping", 4)); });
-        expect_in_order(log, {"SSL send, 4 bytes."});
+        LogLines log;
+        EXPECT_EQ(4, tcp_send(&link.conn, "ping", 4));
+        EXPECT_TRUE(log.has("SSL send, 4 bytes."));
         EXPECT_EQ(4, SSL_read(link.peer.ssl, buf, sizeof(buf)));
         EXPECT_EQ(4, SSL_write(link.peer.ssl, "pong", 4));
         EXPECT_EQ(1, conn_readable(&link.conn, 5000));
@@ -53,26 +53,11 @@ TEST(Tls, BytesGoBothWays)
         EXPECT_EQ(-1, conn_recv(&link.conn, buf, sizeof(buf)));
         EXPECT_EQ(EAGAIN, errno);
         EXPECT_EQ(0, conn_readable(&link.conn, 0));
-        EXPECT_TRUE(has_text(log_of([&] { socket_close_private(&link.conn); }), "SSL deinit success!"));
+        socket_close_private(&link.conn);
+        EXPECT_TRUE(log.has("SSL deinit success!"));
         EXPECT_EQ("", read_upto(link.peer.fd, 1)); // closed without an alert
         tls_peer_free(&link.peer);
     }
-}
-
-TEST(Tls, MissingArguments)
-{
-    char byte = 0;
-    TlsLink link = tls_link_open();
-    std::string log = log_of([&] {
-        EXPECT_EQ(-1, tls_send(nullptr, "x", 1));
-        EXPECT_EQ(-1, tls_send(link.conn.ssl, nullptr, 1));
-        EXPECT_EQ(-1, tls_send(link.conn.ssl, "x", 0));
-        EXPECT_EQ(-1, tls_recv(nullptr, &byte, 1));
-    });
-    expect_in_order(log, {"Invalid parameter!", "Invalid parameter!", "Invalid parameter!", "Invalid parameter!"});
-    expect_in_order(log_of([] { EXPECT_EQ(nullptr, tls_init(-1)); }), {"Invalid sockfd: -1!"});
-    EXPECT_EQ("", log_of([] { tls_deinit(nullptr); }));
-    tls_link_close(&link);
 }
 
 // "Readable" is plaintext: half a record is waited for, what is left of a large one counts, so does the end.
@@ -131,12 +116,11 @@ TEST(Tls, StallInsideAWrite)
                 got.append(buf, (size_t)count);
             }
         });
-        int result = 0;
         SendPart part = {text.data(), text.size()};
-        std::string log = log_of([&] { result = conn_send(&link.conn, SEND_MESSAGE, &part, 1); });
-        expect_in_order(log, {"SSL send failed, err: (null)!", "Waiting: 100 ms ...",
-                              "Trying to send again, len: 300000!", "SSL re-send failed, err: (null)!"});
-        EXPECT_EQ(reads_on ? (int)text.size() : -1, result);
+        LogLines log;
+        EXPECT_EQ(reads_on ? (int)text.size() : -1, conn_send(&link.conn, SEND_MESSAGE, &part, 1));
+        EXPECT_TRUE(log.has_in_order({"SSL send failed, err: (null)!", "Waiting: 100 ms ...",
+                                      "Trying to send again, len: 300000!", "SSL re-send failed, err: (null)!"}));
         SendPart next = {"end", 3};
         EXPECT_EQ(reads_on ? 3 : -1, conn_send(&link.conn, SEND_MESSAGE, &next, 1));
         reader.join();
@@ -145,56 +129,6 @@ TEST(Tls, StallInsideAWrite)
         conn_life_drop(link.conn.life);
         tls_peer_free(&link.peer);
     }
-}
-
-// One thread writes, one reads, one session.
-TEST(Tls, ReaderAndWriterShareASession)
-{
-    constexpr int rounds = 60;
-    TlsLink link = tls_link_open();
-    link.conn.life = conn_life_new(&link.conn);
-    g_log_level = 2;
-    std::thread echo([&] {
-        char buf[4096];
-        int count;
-        while ((count = SSL_read(link.peer.ssl, buf, sizeof(buf))) > 0)
-            SSL_write(link.peer.ssl, buf, count);
-    });
-    std::thread writer([&] {
-        std::string text(1000, 'w');
-        SendPart part = {text.data(), text.size()};
-        for (int i = 0; i < rounds; i++)
-            EXPECT_EQ(1000, conn_send(&link.conn, SEND_MESSAGE, &part, 1));
-    });
-    size_t got = 0;
-    char buf[700];
-    while (got < rounds * 1000 && conn_readable(&link.conn, 5000)) {
-        int count = conn_recv(&link.conn, buf, sizeof(buf));
-        if (count <= 0)
-            break;
-        got += (size_t)count;
-    }
-    EXPECT_EQ(rounds * 1000u, got);
-    writer.join();
-    conn_life_shut(link.conn.life);
-    echo.join();
-    conn_life_drop(link.conn.life);
-    tls_peer_free(&link.peer);
-}
-
-struct HandshakeCase {
-    const char *name;
-    void (*peer)(int fd);
-    std::vector<std::string> lines;
-    int again; // "Try again..." lines
-};
-
-static int count_of(const std::string &log, const char *text)
-{
-    int count = 0;
-    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
-        count++;
-    return count;
 }
 
 static void peer_dribbles(int fd)
@@ -207,71 +141,72 @@ static void peer_dribbles(int fd)
     (void)read_upto(fd, 4096);
 }
 
-static void peer_leaves(int fd)
+static void peer_leaves(int)
 {
-    (void)recv(fd, nullptr, 0, 0);
+    usleep(50000);
 }
 
 static void peer_speaks_plain(int fd)
 {
+    usleep(50000);
     send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, 0);
     (void)read_upto(fd, 4096);
+}
+
+static std::atomic<uint32_t> s_call_offs;
+
+static void stop_soon(int)
+{
+    usleep(200000);
+    stop_request(15);
+}
+
+static void call_off_soon(int)
+{
+    usleep(200000);
+    s_call_offs++;
 }
 
 TEST(Tls, HandshakesThatFail)
 {
     start_process_once();
-    const HandshakeCase cases[] = {
+    const struct {
+        const char *name;
+        void (*peer)(int fd);
+        Texts lines; // none at all when the wait is cut; no time-out covers a silent peer
+        int again;   // "Try again..." lines
+    } cases[] = {
         {"too many calls", peer_dribbles, {"SSL_connect failed too much times!", "SSL deinit success!"}, 9},
         {"plain text", peer_speaks_plain, {"Try again...", "SSL_connect faild!", "SSL deinit success!"}, 1},
         {"end", peer_leaves, {"SSL_connect faild!", "SSL deinit success!"}, 1},
+        {"silent, stop", stop_soon, {}, 0},
+        {"silent, called off", call_off_soon, {}, 0},
     };
-    for (const HandshakeCase &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::string port;
         int listener = listen_socket(&port);
-        SocketConn conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
+        SocketConn conn = connect_to(port);
         int peer = accept(listener, nullptr, nullptr);
-        std::thread server([&] {
-            usleep(50000);
-            c.peer(peer);
-            shutdown(peer, SHUT_RDWR);
-        });
-        std::string log = log_of([&] { EXPECT_EQ(nullptr, tls_init(conn.socket_fd)); });
-        expect_in_order(log, c.lines);
-        EXPECT_EQ(c.again, count_of(log, "SSL_connect failed! Try again..."));
-        socket_close_private(&conn);
-        server.join();
-        close(peer);
-        close(listener);
-    }
-}
-
-// No time-out covers a silent peer; a stop and a call-off end the wait, without a line.
-TEST(Tls, SilentHandshakeIsCut)
-{
-    static std::atomic<uint32_t> counter;
-    start_process_once();
-    for (bool stop : {true, false}) {
-        std::string port;
-        int listener = listen_socket(&port);
-        SocketConn conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
-        wait_call_off_set({&counter, counter});
-        std::thread ender([stop] {
-            usleep(200000);
-            if (stop)
-                stop_request(15);
-            else
-                counter++;
-        });
+        wait_call_off_set({&s_call_offs, s_call_offs});
         int64_t start = wait_now_ms();
-        EXPECT_EQ("", log_of([&] { EXPECT_EQ(nullptr, tls_init(conn.socket_fd)); }));
-        EXPECT_GE(wait_now_ms() - start, 190);
-        EXPECT_LT(wait_now_ms() - start, 1500);
-        ender.join();
+        std::thread server([&] {
+            c.peer(peer);
+            if (!c.lines.empty())
+                shutdown(peer, SHUT_RDWR);
+        });
+        LogLines log;
+        EXPECT_EQ(nullptr, tls_init(conn.socket_fd));
+        EXPECT_TRUE(log.has_in_order(c.lines));
+        EXPECT_EQ(c.again, log.count("SSL_connect failed! Try again..."));
+        EXPECT_EQ(c.lines.empty(), log.text().empty());
+        EXPECT_GE(wait_now_ms() - start, c.lines.empty() ? 190 : 0);
+        EXPECT_LT(wait_now_ms() - start, c.lines.empty() ? 1500 : 20000);
         wait_call_off_set({nullptr, 0});
         stop_reset_for_test();
         socket_close_private(&conn);
+        server.join();
+        close(peer);
         close(listener);
     }
 }

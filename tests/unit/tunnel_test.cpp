@@ -1,17 +1,6 @@
 #include "remote/tunnel.h"
 
-#include <memory>
-
-#include "log_capture.h"
-#include "runtime/text.h"
-
-static void method_set(const char *method)
-{
-    std::unique_ptr<PluginInfoEdit> edit(new PluginInfoEdit);
-    plugin_info_edit_begin(edit.get());
-    plugin_info_edit_text(edit.get(), edit->next.nm_method, method);
-    plugin_info_edit_commit(edit.get());
-}
+#include "support.h"
 
 TEST(Tunnel, RequestParse)
 {
@@ -47,12 +36,10 @@ TEST(Tunnel, RequestParse)
     for (const auto &c : k_cases) {
         SCOPED_TRACE(c.name);
         TunnelRequest request;
-        method_set(c.method);
-        log_capture_begin();
-        int result = tunnel_request_parse(c.payload, "Req is bad", &request);
-        std::string log = log_capture_end();
-        EXPECT_EQ(c.result, result);
-        EXPECT_NE(std::string::npos, log.find(c.line)) << log;
+        info_edit([&](PluginInfo *next) { (void)text_set(next->nm_method, c.method); });
+        LogLines log;
+        EXPECT_EQ(c.result, tunnel_request_parse(c.payload, "Req is bad", &request));
+        EXPECT_TRUE(log.has(c.line));
         if (c.port) {
             EXPECT_STREQ(c.port, request.port);
             EXPECT_STREQ("127.0.0.1", request.host);

@@ -1,0 +1,294 @@
+// peers.h - the other ends on 127.0.0.1, each for one test: plain sockets, a TLS server, a scripted TCP peer, NM and
+// the device.
+#pragma once
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include "runtime/stop.h"
+#include "runtime/text.h"
+#include "support.h"
+#include "transport/conn_registry.h"
+#include "transport/nm_sign.h"
+
+// As the process does at start-up.
+inline void start_process_once()
+{
+    signal(SIGPIPE, SIG_IGN);
+    stop_init(nullptr);
+}
+
+inline int bound_socket(int type, std::string *port, int recv_buf_size = 0)
+{
+    int fd = socket(AF_INET, type, 0);
+    if (recv_buf_size > 0) // before listen: accepted sockets inherit it
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &recv_buf_size, sizeof(recv_buf_size));
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(address);
+    EXPECT_EQ(0, bind(fd, (struct sockaddr *)&address, len));
+    EXPECT_EQ(0, getsockname(fd, (struct sockaddr *)&address, &len));
+    *port = std::to_string(ntohs(address.sin_port));
+    return fd;
+}
+
+inline int listen_socket(std::string *port, int recv_buf_size = 0)
+{
+    int fd = bound_socket(SOCK_STREAM, port, recv_buf_size);
+    EXPECT_EQ(0, listen(fd, 16));
+    return fd;
+}
+
+inline SocketConn connect_to(const std::string &port, int send_buf_size = 0)
+{
+    return tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, send_buf_size, 0);
+}
+
+inline bool readable_within(int fd, int timeout_ms)
+{
+    struct pollfd one = {fd, POLLIN, 0};
+    return poll(&one, 1, timeout_ms) > 0;
+}
+
+// Up to len bytes; fewer at the end of the stream or after 5 s of silence.
+inline std::string read_upto(int fd, size_t len)
+{
+    std::string data(len, '\0');
+    size_t got = 0;
+    while (got < len && readable_within(fd, 5000)) {
+        ssize_t count = recv(fd, &data[got], len - got, 0);
+        if (count <= 0)
+            break;
+        got += (size_t)count;
+    }
+    data.resize(got);
+    return data;
+}
+
+inline void peer_send(int fd, const std::string &text)
+{
+    EXPECT_EQ((ssize_t)text.size(), send(fd, text.data(), text.size(), MSG_NOSIGNAL));
+}
+
+inline int open_descriptors()
+{
+    int count = 0;
+    for (int fd = 0; fd < 1024; fd++)
+        count += fcntl(fd, F_GETFD) >= 0;
+    return count;
+}
+
+// A TLS 1.2 server with a certificate of its own, one connection.
+struct TlsPeer {
+    SSL_CTX *ctx;
+    SSL *ssl;
+    int fd;
+};
+
+// An RSA key of 1024 bits: quick to make. signatures: the only kinds the server offers, null for its defaults.
+inline TlsPeer tls_peer_new(const char *signatures = nullptr)
+{
+    TlsPeer peer = {SSL_CTX_new(TLS_server_method()), nullptr, -1};
+    SSL_CTX_set_security_level(peer.ctx, 0);
+    EXPECT_TRUE(!signatures || SSL_CTX_set1_sigalgs_list(peer.ctx, signatures) == 1);
+    EVP_PKEY *key = EVP_RSA_gen(1024);
+    X509 *cert = X509_new();
+    X509_gmtime_adj(X509_getm_notBefore(cert), 0);
+    X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
+    X509_set_pubkey(cert, key);
+    X509_sign(cert, key, EVP_sha256());
+    EXPECT_EQ(1, SSL_CTX_use_certificate(peer.ctx, cert));
+    EXPECT_EQ(1, SSL_CTX_use_PrivateKey(peer.ctx, key));
+    X509_free(cert);
+    EVP_PKEY_free(key);
+    return peer;
+}
+
+// Accepts from listener and makes the handshake; the peer's socket is blocking.
+inline bool tls_peer_accept(TlsPeer *peer, int listener)
+{
+    peer->fd = accept(listener, nullptr, nullptr);
+    peer->ssl = SSL_new(peer->ctx);
+    SSL_set_fd(peer->ssl, peer->fd);
+    return SSL_accept(peer->ssl) == 1;
+}
+
+// The record that carries text, as bytes for the wire: to be sent in pieces of the test's choice.
+inline std::string tls_peer_record(TlsPeer *peer, const std::string &text)
+{
+    BIO *memory = BIO_new(BIO_s_mem());
+    SSL_set0_wbio(peer->ssl, memory);
+    SSL_write(peer->ssl, text.data(), (int)text.size());
+    char *bytes = nullptr;
+    long len = BIO_get_mem_data(memory, &bytes);
+    return std::string(bytes, (size_t)len);
+}
+
+inline void tls_peer_free(TlsPeer *peer)
+{
+    SSL_free(peer->ssl);
+    SSL_CTX_free(peer->ctx);
+    if (peer->fd >= 0)
+        close(peer->fd);
+}
+
+// Plays a script on a thread of its own.
+struct Peer {
+    std::string port;
+    int listener;
+    std::thread thread;
+
+    explicit Peer(std::function<void(int listener)> script)
+    {
+        listener = listen_socket(&port);
+        thread = std::thread(script, listener);
+    }
+    ~Peer()
+    {
+        thread.join();
+        close(listener);
+    }
+};
+
+inline int peer_accept(int listener)
+{
+    return readable_within(listener, 20000) ? accept(listener, nullptr, nullptr) : -1;
+}
+
+// One HTTP request: its head and as many bytes as its Content-Length says. Empty at the end of the connection.
+inline std::string peer_read_request(int fd)
+{
+    std::string all;
+    while (all.find("\r\n\r\n") == std::string::npos) {
+        std::string byte = read_upto(fd, 1);
+        if (byte.empty())
+            return "";
+        all += byte;
+    }
+    size_t length = all.find("Content-Length: ");
+    return length == std::string::npos ? all : all + read_upto(fd, strtoul(all.c_str() + length + 16, nullptr, 10));
+}
+
+// The device A1 and its NM on this port of 127.0.0.1, as after an init cfg.
+inline void nm_set(const std::string &port, const char *method = "http")
+{
+    info_edit([&](PluginInfo *next) {
+        (void)text_set(next->nm_method, method);
+        (void)text_set(next->nm_ip, "127.0.0.1");
+        (void)text_set(next->nm_port, port.c_str());
+        (void)text_set(next->dev_sn, "A1");
+        (void)text_set(next->ptype, "7");
+        (void)text_set(next->protocol_version, "1.3");
+    });
+    nm_sign_init();
+}
+
+inline std::string http_ok(const std::string &json)
+{
+    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(json.size()) + "\r\n\r\n" + json;
+}
+
+// NM for the device A1, in force for as long as it lives. It keeps what it was sent and answers by the last element of
+// the path, every other post with status 200.
+struct NmPeer {
+    std::mutex mutex; // all of these
+    Texts requests, paths, bodies;
+    std::map<std::string, Texts> answers; // taken in turn, the last one stays; an empty one closes the connection
+    Peer peer;
+
+    NmPeer() : peer([this](int listener) { accept_all(listener); })
+    {
+        nm_set(peer.port);
+    }
+    ~NmPeer()
+    {
+        conn_remove_all();
+        shutdown(peer.listener, SHUT_RDWR);
+    }
+    void accept_all(int listener)
+    {
+        std::vector<std::thread> served;
+        int fd;
+        while ((fd = accept(listener, nullptr, nullptr)) >= 0)
+            served.emplace_back([this, fd] { serve(fd); });
+        for (std::thread &one : served)
+            one.join();
+    }
+    void serve(int fd)
+    {
+        std::string request, answer;
+        do {
+            readable_within(fd, -1);
+            request = peer_read_request(fd);
+            answer = request.empty() ? "" : answer_to(request);
+        } while (!answer.empty() && send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) > 0);
+        close(fd);
+    }
+    std::string answer_to(const std::string &request)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        size_t path = request.find(' ') + 1;
+        requests.push_back(request);
+        paths.push_back(request.substr(path, request.find(' ', path) - path));
+        bodies.push_back(request.substr(request.find("\r\n\r\n") + 4));
+        auto found = answers.find(paths.back().substr(paths.back().rfind('/') + 1));
+        if (found == answers.end())
+            return http_ok("{\"status\":200}");
+        std::string answer = found->second.front();
+        if (found->second.size() > 1)
+            found->second.erase(found->second.begin());
+        return answer;
+    }
+    void answer_set(const char *path_end, const Texts &texts)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        answers[path_end] = texts;
+    }
+    // now(&NmPeer::paths), or another of the lists
+    Texts now(Texts NmPeer::*list)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return this->*list;
+    }
+};
+
+// Registers a device link and returns the device's end of it.
+inline int device_link()
+{
+    std::string port;
+    int listener = listen_socket(&port);
+    conn_add(DEV_TCP, connect_to(port), 0);
+    int fd = accept(listener, nullptr, nullptr);
+    close(listener);
+    return fd;
+}
+
+inline std::string frame(const std::string &text)
+{
+    char length[4];
+    le32_put(length, (uint32_t)text.size());
+    return std::string(length, sizeof(length)) + text;
+}
+
+// The next frame's text as the device sees it; "(none)" when nothing comes within wait_ms.
+inline std::string device_read(int fd, int wait_ms = 5000)
+{
+    if (!readable_within(fd, wait_ms))
+        return "(none)";
+    std::string length = read_upto(fd, 4);
+    return length.size() == 4 ? read_upto(fd, le32_get(length.data())) : "(end)";
+}
