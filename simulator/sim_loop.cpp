@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -49,6 +50,7 @@ static void timer_fire(evutil_socket_t, short, void *arg)
 SimLoop *sim_loop_start()
 {
     static const int s_threads_ready = evthread_use_pthreads();
+    signal(SIGPIPE, SIG_IGN); // a peer that goes away in the middle of an answer is no reason to end
     SimLoop *loop = new SimLoop;
     loop->base = event_base_new();
     if (s_threads_ready != 0 || !loop->base) {

@@ -85,6 +85,7 @@ static void run_agent(const std::string &dir, std::vector<char *> &arguments, in
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    signal(SIGPIPE, SIG_DFL); // as a launcher leaves it
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (chdir(dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0) {
         execvp(arguments[0], arguments.data());
