@@ -72,6 +72,10 @@ static const DatagramCase k_datagrams[] = {
     {"longer word", NM_FAULT_WORD, 0, "ACTIVES", true},
     {"127 bytes and more", NM_FAULT_LONG, 0, "", true},
     {"silence", NM_FAULT_SILENCE, 0, "", true},
+    {"empty", NM_FAULT_WORD, 0, "", true},
+    {"too late", NM_FAULT_NONE, 1300, "", true}, // stays in the socket, an answer to the next one
+    {"twice", NM_FAULT_TWICE, 0, "", false},
+    {"from another port", NM_FAULT_STRANGER, 0, "", false},
 };
 
 // Each row is one heartbeat of its own; a miss is followed by the same body over HTTP.
