@@ -205,8 +205,8 @@ static void modules_init(void)
     service_status_init();
 }
 
-// A box with 64 MiB is not to keep for ever what one large message took: large blocks go back to the system when they are
-// freed, and the threads share one heap instead of growing one each.
+// A box with 64 MiB is not to keep for ever what one large message took: large blocks go back to the system when they
+// are freed, and the threads share one heap instead of growing one each.
 static void memory_give_back(void)
 {
     mallopt(M_MMAP_THRESHOLD, LARGE_BLOCK);

@@ -1,5 +1,5 @@
-// dev_msg_handle.h - what the device says: results, alarms, port lists and call records go to NM, questions are answered,
-// requests are carried out. Thread dev_msg_handle, one message at a time; dma_status_send any thread.
+// dev_msg_handle.h - what the device says: results, alarms, port lists and call records go to NM, questions are
+// answered, requests are carried out. Thread dev_msg_handle, one message at a time; dma_status_send any thread.
 #pragma once
 
 #include <stddef.h>
@@ -8,7 +8,8 @@
 // Handles one message. text is NUL-ended content in the message area of area_size bytes, which may be rewritten.
 void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size);
 
-// Acknowledges a message of the given type to the device by NM's response (null: none). 0 when an ack was sent, else -1.
+// Acknowledges a message of the given type to the device by NM's response (null: none). 0 when an ack was sent, else
+// -1.
 int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const char *response, int32_t response_len);
 
 // Tells the device the DMA status in a message of the given type. Warns without a device link.

@@ -10,7 +10,8 @@ int device_activate(void);
 // Posts the handshake and runs the command in NM's answer, on the calling thread.
 void handshake_send(void);
 
-// Takes the first "NMS" entry of the answer's redirection as the new NM and forwards "result" to the device in any case.
+// Takes the first "NMS" entry of the answer's redirection as the new NM and forwards "result" to the device in any
+// case.
 void redirection_handle(const cJSON *root);
 
 // Tells the device about a redirection; result_text is printed JSON. Warns without a device link.

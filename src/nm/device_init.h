@@ -35,9 +35,9 @@ void set_dma_cause(const char *cause);
 // Copies the cause, returns the status. Any thread.
 uint32_t dma_status_get(char (&cause)[DMA_CAUSE_SIZE]);
 
-// Back to waiting, with a pass in 10 s: closes every connection but the device's, stops both timers, disables the service
-// report. Nothing when not online. Any thread; takes no long lock (the NM post lock may be held by the caller).
-// Lines as stated, the UDP handler's warning excepted.
+// Back to waiting, with a pass in 10 s: closes every connection but the device's, stops both timers, disables the
+// service report. Nothing when not online. Any thread; takes no long lock (the NM post lock may be held by the caller).
+// Why it restarts is for the caller to log.
 void restart_device_init(void);
 
 // The init cfg now names another device or another NM: restarts; a pass under way, which has read the old one, is

@@ -1,5 +1,5 @@
-// heartbeat.h - telling NM that the device is alive, over UDP first and over HTTP when UDP stays silent, and the one path
-// by which every periodic report reaches NM.
+// heartbeat.h - telling NM that the device is alive, over UDP first and over HTTP when UDP stays silent, and the one
+// path by which every periodic report reaches NM.
 #pragma once
 
 #include <stddef.h>
@@ -15,8 +15,8 @@ enum ReportType : uint32_t {
 };
 constexpr uint32_t REPORT_TYPE_COUNT = 4;
 
-// Posts a report on the kept connection, one at a time. 0; -1 on failure (a heartbeat: unless NM's answer was one of its
-// three words). A heartbeat may run a handshake (after the lock) or restart the bring-up. Any thread but main.
+// Posts a report on the kept connection, one at a time. 0; -1 on failure (a heartbeat: unless NM's answer was one of
+// its three words). A heartbeat may run a handshake (after the lock) or restart the bring-up. Any thread but main.
 int tx_nms_message(uint32_t type, const char *body, size_t len);
 
 // UDP first, then HTTP unless UDP was answered.

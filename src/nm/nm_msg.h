@@ -12,8 +12,8 @@ constexpr size_t NM_TYPE_SIZE = 512;
 
 typedef int (*NmMsgHandler)(uintptr_t context, const char *answer, const char *payload, uint32_t payload_len);
 
-// Serialises the report posts to NM on the kept connection with their answer handling. A long lock: taken with wait_lock.
-// Never held together with dev_msg_mutex.
+// Serialises the report posts to NM on the kept connection with their answer handling. A long lock: taken with
+// wait_lock. Never held together with dev_msg_mutex.
 extern pthread_mutex_t g_nm_post_mutex;
 
 // NM's path for a message of this device: "/dev-api/<serial number>", and a slash and tail unless tail is null.

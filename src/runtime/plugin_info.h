@@ -14,8 +14,8 @@
 #define PLUGIN_VERSION "0.1"          // told to the device and to both tunnel ends
 #define PLUGIN_PROTOCOL_VERSION "1.3" // the init cfg's "ver" that this agent speaks
 
-constexpr size_t IP_TEXT_SIZE = 16;   // dotted IPv4
-constexpr size_t PORT_TEXT_SIZE = 6;  // decimal
+constexpr size_t IP_TEXT_SIZE = 16;  // dotted IPv4
+constexpr size_t PORT_TEXT_SIZE = 6; // decimal
 constexpr size_t IFNAME_TEXT_SIZE = 64;
 constexpr size_t PATH_TEXT_SIZE = 256;
 constexpr size_t ID_TEXT_SIZE = 512;
@@ -112,8 +112,8 @@ template <size_t N> int plugin_info_edit_text(PluginInfoEdit *edit, char (&field
 }
 
 // Settings that are single words: atomics, stored as soon as they are read.
-extern std::atomic<int32_t> g_log_std;                     // 1 console only, 0 log target only, else both
-extern std::atomic<uint32_t> g_log_level;                  // threshold, see log.h
-extern std::atomic<int32_t> g_http_rsp_len;                // bytes, read size on a device web connection
-extern std::atomic<int32_t> g_http_forward_len;            // bytes, largest payload of a response frame
-extern std::atomic<int32_t> g_sleep_between_http_rsp_ms;   // read and logged only
+extern std::atomic<int32_t> g_log_std;                   // 1 console only, 0 log target only, else both
+extern std::atomic<uint32_t> g_log_level;                // threshold, see log.h
+extern std::atomic<int32_t> g_http_rsp_len;              // bytes, read size on a device web connection
+extern std::atomic<int32_t> g_http_forward_len;          // bytes, largest payload of a response frame
+extern std::atomic<int32_t> g_sleep_between_http_rsp_ms; // read and logged only

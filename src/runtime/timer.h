@@ -6,7 +6,7 @@
 
 // Owned by the module whose callback it runs; lives for the whole process. The owner's lock guards the fields.
 struct PluginTimer {
-    uintptr_t timerid;                  // 0: not running
+    uintptr_t timerid; // 0: not running
     int32_t seconds;
     int32_t milliseconds;               // 0 to 999
     void (*handler)(PluginTimer *self); // any thread of the timer service; may overlap with itself

@@ -1,5 +1,6 @@
-// metrics.h - the device's health as NM wants it: processor, memory, disk, interfaces, from /proc, /sys, statvfs, ioctls.
-// Parsers work on streams, so tests feed them fixtures. report_run_status takes a second or more; timer threads only.
+// metrics.h - the device's health as NM wants it: processor, memory, disk, interfaces, from /proc, /sys, statvfs,
+// ioctls. Parsers work on streams, so tests feed them fixtures. report_run_status takes a second or more; timer threads
+// only.
 #pragma once
 
 #include <cjson/cJSON.h>

@@ -1,6 +1,6 @@
-// service_status.h - reporting the records of the service status file, which the device keeps adding to, by NM's strategy.
-// One record of settings under its own short lock; only the thread dev_service_status_report runs reports, everybody else
-// asks for one.
+// service_status.h - reporting the records of the service status file, which the device keeps adding to, by NM's
+// strategy. One record of settings under its own short lock; only the thread dev_service_status_report runs reports,
+// everybody else asks for one.
 #pragma once
 
 #include <stdint.h>
@@ -8,9 +8,9 @@
 enum ServiceReportMode : int32_t {
     SERVICE_IMMEDIATE = 0,
     SERVICE_TIMING = 1,
-    SERVICE_DELAY = 2,            // by size; empties the file
+    SERVICE_DELAY = 2, // by size; empties the file
     SERVICE_IMMEDIATE_TIMING = 3,
-    SERVICE_IMMEDIATE_DELAY = 4,  // by size; empties the file
+    SERVICE_IMMEDIATE_DELAY = 4, // by size; empties the file
 };
 
 // Bring-up succeeded: timer stopped, disabled, mode 0, 120 s, limit 100, a pending request forgotten (a run goes on).
@@ -42,7 +42,8 @@ void service_status_report_now(void);
 // One step of the reporting loop, ends with a pause of 200 ms.
 void service_status_poll(void);
 
-// One cycle of the thread dev_service_status_report: service_status_poll and 5 ms; rests while there is nothing to watch.
+// One cycle of the thread dev_service_status_report: service_status_poll and 5 ms; rests while there is nothing to
+// watch.
 void service_status_turn(void);
 
 // Creates the doorbell; start-up, before the threads.

@@ -44,7 +44,7 @@ SocketConn udp_connect(const char *remote_ip, const char *remote_port, const cha
 // Ends a private connection: TLS session (logged by tls_deinit), socket, address list; clears the fields.
 void socket_close_private(SocketConn *conn);
 
-// One send with its stated repetitions (100 ms after a failure, 10 ms after a short count) and lines. Returns -1
+// One send with its repetitions (100 ms after a failure, 10 ms after a short count) and lines. Returns -1
 // without a socket, the second send's result after a failed first one, and the count of the first, short send after a
 // short one: not the total. Never sends a byte twice. Callers that need to know what left use conn_send.
 int tcp_send(const SocketConn *conn, const void *buf, size_t len);

@@ -309,7 +309,7 @@ static int occurrences(const std::string &text, const std::string &part, size_t 
     return count;
 }
 
-// The stated end: what was asked, every thread that began, the closing lines, the status.
+// The whole end: what was asked, every thread that began, the closing lines, the status.
 static void expect_stop(Stage *stage, size_t from)
 {
     const long long start = monotonic_ms();
