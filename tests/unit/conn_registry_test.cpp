@@ -1,6 +1,5 @@
 #include "peers.h"
 
-#include "runtime/stop_internal.h"
 #include "runtime/wait.h"
 #include "transport/conn_life.h"
 #include "transport/conn_registry.h"
@@ -52,18 +51,6 @@ TEST(ConnRegistry, AddOverConnectedAndRemoveLeaveTheTexts)
          "Shutdown and close socket: " + fds[1], removed, row + "DISCONNECTED(0), Socket_fd: -1" + peer_text}));
     EXPECT_EQ(2, log.count("removed"));
     EXPECT_EQ(0, conn_is_connected(HTTP));
-
-    // A failed connect leaves its texts; a socket in it is closed by a removal.
-    int peer = -1;
-    SocketConn noted = connect_peer(listener, &peer);
-    conn_note_failed(HTTP, &noted);
-    freeaddrinfo(noted.remote_addr); // not taken over
-    conn_remove_all();
-    EXPECT_FALSE(readable_within(peer, 0));
-    conn_remove(HTTP, 0);
-    EXPECT_EQ("", read_upto(peer, 1));
-    EXPECT_EQ(-1, fcntl(noted.socket_fd, F_GETFD));
-    close(peer);
     close(listener.fd);
 }
 
@@ -121,38 +108,5 @@ TEST(ConnRegistry, OldCopiesDoNotTouchTheSuccessor)
     EXPECT_EQ(0, conn_is_connected(HTTP));
     conn_drop(&copy);
     close(peer);
-    close(listener.fd);
-}
-
-// A handshake that fails goes on in plain text; one that a stop cuts registers nothing.
-TEST(ConnRegistry, FailedHandshakeIsPlainCutHandshakeIsNothing)
-{
-    Listener listener = listener_new();
-    nm_set("1", "https");
-    LogLines log;
-    int before = open_descriptors(), peer;
-    SocketConn conn = connect_peer(listener, &peer);
-    send(peer, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, 0);
-    EXPECT_EQ(1, conn_add(HTTP, conn, 1));
-    EXPECT_TRUE(
-        log.has_in_order({"SSL_connect faild!", "SSL deinit success!", "has been added, socket: ", ", SSL: 0"}));
-    EXPECT_EQ(1, conn_is_connected(HTTP));
-    conn_remove(HTTP, 0);
-    close(peer);
-
-    conn = connect_peer(listener, &peer); // silent
-    std::thread stopper([] {
-        usleep(100000);
-        EXPECT_EQ(0, conn_is_connected(HTTP)); // nobody sees an entry whose handshake is not done
-        stop_request(15);
-    });
-    (void)log.take();
-    EXPECT_EQ(1, conn_add(HTTP, conn, 1));
-    stopper.join();
-    EXPECT_EQ("", log.text());
-    EXPECT_EQ(0, conn_is_connected(HTTP));
-    stop_reset_for_test();
-    close(peer);
-    EXPECT_EQ(before, open_descriptors());
     close(listener.fd);
 }

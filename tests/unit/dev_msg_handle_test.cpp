@@ -77,23 +77,3 @@ TEST(DevMsgHandle, AlarmsAndCallHistory)
     EXPECT_EQ(nm.now(&NmPeer::bodies), bodies);
     close(device);
 }
-
-// The stop comes while NM keeps silent: a "false" would be a lie.
-TEST(DevMsgHandle, PostCutByAStopIsNotAcknowledged)
-{
-    start_process_once();
-    std::string port;
-    int silent = listen_socket(&port);
-    nm_set(port);
-    int device = device_link();
-    LogLines log;
-    std::thread handler([] { dispatch("{\"type\":\"cfg-result\"}"); });
-    int fd = accept(silent, nullptr, nullptr);
-    EXPECT_EQ(read_upto(fd, 1), "P");
-    stop_request(15);
-    handler.join();
-    EXPECT_FALSE(log.has("Posting result to NM failed!"));
-    EXPECT_EQ(device_read(device, 0), "(none)");
-    for (int one : {fd, silent, device})
-        close(one);
-}

@@ -115,28 +115,3 @@ TEST(http_client, leftovers_never_become_the_next_answer)
         EXPECT_STREQ("{\"right\":1}", rsp);
     }
 }
-
-TEST(http_client, over_tls_one_record_is_one_answer)
-{
-    LogLines log;
-    start_process_once();
-    Peer nm([](int listener) {
-        TlsPeer tls = tls_peer_new();
-        ASSERT_TRUE(tls_peer_accept(&tls, listener));
-        char request[4096];
-        SSL_read(tls.ssl, request, sizeof(request));
-        std::string record = tls_peer_record(&tls, k_ok + "{\"n\":1}");
-        peer_send(tls.fd, record.substr(0, 9));
-        usleep(50000); // the client waits for the rest of the record
-        peer_send(tls.fd, record.substr(9) + tls_peer_record(&tls, "{\"leftover\":1}"));
-        SSL_read(tls.ssl, request, sizeof(request));
-        peer_send(tls.fd, tls_peer_record(&tls, k_ok + "{\"n\":2}"));
-        tls_peer_free(&tls);
-    });
-    nm_set(nm.port, "HTTPS");
-    char rsp[512] = {};
-    EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
-    EXPECT_STREQ("{\"n\":1}", rsp);
-    EXPECT_EQ(7, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
-    EXPECT_STREQ("{\"n\":2}", rsp);
-}

@@ -101,21 +101,14 @@ TEST(LogFile, PicksASlot)
     }
 }
 
-// log_init with an init cfg that names dir, 2 files of 64 KiB; result and the console are returned.
-static int init_logs(const std::string &base, const std::string &log_dir, LogLines *console, int32_t log_std = 0)
-{
-    std::ofstream(base + "init") << "{\"log_path\":\"" << log_dir << "\",\"max_files\":2,\"max_size\":64}";
-    info_edit([&](PluginInfo *next) { (void)text_set(next->init_cfg_path, (base + "init").c_str()); });
-    (void)console->take();
-    g_log_std = log_std;
-    return log_init();
-}
-
 TEST(LogFile, FillsAndSplits)
 {
     std::string base = make_dir(), logs = base + "logs/";
     LogLines console(6);
-    ASSERT_EQ(1, init_logs(base, logs, &console));
+    std::ofstream(base + "init") << "{\"log_path\":\"" << logs << "\",\"max_files\":2,\"max_size\":64}";
+    info_edit([&](PluginInfo *next) { (void)text_set(next->init_cfg_path, (base + "init").c_str()); });
+    g_log_std = 0;
+    ASSERT_EQ(1, log_init());
     // Between the mode and the open the console is the only place left.
     EXPECT_EQ(1, console.count("Creating log directory: '" + logs + "' ..."));
     EXPECT_EQ(0, console.count("open successfully"));
@@ -139,25 +132,4 @@ TEST(LogFile, FillsAndSplits)
     EXPECT_LT(first.find("max_log_file_size: 65536"), first.find("Close log file: " + logs + "0.log"));
     EXPECT_EQ(1, count_of(second, "Logfile: '" + logs + "1.log' open successfully, mode: 'w+', buffer size: 1024."));
     EXPECT_EQ(1, count_of(second, "Close log file: " + logs + "1.log"));
-}
-
-TEST(LogFile, FailuresAndSyslog)
-{
-    std::string base = make_dir();
-    LogLines console(6);
-    EXPECT_EQ(0, init_logs(base, base + "no/such/parent/", &console));
-    EXPECT_TRUE(console.has("[ERR] Create log dir failed! ret: -1(No such file or directory)!"));
-    EXPECT_EQ(LOG_MODE_FILE, log_mode_get()); // so the console it is
-
-    for (const char *taken : {"logs", "logs/0.log", "logs/1.log"}) // whichever slot it is
-        ASSERT_EQ(0, mkdir((base + taken).c_str(), 0700));
-    EXPECT_EQ(0, init_logs(base, base + "logs/", &console));
-    EXPECT_EQ(1, console.count(".log' open failed, mode: '"));
-    EXPECT_EQ(1, console.count("[INF] Close log file: ")); // the slot was current already
-    log_split_check();                                     // nothing is current any more
-
-    EXPECT_EQ(1, init_logs(base, "", &console));
-    EXPECT_EQ(LOG_MODE_SYSLOG, log_mode_get());
-    EXPECT_EQ(1, init_logs(base, base + "unused/", &console, 1));
-    EXPECT_NE(0, access((base + "unused").c_str(), F_OK));
 }

@@ -93,20 +93,6 @@ TEST(Socket, ConnectFailuresSayWhatTheyAre)
     close(listener);
 }
 
-// A peer whose queue is full does not answer at all.
-TEST(Socket, SilentPeerTimesOut)
-{
-    std::string port;
-    int listener = bound_socket(SOCK_STREAM, &port);
-    ASSERT_EQ(0, listen(listener, 0));
-    SocketConn queued = connect_to(port);
-    LogLines log;
-    EXPECT_EQ(-1, connect_to(port).socket_fd);
-    EXPECT_TRUE(log.has_in_order({"Connection timeout... socket: ", "Connection failed...", "Shutdown and close"}));
-    socket_close_private(&queued);
-    close(listener);
-}
-
 TEST(Socket, ShortSendAnswersTheFirstCount)
 {
     Link link = link_open(false);

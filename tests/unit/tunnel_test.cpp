@@ -2,6 +2,9 @@
 
 #include "support.h"
 
+#define MEMBERS(host, port) "\"action\":\"x\",\"host\":\"" host "\",\"port\":" port ",\"token\":\"T\",\"key\":-5"
+#define REQUEST(host, port) "{\"param\":{" MEMBERS(host, port) ",\"sessionid\":\"S\"}}"
+
 TEST(Tunnel, RequestParse)
 {
     static const struct {
@@ -12,25 +15,14 @@ TEST(Tunnel, RequestParse)
         const char *port;
         const char *line; // in the log
     } k_cases[] = {
-        {"plain", "http",
-         R"({"param":{"action":"start","host":"127.0.0.1","port":443,"token":"T","key":-5,"sessionid":"S"}})", 0, "443",
-         ""},
-        {"one more over https", "HttpS",
-         R"({"param":{"action":"x","host":"127.0.0.1","port":443,"token":"T","key":-5,"sessionid":"S"}})", 0, "444",
-         ""},
-        {"the last port over https", "https",
-         R"({"param":{"action":"x","host":"127.0.0.1","port":65535,"token":"T","key":-5,"sessionid":"S"}})", 0, "65536",
-         ""},
-        {"port too large", "http",
-         R"({"param":{"action":"x","host":"127.0.0.1","port":65536,"token":"T","key":-5,"sessionid":"S"}})", -1,
-         nullptr, "[ERR] Invalid port: 65536!\n"},
-        {"no port, nor anything else", "http", R"({"param":{}})", -1, nullptr, "[ERR] Invalid port: -1!\n"},
-        {"no param", "http", R"({"host":"127.0.0.1"})", -1, nullptr, "[ERR] Invalid port: -1!\n"},
-        {"no session", "http", R"({"param":{"action":"x","host":"127.0.0.1","port":1,"token":"T","key":-5}})", -1,
-         nullptr, "[WRN] Req is bad\n"},
-        {"no address", "http",
-         R"({"param":{"action":"x","host":"no.such.invalid","port":1,"token":"T","key":-5,"sessionid":"S"}})", -1,
-         nullptr, "[WRN] Req is bad\n"},
+        {"plain", "http", REQUEST("127.0.0.1", "443"), 0, "443", ""},
+        {"one more over https", "HttpS", REQUEST("127.0.0.1", "443"), 0, "444", ""},
+        {"the last port over https", "https", REQUEST("127.0.0.1", "65535"), 0, "65536", ""},
+        {"port too large", "http", REQUEST("127.0.0.1", "65536"), -1, nullptr, "[ERR] Invalid port: 65536!\n"},
+        {"no port, nor anything else", "http", "{\"param\":{}}", -1, nullptr, "[ERR] Invalid port: -1!\n"},
+        {"no param", "http", "{\"host\":\"127.0.0.1\"}", -1, nullptr, "[ERR] Invalid port: -1!\n"},
+        {"no session", "http", "{\"param\":{" MEMBERS("127.0.0.1", "1") "}}", -1, nullptr, "[WRN] Req is bad\n"},
+        {"no address", "http", REQUEST("no.such.invalid", "1"), -1, nullptr, "[WRN] Req is bad\n"},
         {"no JSON", "http", "{\"param\"", -1, nullptr, "[WRN] Error before JSON content: "},
     };
     for (const auto &c : k_cases) {
