@@ -3,17 +3,6 @@
 #include "nm/device_init.h"
 #include "peers.h"
 
-static void identity_set(const std::string &nm_port)
-{
-    nm_set(nm_port);
-    info_edit([](PluginInfo *next) {
-        (void)text_set(next->local_ip, "127.0.0.1");
-        (void)text_set(next->udp_detection.remote_ip, "0");
-        (void)text_set(next->udp_detection.remote_port, "0");
-        next->nm_redirected = 0;
-    });
-}
-
 TEST(activation, answers)
 {
     static const struct {
@@ -45,7 +34,11 @@ TEST(activation, answers)
         LogLines log;
         NmPeer nm;
         nm.answer_set("active", {http_ok(row.answer)});
-        identity_set(nm.peer.port);
+        info_edit([](PluginInfo *next) {
+            (void)text_set(next->local_ip, "127.0.0.1");
+            (void)text_set(next->udp_detection.remote_ip, "0");
+            (void)text_set(next->udp_detection.remote_port, "0");
+        });
         set_dma_cause("old");
         char cause[DMA_CAUSE_SIZE];
         EXPECT_EQ(row.result == 0, device_activate() == 0);
@@ -56,36 +49,5 @@ TEST(activation, answers)
         EXPECT_TRUE(log.has(row.line));
         EXPECT_TRUE(log.has(std::string("[INF] Device activate rsp: ") + row.answer));
         EXPECT_EQ(nm.peer.port, info_now().nm_port);
-    }
-}
-
-TEST(activation, redirections)
-{
-    static const struct {
-        const char *redirection; // JSON
-        const char *nm;          // afterwards
-        int redirected;
-    } rows[] = {
-        {R"([{"type":"UDP","ip":"127.0.0.3","port":1},{"type":"nms","ip":"localhost","port":8443},
-             {"type":"NMS","ip":"127.0.0.4","port":2}])",
-         "https 127.0.0.1:8444", 1},
-        {R"([{"type":"NMS","ip":"127.0.0.3"}])", "http 127.0.0.3:80", 0},
-        {R"([{"type":"NMS","ip":"no-such-host.invalid","port":1}])", "http 127.0.0.1:80", 0},
-        {R"([{"type":"NMS","port":1},{"type":"NMS","ip":"127.0.0.3","port":1}])", "http 127.0.0.1:80", 0},
-        {R"([7,null,{"type":7,"ip":"127.0.0.3","port":1}])", "http 127.0.0.1:80", 0},
-        {R"({"a":{"type":"NMS","ip":"127.0.0.3","port":1}})", "http 127.0.0.1:80", 0},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.redirection);
-        LogLines log;
-        identity_set("80");
-        cJSON *root = cJSON_Parse((std::string("{\"result\":{\"redirection\":") + row.redirection + "}}").c_str());
-        redirection_handle(root);
-        cJSON_Delete(root);
-        PluginInfo info = info_now();
-        EXPECT_EQ(row.nm, std::string(info.nm_method) + " " + info.nm_ip + ":" + info.nm_port);
-        EXPECT_EQ(row.redirected, info.nm_redirected);
-        EXPECT_EQ(row.redirected, log.count(std::string("[INF] Will redirect to the new NMS: ") + info.nm_ip));
-        EXPECT_TRUE(log.has("[WRN] The device TCP connection is lost!"));
     }
 }

@@ -30,30 +30,6 @@ static SocketConn connect_peer(const Listener &listener, int *peer = nullptr)
     return conn;
 }
 
-TEST(ConnRegistry, AddOverConnectedAndRemoveLeaveTheTexts)
-{
-    Listener listener = listener_new();
-    SocketConn first = connect_peer(listener), second = connect_peer(listener);
-    LogLines log;
-    EXPECT_EQ(1, conn_add(HTTP, first, 0));
-    EXPECT_EQ(1, conn_add(HTTP, second, 1));
-    conn_remove(HTTP, 1);
-    EXPECT_EQ(1, conn_remove_if_connected(HTTP, 1)); // nothing any more
-    std::string row = "CONN[2] Type: HTTP                    , Status: ";
-    std::string peer_text = ", IP: 127.0.0.1, Port: " + listener.port + ", SSL: 0";
-    std::string removed = "type: HTTP(2), peer IP: 127.0.0.1, Port: " + listener.port + " has been removed,";
-    std::string fds[] = {std::to_string(first.socket_fd), std::to_string(second.socket_fd)};
-    EXPECT_TRUE(log.has_in_order(
-        {"Connection type: HTTP(2) has been added, socket: " + fds[0] + ".", "Shutdown and close socket: " + fds[0],
-         removed, std::string(42, '~') + " conn info " + std::string(42, '~'),
-         row + "DISCONNECTED(0), Socket_fd: -1" + peer_text, std::string(95, '~'),
-         "has been added, socket: " + fds[1] + ".", row + "CONNECTED(1), Socket_fd: " + fds[1] + peer_text,
-         "Shutdown and close socket: " + fds[1], removed, row + "DISCONNECTED(0), Socket_fd: -1" + peer_text}));
-    EXPECT_EQ(2, log.count("removed"));
-    EXPECT_EQ(0, conn_is_connected(HTTP));
-    close(listener.fd);
-}
-
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
 // and the number is given out again only after the last copy has gone.
 TEST(ConnRegistry, CloseWakesAWaiterAndFreesWithTheLastCopy)

@@ -30,14 +30,6 @@ static std::string content_of(const std::string &path)
     return text.str();
 }
 
-static int count_of(const std::string &text, const std::string &part)
-{
-    int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        count++;
-    return count;
-}
-
 // Expects the slot that is picked after a scan of files (name, size, time), out of 3 slots of 100 bytes.
 struct RingFile {
     const char *name;

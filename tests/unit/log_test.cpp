@@ -74,27 +74,6 @@ TEST(Log, LayoutOfBothLines)
     fclose(file);
 }
 
-TEST(Log, ArgumentsAreNeverCutFormatsAre)
-{
-    LogLines log;
-    std::string argument(5000, 'x');
-    log_info("<%s>", argument.c_str());
-    EXPECT_EQ("[INF] <" + argument + ">\n", log.take());
-
-    // A format cut anywhere, also inside a conversion, still prints its head and its line end.
-    for (size_t head = 900; head < 1024; head++) {
-        std::string format = std::string(head, 'f') + "%%-%-12.3ld";
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        log_info(format.c_str(), 7L);
-#pragma GCC diagnostic pop
-        std::string line = log.take();
-        EXPECT_EQ(0u, line.find("[INF] " + std::string(900, 'f'))) << head;
-        EXPECT_EQ('\n', line.back());
-        EXPECT_TRUE(line.find('%') == std::string::npos || line.find("f%") != std::string::npos) << line;
-    }
-}
-
 // The owner of the swap logs without the lock, other threads wait for the end of the swap.
 TEST(Log, LinesDuringASwap)
 {

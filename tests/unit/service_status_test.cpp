@@ -149,33 +149,3 @@ TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
     for (int fd : {ready[0], ready[1], until[0], until[1]})
         close(fd);
 }
-
-TEST(ServiceStatus, PollStartsAndStopsTheTimerAsTheModeWants)
-{
-    const struct {
-        const char *name;
-        void (*change)(void);
-        int timer_running;
-    } k_steps[] = {
-        {"not enabled", [] { service_status_set_timing(SERVICE_TIMING, 50); }, 0},
-        {"timing", service_status_start, 1},
-        {"with the timer", [] { service_status_set_timing(SERVICE_IMMEDIATE_TIMING, 50); }, 1},
-        {"by size", [] { service_status_set_delay(SERVICE_DELAY, 8); }, 0},
-        {"a period that starts no timer", [] { service_status_set_timing(SERVICE_TIMING, -5); }, 1},
-        {"immediate", service_status_set_immediate, 0},
-        {"again", [] { service_status_set_timing(SERVICE_TIMING, 70); }, 1},
-        {"stopped", service_status_stop, 0},
-    };
-    std::string path = service_file("");
-    service_status_reset();
-    for (const auto &step : k_steps) {
-        SCOPED_TRACE(step.name);
-        step.change();
-        service_status_poll();
-        ServiceSettings now = service_settings_get();
-        EXPECT_EQ(now.timer_running, step.timer_running);
-        EXPECT_EQ(now.timer.timerid != 0, step.timer_running && now.timer.seconds > 0);
-        EXPECT_EQ(service_state_get(), SERVICE_IDLE);
-    }
-    unlink(path.c_str());
-}

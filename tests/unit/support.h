@@ -29,6 +29,14 @@ inline PluginInfo info_now()
     return info;
 }
 
+inline int count_of(const std::string &text, const std::string &wanted)
+{
+    int found = 0;
+    for (size_t at = 0; (at = text.find(wanted, at)) != std::string::npos; at += wanted.size())
+        found++;
+    return found;
+}
+
 // Captures for as long as it lives: console lines as "[INF] text\n", without colours, time and thread; lines printed
 // outside the log come as they are. What was logged so far can be read in between. Shown when the test fails.
 struct LogLines {
@@ -79,10 +87,7 @@ struct LogLines {
     }
     int count(const std::string &wanted)
     {
-        int found = 0;
-        for (size_t at = 0; (at = text().find(wanted, at)) != std::string::npos; at += wanted.size())
-            found++;
-        return found;
+        return count_of(text(), wanted);
     }
     bool has(const std::string &wanted)
     {
