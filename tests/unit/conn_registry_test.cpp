@@ -4,44 +4,20 @@
 #include "transport/conn_life.h"
 #include "transport/conn_registry.h"
 
-struct Listener {
-    int fd;
-    std::string port;
-};
-
-static Listener listener_new()
-{
-    start_process_once();
-    Listener listener;
-    listener.fd = listen_socket(&listener.port);
-    return listener;
-}
-
-// A fresh connection and, when asked for, the peer's end of it.
-static SocketConn connect_peer(const Listener &listener, int *peer = nullptr)
-{
-    SocketConn conn = connect_to(listener.port);
-    EXPECT_GT(conn.socket_fd, 0);
-    int accepted = accept(listener.fd, nullptr, nullptr);
-    if (peer)
-        *peer = accepted;
-    else
-        close(accepted);
-    return conn;
-}
-
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
 // and the number is given out again only after the last copy has gone.
 TEST(ConnRegistry, CloseWakesAWaiterAndFreesWithTheLastCopy)
 {
-    Listener listener = listener_new();
+    start_process_once();
     for (ConnectionType type : {HTTP, NM_UDP_DETECTION}) {
         SCOPED_TRACE(conn_type_name(type));
         int peer = -1;
-        SocketConn conn =
-            type == HTTP ? connect_peer(listener, &peer) : udp_connect("127.0.0.1", "9", nullptr, nullptr);
+        SocketConn conn = udp_connect("127.0.0.1", "9", nullptr, nullptr), copy;
+        if (type == HTTP) {
+            socket_close_private(&conn);
+            peer = connect_pair(&conn);
+        }
         conn_add(type, conn, 0);
-        SocketConn copy;
         ASSERT_EQ(1, conn_hold(type, &copy));
         std::thread closer([type] {
             usleep(50000);
@@ -63,18 +39,16 @@ TEST(ConnRegistry, CloseWakesAWaiterAndFreesWithTheLastCopy)
         conn_drop(&copy);
         close(peer);
     }
-    close(listener.fd);
 }
 
 TEST(ConnRegistry, OldCopiesDoNotTouchTheSuccessor)
 {
-    Listener listener = listener_new();
-    SocketConn old_copy, copy;
-    int peer;
-    conn_add(HTTP, connect_peer(listener), 0);
+    SocketConn first, second, old_copy, copy;
+    int peers[] = {connect_pair(&first), connect_pair(&second)};
+    conn_add(HTTP, first, 0);
     ASSERT_EQ(1, conn_hold(HTTP, &old_copy));
     EXPECT_EQ(1, conn_is_current(HTTP, &old_copy));
-    conn_add(HTTP, connect_peer(listener, &peer), 0);
+    conn_add(HTTP, second, 0);
     EXPECT_EQ(0, conn_is_current(HTTP, &old_copy));
     conn_remove_if_current(HTTP, &old_copy, 0);
     EXPECT_EQ(1, conn_check(HTTP));
@@ -83,6 +57,6 @@ TEST(ConnRegistry, OldCopiesDoNotTouchTheSuccessor)
     conn_remove_if_current(HTTP, &copy, 0);
     EXPECT_EQ(0, conn_is_connected(HTTP));
     conn_drop(&copy);
-    close(peer);
-    close(listener.fd);
+    close(peers[0]);
+    close(peers[1]);
 }

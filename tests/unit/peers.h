@@ -53,9 +53,22 @@ inline int listen_socket(std::string *port, int recv_buf_size = 0)
     return fd;
 }
 
-inline SocketConn connect_to(const std::string &port, int send_buf_size = 0)
+inline SocketConn connect_to(const std::string &port)
 {
-    return tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, send_buf_size, 0);
+    SocketConn conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);
+    EXPECT_GT(conn.socket_fd, 0);
+    return conn;
+}
+
+// A fresh connection; returns the peer's end of it.
+inline int connect_pair(SocketConn *conn, int recv_buf_size = 0)
+{
+    std::string port;
+    int listener = listen_socket(&port, recv_buf_size);
+    *conn = connect_to(port);
+    int peer = accept(listener, nullptr, nullptr);
+    close(listener);
+    return peer;
 }
 
 inline bool readable_within(int fd, int timeout_ms)
@@ -269,11 +282,9 @@ struct NmPeer {
 // Registers a device link and returns the device's end of it.
 inline int device_link()
 {
-    std::string port;
-    int listener = listen_socket(&port);
-    conn_add(DEV_TCP, connect_to(port), 0);
-    int fd = accept(listener, nullptr, nullptr);
-    close(listener);
+    SocketConn conn;
+    int fd = connect_pair(&conn);
+    conn_add(DEV_TCP, conn, 0);
     return fd;
 }
 

@@ -16,13 +16,8 @@ struct Link {
 static Link link_open(bool shared)
 {
     start_process_once();
-    std::string port;
-    int listener = listen_socket(&port, 2048);
     Link link = {};
-    link.conn = connect_to(port);
-    EXPECT_GT(link.conn.socket_fd, 0);
-    link.peer = accept(listener, nullptr, nullptr);
-    close(listener);
+    link.peer = connect_pair(&link.conn, 2048);
     if (shared)
         link.conn.life = conn_life_new(&link.conn);
     return link;

@@ -183,10 +183,8 @@ TEST(Tls, HandshakesThatFail)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        std::string port;
-        int listener = listen_socket(&port);
-        SocketConn conn = connect_to(port);
-        int peer = accept(listener, nullptr, nullptr);
+        SocketConn conn;
+        int peer = connect_pair(&conn);
         wait_call_off_set({&s_call_offs, s_call_offs});
         int64_t start = wait_now_ms();
         std::thread server([&] {
@@ -206,6 +204,5 @@ TEST(Tls, HandshakesThatFail)
         socket_close_private(&conn);
         server.join();
         close(peer);
-        close(listener);
     }
 }
