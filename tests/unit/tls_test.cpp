@@ -148,6 +148,7 @@ static void peer_leaves(int)
 
 static void peer_speaks_plain(int fd)
 {
+    usleep(50000); // after the first call
     send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, 0);
     (void)read_upto(fd, 4096);
 }
