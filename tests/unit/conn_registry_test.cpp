@@ -2,7 +2,6 @@
 
 #include "runtime/wait.h"
 #include "transport/conn_life.h"
-#include "transport/conn_registry.h"
 
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
 // and the number is given out again only after the last copy has gone.

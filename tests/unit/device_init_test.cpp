@@ -6,7 +6,6 @@
 #include "nm/nm_msg.h"
 #include "peers.h"
 
-static const std::string k_active = http_ok("{\"status\":200,\"result\":{\"host\":\"127.0.0.1\",\"port\":9}}");
 static const char k_init_cfg[] =
     "{\"method\":\"http\",\"host\":\"127.0.0.1\",\"port\":%s,\"dev_server_port\":%s,\"dev-sn\":\"SN\",\"ptype\":1,"
     "\"category\":2,\"pversion\":\"p\",\"pname\":\"n\",\"mac\":\"m\",\"platform_name\":\"a\",\"factory_name\":\"b\","
@@ -26,7 +25,7 @@ static void world_begin(World *w)
     ASSERT_NE(mkdtemp(w->directory), nullptr);
     ASSERT_EQ(chdir(w->directory), 0);
     nm_msg_table_init();
-    w->nm.answer_set("active", {k_active});
+    w->nm.answer_set("active", {http_ok(R"({"status":200,"result":{"host":"127.0.0.1","port":9}})")});
     std::string device_port;
     w->listener = listen_socket(&device_port);
     char init_cfg[1024];

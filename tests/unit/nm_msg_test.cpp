@@ -7,15 +7,10 @@ static std::string answer_with(const std::string &payload)
     return "{\"status\":200,\"result\":{\"payload\":" + payload + "}}";
 }
 
-// A message whose unformatted text has the length.
-static std::string message_of(size_t length)
-{
-    return "{\"k\":\"" + std::string(length - 8, 'x') + "\"}";
-}
-
 TEST(NmMsg, PayloadOfAnAnswer)
 {
-    const std::string fits = message_of(5119), over = message_of(5120);
+    const std::string fits = "{\"k\":\"" + std::string(5111, 'x') + "\"}";
+    const std::string over = "{\"k\":\"" + std::string(5112, 'x') + "\"}";
     const struct {
         std::string answer;
         int result;

@@ -177,11 +177,6 @@ struct Peer {
     }
 };
 
-inline int peer_accept(int listener)
-{
-    return readable_within(listener, 20000) ? accept(listener, nullptr, nullptr) : -1;
-}
-
 // One HTTP request: its head and as many bytes as its Content-Length says. Empty at the end of the connection.
 inline std::string peer_read_request(int fd)
 {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include "runtime/plugin_config.h"
-#include "runtime/plugin_info.h"
 #include "runtime/plugin_info_internal.h"
 #include "support.h"
 
@@ -32,6 +31,10 @@ static const char *k_full_config = "[Plugin_Config]\n"
                                    "device_ip = 10.0.0.1\ndevice_port = 123456\ninit_cfg = /a/b\n"
                                    "device_telnet_ip = 123.123.123.1234\n";
 
+#define LOCAL_END(link, port)                                  \
+    "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n" \
+    "[INF] Key: plugin_config:" link "_local_port is set to: " port "\n"
+
 TEST(PluginConfig, EveryKeyInOrder)
 {
     enter_new_dir();
@@ -43,27 +46,20 @@ TEST(PluginConfig, EveryKeyInOrder)
               "[INF] Key: device_info:device_ip is set to: 10.0.0.1\n"
               "[INF] Key: device_info:device_port is set to: 123456\n"
               "[INF] Key: device_info:init_cfg is set to: /a/b\n"
-              "[INF] Key: plugin_config:plugin_eth is set to: eth7\n"
-              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
-              "[INF] Key: plugin_config:tcp_to_device_local_port is set to: 1\n"
-              "[INF] Key: device_info:device_web_ip not found, use default: 10.0.0.1\n"
-              "[INF] Key: device_info:device_web_port not found, use default: 80\n"
-              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
-              "[INF] Key: plugin_config:web_to_device_local_port is set to: 2\n"
-              "[INF] Key: device_info:device_telnet_ip is set to: 123.123.123.1234\n"
-              "[INF] Key: device_info:device_telnet_port not found, use default: 23333\n"
-              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
-              "[INF] Key: plugin_config:telnet_to_device_local_port is set to: 3\n"
-              "[INF] Key: plugin_config:web_pf_recv_len is set to: 010\n"
-              "[INF] Key: plugin_config:web_pf_forward_len is set to: -5\n"
-              "[INF] Key: plugin_config:web_pf_wait_ms is set to: 9\n"
-              "[INF] Set g_http_rsp_len = 8, g_http_forward_len = -5, g_sleep_between_http_rsp_ms = 9.\n\n"
-              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
-              "[INF] Key: plugin_config:web_to_nm_local_port is set to: 4\n"
-              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
-              "[INF] Key: plugin_config:telnet_to_nm_local_port is set to: 5\n"
-              "[INF] Key: plugin_config:plugin_ip is set to: 10.0.0.2\n"
-              "[INF] Key: plugin_config:udp_detection_local_port is set to: 6\n",
+              "[INF] Key: plugin_config:plugin_eth is set to: eth7\n" LOCAL_END(
+                  "tcp_to_device",
+                  "1") "[INF] Key: device_info:device_web_ip not found, use default: 10.0.0.1\n"
+                       "[INF] Key: device_info:device_web_port not found, use default: 80\n" LOCAL_END(
+                           "web_to_device",
+                           "2") "[INF] Key: device_info:device_telnet_ip is set to: 123.123.123.1234\n"
+                                "[INF] Key: device_info:device_telnet_port not found, use default: 23333\n" LOCAL_END(
+                                    "telnet_to_device",
+                                    "3") "[INF] Key: plugin_config:web_pf_recv_len is set to: 010\n"
+                                         "[INF] Key: plugin_config:web_pf_forward_len is set to: -5\n"
+                                         "[INF] Key: plugin_config:web_pf_wait_ms is set to: 9\n"
+                                         "[INF] Set g_http_rsp_len = 8, g_http_forward_len = -5, "
+                                         "g_sleep_between_http_rsp_ms = 9.\n\n" LOCAL_END("web_to_nm", "4")
+                                             LOCAL_END("telnet_to_nm", "5") LOCAL_END("udp_detection", "6"),
               read_config(k_full_config));
     PluginInfo info = info_now();
     EXPECT_STREQ("12345", info.dev.remote_port);

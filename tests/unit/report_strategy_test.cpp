@@ -3,13 +3,6 @@
 #include "peers.h"
 #include "status/service_status_internal.h"
 
-static void start_values()
-{
-    service_status_reset();
-    service_status_set_delay(SERVICE_IMMEDIATE_DELAY, 7);
-    nm_set("1");
-}
-
 struct StrategyCase {
     const char *payload;
     int result;
@@ -53,10 +46,12 @@ static const StrategyCase k_cases[] = {
 
 TEST(ReportStrategy, Commands)
 {
+    nm_set("1");
     int device = device_link();
     for (const auto &c : k_cases) {
         SCOPED_TRACE(c.payload ? c.payload : "null");
-        start_values();
+        service_status_reset();
+        service_status_set_delay(SERVICE_IMMEDIATE_DELAY, 7);
         LogLines log;
         EXPECT_EQ(nm_dev_status_control_handle(0, "", c.payload, 1), c.result);
         ServiceSettings now = service_settings_get();

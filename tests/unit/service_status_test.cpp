@@ -1,6 +1,6 @@
 #include "status/service_status.h"
 
-#include <sys/stat.h>
+#include <filesystem>
 #include <sys/wait.h>
 
 #include "peers.h"
@@ -19,13 +19,6 @@ static std::string service_file(const std::string &content)
     close(fd);
     info_edit([&](PluginInfo *next) { (void)text_set(next->service_path, path); });
     return path;
-}
-
-static off_t file_size(const std::string &path)
-{
-    struct stat st = {};
-    EXPECT_EQ(stat(path.c_str(), &st), 0);
-    return st.st_size;
 }
 
 static void keep_record(const char *record, void *arg)
@@ -103,7 +96,7 @@ TEST(ServiceStatus, ReportPostsEveryRecordOnceAndInOrder)
     std::string path = service_file(file);
     NmPeer nm;
     service_status_report(0);
-    EXPECT_EQ(file_size(path), (off_t)file.size());
+    EXPECT_EQ(std::filesystem::file_size(path), file.size());
     EXPECT_EQ(nm.now(&NmPeer::paths), Texts(500, "/dev-api/A1/working/services"));
     EXPECT_TRUE(nm.now(&NmPeer::bodies) == expected);
 
@@ -113,7 +106,7 @@ TEST(ServiceStatus, ReportPostsEveryRecordOnceAndInOrder)
     stop_request(15);
     run.join();
     EXPECT_LT(nm.now(&NmPeer::paths).size(), 700u);
-    EXPECT_EQ(file_size(path), (off_t)file.size());
+    EXPECT_EQ(std::filesystem::file_size(path), file.size());
     alarm(0); // the hard deadline
     stop_reset_for_test();
     unlink(path.c_str());
@@ -139,7 +132,7 @@ TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
     service_status_report(1);
     EXPECT_EQ(log.take(), "[WRN] Set file lock failed: Resource temporarily unavailable\n"
                           "[WRN] Set file lock failed again: Resource temporarily unavailable\n");
-    EXPECT_EQ(file_size(path), 5);
+    EXPECT_EQ(std::filesystem::file_size(path), 5u);
     kill(child, SIGKILL);
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
     unlink(path.c_str());

@@ -3,7 +3,6 @@
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
 #include "transport/conn_life.h"
-#include "transport/socket.h"
 
 static const char k_ip[] = "127.0.0.1";
 

@@ -5,7 +5,6 @@
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
 #include "transport/conn_life.h"
-#include "transport/socket.h"
 #include "transport/tls.h"
 
 struct TlsLink {
