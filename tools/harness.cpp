@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -177,10 +178,12 @@ int agent_wait_exit(AgentProcess *agent, int timeout_ms)
 
 int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms)
 {
-    if (agent->pid > 0) {
+    int status = agent->status;
+    for (int left_ms = timeout_ms; agent->pid > 0 && left_ms > 0; left_ms -= std::min(left_ms, k_signal_again_ms)) {
         kill(agent->pid, signal_number);
+        status = agent_wait_exit(agent, std::min(left_ms, k_signal_again_ms));
     }
-    return agent_wait_exit(agent, timeout_ms);
+    return status;
 }
 
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value)
