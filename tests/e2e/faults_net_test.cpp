@@ -164,14 +164,14 @@ TEST(FaultsNet, AfterEachSpoiltPostTheNextIsRight)
         expect_ack(&stage, message(0), "true");
     }
     // NM goes away with the request in its hands and comes back.
-    const int posts = nm_sim_count(stage.nm, "cfgResult");
+    const int posts = nm_sim_count(stage.nm, "cfgResult"), acks = device_sim_count(stage.device, "cfg-ack");
     nm_sim_set_fault(stage.nm, "cfgResult", {NM_FAULT_SILENCE, 0, 1, ""});
     ASSERT_TRUE(device_sim_send(stage.device, message(0)));
     ASSERT_TRUE(nm_sim_wait_for(stage.nm, "cfgResult", posts + 1, k_wait_ms));
     nm_sim_absent(stage.nm);
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Posting result to NM failed!"));
     ASSERT_TRUE(nm_sim_return(stage.nm));
-    ASSERT_TRUE(agent_wait_log(&stage.agent, "Send 'cfg-ack' to device"));
+    ASSERT_TRUE(device_sim_wait_for(stage.device, "cfg-ack", acks + 1, k_wait_ms)); // or it is taken for the next one
     expect_ack(&stage, message(0), "true");
     EXPECT_EQ(nm_sim_request(stage.nm, "cfgResult", -1).body, message(0));
     EXPECT_EQ(device_sim_wrong(stage.device), "");
