@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "runtime/log.h"
+#include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "transport/conn_registry.h"
 
@@ -33,4 +34,20 @@ int dev_frame_send(const void *text, uint32_t len)
         result = frame_send(&conn, text, len);
     conn_drop(&conn);
     return result;
+}
+
+void dev_object_send(const char *type, const char *key, const char *object_text)
+{
+    if (!conn_is_connected(DEV_TCP)) {
+        log_warn("The device TCP connection is lost!");
+        return;
+    }
+    PluginInfo info;
+    plugin_info_get(&info);
+    char text[DEV_TEXT_SIZE];
+    (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"ver\":\"%s\",\t\"%s\":%s}", type, info.protocol_version, key,
+                   object_text);
+    uint32_t len = (uint32_t)strlen(text);
+    (void)dev_frame_send(text, len);
+    log_info("Send %s to device, payload_len: %d, content: %s", type, (int)len, text);
 }

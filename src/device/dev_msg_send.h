@@ -12,3 +12,6 @@ constexpr size_t DEV_TEXT_SIZE = 507; // most messages to the device are cut to 
 
 // Sends one frame on the device link as it is now (no liveness test). tcp_send's result; -1 without a link.
 int dev_frame_send(const void *text, uint32_t len);
+
+// Sends {type, protocol version, key: object_text}, cut to DEV_TEXT_SIZE, and logs it; a line alone without a link.
+void dev_object_send(const char *type, const char *key, const char *object_text);

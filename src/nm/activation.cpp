@@ -11,7 +11,6 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "transport/conn_registry.h"
 #include "transport/field_extract.h"
 #include "transport/nm_sign.h"
 
@@ -27,18 +26,7 @@ void redirection_to_device(const char *result_text)
         log_error("msg is NULL!");
         return;
     }
-    if (!conn_is_connected(DEV_TCP)) {
-        log_warn("The device TCP connection is lost!");
-        return;
-    }
-    PluginInfo info;
-    plugin_info_get(&info);
-    char payload[DEV_TEXT_SIZE];
-    (void)text_fmt(payload, "{\t\"type\":\"redirection\",\t\"ver\":\"%s\",\t\"%s\":%s}", info.protocol_version,
-                   "result", result_text);
-    size_t payload_len = strlen(payload);
-    (void)dev_frame_send(payload, (uint32_t)payload_len);
-    log_info("Send redirection to device, payload_len: %d, content: %s", (int)payload_len, payload);
+    dev_object_send("redirection", "result", result_text);
 }
 
 static void result_forward(const cJSON *result)

@@ -5,10 +5,7 @@
 #include "device/dev_msg_send.h"
 #include "nm/device_init.h"
 #include "runtime/log.h"
-#include "runtime/plugin_info.h"
-#include "runtime/text.h"
 #include "status/service_status.h"
-#include "transport/conn_registry.h"
 #include "transport/field_extract.h"
 
 static const struct {
@@ -28,18 +25,7 @@ void service_strategy_to_device(const char *strategy_text)
         log_error("strategy is NULL!");
         return;
     }
-    if (!conn_is_connected(DEV_TCP)) {
-        log_warn("The device TCP connection is lost!");
-        return;
-    }
-    PluginInfo info;
-    plugin_info_get(&info);
-    char text[DEV_TEXT_SIZE];
-    (void)text_fmt(text, "{\t\"type\":\"service-strategy\",\t\"ver\":\"%s\",\t\"%s\":%s}", info.protocol_version,
-                   "serviceStrategy", strategy_text);
-    uint32_t len = (uint32_t)strlen(text);
-    (void)dev_frame_send(text, len);
-    log_info("Send service-strategy to device, payload_len: %d, content: %s", (int)len, text);
+    dev_object_send("service-strategy", "serviceStrategy", strategy_text);
 }
 
 // Puts mode and its value in force. 0, or -1 (logged) for a mode that does not exist.

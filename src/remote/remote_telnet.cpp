@@ -180,20 +180,9 @@ static int start_locked(const TunnelRequest *request)
 
 int remote_telnet_req_handle(uintptr_t, const char *, const char *payload, uint32_t)
 {
-    TunnelRequest request;
-    CallOff before;
-    if (tunnel_request_parse(payload, "Remote telnet req is invalid!", &request) != 0 ||
-        tunnel_lock(&s_lock, &before) != 0)
-        return -1;
-    int result = 0;
-    if (strcmp(request.action, "start") == 0) {
-        result = start_locked(&request);
-    } else {
-        log_info("Remote telnet stopped");
-        tunnel_destroy_locked();
-    }
-    tunnel_unlock(&s_lock, &before);
-    return result;
+    static const TunnelCommands k_commands = {&s_lock, "Remote telnet req is invalid!", "Remote telnet stopped",
+                                              start_locked, tunnel_destroy_locked};
+    return tunnel_command_handle(&k_commands, payload);
 }
 
 enum ReadySide { READY_NONE = 0, READY_NM = 1, READY_DEVICE = 2 }; // bits

@@ -93,20 +93,9 @@ static int start_locked(const TunnelRequest *request)
 
 int remote_web_req_handle(uintptr_t, const char *, const char *payload, uint32_t)
 {
-    TunnelRequest request;
-    CallOff before;
-    if (tunnel_request_parse(payload, "Remote web req is invalid!", &request) != 0 ||
-        tunnel_lock(&s_lock, &before) != 0)
-        return -1;
-    int result = 0;
-    if (strcmp(request.action, "start") == 0) {
-        result = start_locked(&request);
-    } else {
-        log_info("Remote web stopped");
-        remote_web_tunnel_destroy();
-    }
-    tunnel_unlock(&s_lock, &before);
-    return result;
+    static const TunnelCommands k_commands = {&s_lock, "Remote web req is invalid!", "Remote web stopped", start_locked,
+                                              remote_web_tunnel_destroy};
+    return tunnel_command_handle(&k_commands, payload);
 }
 
 // Hands every whole frame to the records and moves the rest to the front.

@@ -63,7 +63,7 @@ static int param_read(const cJSON *param, TunnelRequest *request, int32_t *port)
     return failed;
 }
 
-int tunnel_request_parse(const char *payload, const char *invalid_line, TunnelRequest *request)
+static int request_parse(const char *payload, const char *invalid_line, TunnelRequest *request)
 {
     memset(request, 0, sizeof(*request));
     cJSON *root = json_parse_logged(payload);
@@ -104,7 +104,8 @@ static void call_off_begin(TunnelLock *lock, CallOff *before)
     *before = wait_call_off_set({&lock->waiting, 0});
 }
 
-int tunnel_lock(TunnelLock *lock, CallOff *before)
+// Announces the command, then waits. -1 when that wait was cut: nothing is held then.
+static int command_lock(TunnelLock *lock, CallOff *before)
 {
     lock->waiting++;
     WaitResult taken = wait_lock(&lock->mutex);
@@ -128,4 +129,21 @@ void tunnel_unlock(TunnelLock *lock, const CallOff *before)
 {
     wait_call_off_set(*before);
     wait_unlock(&lock->mutex);
+}
+
+int tunnel_command_handle(const TunnelCommands *tunnel, const char *payload)
+{
+    TunnelRequest request;
+    CallOff before;
+    if (request_parse(payload, tunnel->invalid_line, &request) != 0 || command_lock(tunnel->lock, &before) != 0)
+        return -1;
+    int result = 0;
+    if (strcmp(request.action, "start") == 0) {
+        result = tunnel->start_locked(&request);
+    } else {
+        log_info("%s", tunnel->stopped_line);
+        tunnel->stop_locked();
+    }
+    tunnel_unlock(tunnel->lock, &before);
+    return result;
 }

@@ -29,10 +29,6 @@ struct TunnelRequest {
     int32_t key;
 };
 
-// Reads the "param" object of the command. -1 for text that is not JSON, a bad port (both logged), or a field that is
-// missing (logged with invalid_line). port is NM's, plus one when NM is reached over https.
-int tunnel_request_parse(const char *payload, const char *invalid_line, TunnelRequest *request);
-
 // Logs and sends the authentication text with its NUL on nm (held). Returns the send's result; -1, with nothing sent,
 // when the caller's work was cut: a handshake that was cut leaves plain text, which no token may travel in.
 int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm);
@@ -45,12 +41,22 @@ struct TunnelLock {
     std::atomic<uint32_t> waiting; // commands that want the lock
 };
 
-// For commands: announces itself, takes the lock, and has the waits of the calling thread called off by the next
-// command. 0, or -1 when the wait for the lock was cut: nothing is held then. before keeps the call-off that was in
-// force.
-int tunnel_lock(TunnelLock *lock, CallOff *before);
-
-// For the tunnel's own thread: the same without waiting, -1 as soon as a command holds or wants the lock.
+// For the tunnel's own thread: takes the lock without waiting and has the waits of the calling thread called off by the
+// next command. 0 with the call-off that was in force in before, or -1 as soon as a command holds or wants the lock.
 int tunnel_try_lock(TunnelLock *lock, CallOff *before);
 
 void tunnel_unlock(TunnelLock *lock, const CallOff *before);
+
+// What NM's command does to one of the tunnels.
+struct TunnelCommands {
+    TunnelLock *lock;
+    const char *invalid_line;                          // logged for a request with a missing field
+    const char *stopped_line;                          // logged before a stop
+    int (*start_locked)(const TunnelRequest *request); // the command's result
+    void (*stop_locked)(void);
+};
+
+// Reads the "param" object of the command and carries it out under the lock: "start", or a stop for any other action.
+// start_locked's result; 0 after a stop; -1 for text that is not JSON, a bad port or a missing field (all logged), and
+// when the wait for the lock was cut. The request's port is NM's, plus one when NM is reached over https.
+int tunnel_command_handle(const TunnelCommands *tunnel, const char *payload);

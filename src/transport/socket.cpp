@@ -55,13 +55,24 @@ static int set_int_option(int fd, int level, int option, int value)
     return setsockopt(fd, level, option, &value, sizeof(value));
 }
 
-static int has_remote(const char *remote_ip, const char *remote_port)
+// What both protocols begin with. 0, or -1 (logged) without an address of the peer.
+static int job_begin(ConnectJob *job, const char *protocol, const char *remote_ip, const char *remote_port,
+                     const char *local_ip, const char *local_port)
 {
     if (!remote_ip)
         log_error("remote_ip is NULL!");
     if (!remote_port)
         log_error("remote_port is NULL!");
-    return remote_ip && remote_port;
+    if (!remote_ip || !remote_port)
+        return -1;
+    *job = {};
+    job->remote_ip = remote_ip;
+    job->remote_port = remote_port;
+    job->local_ip = local_ip ? local_ip : k_any_ip;
+    job->local_port = local_port ? local_port : k_any_port;
+    log_info("%s connecting [remote (%s:%s), local (%s:%s)] ...", protocol, remote_ip, remote_port, job->local_ip,
+             job->local_port);
+    return 0;
 }
 
 static int lookup(const char *ip, const char *port, int type, struct addrinfo **list)
@@ -204,17 +215,11 @@ SocketConn tcp_connect(const char *remote_ip, const char *remote_port, const cha
                        int send_buf_size, int recv_buf_size)
 {
     SocketConn conn = {};
-    if (!has_remote(remote_ip, remote_port))
+    ConnectJob job;
+    if (job_begin(&job, "TCP", remote_ip, remote_port, local_ip, local_port) != 0)
         return conn;
-    ConnectJob job = {};
-    job.remote_ip = remote_ip;
-    job.remote_port = remote_port;
-    job.local_ip = local_ip ? local_ip : k_any_ip;
-    job.local_port = local_port ? local_port : k_any_port;
     job.send_buf_size = send_buf_size == 0 ? DEFAULT_BUF_SIZE : send_buf_size;
     job.recv_buf_size = recv_buf_size == 0 ? DEFAULT_BUF_SIZE : recv_buf_size;
-    log_info("TCP connecting [remote (%s:%s), local (%s:%s)] ...", remote_ip, remote_port, job.local_ip,
-             job.local_port);
     if (tcp_resolve(&job, &conn) == 0)
         conn.socket_fd = tcp_establish(&job, conn.remote_addr);
     if (job.local_addr)
@@ -296,15 +301,9 @@ static struct addrinfo *udp_prepare(int fd, ConnectJob *job)
 SocketConn udp_connect(const char *remote_ip, const char *remote_port, const char *local_ip, const char *local_port)
 {
     SocketConn conn = {};
-    if (!has_remote(remote_ip, remote_port))
+    ConnectJob job;
+    if (job_begin(&job, "UDP", remote_ip, remote_port, local_ip, local_port) != 0)
         return conn;
-    ConnectJob job = {};
-    job.remote_ip = remote_ip;
-    job.remote_port = remote_port;
-    job.local_ip = local_ip ? local_ip : k_any_ip;
-    job.local_port = local_port ? local_port : k_any_port;
-    log_info("UDP connecting [remote (%s:%s), local (%s:%s)] ...", remote_ip, remote_port, job.local_ip,
-             job.local_port);
     // Non-blocking: poll may report a datagram whose checksum then turns out wrong.
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     if (fd < 1) {
