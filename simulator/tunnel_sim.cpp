@@ -16,7 +16,8 @@
 
 #include "sim_tls.h"
 
-static const size_t k_auth_max = 10240; // the agent builds the text in a buffer of that size
+static const size_t k_auth_max = 10240;     // the agent builds the text in a buffer of that size
+static const timeval k_auth_wait = {10, 0}; // a connection that stays silent for longer is turned away
 
 static std::string auth_text(const TunnelAuth &auth)
 {
@@ -220,6 +221,7 @@ void TunnelSim::agent_authenticate(evbuffer *in)
         return;
     }
     authenticated_ = true;
+    bufferevent_set_timeouts(agent_, nullptr, nullptr);
     agent_ready();
     update([&] { common().authenticated = true; });
 }
@@ -268,6 +270,9 @@ void TunnelSim::agent_accepted(int fd)
     }
     bufferevent_setcb(agent_, on_read, on_written, on_event, this);
     bufferevent_setwatermark(agent_, EV_WRITE, k_output_high / 2, 0);
+    if (!mute_) {
+        bufferevent_set_timeouts(agent_, &k_auth_wait, nullptr);
+    }
     bufferevent_enable(agent_, mute_ ? EV_WRITE : EV_READ | EV_WRITE);
     update([this] {
         common().connects++;
