@@ -237,6 +237,11 @@ static int process_start(void)
         return -1;
     }
     print_build_banner();
+    // Nothing would notice later that no timer runs: the heartbeat is one.
+    if (timer_service_start() != 0) {
+        log_error("Timer service start failed!");
+        return -1;
+    }
     if (!start_work_threads()) {
         log_error("Work threads start failed!");
         return -1;
@@ -261,7 +266,7 @@ int main()
 {
     if (process_start() != 0) {
         stop_request(STATUS_START_FAILED); // for its deadline: a thread may hang in a write to a full pipe
-        process_end(STATUS_START_FAILED);
+        process_end(stop_status());        // of a signal that came first
     }
     main_loop();
     main_loop_shutdown();

@@ -23,6 +23,7 @@ constexpr uint32_t HEX_ABOVE_LEVEL = 6;
 static TunnelLock s_lock = {PTHREAD_MUTEX_INITIALIZER, {0}};
 static WaitBell s_bell;                   // rung when the tunnel stands
 static std::atomic<uint8_t> s_running{0}; // both halves stand; written under s_lock
+static char s_buf[RELAY_CAP];             // what was read last; under s_lock
 
 void remote_telnet_init(void)
 {
@@ -88,16 +89,13 @@ static int authenticate_locked(const TunnelRequest *request, const SocketConn *n
             log_warn("Receive remote-telnet authentication response timeout!");
         return 0;
     }
-    char *answer = (char *)calloc(1, RELAY_CAP);
-    if (!answer)
-        return 0;
-    int len = conn_recv(nm, answer, RELAY_CAP - 1);
+    int len = conn_recv(nm, s_buf, RELAY_CAP - 1);
     char result[ID_TEXT_SIZE] = {};
     if (len >= 0) {
-        answer_split(answer, (size_t)len, ctrl);
-        json_key_extract(answer, "result", result, sizeof(result));
+        s_buf[len] = '\0';
+        answer_split(s_buf, (size_t)len, ctrl);
+        json_key_extract(s_buf, "result", result, sizeof(result));
     }
-    free(answer);
     int accepted = strcmp(result, "true") == 0;
     if (len < 0)
         log_warn("Receving remote-telnet authentication response failed!");
@@ -136,7 +134,7 @@ static int device_half_create(void)
     TunnelPeer peer = {};
     (void)text_set(peer.remote_ip, info.dev_telnet.remote_ip);
     (void)text_set(peer.remote_port, info.dev_telnet.remote_port);
-    if (half_tunnel_create(REMOTE_TELNET_DEVICE, &peer) != 0) {
+    if (half_tunnel_create(REMOTE_TELNET_DEVICE, &peer) != 0 || !conn_is_connected(REMOTE_TELNET_DEVICE)) {
         log_warn("Create remote telnet tunnel to device failed!");
         return 0;
     }
@@ -157,13 +155,7 @@ static int remote_telnet_auth(const TunnelRequest *request)
 
 static int start_locked(const TunnelRequest *request)
 {
-    PluginInfo info;
-    plugin_info_get(&info);
-    TunnelPeer peer = {};
-    (void)text_set(peer.remote_ip, request->host);
-    (void)text_set(peer.remote_port, request->port);
-    (void)text_set(peer.local_ip, info.local_ip);
-    if (half_tunnel_create(REMOTE_TELNET_SERVER, &peer) != 0) {
+    if (tunnel_nm_half_create(REMOTE_TELNET_SERVER, request) != 0) {
         log_warn("Create remote telnet tunnel to NM failed!");
         return -1;
     }
@@ -248,16 +240,16 @@ static RelayResult read_failed(const SocketConn *side, int len, int error)
 }
 
 // One read of NM's bytes, which go to the device; an "INIT" among them starts a new session of the device instead.
-static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, char *buf, int *nm_ended)
+static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, int *nm_ended)
 {
-    int len = conn_recv(nm, buf, RELAY_CAP - 1);
+    int len = conn_recv(nm, s_buf, RELAY_CAP - 1);
     *nm_ended = len == 0;
     if (len < 1)
         return read_failed(nm, len, errno);
     log_debug("Receive remote-telnet message from NM, len: %d.", len);
-    buf[len] = '\0';
-    if (!remote_telnet_is_init(buf)) {
-        relay_send(device, buf, (size_t)len);
+    s_buf[len] = '\0';
+    if (!remote_telnet_is_init(s_buf)) {
+        relay_send(device, s_buf, (size_t)len);
         return RELAY_ON;
     }
     conn_drop(device);
@@ -267,37 +259,37 @@ static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, char *buf,
 }
 
 // What the device said before it closed, on its held connection; its receive queue outlives the shutdown.
-static void farewell_relay(const SocketConn *nm, const SocketConn *device, char *buf)
+static void farewell_relay(const SocketConn *nm, const SocketConn *device)
 {
     int len;
-    while (device->socket_fd > 0 && (len = conn_recv(device, buf, RELAY_CAP - 1)) > 0) {
-        if (relay_send(nm, buf, (size_t)len) < 0)
+    while (device->socket_fd > 0 && (len = conn_recv(device, s_buf, RELAY_CAP - 1)) > 0) {
+        if (relay_send(nm, s_buf, (size_t)len) < 0)
             return;
     }
 }
 
 // One read of the device's bytes, which go to NM. RELAY_DONE when NM does not take them: the next step tears down.
-static RelayResult device_relay(const SocketConn *nm, const SocketConn *device, char *buf)
+static RelayResult device_relay(const SocketConn *nm, const SocketConn *device)
 {
     if (!conn_check(REMOTE_TELNET_DEVICE)) {
         log_warn("Remote telnet to Device is broken! Destroy tunnel!");
-        farewell_relay(nm, device, buf);
+        farewell_relay(nm, device);
         tunnel_destroy_locked();
         return RELAY_DONE;
     }
-    int len = conn_recv(device, buf, RELAY_CAP - 1);
+    int len = conn_recv(device, s_buf, RELAY_CAP - 1);
     if (len < 1)
         return read_failed(device, len, errno);
     log_debug("Receive remote-telnet message from device, len: %d.", len);
-    return relay_send(nm, buf, (size_t)len) < 0 ? RELAY_DONE : RELAY_ON;
+    return relay_send(nm, s_buf, (size_t)len) < 0 ? RELAY_DONE : RELAY_ON;
 }
 
 // One step on held halves: what NM has, then what the device has until it is silent or NM has bytes again.
-static RelayResult relay_step(const SocketConn *nm, SocketConn *device, char *buf)
+static RelayResult relay_step(const SocketConn *nm, SocketConn *device)
 {
     int nm_ended = 0; // an end of NM's bytes stays readable; the next step's liveness test deals with it
     if (sides_wait(nm, device, RELAY_WAIT_MS) & READY_NM) {
-        RelayResult result = nm_relay(nm, device, buf, &nm_ended);
+        RelayResult result = nm_relay(nm, device, &nm_ended);
         if (result != RELAY_ON)
             return result;
     }
@@ -306,7 +298,7 @@ static RelayResult relay_step(const SocketConn *nm, SocketConn *device, char *bu
         int ready = sides_wait(nm_ended ? &k_none : nm, device, RELAY_WAIT_MS);
         if (!(ready & READY_DEVICE))
             return RELAY_DONE;
-        RelayResult result = device_relay(nm, device, buf);
+        RelayResult result = device_relay(nm, device);
         if (result != RELAY_ON || (ready & READY_NM))
             return result;
     }
@@ -321,13 +313,13 @@ static int nm_half_reconnect(SocketConn *nm)
 }
 
 // Both halves are usable: 1; else the tunnel is torn down, with the device's last words delivered.
-static int halves_usable(SocketConn *nm, const SocketConn *device, char *buf)
+static int halves_usable(SocketConn *nm, const SocketConn *device)
 {
     if (!conn_check(REMOTE_TELNET_SERVER)) {
         log_info("NM remote-web connection lost! Destroy tunnel now.");
     } else if (!conn_check(REMOTE_TELNET_DEVICE)) {
         log_info("Device remote-web connection lost! Destroy tunnel now.");
-        farewell_relay(nm, device, buf);
+        farewell_relay(nm, device);
     } else if (!conn_check(REMOTE_TELNET_SERVER) && !nm_half_reconnect(nm)) {
         log_warn("Remote telnet to NM is broken! Destroy tunnel!");
     } else {
@@ -341,19 +333,15 @@ static int data_handle_locked(void)
 {
     if (!s_running)
         return 0;
-    char *buf = (char *)calloc(1, RELAY_CAP);
-    if (!buf)
-        return 0;
     SocketConn nm;
     SocketConn device;
     conn_hold(REMOTE_TELNET_SERVER, &nm);
     conn_hold(REMOTE_TELNET_DEVICE, &device);
     RelayResult result = RELAY_DONE;
-    if (halves_usable(&nm, &device, buf))
-        result = relay_step(&nm, &device, buf);
+    if (halves_usable(&nm, &device))
+        result = relay_step(&nm, &device);
     conn_drop(&device);
     conn_drop(&nm);
-    free(buf);
     return result == RELAY_BROKEN ? -1 : 0;
 }
 

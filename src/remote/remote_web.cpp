@@ -73,13 +73,7 @@ static int start_locked(const TunnelRequest *request)
 {
     if (!web_pool_is_open() && resources_set_up() != 0)
         return 0;
-    PluginInfo info;
-    plugin_info_get(&info);
-    TunnelPeer peer = {};
-    (void)text_set(peer.remote_ip, request->host);
-    (void)text_set(peer.remote_port, request->port);
-    (void)text_set(peer.local_ip, info.local_ip);
-    if (half_tunnel_create(REMOTE_WEB_SERVER, &peer) != 0)
+    if (tunnel_nm_half_create(REMOTE_WEB_SERVER, request) != 0)
         return 0;
     if (authenticate_locked(request) != 0) {
         log_warn("Sending remote-web authentication failed!");

@@ -85,6 +85,17 @@ static int request_parse(const char *payload, const char *invalid_line, TunnelRe
     return 0;
 }
 
+int tunnel_nm_half_create(ConnectionType type, const TunnelRequest *request)
+{
+    PluginInfo info;
+    plugin_info_get(&info);
+    TunnelPeer peer = {};
+    (void)text_set(peer.remote_ip, request->host);
+    (void)text_set(peer.remote_port, request->port);
+    (void)text_set(peer.local_ip, info.local_ip);
+    return half_tunnel_create(type, &peer);
+}
+
 int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm)
 {
     if (wait_is_cut())

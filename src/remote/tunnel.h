@@ -29,6 +29,9 @@ struct TunnelRequest {
     int32_t key;
 };
 
+// The half tunnel to the request's host and port, bound to the agent's local address. As half_tunnel_create.
+int tunnel_nm_half_create(ConnectionType type, const TunnelRequest *request);
+
 // Logs and sends the authentication text with its NUL on nm (held). Returns the send's result; -1, with nothing sent,
 // when the caller's work was cut: a handshake that was cut leaves plain text, which no token may travel in.
 int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm);

@@ -104,7 +104,8 @@ static void slot_send(int index, const WebSlot *slot, const uint8_t *bytes, uint
     SendPart part = {bytes, len};
     (void)wait_fd(slot->conn.socket_fd, POLLOUT, ROOM_WAIT_MS);
     if (conn_send(&slot->conn, SEND_STREAM, &part, 1) < 1) {
-        log_error("tcp_send failed !!!");
+        if (!wait_is_cut())
+            log_error("tcp_send failed !!!");
         web_slot_fail(index, slot->conn.life);
     }
 }

@@ -13,6 +13,7 @@
 #include "runtime/stop.h"
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
+#include "transport/conn_life.h"
 #include "transport/conn_registry.h"
 
 constexpr int FRAME_PAUSE_MS = 10;       // between two frames of a slot
@@ -28,7 +29,7 @@ struct Response {
     size_t sent;      // of them; sent <= len <= read_cap
     int64_t next_frame_ms;
     int64_t full_since_ms; // 0: the send buffer has room
-    int queued;            // bytes in it when last seen full
+    uint32_t taken;        // by the device when the buffer was last seen full; wraps
 };
 
 struct Responses {
@@ -98,17 +99,19 @@ static void slot_read(const Responses *all, int index, Response *response, const
 // 1 when the idle slot's connection is no longer established, or its device has taken no byte of a full send buffer for
 // 2 s. tcp_check_fd waits those 2 s; here the other slots would wait too, and a slow device that still takes some is
 // left alone.
-static int slot_is_dead(Response *response, int fd)
+static int slot_is_dead(Response *response, const SocketConn *conn)
 {
+    int fd = conn->socket_fd;
     int queued = 0;
     if (wait_fd(fd, POLLOUT, 0) != WAIT_TIMEOUT || ioctl(fd, SIOCOUTQ, &queued) != 0) {
         response->full_since_ms = 0;
         return !tcp_check_fd(fd);
     }
     int64_t now = wait_now_ms();
-    if (response->full_since_ms == 0 || queued != response->queued) {
+    uint32_t taken = conn->life->sent - (uint32_t)queued;
+    if (response->full_since_ms == 0 || taken != response->taken) {
         response->full_since_ms = now;
-        response->queued = queued;
+        response->taken = taken;
     }
     if (now - response->full_since_ms < DEVICE_PATIENCE_MS)
         return 0;
@@ -142,6 +145,7 @@ static int64_t slot_serve(const Responses *all, int index, Response *response, c
     if (wait_now_ms() < response->next_frame_ms)
         return response->next_frame_ms;
     if (response->sent < response->len) {
+        response->full_since_ms = 0; // the slot is not tested meanwhile
         if (!nm_has_room(nm, watch))
             return INT64_MAX;
         frame_send(all, response, slot, nm);
@@ -155,12 +159,13 @@ static int64_t slot_serve(const Responses *all, int index, Response *response, c
         return INT64_MAX;
     }
     if (poll_readable(fd, 0)) {
+        response->full_since_ms = 0;
         if (!nm_has_room(nm, watch))
             return INT64_MAX;
         slot_read(all, index, response, slot, nm);
         return response->next_frame_ms;
     }
-    if (pass && slot_is_dead(response, fd))
+    if (pass && slot_is_dead(response, &slot->conn))
         slot_finish(index, slot, nm);
     else
         watch->fds[watch->count++] = {fd, POLLIN, 0};

@@ -207,7 +207,7 @@ void log_error(const char *fmt, ...)
 static int swap_lock_limited(void)
 {
     struct timespec end;
-    clock_gettime(CLOCK_REALTIME, &end); // the only clock of the timed lock
+    clock_gettime(CLOCK_REALTIME, &end); // of clocks only this one is known to the thread sanitizer
     end.tv_nsec += SWAP_LIMIT_MS * 1000000;
     end.tv_sec += end.tv_nsec / 1000000000;
     end.tv_nsec %= 1000000000;

@@ -15,11 +15,12 @@
 
 constexpr int SCAN_MAX = 10; // log files that one scan records, however large the ring is
 constexpr size_t STREAM_BUFFER_SIZE = 1024;
+constexpr size_t LOG_PATH_SIZE = PATH_TEXT_SIZE + 8; // the longest directory, and "<slot>.log"
 
 // One slot of the ring. A scan does not clear the entries of earlier ones, of another directory even.
 struct LogFileEntry {
     uint8_t used; // 1: found by a scan, or opened
-    char path[PATH_TEXT_SIZE];
+    char path[LOG_PATH_SIZE];
     int64_t last_modify; // seconds, from the last scan that saw it
     int32_t size;        // bytes, clamped, from the last stat
 };
@@ -160,7 +161,7 @@ static int slot_open(const LogSettings *settings)
     int truncate = 0;
     int slot = log_pick_slot(settings->max_number, settings->max_size, &truncate);
     const char *mode = truncate ? "w+" : "a+";
-    char path[PATH_TEXT_SIZE];
+    char path[LOG_PATH_SIZE];
     (void)text_fmt(path, "%s%d.log", settings->directory, slot);
     FILE *stream = fopen(path, mode);
     if (!stream) {

@@ -5,13 +5,15 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <time.h>
 #include <unistd.h>
 
 std::atomic<uint8_t> g_exit_flag{0};
 static_assert(std::atomic<uint8_t>::is_always_lock_free, "polled by signal handlers");
 static_assert(std::atomic<int>::is_always_lock_free, "stored by signal handlers");
 
-static std::atomic<int> s_status{-1}; // -1: no request; 0 is a legal status
+static std::atomic<int> s_status{-1};    // -1: no request; 0 is a legal status
+static std::atomic<int> s_deadline_s{0}; // on the monotonic clock; 0: not set
 static std::atomic<int> s_wake_fd{-1};
 static void (*s_sequence)(int status);
 static thread_local bool t_is_main;
@@ -40,7 +42,13 @@ void stop_arm_deadline(void)
     action.sa_handler = end_at_deadline;
     sigemptyset(&action.sa_mask);
     sigaction(SIGALRM, &action, nullptr);
-    alarm(STOP_DEADLINE_S);
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    int end_s = 0;
+    int wanted_s = (int)now.tv_sec + STOP_DEADLINE_S;
+    if (s_deadline_s.compare_exchange_strong(end_s, wanted_s))
+        end_s = wanted_s;
+    alarm(end_s > (int)now.tv_sec ? (unsigned)(end_s - (int)now.tv_sec) : 1);
 }
 
 void stop_request(int status)
@@ -107,6 +115,7 @@ void stop_hold_end(void)
 void stop_reset_for_test(void)
 {
     alarm(0);
+    s_deadline_s = 0;
     s_status = -1;
     s_closing = false;
     g_exit_flag = 0;

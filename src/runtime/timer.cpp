@@ -99,7 +99,7 @@ static void *service_body(void *arg)
     return arg;
 }
 
-static int service_ensure(void)
+int timer_service_start(void)
 {
     pthread_mutex_lock(&s_mutex);
     if (!s_is_service_running)
@@ -111,7 +111,7 @@ static int service_ensure(void)
 
 static int timer_make(PluginTimer *timer)
 {
-    if (service_ensure() != 0)
+    if (timer_service_start() != 0)
         return -1;
     pthread_mutex_lock(&s_mutex);
     TimerSlot *slot = slot_find_locked(timer);

@@ -12,11 +12,15 @@ struct PluginTimer {
     void (*handler)(PluginTimer *self); // any thread of the timer service; may overlap with itself
 };
 
+// Starts the thread that watches all timers. 0, or -1 when it cannot be had. Start-up; a start_timer without it tries
+// again.
+int timer_service_start(void);
+
 // Creates and starts the timer; the first expiry comes one full period later. A null record is ignored. Failures are
 // logged and leave timerid at 0. A period of 0 creates a timer that never expires; a negative one fails.
 // Callers stop a running record before they start it again.
 // Callbacks run on threads of work_thread.h (512 KiB stack, INT, TERM, QUIT and ALRM blocked) under the name of the
-// thread that started the first timer; they return at once when the process is stopping, and are counted.
+// thread that started the service; they return at once when the process is stopping, and are counted.
 void start_timer(PluginTimer *timer);
 
 // Deletes the timer when it runs; silent otherwise. Never waits for a callback, which may outlive its timer.

@@ -57,4 +57,5 @@ struct WaitBell {
 };
 int wait_bell_init(WaitBell *bell);                   // 0, or -1 without a descriptor; a second call does nothing
 void wait_bell_ring(WaitBell *bell);                  // async-signal-safe
-WaitResult wait_bell(WaitBell *bell, int timeout_ms); // READY takes back all rings so far
+WaitResult wait_bell(WaitBell *bell, int timeout_ms); // READY takes back all rings so far; TIMEOUT within 200 ms
+                                                      // without a descriptor

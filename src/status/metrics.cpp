@@ -331,7 +331,7 @@ static cJSON *iface_object(int fd, const struct ifaddrs *list, const char *name)
     const char *dot = strchr(name, '.');
     if (dot) {
         char text[VALUE_TEXT_SIZE];
-        (void)text_fmt(text, "%d", (int)strtol(dot + 1, nullptr, 10));
+        (void)text_fmt(text, "%d", (int)saturate_i32(strtoll(dot + 1, nullptr, 10)));
         cJSON_AddStringToObject(object, "vlanid", text);
     }
     iface_add_mtu(object, fd, name);
@@ -415,7 +415,8 @@ static int basic_add_board(cJSON *basic)
     cJSON_AddStringToObject(board, "cpuUsage", cpu);
     cJSON_AddStringToObject(board, "memoryUsage", mem);
     cJSON_AddStringToObject(board, "diskUsage", disk);
-    cJSON_AddItemToArray(cJSON_AddArrayToObject(basic, "board"), board);
+    if (!cJSON_AddItemToArray(cJSON_AddArrayToObject(basic, "board"), board))
+        cJSON_Delete(board);
     return 0;
 }
 

@@ -355,7 +355,7 @@ void service_status_turn(void)
 {
     // Nothing is begun while the process stops: every wait is cut then, and the step would repeat every 5 ms.
     if (!wait_is_cut()) {
-        if (poll_step() || s_bell.fd < 0)
+        if (poll_step())
             (void)wait_sleep_ms(POLL_PAUSE_MS);
         else
             (void)wait_bell(&s_bell, -1);

@@ -15,6 +15,7 @@ struct ConnLife {
     struct addrinfo *remote_addr; // constant; freed by the last user
     TlsSession *tls;              // constant; freed by the last user
     pthread_mutex_t send_order;   // long lock: held over one whole unit of conn_send with its waits
+    std::atomic<uint32_t> sent;   // bytes that the socket took of a connection without a session; wraps
     std::atomic<uint8_t> broken;  // a unit was sent in part: nothing more is sent, the connection is not usable
     std::atomic<uint8_t> shut;    // both directions were shut down
 };

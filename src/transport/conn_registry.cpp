@@ -1,5 +1,6 @@
 #include "transport/conn_registry.h"
 
+#include <errno.h>
 #include <pthread.h>
 
 #include "runtime/log.h"
@@ -136,7 +137,7 @@ static int entry_publish(ConnectionType type, SocketConn conn, int print)
     if (k_types[type].to_nm && plugin_info_nm_is_https()) {
         conn.ssl = tls_init(conn.socket_fd);
         // A failed handshake goes on in plain text; one that was cut says nothing about NM, so nothing may be sent.
-        if (!conn.ssl && wait_is_cut()) {
+        if (!conn.ssl && errno == ECANCELED) {
             socket_close_private(&conn);
             return 0;
         }
@@ -360,6 +361,7 @@ ConnectionInfo conn_info_get(ConnectionType type)
     pthread_mutex_lock(&s_mutex);
     info = s_entries[type];
     pthread_mutex_unlock(&s_mutex);
+    info.conn.socket_fd = -1;
     info.conn.remote_addr = nullptr;
     info.conn.ssl = nullptr;
     info.conn.life = nullptr;

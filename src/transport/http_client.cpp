@@ -167,16 +167,15 @@ static void request_send(const SocketConn *conn, const char *request, size_t len
 }
 
 // Sends on a connected socket, waits and receives once. Returns what the receive gave, -2 (logged) when none was made.
-static int request_exchange(SocketConn *conn, const char *request, size_t len, char *rsp, size_t rsp_cap)
+static int request_exchange(const PluginInfo *info, SocketConn *conn, const char *request, size_t len, char *rsp,
+                            size_t rsp_cap)
 {
-    PluginInfo info;
-    plugin_info_get(&info);
-    if (nm_method_is_https(info.nm_method)) {
+    if (nm_method_is_https(info->nm_method)) {
         conn->ssl = tls_init(conn->socket_fd);
         if (!conn->ssl)
             return -2;
     }
-    log_info("Sending HTTP request over IP: %s\n%s\n", info.local_ip, request);
+    log_info("Sending HTTP request over IP: %s\n%s\n", info->local_ip, request);
     request_send(conn, request, len);
     if (!answer_wait(conn, REQUEST_TIMEOUT_MS))
         return -2;
@@ -197,12 +196,14 @@ int http_request(const char *host, const char *port, const char *path, const cha
         log_error("Invalid parameters!");
         return -1;
     }
+    PluginInfo info; // of before the connect, as host and port are: a new method belongs to a new port
+    plugin_info_get(&info);
     SocketConn conn = http_tcpclient_create(host, port);
     if (conn.socket_fd < 1)
         return -1;
     size_t len;
     char *request = http_build_request(method, path, host, port, headers, header_count, body, &len);
-    int received = request ? request_exchange(&conn, request, len, rsp, rsp_cap) : -2;
+    int received = request ? request_exchange(&info, &conn, request, len, rsp, rsp_cap) : -2;
     free(request);
     socket_close_private(&conn);
 

@@ -27,7 +27,7 @@ constexpr int CONNECT_TIMEOUT_MS = 2000;
 constexpr int LIVENESS_TIMEOUT_MS = 2000;
 constexpr int RETRY_FAILED_MS = 100;
 constexpr int RETRY_CUT_MS = 10;
-constexpr int SEND_PATIENCE_MS = 2000; // a peer that takes no byte for so long inside a unit is given up
+constexpr int SEND_PATIENCE_MS = 2000; // a peer that makes no room for so long inside a unit is given up
 constexpr int POLL_RETRY_MS = 10;
 constexpr int INTERFACE_RECORDS = 16;
 constexpr size_t LOOKUP_SCRATCH_MAX = 64 * 1024;
@@ -56,8 +56,8 @@ static int set_int_option(int fd, int level, int option, int value)
 }
 
 // What both protocols begin with. 0, or -1 (logged) without an address of the peer.
-static int job_begin(ConnectJob *job, const char *protocol, const char *remote_ip, const char *remote_port,
-                     const char *local_ip, const char *local_port)
+static int job_begin(ConnectJob *job, const char *remote_ip, const char *remote_port, const char *local_ip,
+                     const char *local_port)
 {
     if (!remote_ip)
         log_error("remote_ip is NULL!");
@@ -70,8 +70,6 @@ static int job_begin(ConnectJob *job, const char *protocol, const char *remote_i
     job->remote_port = remote_port;
     job->local_ip = local_ip ? local_ip : k_any_ip;
     job->local_port = local_port ? local_port : k_any_port;
-    log_info("%s connecting [remote (%s:%s), local (%s:%s)] ...", protocol, remote_ip, remote_port, job->local_ip,
-             job->local_port);
     return 0;
 }
 
@@ -216,8 +214,10 @@ SocketConn tcp_connect(const char *remote_ip, const char *remote_port, const cha
 {
     SocketConn conn = {};
     ConnectJob job;
-    if (job_begin(&job, "TCP", remote_ip, remote_port, local_ip, local_port) != 0)
+    if (job_begin(&job, remote_ip, remote_port, local_ip, local_port) != 0)
         return conn;
+    log_info("TCP connecting [remote (%s:%s), local (%s:%s)] ...", remote_ip, remote_port, job.local_ip,
+             job.local_port);
     job.send_buf_size = send_buf_size == 0 ? DEFAULT_BUF_SIZE : send_buf_size;
     job.recv_buf_size = recv_buf_size == 0 ? DEFAULT_BUF_SIZE : recv_buf_size;
     if (tcp_resolve(&job, &conn) == 0)
@@ -302,8 +302,10 @@ SocketConn udp_connect(const char *remote_ip, const char *remote_port, const cha
 {
     SocketConn conn = {};
     ConnectJob job;
-    if (job_begin(&job, "UDP", remote_ip, remote_port, local_ip, local_port) != 0)
+    if (job_begin(&job, remote_ip, remote_port, local_ip, local_port) != 0)
         return conn;
+    log_info("UDP connecting [remote (%s:%s), local (%s:%s)] ...", remote_ip, remote_port, job.local_ip,
+             job.local_port);
     // Non-blocking: poll may report a datagram whose checksum then turns out wrong.
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     if (fd < 1) {
@@ -342,7 +344,10 @@ static int is_usable(const SocketConn *conn)
 static int send_once(const SocketConn *conn, const char *bytes, size_t len)
 {
     errno = 0;
-    return (int)send(conn->socket_fd, bytes, len, 0);
+    int sent = (int)send(conn->socket_fd, bytes, len, 0);
+    if (sent > 0 && conn->life)
+        conn->life->sent += (uint32_t)sent;
+    return sent;
 }
 
 static WaitResult pause_sending(int ms)
@@ -507,8 +512,10 @@ int conn_recv(const SocketConn *conn, void *buf, size_t len)
 
 int sock_recv(int fd, void *buf, size_t len)
 {
-    if (fd < 1)
+    if (fd < 1) {
+        errno = EBADF;
         return -1;
+    }
     return (int)recv(fd, buf, len, 0);
 }
 

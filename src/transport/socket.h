@@ -101,5 +101,5 @@ int conn_readable(const SocketConn *conn, int timeout_ms);
 int get_interface_ip(const char *interface, char (&ip)[IP_TEXT_SIZE]);
 
 // Resolves the name in buffer in place into dotted IPv4 text, cut to cap. 0, or -1 (logged) when there is none. The one
-// wait that a stop cannot end; no lock may be held. A null or empty buffer or no room answers -1, unlogged.
+// wait that a stop cannot end; no short lock may be held. A null or empty buffer or no room answers -1, unlogged.
 int resolve_host(char *buffer, size_t cap);

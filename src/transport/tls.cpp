@@ -154,9 +154,11 @@ TlsSession *tls_init(int fd)
 {
     if (fd < 0) {
         log_error("Invalid sockfd: %d!", fd);
+        errno = EBADF;
         return nullptr;
     }
     TlsSession *session = new_session(fd);
+    errno = EPROTO;
     if (!session)
         return nullptr;
     seed_random();
@@ -166,9 +168,11 @@ TlsSession *tls_init(int fd)
         return session;
     case HANDSHAKE_FAILED:
         tls_deinit(session);
+        errno = EPROTO;
         return nullptr;
     case HANDSHAKE_CUT:
         tls_free(session);
+        errno = ECANCELED;
         return nullptr;
     }
     return nullptr;

@@ -9,7 +9,8 @@
 struct TlsSession;
 
 // Handshake on fd: at most 10 calls, each wait between them as long as the peer needs, a stop or a call-off excepted.
-// The session, owned by the caller until tls_deinit or tls_free, or null (logged; silently when cut).
+// The session, owned by the caller until tls_deinit or tls_free, or null (logged; silently with errno ECANCELED when a
+// wait was cut).
 TlsSession *tls_init(int fd);
 
 // The rules of tcp_send with SSL_write. -1 (logged) for a missing argument or a length of 0.
