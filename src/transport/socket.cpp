@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <linux/sockios.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -27,7 +29,7 @@ constexpr int CONNECT_TIMEOUT_MS = 2000;
 constexpr int LIVENESS_TIMEOUT_MS = 2000;
 constexpr int RETRY_FAILED_MS = 100;
 constexpr int RETRY_CUT_MS = 10;
-constexpr int SEND_PATIENCE_MS = 2000; // a peer that makes no room for so long inside a unit is given up
+constexpr int SEND_PATIENCE_MS = 2000; // a peer that takes no byte for so long inside a unit is given up
 constexpr int POLL_RETRY_MS = 10;
 constexpr int INTERFACE_RECORDS = 16;
 constexpr size_t LOOKUP_SCRATCH_MAX = 64 * 1024;
@@ -416,6 +418,21 @@ int tcp_send(const SocketConn *conn, const void *buf, size_t len)
     return tcp_send_counted(conn, buf, len, &accepted);
 }
 
+// Waits for room as long as the peer takes bytes: a slow one may take many before the kernel calls that room. 0, or -1.
+static int room_wait(int fd, short events)
+{
+    for (int before = INT_MAX;;) {
+        int queued = 0;
+        (void)ioctl(fd, SIOCOUTQ, &queued);
+        if (queued >= before)
+            return -1;
+        before = queued;
+        WaitResult result = wait_fd(fd, events, SEND_PATIENCE_MS);
+        if (result != WAIT_TIMEOUT)
+            return result == WAIT_READY ? 0 : -1;
+    }
+}
+
 // What a begun unit still lacks, without lines. 0 when all of it went out.
 static int send_rest(const SocketConn *conn, const char *rest, size_t len)
 {
@@ -429,7 +446,7 @@ static int send_rest(const SocketConn *conn, const char *rest, size_t len)
         }
         if (sent < 0 && errno != EAGAIN)
             return -1;
-        if (wait_fd(conn->socket_fd, events, SEND_PATIENCE_MS) != WAIT_READY)
+        if (room_wait(conn->socket_fd, events) != 0)
             return -1;
     }
     return 0;
