@@ -48,8 +48,8 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //                                 |                      | wait, else rests   | of the init cfg
 //   remote_web_msg_handle_thread  | in remote_web        | lives with a tunnel| device side of the remote-web tunnel
 //   timer service                 | in timer             | waits              | watches all timers
-//   timer threads, one per expiry | udp_handler,         | by timer, may      | nothing; NM's commands run here and
-//                                 | run_status_handler,  | overlap            | on dev_msg_handle
+//   timer threads, one per expiry | udp_handler,         | by timer, may      | nothing; NM's commands run on
+//                                 | run_status_handler,  | overlap            | udp_handler's
 //                                 | service status timer |                    |
 //
 // INT, TERM, QUIT and ALRM reach main only. Connections are used on held copies by whoever needs them.

@@ -43,7 +43,7 @@ struct DevMsgRow {
 };
 
 // A post that a stop or a call-off cut says nothing about NM, so the device hears nothing either.
-static void post_and_ack(const DevMsg *msg, const char *path_tail)
+static void result_post(DevMsg *msg, const char *path_tail)
 {
     char path[NM_URI_SIZE];
     nm_uri_build(path, path_tail);
@@ -59,11 +59,6 @@ static void post_and_ack(const DevMsg *msg, const char *path_tail)
     free(answer);
 }
 
-static void result_post(DevMsg *msg, const char *path_tail)
-{
-    post_and_ack(msg, path_tail);
-}
-
 // Formatted text of the message's "payload", freed by the caller; null without one.
 static char *payload_print(const DevMsg *msg)
 {
@@ -77,7 +72,7 @@ static void alarm_post(DevMsg *msg, const char *path_tail)
         return;
     (void)text_format(msg->text, msg->area_size, "[%s]", payload);
     cJSON_free(payload);
-    post_and_ack(msg, path_tail);
+    result_post(msg, path_tail);
 }
 
 // One attempt: 1 when NM answered, 0 when it did not, -1 when the wait for the lock was cut.

@@ -157,7 +157,7 @@ static int device_link_open(void)
     SocketConn conn = tcp_connect(info.dev.remote_ip, info.dev.remote_port, "127.0.0.1", "0", 0, 0);
     if (conn.socket_fd > 0) {
         (void)conn_add(DEV_TCP, conn, 1);
-        return 0;
+        return conn_is_connected(DEV_TCP) ? 0 : -1; // without memory it is closed again
     }
     conn_note_failed(DEV_TCP, &conn);
     log_warn("tcp_connect to: %s:%s failed!", info.dev.remote_ip, info.dev.remote_port);

@@ -310,15 +310,18 @@ static int cfg_take(const cJSON *root, PluginInfoEdit *edit)
     return result | log_keys_take(root, edit);
 }
 
-// The file's tree, null (logged) when it cannot be read (*is_unreadable 1) or parsed. The caller deletes it.
+// The file's tree; null (logged) when it cannot be read (*is_unreadable 1), parsed, or held in memory. The caller
+// deletes it.
 static cJSON *cfg_load(int *is_unreadable)
 {
     PluginInfo info;
     plugin_info_get(&info);
     char *text = (char *)calloc(1, CFG_FILE_MAX + 1);
-    *is_unreadable = !text || read_file(info.init_cfg_path, text, CFG_FILE_MAX) < 1;
+    *is_unreadable = text && read_file(info.init_cfg_path, text, CFG_FILE_MAX) < 1;
     cJSON *root = nullptr;
-    if (*is_unreadable) {
+    if (!text) {
+        log_error("malloc failed!");
+    } else if (*is_unreadable) {
         log_error("Reading init cfg failed! File path: %s", info.init_cfg_path);
     } else {
         log_info("Reading init cfg successfully. Content: %s", text);

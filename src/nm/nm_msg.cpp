@@ -14,6 +14,7 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
+#include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/field_extract.h"
 #include "transport/nm_sign.h"
@@ -243,10 +244,12 @@ int nm_dev_query_handle(uintptr_t, const char *, const char *, uint32_t)
     log_info("Querying dev status successfully.");
     log_info("Dev status query response: %s", text);
     int result = status_post(nullptr, text);
+    free(text);
+    if (result < 0 && wait_is_cut())
+        return 0; // asked to stop: NM refused nothing
     if (result < 0)
         log_warn("Posting dev status failed!, ret = %d", result);
     log_info("Posting dev status successfully"); // after a failed post too: readers of the logs know the pair
-    free(text);
     return 0;
 }
 
@@ -262,9 +265,11 @@ int nm_port_query_handle(uintptr_t, const char *, const char *, uint32_t)
     }
     log_info("Querying port status successfully.");
     int result = status_post("port", text);
+    free(text);
+    if (result < 0 && wait_is_cut())
+        return 0; // asked to stop: NM refused nothing
     if (result < 0)
         log_warn("Posting port status failed!, ret = %d", result);
     log_info("Posting port status successfully"); // after a failed post too
-    free(text);
     return 0;
 }

@@ -268,9 +268,10 @@ static int kept_open(const PluginInfo *nm, SocketConn *conn)
     (void)text_set(s_kept_for.port, nm->nm_port);
     conn_add(HTTP, bare, 1);
 
-    if (conn_hold(HTTP, conn))
+    if (conn_hold(HTTP, conn) && !wait_is_cut())
         return 1;
-    conn_drop(conn); // closed again by a restart, or its handshake was cut
+    conn_remove_if_current(HTTP, conn, 0); // a restart that has closed all connections did not see this one
+    conn_drop(conn);
     return 0;
 }
 
