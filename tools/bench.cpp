@@ -91,6 +91,7 @@ static std::string telnet_echo(bool https)
     int fd = client_connect(stage.telnet->client_port());
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    need(fd_send(fd, "k") && fd_read(fd, 1) == "k", "echo"); // waits for NM's pause behind the set-up
     std::vector<long long> times_ms;
     for (int i = 0; i < 100; i++) {
         const long long typed_ms = monotonic_ms();
