@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -206,4 +207,100 @@ TEST(FaultsNet, LateAnswersToHeartbeats)
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Re-initialize device...")); // in time
     EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
     EXPECT_EQ(stage_wrong(stage), "");
+}
+
+// NM at 10.9.0.1 in a network of its own, and a new network for the calling thread, 10.9.0.2 on dev0, with a cable
+// between them. Null where that is not permitted.
+static NmSim *nm_behind_cable()
+{
+    NmSim *nm = nullptr;
+    NmOptions options;
+    options.https = true;
+    options.ip = "10.9.0.1";
+    const std::string cable = "ip link add nm0 type veth peer name dev0 netns " + std::to_string(gettid());
+    const bool permitted = unshare(CLONE_NEWNET) == 0 && system("ip link set lo up") == 0;
+    std::thread([&] {
+        if (permitted && unshare(CLONE_NEWNET) == 0 && system(cable.c_str()) == 0 &&
+            system("ip addr add 10.9.0.1/24 dev nm0 && ip link set nm0 up") == 0) {
+            nm = nm_sim_start(options); // its threads stay in the network that they are started in
+        }
+    }).join();
+    EXPECT_TRUE(!nm || system("ip addr add 10.9.0.2/24 dev dev0 && ip link set dev0 up") == 0);
+    return nm;
+}
+
+// Frames to a hardware address that nobody has vanish without a word: no link goes down, no host is unreachable.
+static const char k_cut[] = "ip neigh replace 10.9.0.1 lladdr 02:00:00:00:00:99 nud permanent dev dev0";
+static const char k_mend[] = "ip neigh del 10.9.0.1 dev dev0";
+
+// Descriptors and threads while it rests: the least in a second, so that no beat is counted.
+static std::pair<int, int> held(int pid)
+{
+    std::pair<int, int> least = {proc_descriptors(pid), proc_threads(pid)};
+    for (int i = 0; i < 50; i++) {
+        poll(nullptr, 0, 20);
+        least = {std::min(least.first, proc_descriptors(pid)), std::min(least.second, proc_threads(pid))};
+    }
+    return least;
+}
+
+// One heartbeat over HTTP: from then on there is a kept connection.
+static void keep_connection(Stage *stage)
+{
+    nm_sim_set_fault(stage->nm, "udp", {NM_FAULT_SILENCE, 0, 1, ""});
+    EXPECT_TRUE(agent_wait_log(&stage->agent, "Connection type: HTTP(2) has been added"));
+}
+
+// Five beats of at most 1 s until the next expiry, 1 s for UDP and 2 s for HTTP, then bring-up passes every 10 s.
+static void run_black_hole()
+{
+    NmSim *nm = nm_behind_cable();
+    if (!nm) {
+        GTEST_SKIP() << "networks of its own are not permitted here";
+    }
+    Stage stage;
+    stage_prepare(&stage, true);
+    nm_sim_stop(stage.nm);
+    stage.nm = nm;
+    device_cfg_set(&stage.cfg, "port", std::to_string(nm_sim_port(nm) - 1));
+    device_cfg_set(&stage.cfg, "host", "\"10.9.0.1\"");
+    device_cfg_set(&stage.cfg, "interface", "\"dev0\"");
+    stage_write(stage);
+    ASSERT_TRUE(agent_start(&stage.agent));
+    ASSERT_TRUE(stage_wait_online(&stage));
+    ASSERT_TRUE(stage_fast_heartbeat(&stage));
+    keep_connection(&stage);
+    const auto before = held(stage.agent.pid);
+
+    ASSERT_EQ(system(k_cut), 0);
+    const long long cut_ms = monotonic_ms();
+    nm_sim_queue(nm, nm_command_forward("ping", "")); // waits with NM
+    expect_ack(&stage, message(0), "false");          // stays with the device
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "nonresponse for http trigger has reached the upper limit!"));
+    EXPECT_LE(monotonic_ms() - cut_ms, 25000);
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "nonresponse for udp trigger has reached the upper limit!"));
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "Acting device failed! Retry..."));
+    ASSERT_EQ(system(k_mend), 0);
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "Init cfg successfully"));
+    EXPECT_TRUE(device_sim_wait_for(stage.device, "ping", 1, k_wait_ms));
+    EXPECT_NE(device_sim_frame(stage.device, "online-status-notify", -1).text.find("\"online\""), std::string::npos);
+    expect_ack(&stage, message(0), "true");
+    EXPECT_EQ(nm_sim_request(nm, "cfgResult", -1).body, message(0));
+    keep_connection(&stage);
+    EXPECT_EQ(held(stage.agent.pid), before);
+
+    ASSERT_EQ(system(k_cut), 0);
+    ASSERT_TRUE(device_sim_send(stage.device, message(0)));
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "TCP connecting"));
+    const long long stop_ms = monotonic_ms();
+    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
+    EXPECT_LE((monotonic_ms() - stop_ms) % k_signal_again_ms, 2000);
+    EXPECT_EQ(device_sim_count(stage.device, "ping"), 1);
+    EXPECT_EQ(stage_wrong(stage), "");
+}
+
+// The packets to NM are dropped while the connections stay open.
+TEST(FaultsNet, BlackHole)
+{
+    std::thread(run_black_hole).join(); // takes its networks with it
 }

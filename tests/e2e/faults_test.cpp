@@ -1,11 +1,14 @@
 // Faults around the agent: what fails heals, what is hostile is told in a line, a stop comes at any moment.
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <random>
 #include <thread>
 
@@ -30,138 +33,119 @@ static void expect_clean_end(Stage *stage)
     EXPECT_EQ(stage_wrong(*stage), "");
 }
 
+static const NmFault k_silence = {NM_FAULT_SILENCE, 0, -1, ""}, k_silent_once = {NM_FAULT_SILENCE, 0, 1, ""},
+                     k_half = {NM_FAULT_HALF, 0, -1, ""},
+                     k_huge = {NM_FAULT_BODY, 0, -1, "{\"x\":\"" + std::string(1 << 20, 'x') + "\"}"},
+                     k_deep = {NM_FAULT_BODY, 0, -1, "{\"x\":" + std::string(1500, '[') + "}"};
+
 struct Outage {
     const char *name;
-    bool https;
-    Moment moment; // of the fault's begin
-    NmFault fault; // of NM's answers to
-    const char *request;
-    void (*begin)(Stage *); // what else happens; may be null
+    Moment moment;          // of the fault's begin
     const char *line;       // by which the agent tells it; then NM's faults end
-    void (*end)(Stage *);   // what else ends; may be null. Then it must be online again and work
+    void (*begin)(Stage *); // what happens; may be null
+    void (*end)(Stage *);   // what ends; may be null. Then it must be online again and work
+    bool https = false;
+    const char *request = ""; // whose answers by NM are at fault
+    NmFault fault = {};
 };
 
-static NmActivation detection(const std::string &host, int port)
+// The log file takes lines (again).
+static void expect_log_grows(Stage *stage, const std::string &name, size_t size)
 {
-    NmActivation activation;
-    activation.host = host;
-    activation.port = port;
-    return activation;
+    const std::string path = stage->agent.dir + "/log/" + name;
+    for (int i = 1; i < 100 && file_text(path).size() <= size; i++) {
+        ASSERT_TRUE(device_sim_send(stage->device, "{\"type\":\"ping\"}"));
+        ASSERT_TRUE(device_sim_wait_for(stage->device, "pong", i, k_wait_ms));
+    }
+    EXPECT_GT(file_text(path).size(), size);
 }
 
-// Log files on a full disk: every write to them fails.
+// A disk of the log directory's own with room for 4 KiB of log; where that is not permitted, one without any.
 static void fill_disk(Stage *stage)
 {
     const std::string dir = stage->agent.dir + "/log";
     EXPECT_EQ(mkdir(dir.c_str(), 0755), 0);
+    if (unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        mount("none", dir.c_str(), "tmpfs", 0, "size=64k") == 0) {
+        EXPECT_TRUE(device_write_file(dir + "/rest", std::string(60 << 10, 'x')));
+        return;
+    }
     EXPECT_EQ(symlink("/dev/full", (dir + "/0.log").c_str()), 0);
     EXPECT_EQ(symlink("/dev/full", (dir + "/1.log").c_str()), 0);
 }
 
+static void free_disk(Stage *stage)
+{
+    const std::string dir = stage->agent.dir + "/log", rest = dir + "/rest";
+    if (access(rest.c_str(), F_OK) == 0) {
+        EXPECT_EQ(file_text(dir + "/0.log").size(), 4u << 10); // it is full
+        EXPECT_EQ(unlink(rest.c_str()), 0);
+        expect_log_grows(stage, "0.log", 4 << 10);
+        EXPECT_EQ(umount2(dir.c_str(), MNT_DETACH), 0);
+    }
+}
+
+static void nm_without_tls(Stage *stage)
+{
+    EXPECT_TRUE(nm_sim_wait_connections(stage->nm, 1, k_wait_ms));
+    nm_sim_drop_connections(stage->nm);
+}
+
+static void link_flaps(Stage *stage)
+{
+    for (int i = 1; i <= 2; i++) { // each time as soon as it stands
+        EXPECT_TRUE(device_sim_wait_connected(stage->device, i, k_wait_ms));
+        device_sim_drop(stage->device);
+    }
+}
+
+// It is back, and its file is full: the next one is opened. An empty directory would wait for the next start.
+static void bring_log_back(Stage *stage)
+{
+    EXPECT_EQ(mkdir((stage->agent.dir + "/log").c_str(), 0755), 0);
+    EXPECT_TRUE(device_write_file(stage->agent.dir + "/log/0.log", std::string(1 << 20, 'x')));
+    expect_log_grows(stage, "1.log", 0);
+}
+
+static void write_half_a_cfg(Stage *stage)
+{
+    device_cfg_set_text(&stage->cfg, "pversion", "2.5.0");
+    const std::string text = device_cfg_text(stage->cfg);
+    EXPECT_TRUE(device_write_file(stage->agent.dir + "/init", text.substr(0, text.size() / 2)));
+    EXPECT_TRUE(device_sim_send(stage->device, "{\"type\":\"init-cfg-changed\"}"));
+}
+
+static void write_whole_cfg(Stage *stage)
+{
+    stage_write(*stage);
+    EXPECT_TRUE(device_sim_send(stage->device, "{\"type\":\"init-cfg-changed\"}"));
+    EXPECT_TRUE(nm_sim_wait_for(stage->nm, "active", 2, k_wait_ms));
+}
+
 static const Outage k_outages[] = {
-    {"NM absent",
-     false,
-     BEFORE,
-     {},
-     "",
-     [](Stage *s) { nm_sim_absent(s->nm); },
-     "Acting device failed! Retry...",
+    {"NM absent", BEFORE, "Acting device failed! Retry...", [](Stage *s) { nm_sim_absent(s->nm); },
      [](Stage *s) { EXPECT_TRUE(nm_sim_return(s->nm)); }},
-    {"NM silent", true, BEFORE, {NM_FAULT_SILENCE, 0, -1, ""}, "active", nullptr, "select timeout!", nullptr},
-    {"no TLS",
-     true,
-     BEFORE,
-     {NM_FAULT_SILENCE, 0, 1, ""},
-     "accept",
-     nullptr,
-     "has been added",
+    {"NM silent", BEFORE, "select timeout!", nullptr, nullptr, true, "active", k_silence},
+    {"no TLS", BEFORE, "has been added", nullptr, nm_without_tls, true, "accept", k_silent_once},
+    {"huge answer", BEFORE, "p_json_end is NULL!", nullptr, nullptr, false, "active", k_huge},
+    {"deep answer", BEFORE, "Error before JSON content: [[[", nullptr, nullptr, false, "active", k_deep},
+    {"half an answer", BEFORE, "Device active failed!", nullptr, nullptr, false, "active", k_half},
+    {"detection server without address", BEFORE, "gethostbyname() failed: nm.invalid",
      [](Stage *s) {
-         EXPECT_TRUE(nm_sim_wait_connections(s->nm, 1, k_wait_ms));
-         nm_sim_drop_connections(s->nm);
-     }},
-    {"huge answer",
-     false,
-     BEFORE,
-     {NM_FAULT_BODY, 0, -1, "{\"x\":\"" + std::string(1 << 20, 'x') + "\"}"},
-     "active",
-     nullptr,
-     "p_json_end is NULL!",
-     nullptr},
-    {"deep answer",
-     false,
-     BEFORE,
-     {NM_FAULT_BODY, 0, -1, "{\"x\":" + std::string(1500, '[') + "}"},
-     "active",
-     nullptr,
-     "Error before JSON content: [[[",
-     nullptr},
-    {"half an answer", false, BEFORE, {NM_FAULT_HALF, 0, -1, ""}, "active", nullptr, "Device active failed!", nullptr},
-    {"detection server without address",
-     false,
-     BEFORE,
-     {},
-     "",
-     [](Stage *s) { nm_sim_set_activation(s->nm, detection("nm.invalid", -2)); },
-     "gethostbyname() failed: nm.invalid",
-     [](Stage *s) { nm_sim_set_activation(s->nm, NmActivation()); }},
-    {"nobody on the detection port",
-     false,
-     BEFORE,
-     {},
-     "",
-     [](Stage *s) { nm_sim_set_activation(s->nm, detection("", 1)); },
-     "Post HTTP nm message over IP",
-     nullptr},
-    {"black hole while online",
-     true,
-     ONLINE,
-     {NM_FAULT_SILENCE, 0, -1, ""},
-     "",
-     [](Stage *s) {
-         EXPECT_TRUE(stage_fast_heartbeat(s));
-         nm_sim_set_fault(s->nm, "udp", {NM_FAULT_SILENCE, 0, -1, ""});
+         nm_sim_set_activation(s->nm, {200, "", "", 0, "nm.invalid", -2});
      },
-     "The time of nonresponse for http trigger has reached the upper limit!",
-     nullptr},
-    {"device link flaps",
-     false,
-     STARTED,
-     {},
-     "",
+     [](Stage *s) { nm_sim_set_activation(s->nm, {}); }},
+    {"nobody on the detection port", BEFORE, "Post HTTP nm message over IP",
      [](Stage *s) {
-         for (int i = 1; i <= 2; i++) { // each time as soon as it stands
-             EXPECT_TRUE(device_sim_wait_connected(s->device, i, k_wait_ms));
-             device_sim_drop(s->device);
-         }
+         nm_sim_set_activation(s->nm, {200, "", "", 0, "", 1});
      },
-     "Device TCP connection lost! Re-initialize device...",
+     nullptr},
+    {"device link flaps", STARTED, "Device TCP connection lost! Re-initialize device...", link_flaps,
      [](Stage *s) { EXPECT_TRUE(device_sim_wait_connected(s->device, 3, k_wait_ms)); }},
-    {"disk full", false, BEFORE, {}, "", fill_disk, "Init cfg successfully", nullptr},
-    {"log files removed",
-     false,
-     ONLINE,
-     {},
-     "",
-     [](Stage *s) { EXPECT_EQ(rename((s->agent.dir + "/log").c_str(), (s->agent.dir + "/gone").c_str()), 0); },
-     "Fail to read log file property!",
-     nullptr},
-    {"init cfg half written",
-     false,
-     ONLINE,
-     {},
-     "",
-     [](Stage *s) {
-         device_cfg_set_text(&s->cfg, "pversion", "2.5.0");
-         const std::string text = device_cfg_text(s->cfg);
-         EXPECT_TRUE(device_write_file(s->agent.dir + "/init", text.substr(0, text.size() / 2)));
-         EXPECT_TRUE(device_sim_send(s->device, "{\"type\":\"init-cfg-changed\"}"));
-     },
-     "Error before JSON content: ",
-     [](Stage *s) {
-         stage_write(*s);
-         EXPECT_TRUE(device_sim_send(s->device, "{\"type\":\"init-cfg-changed\"}"));
-         EXPECT_TRUE(nm_sim_wait_for(s->nm, "active", 2, k_wait_ms));
-     }},
+    {"disk full", BEFORE, "Init cfg successfully", fill_disk, free_disk},
+    {"log directory removed", ONLINE, "Fail to read log file property!",
+     [](Stage *s) { EXPECT_EQ(std::filesystem::remove_all(s->agent.dir + "/log"), 2u); }, bring_log_back},
+    {"init cfg half written", ONLINE, "Error before JSON content: ", write_half_a_cfg, write_whole_cfg},
 };
 
 static void outage_begin(const Outage &row, Moment moment, Stage *stage)
@@ -462,13 +446,12 @@ TEST(Faults, MemoryRefused)
     ASSERT_TRUE(agent_start(&stage.agent));
     ASSERT_TRUE(stage_wait_online(&stage));
     const rlimit none = {1, RLIM_INFINITY}, all = {RLIM_INFINITY, RLIM_INFINITY};
-    ASSERT_EQ(
-        prlimit(stage.agent.pid, RLIMIT_DATA, &none, nullptr) + prlimit(stage.agent.pid, RLIMIT_AS, &none, nullptr), 0);
+    const int pid = stage.agent.pid;
+    ASSERT_EQ(prlimit(pid, RLIMIT_DATA, &none, nullptr) | prlimit(pid, RLIMIT_AS, &none, nullptr), 0);
     ASSERT_TRUE(device_sim_send(stage.device, sized("cfg-result", 1 << 20)));
     ASSERT_TRUE(agent_wait_log(&stage.agent, "content_len: 1048576"));
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Error before JSON content: "));
-    ASSERT_EQ(prlimit(stage.agent.pid, RLIMIT_DATA, &all, nullptr) + prlimit(stage.agent.pid, RLIMIT_AS, &all, nullptr),
-              0);
+    ASSERT_EQ(prlimit(pid, RLIMIT_DATA, &all, nullptr) | prlimit(pid, RLIMIT_AS, &all, nullptr), 0);
     expect_works(&stage);
     EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
 }
