@@ -266,7 +266,7 @@ int main()
 {
     if (process_start() != 0) {
         stop_request(STATUS_START_FAILED); // for its deadline: a thread may hang in a write to a full pipe
-        process_end(stop_status());        // of a signal that came first
+        process_end(STATUS_START_FAILED);
     }
     main_loop();
     main_loop_shutdown();
