@@ -59,3 +59,89 @@ TEST(ConnRegistry, OldCopiesDoNotTouchTheSuccessor)
     close(peers[0]);
     close(peers[1]);
 }
+
+// Adders, removers, senders and readers of one connection at once, for a second. Its peer gets whole frames of it only,
+// but for the last one of each connection.
+static void hammer(ConnectionType type, const std::string &frame)
+{
+    Peer peer([&](int listener) {
+        for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0; close(fd)) {
+            std::string got = read_upto(fd, 1 << 16), frames;
+            while (frames.size() < got.size())
+                frames += frame;
+            EXPECT_EQ(frames.substr(0, got.size()), got);
+        }
+    });
+    auto send_frame = [&] {
+        SocketConn copy;
+        SendPart parts[] = {{frame.data(), 4}, {frame.data() + 4, frame.size() - 4}};
+        if (conn_hold(type, &copy))
+            (void)conn_send(&copy, SEND_MESSAGE, parts, 2);
+        conn_drop(&copy);
+        usleep(100);
+    };
+    auto add = [&] { conn_add(type, connect_to(peer.port), 0); };
+    const std::function<void()> steps[] = {
+        [&] { (void)conn_check(type), usleep(500); },
+        [&] { (void)poll_conn_readable(type, 5); },
+        [] { conn_remove_all_but_device(), usleep(2000); },
+        add,
+        add,
+        send_frame,
+        send_frame,
+    };
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (const auto &step : steps)
+        threads.emplace_back([&done, &step] {
+            while (!done)
+                step();
+        });
+    usleep(1000000);
+    done = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    conn_remove(type, 0);
+    shutdown(peer.listener, SHUT_RDWR);
+}
+
+TEST(ConnRegistry, ThreadsMeet)
+{
+    start_process_once();
+    nm_set("1");
+    g_log_level = 2;
+    int before = open_descriptors();
+    std::thread other(hammer, HTTP, "len!text");
+    hammer(REMOTE_WEB_SERVER, "LEN!TEXT");
+    other.join();
+    EXPECT_EQ(before, open_descriptors());
+}
+
+// Encrypted by type and method; the session precedes the addition, its end stands inside the removal.
+TEST(ConnRegistry, TlsByTypeAndMethod)
+{
+    start_process_once();
+    const struct {
+        ConnectionType type;
+        const char *method;
+        bool encrypted;
+    } cases[] = {
+        {HTTP, "HTTPS", true},     {REMOTE_WEB_SERVER, "https", true},     {REMOTE_TELNET_SERVER, "Https", true},
+        {DEV_TCP, "https", false}, {REMOTE_TELNET_DEVICE, "https", false}, {HTTP, "http", false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(conn_type_name(c.type)) + " " + c.method);
+        Peer peer([&](int listener) {
+            TlsPeer tls = tls_peer_new();
+            EXPECT_EQ(c.encrypted, tls_peer_accept(&tls, listener));
+            tls_peer_free(&tls);
+        });
+        nm_set("1", c.method);
+        LogLines log;
+        conn_add(c.type, connect_to(peer.port), 1);
+        conn_remove(c.type, 0);
+        EXPECT_EQ(c.encrypted, log.has_in_order({"SSL init success!", "has been added, socket: ", ", SSL: 1",
+                                                 "Shutdown and close socket: ", "SSL deinit success!", "removed,"}));
+        EXPECT_EQ(c.encrypted, log.has("SSL init"));
+    }
+}

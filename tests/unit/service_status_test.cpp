@@ -143,3 +143,45 @@ TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
     for (int fd : {ready[0], ready[1], until[0], until[1]})
         close(fd);
 }
+
+// What one poll makes of the settings: the timer starts or stops, a file of so many bytes is reported and emptied or
+// left. Then the device asks for a report.
+TEST(ServiceStatus, PollFollowsTheMode)
+{
+    const struct {
+        const char *name;
+        void (*change)(void);
+        int starts, stops; // of the timer
+        bool heard;        // the device
+        unsigned size, left;
+    } k_steps[] = {
+        {"not enabled", [] { service_status_set_timing(SERVICE_TIMING, 50); }, 0, 0, false, 8192, 8192},
+        {"timing", service_status_start, 1, 0, false, 8192, 8192},
+        {"with the timer", [] { service_status_set_timing(SERVICE_IMMEDIATE_TIMING, 50); }, 0, 0, true, 8192, 8192},
+        {"another period", [] { service_status_set_timing(SERVICE_TIMING, 51); }, 1, 1, false, 8192, 8192},
+        {"not full yet", [] { service_status_set_delay(SERVICE_DELAY, 8); }, 0, 1, false, 8191, 8191},
+        {"full", [] {}, 0, 0, false, 8192, 0},
+        {"huge limit", [] { service_status_set_delay(SERVICE_DELAY, 0x7fffffff); }, 0, 0, false, 8192, 8192},
+        {"with the size", [] { service_status_set_delay(SERVICE_IMMEDIATE_DELAY, 9); }, 0, 0, true, 8192, 8192},
+        {"asked for", [] {}, 0, 0, true, 8192, 0},
+        {"immediate", service_status_set_immediate, 0, 0, true, 8192, 8192},
+        {"timing again", [] { service_status_set_timing(SERVICE_TIMING, 70); }, 1, 0, false, 8192, 8192},
+        {"stopped", service_status_stop, 0, 1, false, 8192, 8192},
+    };
+    std::string path = service_file("");
+    service_status_reset();
+    for (const auto &step : k_steps) {
+        SCOPED_TRACE(step.name);
+        LogLines log;
+        step.change();
+        EXPECT_EQ(truncate(path.c_str(), step.size), 0);
+        service_status_poll();
+        EXPECT_EQ(log.count("Start timer"), step.starts);
+        EXPECT_EQ(log.count("Stop timer"), step.stops);
+        EXPECT_EQ(std::filesystem::file_size(path), step.left);
+        EXPECT_EQ(service_state_get(), SERVICE_IDLE);
+        service_status_device_request();
+        EXPECT_EQ(service_state_get(), step.heard ? SERVICE_REQUESTED : SERVICE_IDLE);
+    }
+    unlink(path.c_str());
+}

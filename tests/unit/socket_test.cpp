@@ -227,3 +227,17 @@ TEST(Socket, BegunFrameIsFinishedWhenThePeerReadsOn)
         link_close(&link);
     }
 }
+
+// 2 s without room to send are an end of the connection, but not when the wait was cut.
+TEST(Socket, LivenessOfAFullBuffer)
+{
+    Link link = link_open(false);
+    fill_buffers(link.conn.socket_fd);
+    LogLines log;
+    EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd));
+    EXPECT_TRUE(log.has("selecting timeout."));
+    stop_request(15);
+    EXPECT_EQ(1, tcp_check_fd(link.conn.socket_fd));
+    stop_reset_for_test();
+    link_close(&link);
+}

@@ -130,6 +130,46 @@ TEST(Tls, StallInsideAWrite)
     }
 }
 
+// One session: a thread writes frames while another, which never waits, reads what comes back.
+TEST(Tls, ReaderAndWriterShareASession)
+{
+    TlsLink link = tls_link_open();
+    link.conn.life = conn_life_new(&link.conn);
+    g_log_level = 2;
+    std::thread echo([&] {
+        char buf[4096];
+        for (int count; (count = SSL_read(link.peer.ssl, buf, sizeof(buf))) > 0;)
+            SSL_write(link.peer.ssl, buf, count);
+    });
+    std::string sent, got;
+    for (char c = 'a'; c <= 'z'; c++)
+        sent.append(500, c);
+    std::atomic<size_t> received{0};
+    std::thread writer([&] {
+        for (size_t at = 0; at < sent.size(); at += 10) {
+            while (at > received + 20) // the smallest send buffer takes six frames
+                usleep(10);
+            SendPart part = {&sent[at], 10};
+            EXPECT_EQ(10, conn_send(&link.conn, SEND_MESSAGE, &part, 1));
+        }
+    });
+    char buf[700];
+    for (int64_t end = wait_now_ms() + 60000; got.size() < sent.size() && wait_now_ms() < end;) {
+        int count = conn_recv(&link.conn, buf, sizeof(buf));
+        if (count == 0 || (count < 0 && errno != EAGAIN))
+            break;
+        got.append(buf, (size_t)std::max(count, 0));
+        received = got.size();
+    }
+    EXPECT_TRUE(sent == got);
+    received = sent.size();
+    writer.join();
+    conn_life_shut(link.conn.life);
+    echo.join();
+    conn_life_drop(link.conn.life);
+    tls_peer_free(&link.peer);
+}
+
 static void peer_dribbles(int fd)
 {
     const char record[] = "\x16\x03\x03\x40\x00\x02\x00\x3f\xfc\x03\x03"; // the head of an endless server hello
