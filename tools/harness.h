@@ -47,8 +47,8 @@ struct Stage {
 void stage_prepare(Stage *stage, bool https);
 void stage_write(const Stage &stage); // config.ini and the device's files
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value);
-// stage_prepare, stage_write, agent_start.
-void stage_start(Stage *stage, bool https);
+// stage_write, agent_start.
+bool stage_run(Stage *stage);
 // Waits until the device has been told "online" (looking behind the last log line found). False when that does not
 // come.
 bool stage_wait_online(Stage *stage, int timeout_ms = k_wait_ms);
@@ -60,12 +60,15 @@ bool stage_command(Stage *stage, const std::string &command);
 bool stage_fast_heartbeat(Stage *stage);
 // Everything NM and device found wrong; empty when all was right.
 std::string stage_wrong(const Stage &stage);
+// Stops the agent by SIGTERM; what was wrong, an exit status other than that included.
+std::string stage_end(Stage *stage);
 
 // Runs the binary in agent->dir; again after a stop.
 bool agent_start(AgentProcess *agent);
 // Waits for a line that contains text, behind the last one found. False after timeout_ms or when the agent has ended.
 bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms = k_wait_ms);
 bool agent_has_log(const AgentProcess &agent, const std::string &text); // anywhere so far
+bool text_has(const std::string &text, const std::string &part);
 std::string agent_output(const AgentProcess &agent);                    // everything so far, without colours
 // Under the thread sanitizer about one signal in 300 that comes while the agent starts never reaches its handler: none
 // pending, none blocked. There agent_stop sends it again; the agent takes the first and ignores the rest.

@@ -1,5 +1,6 @@
 #include "tunnel_stage.h"
 
+#include <gtest/gtest.h>
 #include <poll.h>
 
 TunnelStage::TunnelStage()
@@ -8,6 +9,13 @@ TunnelStage::TunnelStage()
     options.auth.token = "a token";
     options.auth.key = -1234567;
     options.auth.sessionid = "0f9e-11";
+}
+
+TunnelStage::~TunnelStage()
+{
+    if (web && telnet) {
+        EXPECT_EQ(tunnel_problems(*this), "");
+    }
 }
 
 bool tunnel_stage_start(TunnelStage *stage, bool https, const DeviceService *web, const DeviceService *telnet)

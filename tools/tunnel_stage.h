@@ -12,6 +12,7 @@
 
 struct TunnelStage : Stage {
     TunnelStage();
+    ~TunnelStage(); // fails the test when NM's tunnel ends found something wrong
     std::unique_ptr<WebTunnelSim> web;
     std::unique_ptr<TelnetTunnelSim> telnet;
     TunnelSimOptions options; // of both; tls as in https

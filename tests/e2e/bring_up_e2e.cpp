@@ -1,18 +1,8 @@
 // From the cold start to the online state, over every road that NM can send the agent on.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <csignal>
-
 #include "harness.h"
 
-static bool has(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
-}
-
-// The main job: online, a command by UDP and handshake, its result to NM, the ack back to the device.
 static void run_main_job(bool https)
 {
     Stage stage;
@@ -35,17 +25,13 @@ static void run_main_job(bool https)
     EXPECT_EQ(
         device_sim_frame(stage.device, "upgrade-ack", 0).text,
         "{\t\"sessionid\":\"s-42\",\t\"type\":\"upgrade-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}");
-    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
-    EXPECT_EQ(stage_wrong(stage), "");
+    EXPECT_EQ(stage_end(&stage), "");
 }
 
-TEST(BringUp, MainJobOverHttp)
+// Online, a command by UDP and handshake, its result to NM, the ack back to the device.
+TEST(BringUp, MainJob)
 {
     run_main_job(false);
-}
-
-TEST(BringUp, MainJobOverHttps)
-{
     run_main_job(true);
 }
 
@@ -53,12 +39,8 @@ TEST(BringUp, RefusedThenAccepted)
 {
     Stage stage;
     stage_prepare(&stage, false);
-    NmActivation refusal;
-    refusal.status = 403;
-    refusal.error = "unknown device";
-    nm_sim_set_activation(stage.nm, refusal);
-    stage_write(stage);
-    ASSERT_TRUE(agent_start(&stage.agent));
+    nm_sim_set_activation(stage.nm, {403, "unknown device", "", 0, ""});
+    ASSERT_TRUE(stage_run(&stage));
     ASSERT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 1, k_wait_ms));
     EXPECT_EQ(
         device_sim_frame(stage.device, "online-status-notify", 0).text,
@@ -67,11 +49,10 @@ TEST(BringUp, RefusedThenAccepted)
 
     nm_sim_set_activation(stage.nm, NmActivation()); // the next pass comes 10 s later
     ASSERT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 2, k_wait_ms));
-    EXPECT_TRUE(
-        has(device_sim_frame(stage.device, "online-status-notify", 1).text, "\"result\":\"online\",\t\"cause\":\"\""));
+    EXPECT_TRUE(text_has(device_sim_frame(stage.device, "online-status-notify", 1).text,
+                         "\"result\":\"online\",\t\"cause\":\"\""));
     EXPECT_EQ(nm_sim_count(stage.nm, "active"), 2);
-    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
-    EXPECT_EQ(stage_wrong(stage), "");
+    EXPECT_EQ(stage_end(&stage), "");
 }
 
 // A redirection names a port; the new NM is reached over TLS on the next one, and the device is told.
@@ -83,21 +64,15 @@ TEST(BringUp, RedirectedToAnotherNmOverTls)
     options.https = true;
     NmSim *second = nm_sim_start(options);
     ASSERT_NE(second, nullptr);
-    NmActivation redirection;
-    redirection.status = 304;
-    redirection.redirect_ip = "127.0.0.1";
-    redirection.redirect_port = nm_sim_port(second) - 1;
-    nm_sim_set_activation(stage.nm, redirection);
-    stage_write(stage);
-    EXPECT_TRUE(agent_start(&stage.agent));
+    nm_sim_set_activation(stage.nm, {304, "", "127.0.0.1", nm_sim_port(second) - 1, ""});
+    ASSERT_TRUE(stage_run(&stage));
     EXPECT_TRUE(device_sim_wait_for(stage.device, "redirection", 1, k_wait_ms));
     EXPECT_TRUE(nm_sim_wait_for(second, "active", 1, k_wait_ms));
     EXPECT_TRUE(device_sim_wait_for(stage.device, "online-status-notify", 2, k_wait_ms));
-    EXPECT_TRUE(has(device_sim_frame(stage.device, "online-status-notify", 0).text, "\"cause\":\"REDIRECTION\""));
-    EXPECT_TRUE(has(device_sim_frame(stage.device, "online-status-notify", 1).text, "\"result\":\"online\""));
+    EXPECT_TRUE(text_has(device_sim_frame(stage.device, "online-status-notify", 0).text, "\"cause\":\"REDIRECTION\""));
+    EXPECT_TRUE(text_has(device_sim_frame(stage.device, "online-status-notify", 1).text, "\"result\":\"online\""));
     EXPECT_EQ(nm_sim_count(stage.nm, "active"), 1);
-    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
-    EXPECT_EQ(stage_wrong(stage) + nm_sim_wrong(second), "");
+    EXPECT_EQ(stage_end(&stage) + nm_sim_wrong(second), "");
     nm_sim_stop(second);
 }
 
@@ -116,22 +91,8 @@ TEST(BringUp, InitCfgChanged)
     stage_write(stage);
     ASSERT_TRUE(device_sim_send(stage.device, "{\"type\":\"init-cfg-changed\"}"));
     ASSERT_TRUE(nm_sim_wait_for(stage.nm, "active", 2, k_wait_ms));
-    EXPECT_TRUE(has(nm_sim_request(stage.nm, "active", 1).body, "\"pversion\":\"2.5.0\""));
-    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
-    EXPECT_EQ(stage_wrong(stage), "");
-}
-
-// Nothing can be done without the init cfg: the process says so and ends with 0.
-TEST(BringUp, MissingInitCfgEndsTheProcess)
-{
-    Stage stage;
-    stage_prepare(&stage, false);
-    stage_write(stage);
-    ASSERT_EQ(unlink((stage.agent.dir + "/init").c_str()), 0);
-    ASSERT_TRUE(agent_start(&stage.agent));
-    EXPECT_EQ(agent_wait_exit(&stage.agent), 0);
-    EXPECT_TRUE(agent_has_log(stage.agent, "SIG: 0 is received, ready to exit!"));
-    EXPECT_FALSE(agent_has_log(stage.agent, "thread started."));
+    EXPECT_TRUE(text_has(nm_sim_request(stage.nm, "active", 1).body, "\"pversion\":\"2.5.0\""));
+    EXPECT_EQ(stage_end(&stage), "");
 }
 
 // The device's agent comes up late, goes away and returns: the agent finds it each time.
@@ -140,16 +101,13 @@ TEST(BringUp, DeviceAgentComesLateAndRestarts)
     Stage stage;
     stage_prepare(&stage, false);
     device_sim_absent(stage.device);
-    stage_write(stage);
-    ASSERT_TRUE(agent_start(&stage.agent));
+    ASSERT_TRUE(stage_run(&stage));
     ASSERT_TRUE(agent_wait_log(&stage.agent, "Init config failed, re-initialize!"));
     ASSERT_TRUE(device_sim_return(stage.device));
-    ASSERT_TRUE(stage_wait_online(&stage));
-    ASSERT_TRUE(stage_fast_heartbeat(&stage));
+    ASSERT_TRUE(stage_wait_online(&stage) && stage_fast_heartbeat(&stage));
     device_sim_absent(stage.device);
     ASSERT_TRUE(agent_wait_log(&stage.agent, "Device TCP connection lost! Re-initialize device..."));
     ASSERT_TRUE(device_sim_return(stage.device));
     ASSERT_TRUE(nm_sim_wait_for(stage.nm, "active", 2, k_wait_ms));
-    EXPECT_EQ(agent_stop(&stage.agent, SIGTERM), SIGTERM);
-    EXPECT_EQ(stage_wrong(stage), "");
+    EXPECT_EQ(stage_end(&stage), "");
 }

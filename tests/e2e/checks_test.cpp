@@ -22,13 +22,9 @@ static std::string replaced(std::string text, const std::string &what, const std
     return at == std::string::npos ? text : text.replace(at, what.size(), with);
 }
 
-struct RequestCase {
-    const char *what;
-    const char *with;
-    const char *complaint; // part of it
-};
-
-static const RequestCase k_requests[] = {
+static const struct {
+    const char *what, *with, *complaint; // part of it
+} k_requests[] = {
     {"", "", ""},
     {"HOST:", "Host:", "header 1 is 'Host: 127.0.0.1:80'"},
     {"Accept:", "Accept: ", "header 2"},
@@ -45,16 +41,15 @@ static const RequestCase k_requests[] = {
 
 TEST(Checks, RequestsAtNm)
 {
-    for (const RequestCase &row : k_requests) {
+    for (const auto &row : k_requests) {
         SCOPED_TRACE(row.what);
         const std::string text = replaced(request_text("heartbeat", k_heartbeat), row.what, row.with);
         HttpRequest request;
         std::string wrong;
         request.body.clear();
         const int taken = http_request_cut(text + "POST", &request, &wrong);
-        if (taken > 0) { // a body that has grown or shrunk is cut by its Content-Length
+        if (taken > 0) // a body that has grown or shrunk is cut by its Content-Length
             wrong = nm_check_request(request, "127.0.0.1:80", "A1");
-        }
         EXPECT_NE(wrong.find(row.complaint), std::string::npos) << wrong;
         EXPECT_EQ(wrong.empty(), *row.complaint == '\0') << wrong;
     }
@@ -65,19 +60,16 @@ TEST(Checks, RequestsAreCutAtEveryByte)
     const std::string text = request_text("heartbeat", k_heartbeat);
     HttpRequest request;
     std::string wrong;
-    for (size_t length = 0; length < text.size(); length++) {
+    for (size_t length = 0; length < text.size(); length++)
         ASSERT_EQ(http_request_cut(text.substr(0, length), &request, &wrong), 0) << length;
-    }
     EXPECT_EQ(http_request_cut(text + text, &request, &wrong), (int)text.size());
     EXPECT_EQ(http_request_cut("\x16\x03\x01", &request, &wrong), -1);
 }
 
-struct FrameCase {
+static const struct {
     const char *text;
     bool right;
-};
-
-static const FrameCase k_frames[] = {
+} k_frames[] = {
     {"{\t\"sessionid\":\"s\",\t\"type\":\"cfg-ack\",\t\"result\":true,\t\"cause\":\"\",\t\"ver\":\"\"}", true},
     {"{\t\"sessionid\":\"s\",\t\"type\":\"cfg-ack\",\t\"result\":\"true\",\t\"cause\":\"\",\t\"ver\":\"\"}", false},
     {"{\"sessionid\":\"s\",\"type\":\"cfg-ack\",\"result\":true,\"cause\":\"\",\"ver\":\"\"}", false},
@@ -92,7 +84,7 @@ static const FrameCase k_frames[] = {
 
 TEST(Checks, FramesAtTheDevice)
 {
-    for (const FrameCase &row : k_frames) {
+    for (const auto &row : k_frames) {
         std::string type;
         EXPECT_EQ(device_check_frame(row.text, &type).empty(), row.right) << row.text;
     }

@@ -3,19 +3,15 @@
 #include <fstream>
 
 #include "device/dev_msg_recv.h"
+#include "device_files.h"
 #include "nm/nm_msg.h"
 #include "peers.h"
-
-static const char k_init_cfg[] =
-    "{\"method\":\"http\",\"host\":\"127.0.0.1\",\"port\":%s,\"dev_server_port\":%s,\"dev-sn\":\"SN\",\"ptype\":1,"
-    "\"category\":2,\"pversion\":\"p\",\"pname\":\"n\",\"mac\":\"m\",\"platform_name\":\"a\",\"factory_name\":\"b\","
-    "\"ver\":\"1.3\",\"interface\":\"lo\",\"localIp\":\"127.0.0.1\",\"web_port\":80,\"telnet_port\":23,"
-    "\"log_path\":\"\",\"max_files\":2,\"max_size\":64}";
 
 // A working directory with both input files, NM, and a listening device.
 struct World {
     char directory[32] = "/tmp/device_init_XXXXXX";
     NmPeer nm;
+    std::string init_cfg;
     int listener;
 };
 
@@ -28,9 +24,8 @@ static void world_begin(World *w)
     w->nm.answer_set("active", {http_ok(R"({"status":200,"result":{"host":"127.0.0.1","port":9}})")});
     std::string device_port;
     w->listener = listen_socket(&device_port);
-    char init_cfg[1024];
-    (void)text_fmt(init_cfg, k_init_cfg, w->nm.peer.port.c_str(), device_port.c_str());
-    std::ofstream("init") << init_cfg;
+    w->init_cfg = device_cfg_text(device_cfg_default(".", false, std::stoi(w->nm.peer.port), std::stoi(device_port)));
+    std::ofstream("init") << w->init_cfg;
     std::ofstream("config.ini") << "[device_info]\ninit_cfg = ./init\n[plugin_config]\nlog_std = 1\nlog_level = 7\n";
     info_edit([](PluginInfo *next) { (void)text_set(next->init_cfg_path, "./init"); });
 }
@@ -52,8 +47,6 @@ TEST(DeviceInit, RetryStages)
 {
     World w;
     world_begin(&w);
-    std::string good;
-    std::getline(std::ifstream("init"), good, '\0');
     std::ofstream("init") << "{";
     for (int failure = 1; failure <= 16; failure++) {
         SCOPED_TRACE(failure);
@@ -66,7 +59,7 @@ TEST(DeviceInit, RetryStages)
                   failure % 5 == 0);
         EXPECT_EQ(log.has("The device TCP connection is lost!\n"), failure == 1);
     }
-    std::ofstream("init") << good;
+    std::ofstream("init") << w.init_cfg;
     device_init_pass();
     std::ofstream("init") << "{";
     restart_device_init();

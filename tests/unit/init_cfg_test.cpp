@@ -1,38 +1,31 @@
 #include "nm/init_cfg.h"
 #include "nm/init_cfg_internal.h"
 
-#include <cjson/cJSON.h>
-#include <fstream>
-
+#include "device_files.h"
 #include "nm/device_init.h"
 #include "runtime/plugin_info_internal.h"
 #include "support.h"
 
-static const char k_cfg[] = R"({"method":"http","host":"127.0.0.1","port":8080,"dev-sn":"A1","ptype":7,"category":-3,
-"pversion":"2.0","pname":"box","mac":"00:aa","dev_server_port":9000,"device-path":"/d","port-path":"/p",
-"service-path":"/s","interface-blacklist":"eth9:","disk-whitelist":"/:","platform_name":"pl","factory_name":"fa",
-"interface":"lo","localIp":"127.0.0.1","ver":"1.3","web_port":80,"telnet_port":23,"max_dev_msg_size":8,
-"dev_msg_buffer_size":64,"log_path":"/var/log/","max_files":3,"max_size":128})";
-
-// The file above with one key set to a JSON value; a null value takes the key out.
+// A whole file with one key set to a JSON value; a null value takes the key out.
 static std::string cfg_with(const char *key, const char *value)
 {
-    cJSON *root = cJSON_Parse(k_cfg);
-    cJSON_DeleteItemFromObject(root, key);
-    if (value)
-        cJSON_AddItemToObject(root, key, cJSON_Parse(value));
-    char *text = cJSON_PrintUnformatted(root);
-    std::string result = text;
-    cJSON_free(text);
-    cJSON_Delete(root);
-    return result;
+    DeviceCfg cfg = device_cfg_default("", false, 8080, 9000);
+    device_cfg_set(&cfg, "category", "-3");
+    device_cfg_set(&cfg, "mac", "\"00:aa\"");
+    device_cfg_set(&cfg, "max_dev_msg_size", "8");
+    device_cfg_set(&cfg, key, value ? value : "");
+    if (!value)
+        device_cfg_remove(&cfg, key);
+    return device_cfg_text(cfg);
 }
+
+static const std::string k_cfg = cfg_with("ver", "\"1.3\"");
 
 // Takes a file of this content as the init cfg.
 static std::string cfg_file(const std::string &content)
 {
     std::string path = testing::TempDir() + "init_cfg." + std::to_string(getpid());
-    std::ofstream(path) << content;
+    EXPECT_TRUE(device_write_file(path, content));
     info_edit([&](PluginInfo *next) { (void)text_set(next->init_cfg_path, path.c_str()); });
     return path;
 }
@@ -40,27 +33,55 @@ static std::string cfg_file(const std::string &content)
 // The fields that the file fills, one line.
 static std::string summary(const PluginInfo &i)
 {
-    char text[8192];
-    snprintf(text, sizeof(text),
-             "%s %s:%s|%s %s %s %s %s %s|%s:%s %s:%s %s:%s|%s %s %s %s %s|%s %s|%s %s %s %s %s|%s|%d %d|%s %d %d",
-             i.nm_method, i.nm_ip, i.nm_port, i.dev_sn, i.ptype, i.category, i.pversion, i.pname, i.mac,
-             i.dev.remote_ip, i.dev.remote_port, i.dev_web.remote_ip, i.dev_web.remote_port, i.dev_telnet.remote_ip,
-             i.dev_telnet.remote_port, i.device_path, i.port_path, i.service_path, i.interface_blacklist,
-             i.disk_whitelist, i.platform_name, i.factory_name, i.interface, i.local_ip, i.nm_web.local_ip,
-             i.nm_telnet.local_ip, i.udp_detection.local_ip, i.protocol_version, i.max_dev_msg_size,
-             i.dev_msg_buffer_size, i.plugin_log_path, i.max_log_file_number, i.max_log_file_size);
+    std::string text;
+    for (const char *field : {i.nm_method,
+                              i.nm_ip,
+                              i.nm_port,
+                              i.dev_sn,
+                              i.ptype,
+                              i.category,
+                              i.pversion,
+                              i.pname,
+                              i.mac,
+                              i.dev.remote_ip,
+                              i.dev.remote_port,
+                              i.dev_web.remote_ip,
+                              i.dev_web.remote_port,
+                              i.dev_telnet.remote_ip,
+                              i.dev_telnet.remote_port,
+                              i.device_path,
+                              i.port_path,
+                              i.service_path,
+                              i.interface_blacklist,
+                              i.disk_whitelist,
+                              i.platform_name,
+                              i.factory_name,
+                              i.interface,
+                              i.local_ip,
+                              i.nm_web.local_ip,
+                              i.nm_telnet.local_ip,
+                              i.udp_detection.local_ip,
+                              i.protocol_version,
+                              i.plugin_log_path})
+        text += std::string(field) + " ";
+    for (int32_t number : {i.max_dev_msg_size, i.dev_msg_buffer_size, i.max_log_file_number, i.max_log_file_size})
+        text += std::to_string(number) + " ";
     return text;
 }
 
 TEST(init_cfg, every_key_reaches_its_field)
 {
     LogLines log;
-    EXPECT_EQ(0, init_cfg_parse_text(k_cfg));
-    EXPECT_EQ("http 127.0.0.1:8080|A1 7 -3 2.0 box 00:aa|127.0.0.1:9000 127.0.0.1:80 127.0.0.1:23|/d /p /s eth9: /:|"
-              "pl fa|lo 127.0.0.1 127.0.0.1 127.0.0.1 127.0.0.1|1.3|8192 65536|/var/log/ 3 131072",
+    std::string path = cfg_file(k_cfg);
+    EXPECT_EQ(0, init_cfg_parse());
+    EXPECT_EQ("http 127.0.0.1 8080 SN00000001 12 -3 2.4.1 Gateway 100 00:aa 127.0.0.1 9000 127.0.0.1 80 127.0.0.1 23 "
+              "/device /port /service  / simulated loopback lo 127.0.0.1 127.0.0.1 127.0.0.1 127.0.0.1 1.3 /log/ "
+              "8192 262144 2 1048576 ",
               summary(info_now()));
+    EXPECT_TRUE(log.has("[INF] Reading init cfg successfully. Content: " + k_cfg));
     EXPECT_TRUE(log.has("[INF] configured_local_ip is equal to detected_local_ip: 127.0.0.1."));
     EXPECT_FALSE(log.has("[WRN]"));
+    unlink(path.c_str());
 }
 
 #define TEXT(field) [](const PluginInfo &i) { return std::string(i.field); }
@@ -147,7 +168,7 @@ TEST(init_cfg, a_bad_port_ends_the_reading)
     });
     EXPECT_EQ(0, init_cfg_parse_text(cfg_with("port", "-1").c_str()));
     PluginInfo info = info_now();
-    EXPECT_EQ("10.1.1.1 8444 A1", std::string(info.nm_ip) + " " + info.nm_port + " " + info.dev_sn);
+    EXPECT_EQ("10.1.1.1 8444 SN00000001", std::string(info.nm_ip) + " " + info.nm_port + " " + info.dev_sn);
     EXPECT_EQ(1, info.nm_redirected);
 }
 
@@ -155,16 +176,25 @@ TEST(init_cfg, identity_is_compared)
 {
     const char *k_same[][2] = {
         // a null value takes the key out
-        {"host", "\"localhost\""}, {"dev-sn", "\"a1\""},   {"mac", "\"00:AA\""}, {"port", "-1"},
+        {"host", "\"localhost\""}, {"dev-sn", "\"sn00000001\""}, {"mac", "\"00:AA\""}, {"port", "-1"},
         {"ver", "\"1.2\""},        {"max_files", nullptr},
     };
     const char *k_other[][2] = {
-        {"host", "\"127.0.0.2\""},   {"host", nullptr},         {"dev-sn", "\"A2\""},      {"ptype", "8"},
-        {"category", "3"},           {"pversion", "\"2.1\""},   {"pname", "\"Box\""},      {"mac", nullptr},
-        {"platform_name", "\"PL\""}, {"factory_name", nullptr}, {"interface", "\"eth0\""}, {"localIp", "\"127.0.0.2\""},
+        {"host", "\"127.0.0.2\""},
+        {"host", nullptr},
+        {"dev-sn", "\"SN00000002\""},
+        {"ptype", "8"},
+        {"category", "-4"},
+        {"pversion", "\"2.1\""},
+        {"pname", "\"gateway 100\""},
+        {"mac", nullptr},
+        {"platform_name", "\"Simulated\""},
+        {"factory_name", nullptr},
+        {"interface", "\"eth0\""},
+        {"localIp", "\"127.0.0.2\""},
     };
     LogLines log;
-    ASSERT_EQ(0, init_cfg_parse_text(k_cfg));
+    ASSERT_EQ(0, init_cfg_parse_text(k_cfg.c_str()));
     std::string before = summary(info_now());
     for (const auto &row : k_same) {
         cfg_file(cfg_with(row[0], row[1]));
@@ -181,21 +211,5 @@ TEST(init_cfg, identity_is_compared)
     EXPECT_EQ(1, init_cfg_compare());
     EXPECT_EQ(4, log.count("[WRN] Not found string value for key: "));
     EXPECT_TRUE(log.has("key: platform_name!") && log.has("key: localIp!"));
-    unlink(path.c_str());
-}
-
-TEST(init_cfg, files_at_the_limits)
-{
-    LogLines log;
-    std::string padding(10240 - strlen(k_cfg), ' ');
-    cfg_file(padding + k_cfg);
-    EXPECT_EQ(0, init_cfg_parse());
-    EXPECT_TRUE(log.has("[INF] Reading init cfg successfully. Content: " + padding + k_cfg));
-    cfg_file(" " + padding + k_cfg); // the last byte is cut away
-    EXPECT_EQ(-1, init_cfg_parse());
-    std::string path = cfg_file(R"({"log_path":"/l","max_files":5,"max_size":100})");
-    EXPECT_EQ(0, init_cfg_parse_log());
-    EXPECT_STREQ("/l/", info_now().plugin_log_path);
-    EXPECT_STREQ("A1", info_now().dev_sn);
     unlink(path.c_str());
 }

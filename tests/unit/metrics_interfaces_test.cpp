@@ -3,11 +3,12 @@
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
+#include <regex>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "support.h"
@@ -23,75 +24,53 @@ static const char k_network[] =
     "ip -6 addr add fd00::1/64 dev nm0 nodad; ip addr add 10.9.2.1/32 dev nm0.100;"
     "ip addr add 10.9.3.1/24 dev nm1; ip addr add 10.9.4.1/24 dev m1; ip link set nm0 up";
 
-static void interfaces_in_own_network(int out_fd)
+// Of a thread that has left the process's network; empty when it may not.
+static std::string interfaces_in_own_network()
 {
     if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0 || system(k_network) != 0)
-        return;
-    info_edit([](PluginInfo *next) { (void)text_set(next->interface_blacklist, "nm1:wlan0"); });
-    // Emulators may not know the question about the link; then the member is left out.
-    struct ifreq request = {};
-    struct ethtool_cmd command = {};
-    command.cmd = ETHTOOL_GSET;
-    memcpy(request.ifr_name, "nm0", 4);
-    request.ifr_data = (char *)&command;
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    (void)!write(out_fd, ioctl(fd, SIOCETHTOOL, &request) == 0 ? "+" : "-", 1);
-    close(fd);
+        return "";
     cJSON *array = cJSON_CreateArray();
     metrics_interfaces(array);
     char *text = cJSON_PrintUnformatted(array);
-    (void)!write(out_fd, text, strlen(text));
+    std::string result = text;
     cJSON_free(text);
     cJSON_Delete(array);
+    return std::regex_replace(result, std::regex("(rx|tx)(bytes|packets)\":\"[0-9]+"), "$1$2\":\"N");
 }
 
-// Puts an N in the place of the member's digits.
-static void counter_mask(std::string *text, const std::string &member)
+// Emulators may not know the question about the link; then the member is left out.
+static bool knows_link()
 {
-    size_t at = 0;
-    while ((at = text->find(member + "\":\"", at)) != std::string::npos) {
-        at += member.size() + 3;
-        text->replace(at, text->find_first_not_of("0123456789", at) - at, "N");
-    }
+    struct ifreq request = {};
+    struct ethtool_cmd command = {};
+    command.cmd = ETHTOOL_GSET;
+    strcpy(request.ifr_name, "nm0");
+    request.ifr_data = (char *)&command;
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    bool knows = ioctl(fd, SIOCETHTOOL, &request) == 0;
+    close(fd);
+    return knows;
 }
 
 TEST(Metrics, InterfacesInTheKernelsOrder)
 {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    pid_t child = fork();
-    if (child == 0) {
-        close(ends[0]);
-        interfaces_in_own_network(ends[1]);
-        _exit(0);
-    }
-    close(ends[1]);
+    info_edit([](PluginInfo *next) { (void)text_set(next->interface_blacklist, "nm1:wlan0"); });
     std::string text;
-    char chunk[4096];
-    ssize_t got;
-    while ((got = read(ends[0], chunk, sizeof(chunk))) > 0)
-        text.append(chunk, (size_t)got);
-    close(ends[0]);
-    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    bool with_speed = false;
+    std::thread([&] { text = interfaces_in_own_network(), with_speed = knows_link(); }).join();
     if (text.empty())
         GTEST_SKIP() << "no network of its own here";
-    for (const char *counter : {"rxbytes", "txbytes", "rxpackets", "txpackets"})
-        counter_mask(&text, counter);
-    bool knows_link = text[0] == '+';
-    const std::string veth = knows_link ? "\"linkSpeed\":\"full-10000\"," : "";
-    const std::string bridge = knows_link ? "\"linkSpeed\":\"unkown-4294967295\"," : "";
+    const std::string veth = with_speed ? "\"linkSpeed\":\"full-10000\"," : "";
+    const std::string bridge = with_speed ? "\"linkSpeed\":\"unkown-4294967295\"," : "";
     const std::string counters = "\"rxbytes\":\"N\",\"txbytes\":\"N\",\"rxpackets\":\"N\",\"txpackets\":\"N\"}";
-    EXPECT_EQ(text.substr(1), "[{\"ifname\":\"nm0.100\",\"type\":\"Ethernet\",\"vlanid\":\"100\",\"mtu\":\"1500\","
-                              "\"mac\":\"02:00:00:AA:BB:0D\",\"ipv4\":\"10.9.2.1/32 \",\"ipv6\":\"\","
-                              "\"linkstatus\":\"down\"," +
-                                  veth + counters +
-                                  ",{\"ifname\":\"nm0\",\"type\":\"Ethernet\",\"mtu\":\"1400\","
-                                  "\"mac\":\"02:00:00:AA:BB:0C\",\"ipv4\":\"10.9.0.1/24 10.9.1.1/25 \","
-                                  "\"ipv6\":\"fd00::1/64 \",\"linkstatus\":\"up\"," +
-                                  veth + counters +
-                                  ",{\"ifname\":\"nm2\",\"type\":\"Ethernet\",\"mtu\":\"1500\","
-                                  "\"mac\":\"02:00:00:AA:BB:0E\",\"ipv4\":\"10.9.5.1/30 \",\"ipv6\":\"\","
-                                  "\"linkstatus\":\"down\"," +
-                                  bridge + counters + "]");
+    EXPECT_EQ(text, R"([{"ifname":"nm0.100","type":"Ethernet","vlanid":"100","mtu":"1500","mac":"02:00:00:AA:BB:0D",)"
+                    R"("ipv4":"10.9.2.1/32 ","ipv6":"","linkstatus":"down",)" +
+                        veth + counters +
+                        R"(,{"ifname":"nm0","type":"Ethernet","mtu":"1400","mac":"02:00:00:AA:BB:0C",)"
+                        R"("ipv4":"10.9.0.1/24 10.9.1.1/25 ","ipv6":"fd00::1/64 ","linkstatus":"up",)" +
+                        veth + counters +
+                        R"(,{"ifname":"nm2","type":"Ethernet","mtu":"1500","mac":"02:00:00:AA:BB:0E",)"
+                        R"("ipv4":"10.9.5.1/30 ","ipv6":"","linkstatus":"down",)" +
+                        bridge + counters + "]");
 }

@@ -14,12 +14,9 @@
 #include <thread>
 #include <unistd.h>
 
-#include <openssl/evp.h>
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
-
 #include "runtime/stop.h"
 #include "runtime/text.h"
+#include "sim_tls.h"
 #include "support.h"
 #include "transport/conn_registry.h"
 #include "transport/nm_sign.h"
@@ -105,29 +102,19 @@ inline int open_descriptors()
     return count;
 }
 
-// A TLS 1.2 server with a certificate of its own, one connection.
+// A TLS server, one connection.
 struct TlsPeer {
     SSL_CTX *ctx;
     SSL *ssl;
     int fd;
 };
 
-// An RSA key of 1024 bits: quick to make. signatures: the only kinds the server offers, null for its defaults.
+// signatures: the only kinds the server offers, null for its defaults.
 inline TlsPeer tls_peer_new(const char *signatures = nullptr)
 {
-    TlsPeer peer = {SSL_CTX_new(TLS_server_method()), nullptr, -1};
+    TlsPeer peer = {sim_tls_server(), nullptr, -1};
     SSL_CTX_set_security_level(peer.ctx, 0);
     EXPECT_TRUE(!signatures || SSL_CTX_set1_sigalgs_list(peer.ctx, signatures) == 1);
-    EVP_PKEY *key = EVP_RSA_gen(1024);
-    X509 *cert = X509_new();
-    X509_gmtime_adj(X509_getm_notBefore(cert), 0);
-    X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
-    X509_set_pubkey(cert, key);
-    X509_sign(cert, key, EVP_sha256());
-    EXPECT_EQ(1, SSL_CTX_use_certificate(peer.ctx, cert));
-    EXPECT_EQ(1, SSL_CTX_use_PrivateKey(peer.ctx, key));
-    X509_free(cert);
-    EVP_PKEY_free(key);
     return peer;
 }
 

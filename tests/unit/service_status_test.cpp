@@ -1,7 +1,6 @@
 #include "status/service_status.h"
 
 #include <filesystem>
-#include <sys/wait.h>
 
 #include "peers.h"
 #include "runtime/stop_internal.h"
@@ -116,32 +115,20 @@ TEST(ServiceStatus, ReportPostsEveryRecordOnceAndInOrder)
 TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
 {
     std::string path = service_file("a" + k_sep);
-    int ready[2], until[2];
-    ASSERT_EQ(pipe(ready), 0);
-    ASSERT_EQ(pipe(until), 0);
-    char byte = 0;
-    pid_t child = fork();
-    if (child == 0) { // holds the whole file locked until it is killed
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        if (fcntl(open(path.c_str(), O_RDWR), F_SETLK, &lock) == 0 && write(ready[1], "x", 1) == 1)
-            (void)!read(until[0], &byte, 1);
-        _exit(0);
-    }
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    int fd = open(path.c_str(), O_RDWR);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    EXPECT_EQ(fcntl(fd, F_OFD_SETLK, &lock), 0); // stands against the process's own locks as well
     LogLines log;
     service_status_report(1);
     EXPECT_EQ(log.take(), "[WRN] Set file lock failed: Resource temporarily unavailable\n"
                           "[WRN] Set file lock failed again: Resource temporarily unavailable\n");
     EXPECT_EQ(std::filesystem::file_size(path), 5u);
-    kill(child, SIGKILL);
-    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    close(fd);
     unlink(path.c_str());
     service_status_report(1); // the file is missing now: told by the lock
     EXPECT_EQ(log.take(), "[WRN] Set file lock failed: Bad file descriptor\n"
                           "[WRN] Set file lock failed again: Bad file descriptor\n");
-    for (int fd : {ready[0], ready[1], until[0], until[1]})
-        close(fd);
 }
 
 // What one poll makes of the settings: the timer starts or stops, a file of so many bytes is reported and emptied or

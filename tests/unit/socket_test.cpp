@@ -119,87 +119,76 @@ TEST(Socket, ShortSendAnswersTheFirstCount)
 TEST(Socket, FramesOfSeveralWritersStayWhole)
 {
     constexpr int writers = 4, rounds = 5;
-    constexpr uint32_t size = 20000;
     Link link = link_open(true);
-    auto write_frames = [&](int writer) {
-        std::string text(size, (char)('a' + writer));
-        for (int i = 0; i < rounds; i++) {
-            text[0] = (char)('0' + i);
-            char head[4];
-            le32_put(head, size);
-            SendPart parts[] = {{head, 4}, {text.data(), text.size()}};
-            EXPECT_GT(conn_send(&link.conn, SEND_MESSAGE, parts, 2), 0);
-        }
+    auto frame_of = [](char writer, int round) {
+        std::string text(20000, writer);
+        text[0] = (char)('0' + round);
+        return frame(text);
     };
     g_log_level = 3;
     std::vector<std::thread> threads;
-    for (int writer = 0; writer < writers; writer++)
-        threads.emplace_back(write_frames, writer);
-    int seen[writers] = {};
+    for (char writer = 'a'; writer < 'a' + writers; writer++)
+        threads.emplace_back([&, writer] {
+            for (int i = 0; i < rounds; i++) {
+                std::string bytes = frame_of(writer, i);
+                SendPart parts[] = {{bytes.data(), 4}, {bytes.data() + 4, 20000}};
+                EXPECT_GT(conn_send(&link.conn, SEND_MESSAGE, parts, 2), 0);
+            }
+        });
+    std::map<char, int> seen;
     for (int i = 0; i < writers * rounds; i++) {
-        std::string frame = read_upto(link.peer, 4 + size);
-        ASSERT_EQ(4 + size, frame.size());
-        ASSERT_EQ(size, le32_get(frame.data()));
-        int writer = frame[5] - 'a';
-        ASSERT_TRUE(writer >= 0 && writer < writers);
-        ASSERT_EQ(std::string(size - 1, frame[5]), frame.substr(5));
-        EXPECT_EQ('0' + seen[writer]++, frame[4]);
+        std::string got = read_upto(link.peer, 4 + 20000);
+        ASSERT_EQ(4u + 20000, got.size());
+        ASSERT_TRUE(got == frame_of(got.back(), seen[got.back()]++)) << i;
     }
     for (std::thread &thread : threads)
         thread.join();
+    EXPECT_EQ((size_t)writers, seen.size());
     EXPECT_FALSE(readable_within(link.peer, 0));
-    link_close(&link);
-}
-
-struct StallCase {
-    const char *name;
-    SendKind kind;
-    bool full_before; // nothing of the unit can be taken
-    bool stop;
-    bool call_off;
-    bool dropped; // the connection is given up
-    int max_ms;
-};
-
-static void run_stall(const StallCase &c)
-{
-    static std::atomic<uint32_t> counter;
-    Link link = link_open(true);
-    std::string data(300000, 'x');
-    if (c.full_before)
-        fill_buffers(link.conn.socket_fd);
-    if (c.stop)
-        stop_request(15);
-    if (c.call_off)
-        wait_call_off_set({&counter, counter + 1});
-    SendPart part = {data.data(), data.size()};
-    int64_t start = wait_now_ms();
-    EXPECT_EQ(-1, conn_send(&link.conn, c.kind, &part, 1));
-    EXPECT_LT(wait_now_ms() - start, c.max_ms);
-    wait_call_off_set({nullptr, 0});
-    stop_reset_for_test();
-    EXPECT_EQ(c.dropped, link.conn.life->broken == 1);
-    if (c.dropped) {
-        LogLines log;
-        EXPECT_EQ(-1, tcp_send(&link.conn, "a", 1));
-        EXPECT_EQ("", log.text());
-        EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd));
-    }
     link_close(&link);
 }
 
 TEST(Socket, PeerThatStopsReadingLosesTheConnection)
 {
-    const StallCase cases[] = {
+    static std::atomic<uint32_t> counter;
+    const struct {
+        const char *name;
+        SendKind kind;
+        bool full_before; // nothing of the unit can be taken
+        bool stop, call_off;
+        bool dropped; // the connection is given up
+        int max_ms;
+    } cases[] = {
         {"inside a frame", SEND_MESSAGE, false, false, false, true, 4000},
         {"before a frame", SEND_MESSAGE, true, false, false, false, 1000},
         {"before stream bytes", SEND_STREAM, true, false, false, true, 4000},
         {"inside a frame, stop", SEND_MESSAGE, false, true, false, true, 500},
         {"stream, called off", SEND_STREAM, false, false, true, true, 500},
     };
-    for (const StallCase &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        run_stall(c);
+        Link link = link_open(true);
+        std::string data(300000, 'x');
+        if (c.full_before)
+            fill_buffers(link.conn.socket_fd);
+        if (c.stop)
+            stop_request(15);
+        if (c.call_off)
+            wait_call_off_set({&counter, counter + 1});
+        SendPart part = {data.data(), data.size()};
+        int64_t start = wait_now_ms();
+        EXPECT_EQ(-1, conn_send(&link.conn, c.kind, &part, 1));
+        EXPECT_LT(wait_now_ms() - start, c.max_ms);
+        wait_call_off_set({nullptr, 0});
+        stop_reset_for_test();
+        EXPECT_EQ(c.dropped, link.conn.life->broken == 1);
+        LogLines log;
+        if (c.dropped) {
+            EXPECT_EQ(-1, tcp_send(&link.conn, "a", 1));
+            EXPECT_EQ("", log.text());
+            EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd));
+        }
+        link_close(&link);
     }
 }
 
@@ -210,9 +199,8 @@ TEST(Socket, BegunFrameIsFinishedWhenThePeerReadsOn)
     static std::atomic<uint32_t> counter;
     for (bool called_off : {false, true}) {
         Link link = link_open(true);
-        std::string data(100000, 'x');
+        std::string data(100000, 'x'), got;
         data.back() = 'z';
-        std::string got;
         std::thread reader([&] {
             usleep(500000);
             got = read_upto(link.peer, data.size());

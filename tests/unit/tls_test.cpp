@@ -36,7 +36,7 @@ static void tls_link_close(TlsLink *link)
 
 TEST(Tls, BytesGoBothWays)
 {
-    for (const char *signatures : {(const char *)nullptr, "RSA+SHA1"}) { // old servers are fine: nothing is verified
+    for (const char *signatures : {(const char *)nullptr, "ECDSA+SHA1"}) { // old servers are fine: nothing is verified
         TlsLink link = tls_link_open(signatures);
         char buf[64] = "";
         LogLines log;
@@ -65,12 +65,10 @@ TEST(Tls, ReadableMeansPlaintext)
     TlsLink link = tls_link_open();
     std::string text(16000, 'r');
     std::string record = tls_peer_record(&link.peer, text);
-    ASSERT_GT(record.size(), text.size());
-
     std::thread server([&] {
-        send(link.peer.fd, record.data(), record.size() / 2, 0);
+        peer_send(link.peer.fd, record.substr(0, record.size() / 2));
         usleep(300000);
-        send(link.peer.fd, record.data() + record.size() / 2, record.size() - record.size() / 2, 0);
+        peer_send(link.peer.fd, record.substr(record.size() / 2));
     });
     EXPECT_TRUE(readable_within(link.conn.socket_fd, 5000));
     int64_t start = wait_now_ms();
@@ -170,41 +168,7 @@ TEST(Tls, ReaderAndWriterShareASession)
     tls_peer_free(&link.peer);
 }
 
-static void peer_dribbles(int fd)
-{
-    const char record[] = "\x16\x03\x03\x40\x00\x02\x00\x3f\xfc\x03\x03"; // the head of an endless server hello
-    for (size_t i = 0; i + 1 < sizeof(record); i++) {
-        usleep(30000);
-        send(fd, record + i, 1, 0);
-    }
-    (void)read_upto(fd, 4096);
-}
-
-static void peer_leaves(int)
-{
-    usleep(50000);
-}
-
-static void peer_speaks_plain(int fd)
-{
-    usleep(50000); // after the first call
-    send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, 0);
-    (void)read_upto(fd, 4096);
-}
-
 static std::atomic<uint32_t> s_call_offs;
-
-static void stop_soon(int)
-{
-    usleep(200000);
-    stop_request(15);
-}
-
-static void call_off_soon(int)
-{
-    usleep(200000);
-    s_call_offs++;
-}
 
 TEST(Tls, HandshakesThatFail)
 {
@@ -215,11 +179,27 @@ TEST(Tls, HandshakesThatFail)
         Texts lines; // none at all when the wait is cut; no time-out covers a silent peer
         int again;   // "Try again..." lines
     } cases[] = {
-        {"too many calls", peer_dribbles, {"SSL_connect failed too much times!", "SSL deinit success!"}, 9},
-        {"plain text", peer_speaks_plain, {"Try again...", "SSL_connect faild!", "SSL deinit success!"}, 1},
-        {"end", peer_leaves, {"SSL_connect faild!", "SSL deinit success!"}, 1},
-        {"silent, stop", stop_soon, {}, 0},
-        {"silent, called off", call_off_soon, {}, 0},
+        {"too many calls, each brings a byte of an endless server hello",
+         [](int fd) {
+             for (char byte : std::string("\x16\x03\x03\x40\0\x02\0\x3f\xfc\x03\x03", 11)) {
+                 usleep(30000);
+                 send(fd, &byte, 1, 0);
+             }
+             (void)read_upto(fd, 4096);
+         },
+         {"SSL_connect failed too much times!", "SSL deinit success!"},
+         9},
+        {"plain text, after the first call",
+         [](int fd) {
+             usleep(50000);
+             send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, 0);
+             (void)read_upto(fd, 4096);
+         },
+         {"Try again...", "SSL_connect faild!", "SSL deinit success!"},
+         1},
+        {"end", [](int) { usleep(50000); }, {"SSL_connect faild!", "SSL deinit success!"}, 1},
+        {"silent, stop", [](int) { usleep(200000), stop_request(15); }, {}, 0},
+        {"silent, called off", [](int) { usleep(200000), s_call_offs++; }, {}, 0},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
