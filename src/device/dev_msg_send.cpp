@@ -7,6 +7,7 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "transport/conn_registry.h"
+#include "transport/conn_send.h"
 
 // Length and text go out of one buffer: one send, so an unhindered frame also travels as one segment.
 static int frame_send(const SocketConn *conn, const void *text, uint32_t len)

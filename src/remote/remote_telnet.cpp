@@ -10,7 +10,9 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
+#include "transport/conn_flow.h"
 #include "transport/conn_registry.h"
+#include "transport/conn_send.h"
 #include "transport/field_extract.h"
 
 constexpr size_t RELAY_CAP = 10240;     // bytes of one read, with a NUL behind them
@@ -23,12 +25,30 @@ constexpr uint32_t HEX_ABOVE_LEVEL = 6;
 static TunnelLock s_lock = {PTHREAD_MUTEX_INITIALIZER, {0}};
 static WaitBell s_bell;                   // rung when the tunnel stands
 static std::atomic<uint8_t> s_running{0}; // both halves stand; written under s_lock
-static char s_buf[RELAY_CAP];             // what was read last; under s_lock
+
+// One direction: its source is read only when its target has taken all of what was read before.
+struct RelayWay {
+    char bytes[RELAY_CAP];
+    size_t len;            // read
+    size_t sent;           // of them; sent <= len < RELAY_CAP
+    short send_events;     // what the next attempt to send waits for
+    SendProgress progress; // of the target
+};
+
+// Under s_lock.
+static RelayWay s_to_device;
+static RelayWay s_to_nm;
 
 void remote_telnet_init(void)
 {
     if (wait_bell_init(&s_bell) != 0)
         log_error("Create the remote telnet doorbell failed!");
+}
+
+static void ways_clear(void)
+{
+    s_to_device.len = s_to_device.sent = 0;
+    s_to_nm.len = s_to_nm.sent = 0;
 }
 
 static void tunnel_destroy_locked(void)
@@ -89,12 +109,13 @@ static int authenticate_locked(const TunnelRequest *request, const SocketConn *n
             log_warn("Receive remote-telnet authentication response timeout!");
         return 0;
     }
-    int len = conn_recv(nm, s_buf, RELAY_CAP - 1);
+    char answer[RELAY_CAP];
+    int len = conn_recv(nm, answer, sizeof(answer) - 1);
     char result[ID_TEXT_SIZE] = {};
     if (len >= 0) {
-        s_buf[len] = '\0';
-        answer_split(s_buf, (size_t)len, ctrl);
-        json_key_extract(s_buf, "result", result, sizeof(result));
+        answer[len] = '\0';
+        answer_split(answer, (size_t)len, ctrl);
+        json_key_extract(answer, "result", result, sizeof(result));
     }
     int accepted = strcmp(result, "true") == 0;
     if (len < 0)
@@ -164,6 +185,7 @@ static int start_locked(const TunnelRequest *request)
         tunnel_destroy_locked();
         return -1;
     }
+    ways_clear();
     s_running = 1;
     wait_bell_ring(&s_bell);
     log_info("Authentication/INIT sucessfully!");
@@ -175,25 +197,6 @@ int remote_telnet_req_handle(uintptr_t, const char *, const char *payload, uint3
     static const TunnelCommands k_commands = {&s_lock, "Remote telnet req is invalid!", "Remote telnet stopped",
                                               start_locked, tunnel_destroy_locked};
     return tunnel_command_handle(&k_commands, payload);
-}
-
-enum ReadySide { READY_NONE = 0, READY_NM = 1, READY_DEVICE = 2 }; // bits
-
-// Waits on both sides at once. What has bytes (or an end) to be read, READY_NONE after a time-out or when cut.
-static int sides_wait(const SocketConn *nm, const SocketConn *device, int timeout_ms)
-{
-    int64_t end_ms = wait_now_ms() + timeout_ms;
-    for (;;) {
-        // Asked before the descriptors: a TLS session may hold bytes already, or only part of a record.
-        int ready = (nm->socket_fd > 0 && conn_readable(nm, 0) ? READY_NM : 0) |
-                    (device->socket_fd > 0 && conn_readable(device, 0) ? READY_DEVICE : 0);
-        int64_t left_ms = end_ms - wait_now_ms();
-        if (ready || left_ms <= 0)
-            return ready;
-        struct pollfd fds[2] = {{nm->socket_fd, POLLIN, 0}, {device->socket_fd, POLLIN, 0}};
-        if (wait_fds(fds, 2, (int)left_ms) != WAIT_READY)
-            return READY_NONE;
-    }
 }
 
 static void hex_log(const SocketConn *to, const char *bytes, size_t len)
@@ -214,16 +217,34 @@ static void hex_log(const SocketConn *to, const char *bytes, size_t len)
     free(hex);
 }
 
-// The send's result, negative when the bytes did not all leave: that half is shut then.
-static int relay_send(const SocketConn *to, const char *bytes, size_t len)
+static int way_is_empty(const RelayWay *way)
 {
-    SendPart part = {bytes, len};
-    int sent = conn_send(to, SEND_STREAM, &part, 1);
-    hex_log(to, bytes, len);
-    return sent;
+    return way->sent == way->len;
 }
 
 enum RelayResult { RELAY_BROKEN = -1, RELAY_DONE = 0, RELAY_ON = 1 };
+
+// Sends as much of what was read as the target takes now; the rest stays. RELAY_DONE when the target is broken: the
+// next step tears down.
+static RelayResult way_send(RelayWay *way, const SocketConn *to)
+{
+    if (way_is_empty(way))
+        return RELAY_ON;
+    int sent = conn_send_some(to, way->bytes + way->sent, way->len - way->sent, &way->send_events);
+    if (sent > 0)
+        way->sent += (size_t)sent;
+    return sent < 0 ? RELAY_DONE : RELAY_ON;
+}
+
+// The first attempt for what was just read.
+static RelayResult way_begin(RelayWay *way, int len, const SocketConn *to)
+{
+    way->len = (size_t)len;
+    way->sent = 0;
+    RelayResult result = way_send(way, to);
+    hex_log(to, way->bytes, way->len);
+    return result;
+}
 
 // After a read that brought nothing: nothing was there, the side's end, or an error, which ends the tunnel.
 static RelayResult read_failed(const SocketConn *side, int len, int error)
@@ -240,69 +261,86 @@ static RelayResult read_failed(const SocketConn *side, int len, int error)
 }
 
 // One read of NM's bytes, which go to the device; an "INIT" among them starts a new session of the device instead.
-static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, int *nm_ended)
+static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, bool *nm_ended)
 {
-    int len = conn_recv(nm, s_buf, RELAY_CAP - 1);
+    int len = conn_recv(nm, s_to_device.bytes, RELAY_CAP - 1);
     *nm_ended = len == 0;
     if (len < 1)
         return read_failed(nm, len, errno);
     log_debug("Receive remote-telnet message from NM, len: %d.", len);
-    s_buf[len] = '\0';
-    if (!remote_telnet_is_init(s_buf)) {
-        relay_send(device, s_buf, (size_t)len);
-        return RELAY_ON;
-    }
+    s_to_device.bytes[len] = '\0';
+    if (!remote_telnet_is_init(s_to_device.bytes))
+        return way_begin(&s_to_device, len, device);
     conn_drop(device);
     conn_reconnect(REMOTE_TELNET_DEVICE);
     conn_hold(REMOTE_TELNET_DEVICE, device);
     return RELAY_ON;
 }
 
-// What the device said before it closed, on its held connection; its receive queue outlives the shutdown.
+// All of it leaves, or NM's half is shut. 0, or -1.
+static int stream_send(const SocketConn *nm, const char *bytes, size_t len)
+{
+    SendPart part = {bytes, len};
+    return conn_send(nm, SEND_STREAM, &part, 1) < 0 ? -1 : 0;
+}
+
+// The device's last bytes, on its held connection: its receive queue outlives the shutdown. NM may take its time.
 static void farewell_relay(const SocketConn *nm, const SocketConn *device)
 {
+    int result = stream_send(nm, s_to_nm.bytes + s_to_nm.sent, s_to_nm.len - s_to_nm.sent);
     int len;
-    while (device->socket_fd > 0 && (len = conn_recv(device, s_buf, RELAY_CAP - 1)) > 0) {
-        if (relay_send(nm, s_buf, (size_t)len) < 0)
-            return;
+    while (result == 0 && device->socket_fd > 0 && (len = conn_recv(device, s_to_nm.bytes, RELAY_CAP - 1)) > 0) {
+        result = stream_send(nm, s_to_nm.bytes, (size_t)len);
+        hex_log(nm, s_to_nm.bytes, (size_t)len);
     }
 }
 
-// One read of the device's bytes, which go to NM. RELAY_DONE when NM does not take them: the next step tears down.
+// One read of the device's bytes, which go to NM.
 static RelayResult device_relay(const SocketConn *nm, const SocketConn *device)
 {
-    if (!conn_check(REMOTE_TELNET_DEVICE)) {
+    if (!conn_check_progress(REMOTE_TELNET_DEVICE, &s_to_device.progress)) {
         log_warn("Remote telnet to Device is broken! Destroy tunnel!");
         farewell_relay(nm, device);
         tunnel_destroy_locked();
         return RELAY_DONE;
     }
-    int len = conn_recv(device, s_buf, RELAY_CAP - 1);
+    int len = conn_recv(device, s_to_nm.bytes, RELAY_CAP - 1);
     if (len < 1)
         return read_failed(device, len, errno);
     log_debug("Receive remote-telnet message from device, len: %d.", len);
-    return relay_send(nm, s_buf, (size_t)len) < 0 ? RELAY_DONE : RELAY_ON;
+    return way_begin(&s_to_nm, len, nm);
 }
 
-// One step on held halves: what NM has, then what the device has until it is silent or NM has bytes again.
+// What one side is waited for: its bytes when the way from it is free, room for the rest of the way to it.
+static ConnWant side_want(const SocketConn *side, bool reads, const RelayWay *from, const RelayWay *to)
+{
+    ConnWant want = {};
+    want.conn = side;
+    want.events = reads && way_is_empty(from) ? POLLIN : 0;
+    want.send_events = way_is_empty(to) ? (short)0 : to->send_events;
+    return want;
+}
+
+// One step on held halves: bytes go both ways, neither waiting for the other, until nothing has moved for 100 ms.
 static RelayResult relay_step(const SocketConn *nm, SocketConn *device)
 {
-    int nm_ended = 0; // an end of NM's bytes stays readable; the next step's liveness test deals with it
-    if (sides_wait(nm, device, RELAY_WAIT_MS) & READY_NM) {
-        RelayResult result = nm_relay(nm, device, &nm_ended);
-        if (result != RELAY_ON)
-            return result;
-    }
-    static const SocketConn k_none = {};
-    while (s_running && !wait_is_cut()) {
-        int ready = sides_wait(nm_ended ? &k_none : nm, device, RELAY_WAIT_MS);
-        if (!(ready & READY_DEVICE))
+    bool nm_ended = false; // an end of NM's bytes stays readable; the next step's liveness test deals with it
+    RelayResult result = RELAY_ON;
+    while (result == RELAY_ON && s_running && !wait_is_cut()) {
+        ConnWant sides[2] = {side_want(nm, !nm_ended, &s_to_device, &s_to_nm),
+                             side_want(device, true, &s_to_nm, &s_to_device)};
+        if (conns_wait(sides, 2, RELAY_WAIT_MS) == 0)
             return RELAY_DONE;
-        RelayResult result = device_relay(nm, device);
-        if (result != RELAY_ON || (ready & READY_NM))
-            return result;
+        if (sides[0].can_send)
+            result = way_send(&s_to_nm, nm);
+        if (sides[1].can_send && result == RELAY_ON)
+            result = way_send(&s_to_device, device);
+        if (sides[0].can_read && result == RELAY_ON)
+            result = nm_relay(nm, device, &nm_ended);
+        if (sides[1].can_read && result == RELAY_ON)
+            result = device_relay(nm, device);
     }
-    return RELAY_DONE;
+    return result;
 }
 
 // NM's half anew; what was held of the old one is let go. 1 when it stands.
@@ -315,12 +353,12 @@ static int nm_half_reconnect(SocketConn *nm)
 // Both halves are usable: 1; else the tunnel is torn down, with the device's last words delivered.
 static int halves_usable(SocketConn *nm, const SocketConn *device)
 {
-    if (!conn_check(REMOTE_TELNET_SERVER)) {
+    if (!conn_check_progress(REMOTE_TELNET_SERVER, &s_to_nm.progress)) {
         log_info("NM remote-web connection lost! Destroy tunnel now.");
-    } else if (!conn_check(REMOTE_TELNET_DEVICE)) {
+    } else if (!conn_check_progress(REMOTE_TELNET_DEVICE, &s_to_device.progress)) {
         log_info("Device remote-web connection lost! Destroy tunnel now.");
         farewell_relay(nm, device);
-    } else if (!conn_check(REMOTE_TELNET_SERVER) && !nm_half_reconnect(nm)) {
+    } else if (!conn_check_progress(REMOTE_TELNET_SERVER, &s_to_nm.progress) && !nm_half_reconnect(nm)) {
         log_warn("Remote telnet to NM is broken! Destroy tunnel!");
     } else {
         return 1;

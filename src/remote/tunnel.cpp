@@ -4,8 +4,8 @@
 #include <string.h>
 
 #include "runtime/log.h"
-#include "runtime/stop.h"
 #include "runtime/text.h"
+#include "transport/conn_send.h"
 #include "transport/field_extract.h"
 
 constexpr int WEB_SERVER_BUFFER_SIZE = 32768; // bytes, each direction; the other types take the default
@@ -129,9 +129,8 @@ static int command_lock(TunnelLock *lock, CallOff *before)
 
 int tunnel_try_lock(TunnelLock *lock, CallOff *before)
 {
-    if (lock->waiting != 0 || pthread_mutex_trylock(&lock->mutex) != 0)
+    if (lock->waiting != 0 || !wait_try_lock(&lock->mutex))
         return -1;
-    stop_hold_begin(); // wait_unlock ends it
     call_off_begin(lock, before);
     return 0;
 }

@@ -4,6 +4,7 @@
 
 #include "runtime/log.h"
 #include "runtime/text.h"
+#include "transport/conn_send.h"
 
 static const uint8_t k_magic[4] = {0x00, 0x00, 0xDD, 0xCC};
 constexpr size_t LENGTH_AT = 4;

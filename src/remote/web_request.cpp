@@ -9,6 +9,7 @@
 #include "runtime/wait.h"
 #include "transport/conn_life.h"
 #include "transport/conn_registry.h"
+#include "transport/conn_send.h"
 
 constexpr int RECORD_COUNT = 10;
 constexpr int SLOT_WAIT_MS = 100;

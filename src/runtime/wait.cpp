@@ -106,13 +106,20 @@ void wait_cadence_ms(int ms)
     }
 }
 
+int wait_try_lock(pthread_mutex_t *mutex)
+{
+    if (pthread_mutex_trylock(mutex) != 0)
+        return 0;
+    stop_hold_begin();
+    return 1;
+}
+
 WaitResult wait_lock(pthread_mutex_t *mutex)
 {
-    while (pthread_mutex_trylock(mutex) != 0) {
+    while (!wait_try_lock(mutex)) {
         if (wait_sleep_ms(LOCK_SLICE_MS) == WAIT_CUT)
             return WAIT_CUT;
     }
-    stop_hold_begin();
     return WAIT_READY;
 }
 

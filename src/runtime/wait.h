@@ -35,6 +35,7 @@ void wait_cadence_ms(int ms);
 // Takes a long lock (one that is held over waits) in a wait that can be cut. WAIT_READY when taken, else WAIT_CUT.
 // Between taking it and wait_unlock the main thread is no quit point.
 WaitResult wait_lock(pthread_mutex_t *mutex);
+int wait_try_lock(pthread_mutex_t *mutex); // the same without waiting: 1 when taken, else 0
 void wait_unlock(pthread_mutex_t *mutex);
 
 // 1 when a wait of this thread would be cut now.

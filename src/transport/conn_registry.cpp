@@ -7,6 +7,7 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
+#include "transport/conn_flow.h"
 #include "transport/conn_life.h"
 #include "transport/tls.h"
 
@@ -268,8 +269,8 @@ void conn_remove_if_current(ConnectionType type, const SocketConn *copy, int pri
         close_entry(type, CLOSE_CONNECTED, copy->life, print);
 }
 
-// The liveness test on a held entry.
-static int is_usable(const ConnectionInfo *entry)
+// Why an entry cannot be tested, with its line: 0; 1 when it has a connection to be tested.
+static int is_testable(const ConnectionInfo *entry)
 {
     const SocketConn *conn = &entry->conn;
     if (conn->socket_fd < 1) {
@@ -282,7 +283,12 @@ static int is_usable(const ConnectionInfo *entry)
                   conn->socket_fd, (int)entry->status);
         return 0;
     }
-    int state = tcp_state_get(conn->socket_fd);
+    return 1;
+}
+
+// What tcp_state_get found out about a held connection, with the line of one that is dead.
+static int is_usable(const SocketConn *conn, int state)
+{
     if (state == TCP_STATE_ESTABLISHED && !(conn->life && conn->life->broken))
         return 1;
     if (state == TCP_STATE_TIMEOUT)
@@ -299,8 +305,18 @@ int tcp_check_conn(ConnectionType type)
     if (!is_type(type))
         return 0;
     ConnectionInfo entry = entry_hold(type);
-    int usable = is_usable(&entry);
+    int usable = is_testable(&entry) && is_usable(&entry.conn, tcp_state_get(entry.conn.socket_fd));
     conn_drop(&entry.conn);
+    return usable;
+}
+
+// Ends a liveness test of the held entry: a dead one is closed, but not one that another thread registered meanwhile.
+static int check_end(ConnectionType type, ConnectionInfo *entry, int usable)
+{
+    usable = usable && conn_is_connected(type);
+    if (!usable)
+        conn_remove_if_current(type, &entry->conn, 1);
+    conn_drop(&entry->conn);
     return usable;
 }
 
@@ -313,11 +329,28 @@ int conn_check(ConnectionType type)
         return 0;
     }
     ConnectionInfo entry = entry_hold(type);
-    int usable = is_usable(&entry) && conn_is_connected(type);
-    if (!usable)
-        conn_remove_if_current(type, &entry.conn, 1); // not one that another thread has registered meanwhile
-    conn_drop(&entry.conn);
-    return usable;
+    int usable = is_testable(&entry) && is_usable(&entry.conn, tcp_state_get(entry.conn.socket_fd));
+    return check_end(type, &entry, usable);
+}
+
+// tcp_state_get's answer, at once.
+static int state_by_progress(ConnectionType type, const SocketConn *conn, SendProgress *progress)
+{
+    StuckRule rule = k_types[type].to_nm ? STUCK_AFTER_2_S : STUCK_IF_SILENT;
+    int stuck = conn_is_stuck(conn, progress, rule);
+    if (wait_fd(conn->socket_fd, POLLIN | POLLOUT, 0) != WAIT_READY)
+        return stuck ? TCP_STATE_TIMEOUT : TCP_STATE_ESTABLISHED;
+    int state = tcp_state_get(conn->socket_fd);
+    return stuck && state == TCP_STATE_ESTABLISHED ? TCP_STATE_TIMEOUT : state;
+}
+
+int conn_check_progress(ConnectionType type, SendProgress *progress)
+{
+    if (!is_type(type))
+        return 0;
+    ConnectionInfo entry = entry_hold(type);
+    int usable = is_testable(&entry) && is_usable(&entry.conn, state_by_progress(type, &entry.conn, progress));
+    return check_end(type, &entry, usable);
 }
 
 int conn_is_connected(ConnectionType type)

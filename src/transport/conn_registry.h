@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 
+#include "transport/conn_flow.h"
 #include "transport/socket.h"
 
 enum ConnectionType : uint32_t {
@@ -54,6 +55,10 @@ void conn_remove_all_but_device(void);
 // 1 when the entry is CONNECTED and still usable, else 0; a CONNECTED entry that is dead is closed (if it still is the
 // connection that was tested). A liveness test, up to 2 s. NM_UDP_DETECTION has none: it is closed and the answer is 0.
 int conn_check(ConnectionType type);
+
+// conn_check for a connection that a relay sends on: never waits. A full send buffer alone says nothing; the connection
+// is dead when its peer has taken no byte for 2 s (towards the device: 30 s if its kernel still answers).
+int conn_check_progress(ConnectionType type, SendProgress *progress);
 
 // conn_check's test without closing anything.
 int tcp_check_conn(ConnectionType type);

@@ -9,6 +9,7 @@
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
+#include "transport/conn_send.h"
 #include "transport/nm_sign.h"
 #include "transport/tls.h"
 

@@ -3,8 +3,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
-#include <linux/sockios.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -27,9 +25,6 @@ static const char k_any_port[] = "0";
 constexpr int DEFAULT_BUF_SIZE = 2048; // bytes
 constexpr int CONNECT_TIMEOUT_MS = 2000;
 constexpr int LIVENESS_TIMEOUT_MS = 2000;
-constexpr int RETRY_FAILED_MS = 100;
-constexpr int RETRY_CUT_MS = 10;
-constexpr int SEND_PATIENCE_MS = 2000; // a peer that takes no byte for so long inside a unit is given up
 constexpr int POLL_RETRY_MS = 10;
 constexpr int INTERFACE_RECORDS = 16;
 constexpr size_t LOOKUP_SCRATCH_MAX = 64 * 1024;
@@ -134,6 +129,8 @@ static int tcp_set_options(int fd, const ConnectJob *job)
     (void)set_int_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, USER_TIMEOUT_MS);
     // A web frame goes out in two sends; the second would wait some 40 ms for the delayed acknowledgement of the first.
     (void)set_int_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+    // A byte that the peer marks as urgent keeps its place in the stream, such as the Data Mark of a telnet server.
+    (void)set_int_option(fd, SOL_SOCKET, SO_OOBINLINE, 1);
     if (set_int_option(fd, SOL_SOCKET, SO_SNDBUF, job->send_buf_size) != 0) {
         log_warn("TCP setsockopt 'SO_SNDBUF' failed!");
         return -1;
@@ -336,181 +333,6 @@ void socket_close_private(SocketConn *conn)
         close(conn->socket_fd);
     conn->socket_fd = -1;
     free_remote(conn);
-}
-
-static int is_usable(const SocketConn *conn)
-{
-    return conn->socket_fd > 0 && !(conn->life && conn->life->broken);
-}
-
-static int send_once(const SocketConn *conn, const char *bytes, size_t len)
-{
-    errno = 0;
-    int sent = (int)send(conn->socket_fd, bytes, len, 0);
-    if (sent > 0 && conn->life)
-        conn->life->sent += (uint32_t)sent;
-    return sent;
-}
-
-static WaitResult pause_sending(int ms)
-{
-    log_info("Waiting: %d ms ...", ms);
-    return wait_sleep_ms(ms);
-}
-
-// The second and last attempt, 100 ms after a failed one.
-static int send_again(const SocketConn *conn, const char *rest, size_t len, size_t *accepted)
-{
-    log_warn("TCP send failed, err: %s!", error_text(errno).text);
-    if (pause_sending(RETRY_FAILED_MS) == WAIT_CUT)
-        return -1;
-    log_info("Trying to send again, len: %d!", (int)len);
-    int sent = send_once(conn, rest, len);
-    if (sent < 0) {
-        log_warn("TCP re-send failed, err: %s!", error_text(errno).text);
-        return sent;
-    }
-    *accepted += (size_t)sent;
-    if ((size_t)sent < len)
-        log_warn("TCP outgoing data has been cut, len: %d, sent: %d bytes!", (int)len, sent);
-    return sent;
-}
-
-// A short count is taken for a full buffer: a real one leaves errno as it was. 0 is no progress and returned.
-static int plain_send_counted(const SocketConn *conn, const char *bytes, size_t len, size_t *accepted)
-{
-    for (int first = -1;;) {
-        const char *rest = bytes + *accepted;
-        size_t rest_len = len - *accepted;
-        log_debug("tcp_send to %s:%s, len: %d", conn->remote_ip, conn->remote_port, (int)rest_len);
-        int sent = send_once(conn, rest, rest_len);
-        if (sent < 0) {
-            int again = send_again(conn, rest, rest_len, accepted);
-            return first < 0 ? again : first;
-        }
-        *accepted += (size_t)sent;
-        if (first < 0)
-            first = sent;
-        if (sent == 0 || (size_t)sent == rest_len) {
-            log_debug("TCP send, %d bytes.", sent);
-            return first;
-        }
-        log_warn("TCP outgoing data has been cut, len: %d, sent: %d bytes!", (int)rest_len, sent);
-        if (pause_sending(RETRY_CUT_MS) == WAIT_CUT)
-            return first;
-        log_info("Trying to send remained part, remain_len: %d!", (int)(len - *accepted));
-    }
-}
-
-int tcp_send_counted(const SocketConn *conn, const void *buf, size_t len, size_t *accepted)
-{
-    *accepted = 0;
-    if (!is_usable(conn))
-        return -1;
-    if (conn->ssl)
-        return tls_send_counted(conn->ssl, buf, len, accepted);
-    return plain_send_counted(conn, (const char *)buf, len, accepted);
-}
-
-int tcp_send(const SocketConn *conn, const void *buf, size_t len)
-{
-    size_t accepted;
-    return tcp_send_counted(conn, buf, len, &accepted);
-}
-
-// Waits for room as long as the peer takes bytes: a slow one may take many before the kernel calls that room. 0, or -1.
-static int room_wait(int fd, short events)
-{
-    for (int before = INT_MAX;;) {
-        int queued = 0;
-        (void)ioctl(fd, SIOCOUTQ, &queued);
-        if (queued >= before)
-            return -1;
-        before = queued;
-        WaitResult result = wait_fd(fd, events, SEND_PATIENCE_MS);
-        if (result != WAIT_TIMEOUT)
-            return result == WAIT_READY ? 0 : -1;
-    }
-}
-
-// What a begun unit still lacks, without lines. 0 when all of it went out.
-static int send_rest(const SocketConn *conn, const char *rest, size_t len)
-{
-    while (len > 0) {
-        short events = POLLOUT;
-        int sent = conn->ssl ? tls_write_once(conn->ssl, rest, len, &events) : send_once(conn, rest, len);
-        if (sent > 0) {
-            rest += sent;
-            len -= (size_t)sent;
-            continue;
-        }
-        if (sent < 0 && errno != EAGAIN)
-            return -1;
-        if (room_wait(conn->socket_fd, events) != 0)
-            return -1;
-    }
-    return 0;
-}
-
-static int send_rest_by_kind(const SocketConn *conn, SendKind kind, const char *rest, size_t len)
-{
-    if (kind == SEND_STREAM)
-        return send_rest(conn, rest, len);
-    CallOff before = wait_call_off_set({nullptr, 0});
-    int result = send_rest(conn, rest, len);
-    wait_call_off_set(before);
-    return result;
-}
-
-// The stream has a hole now: nobody may go on with it.
-static void give_up(const SocketConn *conn)
-{
-    if (!conn->life) {
-        shutdown(conn->socket_fd, SHUT_RDWR);
-        return;
-    }
-    conn->life->broken = 1;
-    (void)conn_life_shut(conn->life);
-}
-
-static int send_unit(const SocketConn *conn, SendKind kind, const SendPart *parts, int count)
-{
-    int result = 0;
-    bool begun = false;
-    for (int i = 0; i < count; i++) {
-        if (parts[i].len == 0)
-            continue;
-        size_t accepted;
-        const char *bytes = (const char *)parts[i].bytes;
-        result = tcp_send_counted(conn, bytes, parts[i].len, &accepted);
-        if (accepted == parts[i].len) {
-            begun = true;
-            continue;
-        }
-        // A TLS write that was not taken whole has begun a record, which nothing else may follow.
-        begun = begun || accepted > 0 || conn->ssl;
-        if (!is_usable(conn) || (!begun && kind == SEND_MESSAGE))
-            return -1;
-        if (send_rest_by_kind(conn, kind, bytes + accepted, parts[i].len - accepted) != 0) {
-            give_up(conn);
-            return -1;
-        }
-        begun = true;
-        if (result < 0)
-            result = (int)parts[i].len;
-    }
-    return result;
-}
-
-int conn_send(const SocketConn *conn, SendKind kind, const SendPart *parts, int count)
-{
-    pthread_mutex_t *order = conn->life ? &conn->life->send_order : nullptr;
-    if (order && wait_lock(order) == WAIT_CUT)
-        return -1;
-    int result = send_unit(conn, kind, parts, count);
-    if (order)
-        wait_unlock(order);
-    return result;
 }
 
 int udp_sendto(const SocketConn *conn, const void *buf, size_t len)

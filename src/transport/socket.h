@@ -1,5 +1,5 @@
-// socket.h - IPv4 TCP and UDP sockets to a peer given as texts, the value that names a connection, and the sends and
-// receives on it, plain or through its TLS session.
+// socket.h - IPv4 TCP and UDP sockets to a peer given as texts, the value that names a connection, and the
+// receives on it, plain or through its TLS session. Sends are in conn_send.h.
 // Any thread. Waits are those of wait.h and end when the process stops; a cut wait is never taken for a dead peer.
 // Error texts in the log are cut to 31 characters.
 #pragma once
@@ -43,34 +43,6 @@ SocketConn udp_connect(const char *remote_ip, const char *remote_port, const cha
 
 // Ends a private connection: TLS session (logged by tls_deinit), socket, address list; clears the fields.
 void socket_close_private(SocketConn *conn);
-
-// One send with its repetitions (100 ms after a failure, 10 ms after a short count) and lines. Returns -1
-// without a socket, the second send's result after a failed first one, and the count of the first, short send after a
-// short one: not the total. Never sends a byte twice. Callers that need to know what left use conn_send.
-int tcp_send(const SocketConn *conn, const void *buf, size_t len);
-
-// tcp_send with the bytes that the kernel or the TLS session accepted in all in *accepted.
-int tcp_send_counted(const SocketConn *conn, const void *buf, size_t len, size_t *accepted);
-
-// One contiguous piece of a message.
-struct SendPart {
-    const void *bytes;
-    size_t len;
-};
-
-enum SendKind {
-    SEND_MESSAGE, // a frame or a request: if not one byte of it was taken it is lost and the connection stays in use
-    SEND_STREAM,  // bytes of a user's stream: delivered, or the connection is shut
-};
-
-// Sends the parts back to back as one unit; no other unit gets between them (send-order lock of the connection's life).
-// Each part goes out by tcp_send with its lines. What a begun unit still lacks is then sent without further lines, as
-// long as the peer takes a byte every 2 s and the process is not stopping; else the connection is shut down and marked
-// broken, so that a stream with a hole is never used again.
-// A stop ends that; a call-off of the thread ends it for a stream only, so that a called-off command does not cost a
-// link that others share. Returns tcp_send's result for the last part (its length when that had given up and the rest
-// still went out), negative as soon as a part could not be sent whole. Empty parts are passed over.
-int conn_send(const SocketConn *conn, SendKind kind, const SendPart *parts, int count);
 
 // sendto the first resolved address; -1 without a socket or an address.
 int udp_sendto(const SocketConn *conn, const void *buf, size_t len);

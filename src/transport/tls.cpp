@@ -15,8 +15,6 @@
 
 constexpr int HANDSHAKE_CALLS = 10;
 constexpr int SEED_ROUNDS = 1024; // of 2 bytes each
-constexpr int RETRY_FAILED_MS = 100;
-constexpr int RETRY_CUT_MS = 10;
 
 struct TlsSession {
     SSL *ssl;
@@ -69,7 +67,7 @@ static void set_errno(int error)
         errno = EPROTO;
 }
 
-static const char *next_reason(void)
+const char *tls_error_reason(void)
 {
     const char *reason = ERR_reason_error_string(ERR_get_error());
     return reason ? reason : "(null)";
@@ -189,65 +187,12 @@ int tls_write_once(TlsSession *session, const void *buf, size_t len, short *even
     return -1;
 }
 
-static WaitResult pause_sending(int ms)
+uint32_t tls_bytes_written(TlsSession *session)
 {
-    log_info("Waiting: %d ms ...", ms);
-    return wait_sleep_ms(ms);
-}
-
-// The second and last attempt, 100 ms after a failed one: the same bytes, which continues a begun record.
-static int send_again(TlsSession *session, const char *rest, size_t len, size_t *accepted)
-{
-    short events;
-    log_warn("SSL send failed, err: %s!", next_reason());
-    if (pause_sending(RETRY_FAILED_MS) == WAIT_CUT)
-        return -1;
-    log_info("Trying to send again, len: %d!", (int)len);
-    int sent = tls_write_once(session, rest, len, &events);
-    if (sent < 0) {
-        log_warn("SSL re-send failed, err: %s!", next_reason());
-        return sent;
-    }
-    *accepted += (size_t)sent;
-    if ((size_t)sent < len)
-        log_warn("SSL outgoing data has been cut, len: %d, sent: %d bytes!", (int)len, sent);
-    return sent;
-}
-
-int tls_send_counted(TlsSession *session, const void *buf, size_t len, size_t *accepted)
-{
-    *accepted = 0;
-    if (!session || !buf || len == 0) {
-        log_error("Invalid parameter!");
-        return -1;
-    }
-    for (int first = -1;;) {
-        const char *rest = (const char *)buf + *accepted;
-        size_t rest_len = len - *accepted;
-        short events;
-        int sent = tls_write_once(session, rest, rest_len, &events);
-        if (sent < 0) {
-            int again = send_again(session, rest, rest_len, accepted);
-            return first < 0 ? again : first;
-        }
-        *accepted += (size_t)sent;
-        if (first < 0)
-            first = sent;
-        if ((size_t)sent == rest_len) {
-            log_debug("SSL send, %d bytes.", sent);
-            return first;
-        }
-        log_warn("SSL outgoing data has been cut, len: %d, sent: %d bytes!", (int)rest_len, sent);
-        if (pause_sending(RETRY_CUT_MS) == WAIT_CUT)
-            return first;
-        log_info("Trying to send remained part, remain_len: %d!", (int)(len - *accepted));
-    }
-}
-
-int tls_send(TlsSession *session, const void *buf, size_t len)
-{
-    size_t accepted;
-    return tls_send_counted(session, buf, len, &accepted);
+    pthread_mutex_lock(&session->mutex);
+    uint32_t written = (uint32_t)BIO_number_written(SSL_get_wbio(session->ssl));
+    pthread_mutex_unlock(&session->mutex);
+    return written;
 }
 
 int tls_recv(TlsSession *session, void *buf, size_t len)

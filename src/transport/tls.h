@@ -5,6 +5,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
 struct TlsSession;
 
@@ -13,17 +14,15 @@ struct TlsSession;
 // wait was cut).
 TlsSession *tls_init(int fd);
 
-// The rules of tcp_send with SSL_write. -1 (logged) for a missing argument or a length of 0.
-// A write that the session began is continued with the same bytes or the connection must be dropped.
-int tls_send(TlsSession *session, const void *buf, size_t len);
-
-// tls_send with the bytes accepted in all in *accepted. As long as they are not all of buf a record may be begun: the
-// rest goes out with tls_write_once, from the same memory, or the connection is dropped.
-int tls_send_counted(TlsSession *session, const void *buf, size_t len, size_t *accepted);
-
 // One SSL_write without lines or waits: bytes accepted, or -1 with errno EAGAIN (nothing taken; retry with the same
 // bytes when events, POLLIN or POLLOUT, come) or another errno (the session is dead).
 int tls_write_once(TlsSession *session, const void *buf, size_t len, short *events);
+
+// Reason of the calling thread's last failed call, static text.
+const char *tls_error_reason(void);
+
+// Bytes that the session has written to its socket so far; wraps.
+uint32_t tls_bytes_written(TlsSession *session);
 
 // One SSL_read: bytes; 0 at the peer's end; -1 with errno EAGAIN when no plaintext is there yet, with another errno on
 // a real error, and for a missing argument (logged).

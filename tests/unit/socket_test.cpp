@@ -3,6 +3,7 @@
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
 #include "transport/conn_life.h"
+#include "transport/conn_send.h"
 
 static const char k_ip[] = "127.0.0.1";
 

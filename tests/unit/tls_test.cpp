@@ -5,6 +5,7 @@
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
 #include "transport/conn_life.h"
+#include "transport/conn_send.h"
 #include "transport/tls.h"
 
 struct TlsLink {
