@@ -9,9 +9,11 @@
 #include "remote/web_pool.h"
 #include "remote/web_request.h"
 #include "remote/web_response.h"
+#include "remote/web_upload.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
+#include "transport/conn_flow.h"
 #include "transport/conn_registry.h"
 
 constexpr size_t RECV_CAP = 16384; // a frame with more than 16367 bytes of payload never completes
@@ -28,6 +30,8 @@ static std::atomic<uint8_t> s_running{0}; // authentication sent and not stopped
 // last.
 static uint8_t s_received[RECV_CAP];
 static size_t s_received_len;
+static int64_t s_received_ms;      // when NM last sent something
+static SendProgress s_nm_progress; // of the frames to NM
 
 void remote_web_init(void)
 {
@@ -51,6 +55,7 @@ static void remote_web_tunnel_destroy(void)
 {
     s_running = 0;
     web_pool_close();
+    web_upload_close();
     if (conn_info_get(REMOTE_WEB_SERVER).status != DISCONNECTED)
         conn_remove_if_connected(REMOTE_WEB_SERVER, 1);
 }
@@ -123,7 +128,7 @@ static int receive_failed(const SocketConn *nm, int len, int error)
 {
     log_warn("Receive error from: %s:%s, len: %d!", nm->remote_ip, nm->remote_port, len);
     web_request_flush();
-    if (!conn_check(REMOTE_WEB_SERVER))
+    if (!conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress))
         return 0;
     if (error == EAGAIN) {
         wait_sleep_ms(STUCK_PAUSE_MS);
@@ -133,20 +138,28 @@ static int receive_failed(const SocketConn *nm, int len, int error)
     return 0;
 }
 
-// One turn of the receive loop; 0 when it is to be left.
-static int receive_turn(const SocketConn *nm)
+// Waits for bytes of NM, for devices that have room again, and for the time at which the records are to be flushed.
+// 1 when NM's bytes can be read.
+static int receive_wait(const SocketConn *nm)
 {
-    if (!conn_readable(nm, QUIET_MS)) {
-        if (wait_is_cut())
-            return 0;
-        web_request_flush();
-        return conn_check(REMOTE_WEB_SERVER);
-    }
+    ConnWant wants[1 + WEB_UPLOAD_WANTS] = {};
+    wants[0].conn = nm;
+    wants[0].events = web_upload_is_full() ? 0 : POLLIN;
+    int count = 1 + web_upload_wants(wants + 1);
+    int due_ms = web_request_due_ms();
+    (void)conns_wait(wants, count, due_ms < QUIET_MS ? due_ms : QUIET_MS);
+    return wants[0].can_read;
+}
+
+// Reads once and hands on what is complete; 0 when the connection is at its end.
+static int receive(const SocketConn *nm)
+{
     if (s_received_len > RECV_CAP) {
         log_error("Invalid buf_data_len: %u", (unsigned)s_received_len);
         s_received_len = 0;
         return 0;
     }
+    s_received_ms = wait_now_ms();
     size_t room = RECV_CAP - s_received_len;
     if (room == 0) // an incomplete frame fills the buffer: nothing more can be read until NM gives up
         return receive_failed(nm, 0, EAGAIN);
@@ -157,6 +170,21 @@ static int receive_turn(const SocketConn *nm)
     s_received_len += (size_t)len;
     frames_cut();
     return 1;
+}
+
+// One turn of the receive loop; 0 when it is to be left.
+static int receive_turn(const SocketConn *nm)
+{
+    int readable = receive_wait(nm);
+    if (wait_is_cut())
+        return 0;
+    web_request_turn();
+    if (readable && !receive(nm))
+        return 0;
+    bool quiet = !readable && wait_now_ms() - s_received_ms >= QUIET_MS;
+    if (quiet || web_request_due_ms() == 0)
+        web_request_flush();
+    return readable || conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress);
 }
 
 // The receive loop on the NM side; leaves when the connection is gone or a command wants the lock, which the caller
@@ -177,7 +205,7 @@ static void remote_web_poll(void)
     CallOff before;
     if (tunnel_try_lock(&s_lock, &before) != 0)
         return;
-    if (s_running && !conn_check(REMOTE_WEB_SERVER)) {
+    if (s_running && !conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress)) {
         log_info("Server remote-web connection lost! Destroy tunnel now.");
         remote_web_tunnel_destroy();
     } else if (s_running) {

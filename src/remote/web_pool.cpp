@@ -11,6 +11,8 @@
 struct WebResource {
     uint32_t in_use; // bound
     uint32_t failing;
+    uint32_t closing;
+    uint32_t answering; // the device side holds bytes of the device
     uint32_t binding;
     uint8_t msg_id[WEB_ID_SIZE];
     SocketConn conn; // with a life of its own, or socket_fd -1
@@ -122,36 +124,38 @@ int web_pool_nm_hold(uint32_t generation, SocketConn *copy)
     return held;
 }
 
+static void copy_locked(const WebResource *slot, WebSlot *copy)
+{
+    copy->bound = 1;
+    copy->failing = (int)slot->failing;
+    copy->closing = (int)slot->closing;
+    copy->binding = slot->binding;
+    memcpy(copy->msg_id, slot->msg_id, WEB_ID_SIZE);
+    copy->conn = slot->conn;
+    conn_life_hold(copy->conn.life);
+}
+
 void web_slot_hold(int index, WebSlot *copy)
 {
     *copy = {};
     no_conn(&copy->conn);
     pthread_mutex_lock(&s_pool_mutex);
-    if (s_open && g_remote_web_resource[index].in_use) {
-        const WebResource *slot = &g_remote_web_resource[index];
-        copy->bound = 1;
-        copy->failing = (int)slot->failing;
-        copy->binding = slot->binding;
-        memcpy(copy->msg_id, slot->msg_id, WEB_ID_SIZE);
-        copy->conn = slot->conn;
-        conn_life_hold(copy->conn.life);
-    }
+    if (s_open && g_remote_web_resource[index].in_use)
+        copy_locked(&g_remote_web_resource[index], copy);
     pthread_mutex_unlock(&s_pool_mutex);
 }
 
-static int find_locked(const uint8_t *msg_id)
+int web_slot_hold_id(const uint8_t *msg_id, WebSlot *copy)
 {
-    for (int i = 0; s_open && i < WEB_SLOT_COUNT; i++) {
-        if (g_remote_web_resource[i].in_use && web_id_equal(g_remote_web_resource[i].msg_id, msg_id))
-            return i;
-    }
-    return -1;
-}
-
-int web_slot_find(const uint8_t *msg_id)
-{
+    int index = -1;
     pthread_mutex_lock(&s_pool_mutex);
-    int index = find_locked(msg_id);
+    for (int i = 0; s_open && i < WEB_SLOT_COUNT && index < 0; i++) {
+        const WebResource *slot = &g_remote_web_resource[i];
+        if (!slot->in_use || !web_id_equal(slot->msg_id, msg_id))
+            continue;
+        index = i;
+        copy_locked(slot, copy);
+    }
     pthread_mutex_unlock(&s_pool_mutex);
     return index;
 }
@@ -165,7 +169,7 @@ int web_slot_bind(const uint8_t *msg_id)
         if (slot->in_use)
             continue;
         slot->in_use = 1;
-        slot->failing = 0;
+        slot->failing = slot->closing = slot->answering = 0;
         slot->binding = ++s_bindings;
         memcpy(slot->msg_id, msg_id, WEB_ID_SIZE);
         index = i;
@@ -174,20 +178,18 @@ int web_slot_bind(const uint8_t *msg_id)
     return index;
 }
 
-int web_slot_connect(int index, SocketConn conn)
+int web_slot_connect(int index, SocketConn conn, SocketConn *copy)
 {
     conn.life = conn_life_new(&conn);
     if (!conn.life) {
         socket_close_private(&conn);
         return -1;
     }
+    conn_life_hold(conn.life);
+    *copy = conn;
     pthread_mutex_lock(&s_pool_mutex);
-    WebResource *slot = &g_remote_web_resource[index];
-    SocketConn unwanted = s_open && slot->in_use ? slot->conn : conn;
-    if (s_open && slot->in_use)
-        slot->conn = conn;
+    g_remote_web_resource[index].conn = conn;
     pthread_mutex_unlock(&s_pool_mutex);
-    conn_drop(&unwanted);
     return 0;
 }
 
@@ -197,7 +199,7 @@ static int is_current_locked(int index, const ConnLife *life)
 }
 
 // Closes the slot's connection if it still is the one of life, and unbinds the slot when unbind is set.
-static int slot_close(int index, const ConnLife *life, int unbind)
+static int close_current(int index, const ConnLife *life, int unbind)
 {
     SocketConn closing;
     no_conn(&closing);
@@ -215,34 +217,49 @@ static int slot_close(int index, const ConnLife *life, int unbind)
 
 int web_slot_disconnect(int index, const ConnLife *life)
 {
-    return slot_close(index, life, 0);
+    return close_current(index, life, 0);
 }
 
 int web_slot_end(int index, const ConnLife *life)
 {
-    return slot_close(index, life, 1);
+    return close_current(index, life, 1);
 }
 
-int web_slot_fail(int index, const ConnLife *life)
+// Sets a flag of the slot if its connection still is the one of life.
+static int flag_set(int index, const ConnLife *life, uint32_t WebResource::*flag)
 {
     pthread_mutex_lock(&s_pool_mutex);
     int current = is_current_locked(index, life);
     if (current)
-        g_remote_web_resource[index].failing = 1;
+        g_remote_web_resource[index].*flag = 1;
     pthread_mutex_unlock(&s_pool_mutex);
     return current;
 }
 
-void web_slot_end_id(const uint8_t *msg_id)
+int web_slot_fail(int index, const ConnLife *life)
 {
-    SocketConn closing;
-    no_conn(&closing);
+    return flag_set(index, life, &WebResource::failing);
+}
+
+int web_slot_close(int index, const ConnLife *life)
+{
+    return flag_set(index, life, &WebResource::closing);
+}
+
+void web_slot_answering_set(int index, uint32_t binding, int answering)
+{
     pthread_mutex_lock(&s_pool_mutex);
-    int index = find_locked(msg_id);
-    if (index >= 0) {
-        closing = detach_locked(&g_remote_web_resource[index]);
-        g_remote_web_resource[index].in_use = 0;
-    }
+    WebResource *slot = &g_remote_web_resource[index];
+    if (s_open && slot->in_use && slot->binding == binding)
+        slot->answering = (uint32_t)answering;
     pthread_mutex_unlock(&s_pool_mutex);
-    conn_drop(&closing);
+}
+
+int web_slot_is_answering(int index, uint32_t binding)
+{
+    pthread_mutex_lock(&s_pool_mutex);
+    const WebResource *slot = &g_remote_web_resource[index];
+    int answering = s_open && slot->in_use && slot->binding == binding && slot->answering;
+    pthread_mutex_unlock(&s_pool_mutex);
+    return answering;
 }

@@ -37,25 +37,30 @@ int web_pool_nm_hold(uint32_t generation, SocketConn *copy);
 struct WebSlot {
     int bound;
     int failing;      // request bytes were lost: no more are sent, the device side ends the slot
+    int closing;      // NM closed the msg_id: the device side leaves the slot alone, the NM side ends it
     uint32_t binding; // differs for every msg_id that the slot was bound to
     uint8_t msg_id[WEB_ID_SIZE];
     SocketConn conn; // socket_fd -1: none
 };
 void web_slot_hold(int index, WebSlot *copy);
 
-// The slot of a msg_id, -1 without one.
-int web_slot_find(const uint8_t *msg_id);
+// The slot of a msg_id with its copy; -1 without one, and nothing to drop.
+int web_slot_hold_id(const uint8_t *msg_id, WebSlot *copy);
 
 // Binds the first free slot; -1 when all are bound.
 int web_slot_bind(const uint8_t *msg_id);
 
-// Gives a bound slot its connection (fresh from tcp_connect, taken over in any case). 0, or -1 without memory.
-int web_slot_connect(int index, SocketConn conn);
+// Gives a bound slot its connection (fresh from tcp_connect, taken over in any case). NM side only, which alone touches
+// a bound slot without a connection. 0 with a held copy, or -1 without memory.
+int web_slot_connect(int index, SocketConn conn, SocketConn *copy);
 
 // Each does nothing unless life (null included) still is the slot's connection; returns 1 when it did.
 int web_slot_disconnect(int index, const ConnLife *life); // closes the connection, the slot stays bound
 int web_slot_end(int index, const ConnLife *life);        // closes the connection and unbinds the slot
 int web_slot_fail(int index, const ConnLife *life);       // sets failing
+int web_slot_close(int index, const ConnLife *life);      // sets closing
 
-// Unbinds whatever serves the msg_id.
-void web_slot_end_id(const uint8_t *msg_id);
+// The device side says, before it reads, that it has bytes of the slot's device which NM has not got yet, and takes it
+// back when NM has them all.
+void web_slot_answering_set(int index, uint32_t binding, int answering);
+int web_slot_is_answering(int index, uint32_t binding);

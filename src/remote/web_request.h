@@ -1,7 +1,6 @@
-// web_request.h - a remote-web tunnel's way from NM to the device: ten records gather each msg_id's request bytes until
-// NM falls quiet, then they go out on the msg_id's device connection.
-// Records belong to whoever holds the tunnel's command lock. Blocks: connect 2 s, a device that takes no byte 2 s, the
-// wait for a free slot without limit; all end when the tunnel is called off.
+// web_request.h - the records of a remote-web tunnel: ten records gather each msg_id's request bytes until NM falls
+// quiet, then they go on to the msg_id's device connection (web_upload).
+// Records belong to whoever holds the tunnel's command lock. Blocks: as web_upload.
 #pragma once
 
 #include <stdint.h>
@@ -19,3 +18,9 @@ int web_request_handle(const WebHeader *header, const uint8_t *payload);
 
 // Forwards what the records hold, in their order, and carries out NM's destroys.
 void web_request_flush(void);
+
+// Milliseconds until the records have to be flushed although NM does not fall quiet; INT_MAX when they hold nothing.
+int web_request_due_ms(void);
+
+// One turn of the uploads: web_upload_turn, and slots for the msg_ids that wait for one.
+void web_request_turn(void);

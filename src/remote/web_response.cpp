@@ -2,10 +2,8 @@
 
 #include <atomic>
 #include <errno.h>
-#include <linux/sockios.h>
 #include <poll.h>
 #include <stdlib.h>
-#include <sys/ioctl.h>
 
 #include "remote/web_pool.h"
 #include "runtime/log.h"
@@ -13,12 +11,10 @@
 #include "runtime/stop.h"
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
-#include "transport/conn_life.h"
 #include "transport/conn_registry.h"
 
-constexpr int FRAME_PAUSE_MS = 10;       // between two frames of a slot
-constexpr int PASS_MS = 10;              // between two liveness tests of the idle slots
-constexpr int DEVICE_PATIENCE_MS = 2000; // for a device that takes no byte of a full send buffer
+constexpr int FRAME_PAUSE_MS = 10; // between two frames of a slot
+constexpr int PASS_MS = 10;        // between two liveness tests of the idle slots
 constexpr int32_t FORWARD_LEN_DEFAULT = 10240;
 
 // What the thread keeps of one slot.
@@ -28,8 +24,6 @@ struct Response {
     size_t len;       // read
     size_t sent;      // of them; sent <= len <= read_cap
     int64_t next_frame_ms;
-    int64_t full_since_ms; // 0: the send buffer has room
-    uint32_t taken;        // by the device when the buffer was last seen full; wraps
 };
 
 struct Responses {
@@ -37,6 +31,7 @@ struct Responses {
     size_t read_cap;  // bytes of one read; settings may be read again, so they are copied at the start
     size_t frame_cap; // payload bytes of one frame
     int64_t next_pass_ms;
+    bool is_short;  // no memory for a slot's reads; said once
     int first_slot; // of the next turn: where room at NM's side ran out, so that each gets its share of a slow NM
     Response slots[WEB_SLOT_COUNT];
 };
@@ -51,15 +46,15 @@ static void response_reset(Response *response)
 
 static void slot_finish(int index, const WebSlot *slot, const SocketConn *nm)
 {
-    // Ended first: the other side may have connected the msg_id anew, and that must not be reported closed.
-    if (web_slot_end(index, slot->conn.life) &&
-        remote_web_rsp_transmit_privately(nm, nullptr, 0, slot->msg_id, MSG_TYPE_DEV_DESTROY) != 0)
-        log_error("The end stage: remote_web_rsp_transmit_privately failed!");
+    // Ended first: the other side may have connected the msg_id anew, and that must not be reported closed. A frame
+    // that NM does not take ends NM's connection, which has its own line.
+    if (web_slot_end(index, slot->conn.life))
+        (void)remote_web_rsp_transmit_privately(nm, nullptr, 0, slot->msg_id, MSG_TYPE_DEV_DESTROY);
 }
 
 // Sends the next frame of what was read. A frame that NM did not take whole died with its connection; it is kept for
 // the next one.
-static void frame_send(const Responses *all, Response *response, const WebSlot *slot, const SocketConn *nm)
+static void frame_send(const Responses *all, int index, Response *response, const WebSlot *slot, const SocketConn *nm)
 {
     size_t len = response->len - response->sent;
     if (len > all->frame_cap)
@@ -67,19 +62,32 @@ static void frame_send(const Responses *all, Response *response, const WebSlot *
     if (remote_web_rsp_transmit_privately(nm, response->bytes + response->sent, (uint32_t)len, slot->msg_id,
                                           MSG_TYPE_RESP) == 0)
         response->sent += len;
+    if (response->sent == response->len)
+        web_slot_answering_set(index, slot->binding, 0);
     response->next_frame_ms = wait_now_ms() + FRAME_PAUSE_MS;
 }
 
-static void slot_read(const Responses *all, int index, Response *response, const WebSlot *slot, const SocketConn *nm)
+// The buffer of a slot's reads. Without memory the slot waits, after one line.
+static int buffer_take(Responses *all, Response *response)
 {
     if (!response->bytes)
         response->bytes = (uint8_t *)malloc(all->read_cap);
-    if (!response->bytes) {
+    if (!response->bytes && !all->is_short)
         log_error("malloc error!");
+    all->is_short = !response->bytes;
+    return response->bytes != nullptr;
+}
+
+static void slot_read(Responses *all, int index, Response *response, const WebSlot *slot, const SocketConn *nm)
+{
+    if (!buffer_take(all, response)) {
         response->next_frame_ms = wait_now_ms() + FRAME_PAUSE_MS;
         return;
     }
+    web_slot_answering_set(index, slot->binding, 1);
     int len = conn_recv(&slot->conn, response->bytes, all->read_cap);
+    if (len < 1)
+        web_slot_answering_set(index, slot->binding, 0);
     if (len < 0 && errno == EAGAIN)
         return;
     if (len < 1) {
@@ -93,30 +101,14 @@ static void slot_read(const Responses *all, int index, Response *response, const
     log_debug("Receive remote-web response from device, len: %d", len);
     response->len = (size_t)len;
     response->sent = 0;
-    frame_send(all, response, slot, nm);
+    frame_send(all, index, response, slot, nm);
 }
 
-// 1 when the idle slot's connection is no longer established, or its device has taken no byte of a full send buffer for
-// 2 s. tcp_check_fd waits those 2 s; here the other slots would wait too, and a slow device that still takes some is
-// left alone.
-static int slot_is_dead(Response *response, const SocketConn *conn)
+// 1 when the idle slot's connection is no longer established. A full send buffer says nothing here: what the device
+// does not take is the other side's to judge.
+static int slot_is_dead(int fd)
 {
-    int fd = conn->socket_fd;
-    int queued = 0;
-    if (wait_fd(fd, POLLOUT, 0) != WAIT_TIMEOUT || ioctl(fd, SIOCOUTQ, &queued) != 0) {
-        response->full_since_ms = 0;
-        return !tcp_check_fd(fd);
-    }
-    int64_t now = wait_now_ms();
-    uint32_t taken = conn->life->sent - (uint32_t)queued;
-    if (response->full_since_ms == 0 || taken != response->taken) {
-        response->full_since_ms = now;
-        response->taken = taken;
-    }
-    if (now - response->full_since_ms < DEVICE_PATIENCE_MS)
-        return 0;
-    log_info("TCP socket: %d, selecting timeout.", fd);
-    return 1;
+    return wait_fd(fd, POLLOUT, 0) != WAIT_TIMEOUT && !tcp_check_fd(fd);
 }
 
 // What one look at the slots leaves to be waited for.
@@ -138,17 +130,16 @@ static int nm_has_room(const SocketConn *nm, Watch *watch)
 
 // One look at a slot; pass says that the idle ones are to be tested. Returns the time of the next look, unless
 // something watched comes earlier.
-static int64_t slot_serve(const Responses *all, int index, Response *response, const WebSlot *slot,
-                          const SocketConn *nm, int pass, Watch *watch)
+static int64_t slot_serve(Responses *all, int index, Response *response, const WebSlot *slot, const SocketConn *nm,
+                          int pass, Watch *watch)
 {
     int fd = slot->conn.socket_fd;
     if (wait_now_ms() < response->next_frame_ms)
         return response->next_frame_ms;
     if (response->sent < response->len) {
-        response->full_since_ms = 0; // the slot is not tested meanwhile
         if (!nm_has_room(nm, watch))
             return INT64_MAX;
-        frame_send(all, response, slot, nm);
+        frame_send(all, index, response, slot, nm);
         return response->next_frame_ms;
     }
     if (all->read_cap == 0 || fd < 1) {
@@ -159,13 +150,12 @@ static int64_t slot_serve(const Responses *all, int index, Response *response, c
         return INT64_MAX;
     }
     if (poll_readable(fd, 0)) {
-        response->full_since_ms = 0;
         if (!nm_has_room(nm, watch))
             return INT64_MAX;
         slot_read(all, index, response, slot, nm);
         return response->next_frame_ms;
     }
-    if (pass && slot_is_dead(response, &slot->conn))
+    if (pass && slot_is_dead(fd))
         slot_finish(index, slot, nm);
     else
         watch->fds[watch->count++] = {fd, POLLIN, 0};
@@ -194,7 +184,7 @@ static WaitResult slots_turn(Responses *all, const SocketConn *nm)
             response_reset(response);
             response->binding = slots[i].binding;
         }
-        if (!slots[i].bound || g_web_pool_generation != all->generation)
+        if (!slots[i].bound || slots[i].closing || g_web_pool_generation != all->generation)
             continue;
         int64_t wanted_ms = slot_serve(all, i, response, &slots[i], nm, pass, &watch);
         if (wanted_ms < next_ms)

@@ -140,7 +140,9 @@ static void web_response(const Input &in)
         SocketConn device = tcp_connect("127.0.0.1", "2", nullptr, nullptr, 0, 0);
         uint8_t id[WEB_ID_SIZE] = {(uint8_t)device.socket_fd};
         require(device.socket_fd > 0 && device.socket_fd < 256 && web_slot_bind(id) == s_open_slots);
-        require(web_slot_connect(s_open_slots, device) == 0);
+        SocketConn held;
+        require(web_slot_connect(s_open_slots, device, &held) == 0);
+        conn_drop(&held);
         s_read[id[0]].clear();
     }
     g_world_watch.received = [](int fd, const void *bytes, size_t len) { s_read[fd].append((const char *)bytes, len); };

@@ -1,0 +1,448 @@
+#include "remote/web_upload.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+
+#include "remote/byte_queue.h"
+#include "remote/web_pool.h"
+#include "runtime/log.h"
+#include "runtime/plugin_info.h"
+#include "runtime/wait.h"
+#include "transport/conn_life.h"
+#include "transport/conn_registry.h"
+#include "transport/conn_send.h"
+
+constexpr size_t HELD_MAX = 256 * 1024; // bytes in all queues, beyond which NM is read no further
+constexpr int WAIT_LINE_MS = 100;       // between two lines about msg_ids that wait for a slot
+constexpr int LOST_QUIET_MS = 500;      // of a lost msg_id, after which its bytes count as a new stream
+constexpr int DEVICE_SEND_BUFFER_SIZE = 4096;
+constexpr int DEVICE_RECV_BUFFER_SIZE = 65536;
+
+// What the device of a slot has still to take.
+struct Upload {
+    uint32_t binding; // of the slot, when the queue began
+    uint8_t msg_id[WEB_ID_SIZE];
+    SocketConn conn; // held while the queue is not empty
+    short send_events;
+    ByteQueue queue;
+    SendProgress progress;
+};
+
+// A msg_id for which no slot was free.
+struct Waiting {
+    Waiting *next;
+    uint8_t msg_id[WEB_ID_SIZE];
+    ByteQueue queue;
+};
+
+// A msg_id of which bytes were lost.
+struct Lost {
+    int64_t until_ms; // 0: free
+    uint8_t msg_id[WEB_ID_SIZE];
+};
+
+// All under the tunnel's command lock.
+static Upload s_uploads[WEB_SLOT_COUNT];
+static_assert(WEB_UPLOAD_WANTS == WEB_SLOT_COUNT, "one want per slot");
+static Waiting *s_waiting; // in the order of arrival
+static int64_t s_wait_line_ms;
+static Lost s_lost[WEB_SLOT_COUNT];
+static int s_lost_next; // the entry to be used again
+static size_t s_held;   // bytes in all queues and their entries
+
+static bool has_queue(const Upload *upload)
+{
+    return byte_queue_len(&upload->queue) > 0;
+}
+
+int web_upload_is_full(void)
+{
+    return s_held >= HELD_MAX;
+}
+
+static Lost *lost_find(const uint8_t *msg_id)
+{
+    for (Lost &lost : s_lost) {
+        if (lost.until_ms > wait_now_ms() && web_id_equal(lost.msg_id, msg_id))
+            return &lost;
+    }
+    return nullptr;
+}
+
+static void lost_note(const uint8_t *msg_id)
+{
+    Lost *lost = lost_find(msg_id);
+    if (!lost) {
+        lost = &s_lost[s_lost_next];
+        s_lost_next = (s_lost_next + 1) % WEB_SLOT_COUNT;
+    }
+    memcpy(lost->msg_id, msg_id, WEB_ID_SIZE);
+    lost->until_ms = wait_now_ms() + LOST_QUIET_MS;
+}
+
+static void lost_forget(const uint8_t *msg_id)
+{
+    Lost *lost = lost_find(msg_id);
+    if (lost)
+        lost->until_ms = 0;
+}
+
+static void upload_clear(Upload *upload)
+{
+    s_held -= byte_queue_len(&upload->queue);
+    byte_queue_clear(&upload->queue);
+    conn_drop(&upload->conn);
+    upload->progress = {};
+}
+
+// Forgets the queues of slots that the device side has ended meanwhile.
+static void uploads_settle(void)
+{
+    for (int i = 0; i < WEB_SLOT_COUNT; i++) {
+        Upload *upload = &s_uploads[i];
+        if (!has_queue(upload))
+            continue;
+        WebSlot slot;
+        web_slot_hold(i, &slot);
+        if (!slot.bound || slot.binding != upload->binding) {
+            lost_note(upload->msg_id);
+            upload_clear(upload);
+        }
+        conn_drop(&slot.conn);
+    }
+}
+
+// The slot's stream has a hole: no more is sent, and the device side ends the slot behind what the device has said.
+static void slot_lose(int index, const WebSlot *slot)
+{
+    lost_note(slot->msg_id);
+    upload_clear(&s_uploads[index]);
+    (void)web_slot_fail(index, slot->conn.life);
+    (void)conn_life_shut(slot->conn.life);
+}
+
+static void slot_send_failed(int index, const WebSlot *slot)
+{
+    if (!wait_is_cut())
+        log_error("tcp_send failed !!!");
+    slot_lose(index, slot);
+}
+
+// Keeps what the device did not take. -1 without memory.
+static int upload_keep(Upload *upload, const WebSlot *slot, const uint8_t *bytes, size_t len)
+{
+    if (byte_queue_append(&upload->queue, bytes, len) != 0)
+        return -1;
+    s_held += len;
+    upload->binding = slot->binding;
+    memcpy(upload->msg_id, slot->msg_id, WEB_ID_SIZE);
+    if (upload->conn.life != slot->conn.life) {
+        conn_drop(&upload->conn);
+        upload->conn = slot->conn;
+        conn_life_hold(upload->conn.life);
+    }
+    return 0;
+}
+
+// Hands the bytes to a slot whose connection is alive.
+static void slot_write(int index, const WebSlot *slot, const uint8_t *bytes, size_t len)
+{
+    Upload *upload = &s_uploads[index];
+    int sent = 0;
+    if (!has_queue(upload))
+        sent = conn_send_some(&slot->conn, bytes, len, &upload->send_events);
+    if (sent < 0 || ((size_t)sent < len && upload_keep(upload, slot, bytes + sent, len - (size_t)sent) != 0))
+        slot_send_failed(index, slot);
+}
+
+// Connects the slot to the device; its connection is held in *slot then. 0, or -1 (logged).
+static int slot_connect(int index, WebSlot *slot)
+{
+    PluginInfo info;
+    plugin_info_get(&info);
+    const Endpoint *web = &info.dev_web;
+    SocketConn conn = tcp_connect(web->remote_ip, web->remote_port, nullptr, nullptr, DEVICE_SEND_BUFFER_SIZE,
+                                  DEVICE_RECV_BUFFER_SIZE);
+    conn_drop(&slot->conn);
+    if (conn.socket_fd < 1 || web_slot_connect(index, conn, &slot->conn) != 0) {
+        log_warn("Create connection to IP: %s, Port: %s failed!", web->remote_ip, web->remote_port);
+        return -1;
+    }
+    return 0;
+}
+
+// 1 while the connection is established. A full send buffer says nothing here: the queue is judged by its progress.
+static int device_is_alive(int fd)
+{
+    return wait_fd(fd, POLLIN | POLLOUT, 0) == WAIT_TIMEOUT || tcp_check_fd(fd);
+}
+
+// 1 when NM has not got all that the device has said: then what NM sends cannot be the answer to it. The socket is
+// looked at first: the device side says that it is answering before it reads.
+static int is_answering(int index, const WebSlot *slot)
+{
+    int unread = 0;
+    (void)ioctl(slot->conn.socket_fd, FIONREAD, &unread);
+    return unread > 0 || web_slot_is_answering(index, slot->binding);
+}
+
+enum SlotState {
+    SLOT_READY,       // the connection takes bytes
+    SLOT_UNREACHABLE, // no connection to the device (logged); the slot stays bound
+    SLOT_LOST,        // the device has answered and closed in the middle of a request
+    SLOT_GONE,        // the device side ended the slot just now
+};
+
+static SlotState slot_prepare(int index, WebSlot *slot)
+{
+    int fd = slot->conn.socket_fd;
+    if (slot->failing)
+        return SLOT_LOST;
+    if (has_queue(&s_uploads[index]) || (fd > 0 && device_is_alive(fd)))
+        return SLOT_READY;
+    if (fd > 0) {
+        log_info("Invalid socket or socket disconnected: socket_fd = %d!", fd);
+        if (is_answering(index, slot))
+            return SLOT_LOST;
+        if (!web_slot_disconnect(index, slot->conn.life))
+            return SLOT_GONE;
+    }
+    return slot_connect(index, slot) == 0 ? SLOT_READY : SLOT_UNREACHABLE;
+}
+
+// Bytes for a bound slot. SLOT_GONE when it is no longer bound.
+static SlotState slot_forward(int index, WebSlot *slot, const uint8_t *bytes, size_t len)
+{
+    SlotState state = slot_prepare(index, slot);
+    if (state == SLOT_READY)
+        slot_write(index, slot, bytes, len);
+    else if (state == SLOT_LOST)
+        slot_lose(index, slot);
+    if (state == SLOT_READY || state == SLOT_LOST)
+        log_debug("Forwad remote-web message to device: len = %d", (int)len);
+    return state;
+}
+
+// The slot of the msg_id with its copy, bound now if it had none; -1 when none is free or its own one is closing.
+static int slot_obtain(const uint8_t *msg_id, WebSlot *slot)
+{
+    int index = web_slot_hold_id(msg_id, slot);
+    if (index >= 0 && slot->closing) {
+        conn_drop(&slot->conn);
+        return -1;
+    }
+    if (index < 0) {
+        index = web_slot_bind(msg_id);
+        if (index >= 0)
+            web_slot_hold(index, slot);
+    }
+    return index;
+}
+
+// 1 when the bytes went to a slot (or were lost with it), 0 when the msg_id has to wait for one.
+static int forward_now(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
+{
+    for (;;) {
+        WebSlot slot;
+        int index = slot_obtain(msg_id, &slot);
+        if (index < 0)
+            return 0;
+        SlotState state = slot_forward(index, &slot, bytes, len);
+        conn_drop(&slot.conn);
+        if (state != SLOT_GONE) // else the device side ended it, which it does once
+            return 1;
+    }
+}
+
+static Waiting *waiting_find(const uint8_t *msg_id)
+{
+    Waiting *waiting = s_waiting;
+    while (waiting && !web_id_equal(waiting->msg_id, msg_id))
+        waiting = waiting->next;
+    return waiting;
+}
+
+static void waiting_remove(Waiting *gone)
+{
+    Waiting **link = &s_waiting;
+    while (*link != gone)
+        link = &(*link)->next;
+    *link = gone->next;
+    s_held -= sizeof(*gone) + byte_queue_len(&gone->queue);
+    byte_queue_clear(&gone->queue);
+    free(gone);
+}
+
+static Waiting *waiting_add(const uint8_t *msg_id)
+{
+    Waiting *waiting = (Waiting *)calloc(1, sizeof(*waiting));
+    if (!waiting)
+        return nullptr;
+    memcpy(waiting->msg_id, msg_id, WEB_ID_SIZE);
+    Waiting **link = &s_waiting;
+    while (*link)
+        link = &(*link)->next;
+    *link = waiting;
+    s_held += sizeof(*waiting);
+    return waiting;
+}
+
+static void wait_line_log(void)
+{
+    int64_t now_ms = wait_now_ms();
+    if (now_ms - s_wait_line_ms < WAIT_LINE_MS)
+        return;
+    s_wait_line_ms = now_ms;
+    log_info("Wait a moment for resource!");
+}
+
+// Without memory the bytes are lost, and with them what follows.
+static void wait_for_slot(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
+{
+    Waiting *waiting = waiting_find(msg_id);
+    if (!waiting)
+        waiting = waiting_add(msg_id);
+    if (waiting && byte_queue_append(&waiting->queue, bytes, len) == 0) {
+        s_held += len;
+        wait_line_log();
+        return;
+    }
+    log_error("malloc error!");
+    if (waiting)
+        waiting_remove(waiting);
+    lost_note(msg_id);
+}
+
+void web_upload_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t len)
+{
+    if (!msg_id)
+        log_error("msg_id is NULL!");
+    if (!bytes)
+        log_error("msg_body is NULL!");
+    if (len == 0)
+        log_error("len is INVALID!");
+    if (!msg_id || !bytes || len == 0)
+        return;
+    uploads_settle();
+    if (lost_find(msg_id)) {
+        lost_note(msg_id); // it goes on
+        log_debug("Forwad remote-web message to device: len = %d", (int)len);
+    } else if (waiting_find(msg_id) || !forward_now(msg_id, bytes, len)) {
+        wait_for_slot(msg_id, bytes, len);
+    }
+}
+
+int web_upload_bind_next(uint8_t (&msg_id)[WEB_ID_SIZE])
+{
+    for (Waiting *waiting = s_waiting; waiting; waiting = waiting->next) {
+        const ByteQueue *queue = &waiting->queue;
+        if (!forward_now(waiting->msg_id, queue->bytes + queue->begin, byte_queue_len(queue)))
+            continue; // another one may wait for the end of its own slot only
+        memcpy(msg_id, waiting->msg_id, WEB_ID_SIZE);
+        waiting_remove(waiting);
+        return 1;
+    }
+    if (s_waiting)
+        wait_line_log();
+    return 0;
+}
+
+static void slot_end_logged(int index, const WebSlot *slot)
+{
+    upload_clear(&s_uploads[index]);
+    (void)web_slot_end(index, slot->conn.life);
+    log_debug("destroyed");
+}
+
+void web_upload_cancel(const uint8_t *msg_id)
+{
+    Waiting *waiting = waiting_find(msg_id);
+    if (waiting)
+        waiting_remove(waiting);
+    lost_forget(msg_id);
+}
+
+void web_upload_destroy(const uint8_t *msg_id)
+{
+    log_debug("destroying web id:%x%x", msg_id[6], msg_id[7]);
+    uploads_settle();
+    web_upload_cancel(msg_id);
+    WebSlot slot;
+    int index = web_slot_hold_id(msg_id, &slot);
+    if (index < 0) {
+        log_debug("destroyed");
+        return;
+    }
+    if (!has_queue(&s_uploads[index]) || !web_slot_close(index, slot.conn.life))
+        slot_end_logged(index, &slot); // else behind its last byte
+    conn_drop(&slot.conn);
+}
+
+// Sends on. 1 when the queue is empty, 0 when more is to be sent, -1 when the device does not take it.
+static int upload_send(Upload *upload, const WebSlot *slot)
+{
+    if (wait_fd(slot->conn.socket_fd, upload->send_events, 0) == WAIT_TIMEOUT)
+        return conn_is_stuck(&slot->conn, &upload->progress, slot->closing ? STUCK_AFTER_2_S : STUCK_IF_SILENT) ? -1
+                                                                                                                : 0;
+    upload->progress = {};
+    ByteQueue *queue = &upload->queue;
+    int sent = conn_send_some(&slot->conn, queue->bytes + queue->begin, byte_queue_len(queue), &upload->send_events);
+    if (sent < 0)
+        return -1;
+    s_held -= (size_t)sent;
+    byte_queue_consume(queue, (size_t)sent);
+    return !has_queue(upload);
+}
+
+static void slot_turn(int index, Upload *upload, const WebSlot *slot)
+{
+    int result = upload_send(upload, slot);
+    if (result > 0)
+        upload_clear(upload);
+    if (result != 0 && slot->closing)
+        slot_end_logged(index, slot); // NM is not told what it has asked for
+    else if (result < 0)
+        slot_send_failed(index, slot);
+}
+
+void web_upload_turn(void)
+{
+    uploads_settle();
+    for (int i = 0; i < WEB_SLOT_COUNT && !wait_is_cut(); i++) {
+        if (!has_queue(&s_uploads[i]))
+            continue;
+        WebSlot slot;
+        web_slot_hold(i, &slot);
+        if (slot.bound)
+            slot_turn(i, &s_uploads[i], &slot);
+        conn_drop(&slot.conn);
+    }
+}
+
+int web_upload_wants(ConnWant *wants)
+{
+    int count = 0;
+    for (Upload &upload : s_uploads) {
+        if (!has_queue(&upload))
+            continue;
+        wants[count] = {};
+        wants[count].conn = &upload.conn;
+        wants[count].send_events = upload.send_events;
+        count++;
+    }
+    return count;
+}
+
+void web_upload_close(void)
+{
+    for (Upload &upload : s_uploads)
+        upload_clear(&upload);
+    while (s_waiting) {
+        log_info("Remote web stopped, give up to handle this REQ!");
+        waiting_remove(s_waiting);
+    }
+    for (Lost &lost : s_lost)
+        lost.until_ms = 0;
+    s_wait_line_ms = 0;
+}

@@ -1,0 +1,44 @@
+// web_upload.h - a remote-web tunnel's way from NM to the device, behind the records: each msg_id's bytes go to its own
+// device connection as fast as the device takes them, and no msg_id waits for another one.
+// Bytes that a device does not take at once wait in the queue of its slot; a msg_id for which no slot is free waits in
+// a list, in the order of arrival. A device that takes none of its bytes is given up after 2 s, after 30 s when its
+// kernel still answers.
+// A msg_id of which bytes were lost has a hole in its stream: what follows in the same breath is dropped, so that the
+// middle of a request never reaches the device as a request of its own.
+// Everything belongs to whoever holds the tunnel's command lock. Blocks: 2 s at most in a connect to the device.
+#pragma once
+
+#include <stdint.h>
+
+#include "remote/web_frame.h"
+#include "transport/conn_flow.h"
+
+constexpr int WEB_UPLOAD_WANTS = 10; // one per slot
+
+// Sends the bytes to the device connection of the msg_id, which is made when there is none. Null or empty arguments are
+// logged and refused.
+void web_upload_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t len);
+
+// NM closed the msg_id: its slot ends behind the bytes that its device has still to take; what waits for a slot is
+// dropped.
+void web_upload_destroy(const uint8_t *msg_id);
+
+// NM closed a msg_id that has no record: drops what waits for a slot, touches no slot.
+void web_upload_cancel(const uint8_t *msg_id);
+
+// Sends what devices have room for and ends slots that are stuck. Does not wait.
+void web_upload_turn(void);
+
+// Gives a free slot to the msg_id that has waited longest and sends its bytes: 1 with the msg_id, 0 when none waits or
+// no slot is free. While any waits, a log line every 100 ms says so.
+int web_upload_bind_next(uint8_t (&msg_id)[WEB_ID_SIZE]);
+
+// What the uploads wait for. Fills at most WEB_UPLOAD_WANTS rows and returns their number; valid until the next call of
+// this module.
+int web_upload_wants(ConnWant *wants);
+
+// 1 while the queues together hold so much that no more is to be read from NM.
+int web_upload_is_full(void);
+
+// Drops everything; the tunnel has ended.
+void web_upload_close(void);
