@@ -1,5 +1,6 @@
 #include "device_service.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <spawn.h>
 #include <stdint.h>
@@ -27,7 +28,7 @@ static sockaddr_in loopback(int port)
     return addr;
 }
 
-DeviceService::DeviceService(std::function<void(int fd)> serve, bool open_now)
+DeviceService::DeviceService(std::function<void(int fd)> serve, bool open_now, int buffer_size)
     : serve_(std::move(serve)), listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     sockaddr_in addr = loopback(0);
@@ -35,6 +36,11 @@ DeviceService::DeviceService(std::function<void(int fd)> serve, bool open_now)
     bind(listener_, reinterpret_cast<sockaddr *>(&addr), len);
     getsockname(listener_, reinterpret_cast<sockaddr *>(&addr), &len);
     port_ = ntohs(addr.sin_port);
+    for (int option : {SO_RCVBUF, SO_SNDBUF}) { // accepted sockets inherit them
+        if (buffer_size != 0) {
+            setsockopt(listener_, SOL_SOCKET, option, &buffer_size, sizeof(buffer_size));
+        }
+    }
     if (open_now) {
         open();
     }
@@ -46,16 +52,19 @@ DeviceService::~DeviceService()
     if (acceptor_.joinable()) {
         acceptor_.join();
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (int fd : serving_) {
-            shutdown(fd, SHUT_RDWR);
-        }
-    }
+    hang_up();
     for (std::thread &thread : threads_) {
         thread.join();
     }
     close(listener_);
+}
+
+void DeviceService::hang_up()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (int fd : serving_) {
+        shutdown(fd, SHUT_RDWR);
+    }
 }
 
 void DeviceService::open()
@@ -173,13 +182,25 @@ std::string noise(size_t size, unsigned seed)
     return bytes;
 }
 
+static std::string read_in_steps(int fd, size_t size, size_t step, unsigned rest_ms)
+{
+    std::string got = fd_read(fd, std::min(step, size));
+    for (std::string some = got; got.size() < size && !some.empty(); got += some) {
+        usleep(rest_ms * 1000);
+        some = fd_read(fd, std::min(step, size - got.size()));
+    }
+    return got;
+}
+
 void serve_web_files(int fd)
 {
     const std::string line = fd_read_line(fd);
     unsigned size = 0;
     unsigned seed = 1;
-    if (sscanf(line.c_str(), "+%u", &size) == 1) {
-        fd_send(fd, fd_read(fd, size) == noise(size, seed) ? "ok" : "spoilt");
+    unsigned step = 0;
+    unsigned rest_ms = 0;
+    if (sscanf(line.c_str(), "+%u %u %u", &size, &step, &rest_ms) >= 1) {
+        fd_send(fd, read_in_steps(fd, size, step == 0 ? size : step, rest_ms) == noise(size, seed) ? "ok" : "spoilt");
     } else if (sscanf(line.c_str(), "%u %u", &size, &seed) == 2) {
         fd_send(fd, noise(size, seed));
     }

@@ -18,7 +18,8 @@ const int k_socket_wait_ms = 40000; // of every blocking call below
 class DeviceService
 {
   public:
-    explicit DeviceService(std::function<void(int fd)> serve, bool open = true);
+    // buffer_size: of its sockets, each direction, in bytes; 0: the system's default.
+    explicit DeviceService(std::function<void(int fd)> serve, bool open = true, int buffer_size = 0);
     ~DeviceService();
     int port() const
     {
@@ -29,6 +30,7 @@ class DeviceService
     // Waits until that many connections are being served. False after wait_ms.
     bool wait_serving(size_t count, int wait_ms = k_socket_wait_ms);
     int accepted(); // so far
+    void hang_up(); // ends every connection
 
   private:
     void accept_loop();
@@ -56,7 +58,8 @@ std::string answer_of(int port, const std::string &request); // sends, reads to 
 std::string noise(size_t size, unsigned seed);
 
 // serve functions. web_files answers "<size> <seed>\n" with that much noise, and closes; with "+<size>\n" it takes that
-// many bytes and answers "ok" when they are noise of seed 1. echo sends back what comes.
+// many bytes and answers "ok" when they are noise of seed 1; "+<size> <step> <ms>\n": step bytes at a time, with rests
+// between them. echo sends back what comes.
 void serve_web_files(int fd);
 void serve_echo(int fd);
 // Runs a program with the connection as its standard input and output, as inetd does.

@@ -17,6 +17,7 @@
 #include "sim_tls.h"
 
 static const size_t k_auth_max = 10240;     // the agent builds the text in a buffer of that size
+static const int k_rate_ticks = 20;         // a second, of a slow reader
 static const timeval k_auth_wait = {10, 0}; // a connection that stays silent for longer is turned away
 
 static std::string auth_text(const TunnelAuth &auth)
@@ -99,6 +100,10 @@ void TunnelSim::open(const TunnelSimOptions &options)
     sim_loop_call(loop_, [&] {
         agent_listener_ = listener_open(sim_loop_base(loop_), options.address, agent_port, on_agent, this);
         client_listener_ = listener_open(sim_loop_base(loop_), options.address, options.client_port, on_client, this);
+        if (agent_listener_ != nullptr && options.receive_buffer != 0) { // accepted sockets inherit it
+            setsockopt(evconnlistener_get_fd(agent_listener_), SOL_SOCKET, SO_RCVBUF, &options.receive_buffer,
+                       sizeof(options.receive_buffer));
+        }
     });
     if (agent_listener_ != nullptr) {
         command_port_ = static_cast<uint16_t>(listener_port(agent_listener_) - beyond_command);
@@ -146,6 +151,35 @@ void TunnelSim::stall_reading(bool stall)
     });
 }
 
+void TunnelSim::read_slowly(int bytes_per_s)
+{
+    sim_loop_call(loop_, [&] {
+        rate_clear();
+        if (agent_ != nullptr && bytes_per_s != 0) {
+            const timeval tick = {0, 1000000 / k_rate_ticks};
+            const auto of_tick = static_cast<size_t>(bytes_per_s / k_rate_ticks);
+            rate_ = ev_token_bucket_cfg_new(of_tick, of_tick, EV_RATE_LIMIT_MAX, EV_RATE_LIMIT_MAX, &tick);
+            bufferevent_set_rate_limit(agent_, rate_);
+        }
+    });
+}
+
+void TunnelSim::rate_clear()
+{
+    if (rate_ != nullptr) {
+        bufferevent_set_rate_limit(agent_, nullptr);
+        ev_token_bucket_cfg_free(rate_);
+        rate_ = nullptr;
+    }
+}
+
+size_t TunnelSim::unsent()
+{
+    size_t size = 0;
+    sim_loop_call(loop_, [&] { size = agent_ != nullptr ? evbuffer_get_length(bufferevent_get_output(agent_)) : 0; });
+    return size;
+}
+
 void TunnelSim::close_agent(bool reset)
 {
     sim_loop_call(loop_, [&] {
@@ -190,6 +224,7 @@ void TunnelSim::agent_drop()
     if (agent_ == nullptr) {
         return;
     }
+    rate_clear();
     bufferevent_free(agent_);
     agent_ = nullptr;
     authenticated_ = false;

@@ -16,6 +16,7 @@
 
 struct bufferevent;
 struct evbuffer;
+struct ev_token_bucket_cfg;
 struct evconnlistener;
 typedef struct ssl_ctx_st SSL_CTX;
 
@@ -35,6 +36,7 @@ struct TunnelSimOptions {
     std::string address = "127.0.0.1";
     uint16_t command_port = 0; // the port that NM's command names; 0: a free one
     uint16_t client_port = 0;  // for browsers or telnet clients; 0: a free one
+    int receive_buffer = 0;    // bytes, of the agent's connections; 0: the system's default
 };
 
 struct TunnelStats {
@@ -79,6 +81,8 @@ class TunnelSim
     // over TLS in one record up to 16,384 bytes.
     void send_bytes(const std::string &bytes);
     void stall_reading(bool stall);
+    void read_slowly(int bytes_per_s);    // 0: as fast as it can
+    size_t unsent();                      // bytes that the agent's kernel has not taken from us
     void close_agent(bool reset = false); // what has not left yet is lost; reset: RST instead of an orderly end
 
     // Refuses the agent's further connections; the present one stays.
@@ -127,6 +131,7 @@ class TunnelSim
 
   private:
     void agent_accepted(int fd);
+    void rate_clear();
     void agent_authenticate(evbuffer *in);
     static void on_agent(evconnlistener *, int fd, struct sockaddr *, int, void *self);
     static void on_client(evconnlistener *, int fd, struct sockaddr *, int, void *self);
@@ -137,6 +142,7 @@ class TunnelSim
     TunnelAuth auth_;
     bool mute_;
     SSL_CTX *tls_ = nullptr;
+    ev_token_bucket_cfg *rate_ = nullptr; // of the connection that is read slowly
     evconnlistener *agent_listener_ = nullptr;
     evconnlistener *client_listener_ = nullptr;
     uint16_t command_port_ = 0;

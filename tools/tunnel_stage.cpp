@@ -88,6 +88,27 @@ bool telnet_close(TunnelStage *stage)
            stage->telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; });
 }
 
+void web_request(WebTunnelSim *web, uint64_t id, const std::string &bytes)
+{
+    std::string frames;
+    for (size_t at = 0; at < bytes.size(); at += 8000) {
+        frames += web_frame(WEB_FRAME_REQ, id, bytes.substr(at, 8000));
+    }
+    web->send_bytes(frames);
+}
+
+uint64_t web_ask(WebTunnelSim *web, const std::string &bytes)
+{
+    const uint64_t id = web->open_id();
+    web_request(web, id, bytes);
+    return id;
+}
+
+bool web_data_is(WebTunnelSim *web, uint64_t id, const std::string &expected)
+{
+    return web->wait(k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).data == expected; });
+}
+
 std::string tunnel_problems(const TunnelStage &stage)
 {
     std::string all;

@@ -29,6 +29,12 @@ bool telnet_open(TunnelStage *stage); // "start", and waits for the relay
 bool web_close(TunnelStage *stage);   // "stop", and waits for the end of the connection
 bool telnet_close(TunnelStage *stage);
 
+// Request bytes of an id, in frames of 8,000 bytes at most; of a fresh one.
+void web_request(WebTunnelSim *web, uint64_t id, const std::string &bytes);
+uint64_t web_ask(WebTunnelSim *web, const std::string &bytes);
+// Waits until that is all that the device has answered to the id.
+bool web_data_is(WebTunnelSim *web, uint64_t id, const std::string &expected);
+
 // What NM's tunnel ends found wrong, one line each.
 std::string tunnel_problems(const TunnelStage &stage);
 
