@@ -178,7 +178,7 @@ static int receive_turn(const SocketConn *nm)
     int readable = receive_wait(nm);
     if (wait_is_cut())
         return 0;
-    web_request_turn();
+    web_upload_turn();
     if (readable && !receive(nm))
         return 0;
     bool quiet = !readable && wait_now_ms() - s_received_ms >= QUIET_MS;

@@ -48,9 +48,11 @@ static void record_flush(WebRequest *record)
         record->len = 0;
     }
     if (record->destroy) {
+        log_debug("destroying web id:%x%x", record->msg_id[6], record->msg_id[7]);
         web_upload_destroy(record->msg_id);
         record->destroy = 0;
         record->in_use = 0;
+        log_debug("destroyed");
     }
 }
 
@@ -77,35 +79,24 @@ static int record_append(WebRequest *record, const WebHeader *header, const uint
     return 0;
 }
 
-// Binds the first free record to the msg_id; null when there is none.
-static WebRequest *record_bind(const uint8_t *msg_id)
+static void record_take(const WebHeader *header, const uint8_t *payload)
 {
+    log_debug("req");
+    log_debug("alloc one");
     for (int i = 0; i < RECORD_COUNT; i++) {
         WebRequest *record = &g_remote_web_temp_buffer[i];
         if (record->in_use)
             continue;
         record->in_use = 1;
         record->destroy = 0;
-        record->len = 0;
-        memcpy(record->msg_id, msg_id, WEB_ID_SIZE);
-        return record;
-    }
-    return nullptr;
-}
-
-static void record_take(const WebHeader *header, const uint8_t *payload)
-{
-    log_debug("req");
-    log_debug("alloc one");
-    WebRequest *record = record_bind(header->msg_id);
-    if (!record) {
-        log_debug("no resource, handle directly");
-        web_upload_forward(header->msg_id, payload, header->length);
+        memcpy(record->msg_id, header->msg_id, WEB_ID_SIZE);
+        memcpy(record->data, payload, header->length);
+        record->len = header->length;
+        log_debug("copy curr header length:%d", (int)record->len);
         return;
     }
-    memcpy(record->data, payload, header->length);
-    record->len = header->length;
-    log_debug("copy curr header length:%d", (int)record->len);
+    log_debug("no resource, handle directly");
+    web_upload_forward(header->msg_id, payload, header->length);
 }
 
 int web_request_handle(const WebHeader *header, const uint8_t *payload)
@@ -120,7 +111,7 @@ int web_request_handle(const WebHeader *header, const uint8_t *payload)
         if (record)
             record->destroy = 1;
         else
-            web_upload_cancel(header->msg_id);
+            web_upload_destroy(header->msg_id); // its bytes went to the device directly
         return 0;
     }
     if (header->type != MSG_TYPE_REQ || header->length > WEB_REQUEST_CAP)
@@ -149,15 +140,4 @@ int web_request_due_ms(void)
         return INT_MAX;
     int64_t left_ms = s_held_since_ms + HELD_MAX_MS - wait_now_ms();
     return left_ms > 0 ? (int)left_ms : 0;
-}
-
-void web_request_turn(void)
-{
-    web_upload_turn();
-    uint8_t msg_id[WEB_ID_SIZE];
-    while (!wait_is_cut() && web_upload_bind_next(msg_id)) {
-        // NM ends a msg_id through its record, and the ten that were in use may be free again.
-        if (!record_find(msg_id))
-            (void)record_bind(msg_id);
-    }
 }

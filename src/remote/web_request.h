@@ -21,6 +21,3 @@ void web_request_flush(void);
 
 // Milliseconds until the records have to be flushed although NM does not fall quiet; INT_MAX when they hold nothing.
 int web_request_due_ms(void);
-
-// One turn of the uploads: web_upload_turn, and slots for the msg_ids that wait for one.
-void web_request_turn(void);

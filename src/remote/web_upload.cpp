@@ -32,6 +32,7 @@ struct Upload {
 // A msg_id for which no slot was free.
 struct Waiting {
     Waiting *next;
+    int is_destroyed; // NM has closed the msg_id: its slot ends behind the bytes
     uint8_t msg_id[WEB_ID_SIZE];
     ByteQueue queue;
 };
@@ -255,10 +256,11 @@ static int forward_now(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
     }
 }
 
+// The msg_id as NM means it now; an earlier use of it that NM has closed does not count.
 static Waiting *waiting_find(const uint8_t *msg_id)
 {
     Waiting *waiting = s_waiting;
-    while (waiting && !web_id_equal(waiting->msg_id, msg_id))
+    while (waiting && (waiting->is_destroyed || !web_id_equal(waiting->msg_id, msg_id)))
         waiting = waiting->next;
     return waiting;
 }
@@ -333,50 +335,50 @@ void web_upload_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t le
     }
 }
 
-int web_upload_bind_next(uint8_t (&msg_id)[WEB_ID_SIZE])
-{
-    for (Waiting *waiting = s_waiting; waiting; waiting = waiting->next) {
-        const ByteQueue *queue = &waiting->queue;
-        if (!forward_now(waiting->msg_id, queue->bytes + queue->begin, byte_queue_len(queue)))
-            continue; // another one may wait for the end of its own slot only
-        memcpy(msg_id, waiting->msg_id, WEB_ID_SIZE);
-        waiting_remove(waiting);
-        return 1;
-    }
-    if (s_waiting)
-        wait_line_log();
-    return 0;
-}
-
-static void slot_end_logged(int index, const WebSlot *slot)
+static void slot_end(int index, const WebSlot *slot)
 {
     upload_clear(&s_uploads[index]);
     (void)web_slot_end(index, slot->conn.life);
-    log_debug("destroyed");
-}
-
-void web_upload_cancel(const uint8_t *msg_id)
-{
-    Waiting *waiting = waiting_find(msg_id);
-    if (waiting)
-        waiting_remove(waiting);
-    lost_forget(msg_id);
 }
 
 void web_upload_destroy(const uint8_t *msg_id)
 {
-    log_debug("destroying web id:%x%x", msg_id[6], msg_id[7]);
     uploads_settle();
-    web_upload_cancel(msg_id);
+    lost_forget(msg_id);
+    Waiting *waiting = waiting_find(msg_id);
+    if (waiting)
+        waiting->is_destroyed = 1;
     WebSlot slot;
     int index = web_slot_hold_id(msg_id, &slot);
-    if (index < 0) {
-        log_debug("destroyed");
+    if (index < 0)
         return;
-    }
     if (!has_queue(&s_uploads[index]) || !web_slot_close(index, slot.conn.life))
-        slot_end_logged(index, &slot); // else behind its last byte
+        slot_end(index, &slot); // else behind its last byte
     conn_drop(&slot.conn);
+}
+
+// The first one whose bytes could be handed on; another one may wait for the end of its own slot only.
+static Waiting *waiting_forward(void)
+{
+    Waiting *waiting = s_waiting;
+    while (waiting &&
+           !forward_now(waiting->msg_id, waiting->queue.bytes + waiting->queue.begin, byte_queue_len(&waiting->queue)))
+        waiting = waiting->next;
+    return waiting;
+}
+
+static void waiting_turn(void)
+{
+    while (Waiting *waiting = wait_is_cut() ? nullptr : waiting_forward()) {
+        int is_destroyed = waiting->is_destroyed;
+        uint8_t msg_id[WEB_ID_SIZE];
+        memcpy(msg_id, waiting->msg_id, WEB_ID_SIZE);
+        waiting_remove(waiting);
+        if (is_destroyed)
+            web_upload_destroy(msg_id);
+    }
+    if (s_waiting)
+        wait_line_log();
 }
 
 // Sends on. 1 when the queue is empty, 0 when more is to be sent, -1 when the device does not take it.
@@ -401,7 +403,7 @@ static void slot_turn(int index, Upload *upload, const WebSlot *slot)
     if (result > 0)
         upload_clear(upload);
     if (result != 0 && slot->closing)
-        slot_end_logged(index, slot); // NM is not told what it has asked for
+        slot_end(index, slot); // NM is not told what it has asked for
     else if (result < 0)
         slot_send_failed(index, slot);
 }
@@ -418,6 +420,7 @@ void web_upload_turn(void)
             slot_turn(i, &s_uploads[i], &slot);
         conn_drop(&slot.conn);
     }
+    waiting_turn();
 }
 
 int web_upload_wants(ConnWant *wants)

@@ -19,19 +19,13 @@ constexpr int WEB_UPLOAD_WANTS = 10; // one per slot
 // logged and refused.
 void web_upload_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t len);
 
-// NM closed the msg_id: its slot ends behind the bytes that its device has still to take; what waits for a slot is
-// dropped.
+// NM closed the msg_id: its slot, also one that it still waits for, ends behind the bytes that its device has to take.
+// Nothing when it has none.
 void web_upload_destroy(const uint8_t *msg_id);
 
-// NM closed a msg_id that has no record: drops what waits for a slot, touches no slot.
-void web_upload_cancel(const uint8_t *msg_id);
-
-// Sends what devices have room for and ends slots that are stuck. Does not wait.
+// Sends what devices have room for, ends slots that are stuck, gives free slots to the msg_ids that wait; while any
+// waits, a log line every 100 ms says so. Waits for nothing but a connect.
 void web_upload_turn(void);
-
-// Gives a free slot to the msg_id that has waited longest and sends its bytes: 1 with the msg_id, 0 when none waits or
-// no slot is free. While any waits, a log line every 100 ms says so.
-int web_upload_bind_next(uint8_t (&msg_id)[WEB_ID_SIZE]);
 
 // What the uploads wait for. Fills at most WEB_UPLOAD_WANTS rows and returns their number; valid until the next call of
 // this module.
