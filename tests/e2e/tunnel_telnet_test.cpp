@@ -94,48 +94,176 @@ TEST(TunnelTelnet, FreshSessionAndLostSides)
     }
 }
 
-// A device that never stops talking must still hear the interrupt key.
+// A device that never stops talking must still hear the interrupt key, also when NM takes only a part of what it says.
 TEST(TunnelTelnet, FloodingDeviceHearsTheInterrupt)
 {
-    DeviceService device([](int fd) {
+    std::atomic<int> heard{0};
+    DeviceService device([&heard](int fd) {
         std::thread talk([fd] {
             while (fd_send(fd, noise(4096, 2))) {
             }
         });
-        while (fd_read(fd, 1).find_first_not_of('\3') != std::string::npos) {
-        }
+        while (fd_read(fd, 1) == "\3")
+            heard++;
         shutdown(fd, SHUT_RDWR);
         talk.join();
     });
     TunnelStage stage;
+    stage.options.receive_buffer = 8192;
     ASSERT_TRUE(tunnel_stage_start(&stage, false, nullptr, &device) && telnet_open(&stage));
-    ASSERT_TRUE(stage.telnet->wait(k_wait_ms, [](const TelnetTunnelStats &s) { return s.bytes_in > 200000; }));
-    const long long typed_ms = monotonic_ms();
-    stage.telnet->send_bytes("\3");
-    EXPECT_TRUE(device.wait_serving(0));
-    EXPECT_LT(monotonic_ms() - typed_ms, 5000);
+    int typed = 0;
+    for (int bytes_per_s : {0, 20000}) {
+        SCOPED_TRACE(bytes_per_s);
+        const uint64_t before = stage.telnet->stats().bytes_in;
+        stage.telnet->read_slowly(bytes_per_s);
+        ASSERT_TRUE(stage.telnet->wait(
+            k_wait_ms, [&](const TelnetTunnelStats &stats) { return stats.bytes_in > before + 100000; }));
+        int late = 0;
+        for (int i = 0; i < 5; i++) {
+            stage.telnet->send_bytes("\3");
+            typed++;
+            late += !eventually([&] { return heard == typed; }, 300);
+        }
+        EXPECT_LE(late, 1); // the machine may have been busy once
+        EXPECT_TRUE(eventually([&] { return heard == typed; }));
+    }
+    EXPECT_FALSE(agent_has_log(stage.agent, "send failed"));
+}
+
+// Takes no input before its output has been read, and its buffers are small. Its urgent byte, as that of a telnet
+// service's Data Mark, is one of the stream.
+TEST(TunnelTelnet, DeviceThatBlocksOnItsOutput)
+{
+    DeviceService device(
+        [](int fd) {
+            fd_send(fd, "a\xff");
+            send(fd, "\xf2", 1, MSG_OOB);
+            fd_send(fd, "b");
+            for (unsigned i = 0; fd_read(fd, 512) == noise(512, i) && fd_send(fd, noise(8192, i)); i++) {
+            }
+        },
+        true, 4096);
+    TunnelStage stage;
+    ASSERT_TRUE(tunnel_stage_start(&stage, false, nullptr, &device) && telnet_open(&stage));
+    EXPECT_TRUE(held_is(stage.telnet.get(), "a\xff\xf2"
+                                            "b"));
+    std::string keys, said = stage.telnet->take_held();
+    for (unsigned i = 0; i < 40; i++) {
+        keys += noise(512, i);
+        said += noise(8192, i);
+    }
+    stage.telnet->send_bytes(keys);
+    EXPECT_TRUE(held_is(stage.telnet.get(), said.substr(said.size() - 40 * 8192)));
+    EXPECT_FALSE(agent_has_log(stage.agent, "send failed"));
+}
+
+// A telnet client that lets the device echo and suppress go-ahead, and refuses all other options.
+struct Terminal {
+    explicit Terminal(int port) : fd(client_connect(port))
+    {
+    }
+    ~Terminal()
+    {
+        close(fd);
+    }
+    void take();
+    // Text on the screen, or with any of its bytes, behind what was waited for before.
+    bool wait(const std::string &text, bool any = false)
+    {
+        size_t at;
+        while ((at = any ? screen.find_first_of(text, seen) : screen.find(text, seen)) == std::string::npos && !ended)
+            take();
+        seen = at == std::string::npos ? seen : at + 1;
+        return at != std::string::npos;
+    }
+    bool wait_prompt()
+    {
+        return wait("#$", true);
+    }
+
+    int fd;
+    bool ended = false;
+    std::string raw, screen; // as received, up to the last whole command; without commands
+    size_t seen = 0;
+    int data_marks = 0;
+};
+
+void Terminal::take()
+{
+    char bytes[65536];
+    const ssize_t got = recv(fd, bytes, sizeof(bytes), 0);
+    ended = got <= 0;
+    raw.append(bytes, ended ? 0 : (size_t)got);
+    size_t at = 0, command;
+    while ((command = raw.find('\xff', at)) != std::string::npos && raw.size() - command >= 3) {
+        screen += raw.substr(at, command - at);
+        const unsigned char verb = (unsigned char)raw[command + 1], option = (unsigned char)raw[command + 2];
+        data_marks += verb == 242;
+        if (verb >= 253) // DO, DONT
+            fd_send(fd, std::string("\xff\xfc") + (char)option);
+        else if (verb >= 251) // WILL, WONT
+            fd_send(fd, std::string(option == 1 || option == 3 ? "\xff\xfd" : "\xff\xfe") + (char)option);
+        at = command + (verb >= 251 ? 3 : 2);
+    }
+    screen += raw.substr(at, command - at);
+    raw.erase(0, command);
+}
+
+// Pastes the commands and one that ends them. The milliseconds until all is done; -1 when something is missing.
+static long long paste(int port, const std::string &commands, int count)
+{
+    Terminal terminal(port);
+    if (!terminal.wait_prompt())
+        return -1;
+    const long long begin_ms = monotonic_ms();
+    std::thread typist([&] { fd_send(terminal.fd, commands + "echo all$((6 * 7))done\r\n"); });
+    bool whole = terminal.wait("all42done");
+    const long long took_ms = monotonic_ms() - begin_ms;
+    shutdown(terminal.fd, SHUT_RDWR); // a typist that nobody listens to
+    typist.join();
+    for (int i = 0; i < count; i++)
+        whole = whole && text_has(terminal.screen, "=" + std::to_string(i * 7) + "=");
+    return whole ? took_ms : -1;
 }
 
 TEST(TunnelTelnet, ShellOfTelnetd)
 {
     if (access("/usr/sbin/telnetd", X_OK) != 0)
         GTEST_SKIP() << "no telnet server: install inetutils-telnetd";
-    DeviceService telnetd(serve_program({"/usr/sbin/telnetd", "-h", "-E", "/bin/sh"}));
+    DeviceService telnetd(serve_program({"/usr/sbin/telnetd", "-h", "-E", "/bin/sh"}), true, 4096);
     TunnelStage stage;
     ASSERT_TRUE(tunnel_stage_start(&stage, true, nullptr, &telnetd) && telnet_open(&stage));
-    int fd = client_connect(stage.telnet->client_port());
-    std::string screen, byte;
-    bool typed = false;
-    while (!text_has(screen, "made 42 of it") && !(byte = fd_read(fd, 1)).empty()) {
-        if (byte == "\xff") { // an option, which is refused
-            const std::string option = fd_read(fd, 2);
-            fd_send(fd, (option[0] == '\xfd' ? "\xff\xfc" : "\xff\xfe") + option.substr(1));
-        } else {
-            screen += byte;
+    const struct {
+        const char *what;
+        const char *words; // before the number
+        int count;
+        size_t line; // bytes of each command
+    } rows[] = {
+        {"27.8 KB of commands", "echo line ", 400, 69},
+        {"461 KB of output", "printf %04600d 1; echo ", 100, 52},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        std::string commands;
+        for (int i = 0; i < row.count; i++) {
+            std::string line = row.words + ("=$((" + std::to_string(i) + "*7))= ");
+            commands += line + std::string(row.line - line.size(), 'x') + "\r\n";
         }
-        if (!typed && screen.find_first_of("#$") != std::string::npos)
-            typed = fd_send(fd, "echo made $((6 * 7)) of it\r\n");
+        const long long direct_ms = paste(telnetd.port(), commands, row.count);
+        ASSERT_GE(direct_ms, 0);
+        const long long tunnel_ms = paste(stage.telnet->client_port(), commands, row.count);
+        EXPECT_GE(tunnel_ms, 0);
+        EXPECT_LE(tunnel_ms, 2 * direct_ms + 1000) << "direct " << direct_ms; // the machine may be busy
+        ASSERT_TRUE(telnet_close(&stage) && telnet_open(&stage));
     }
-    EXPECT_TRUE(text_has(screen, "made 42 of it")) << screen;
-    close(fd);
+    EXPECT_FALSE(agent_has_log(stage.agent, "send failed"));
+
+    // The interrupt key discards what waits in the device; the Data Mark says so.
+    Terminal terminal(stage.telnet->client_port());
+    ASSERT_TRUE(terminal.wait_prompt());
+    fd_send(terminal.fd, "while :; do echo flood; done\r\n");
+    ASSERT_TRUE(terminal.wait("flood\r\nflood\r\nflood"));
+    fd_send(terminal.fd, "\3");
+    EXPECT_TRUE(terminal.wait_prompt());
+    EXPECT_EQ(1, terminal.data_marks);
 }
