@@ -283,8 +283,8 @@ static int is_usable(const ConnectionInfo *entry)
         return 0;
     }
     int state = tcp_state_get(conn->socket_fd);
-    if (state == TCP_STATE_ESTABLISHED && !(conn->life && conn->life->broken))
-        return 1;
+    if (state == TCP_STATE_ESTABLISHED) // a broken one is shut down and answers so only when its test was cut
+        return !(conn->life && conn->life->broken);
     if (state == TCP_STATE_TIMEOUT)
         log_info("TCP connection: %s:%s, socket: %d, selecting timeout.", conn->remote_ip, conn->remote_port,
                  conn->socket_fd);
