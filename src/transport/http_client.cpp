@@ -223,7 +223,7 @@ static int is_kept_for(const PluginInfo *nm)
 }
 
 // Reads away what is left of earlier answers, so that it is not taken for the next one. Returns 0 when nothing is left;
-// -1 when the connection is of no use: ended, in error, or with no end of leftovers.
+// -1 when the connection is of no use: ended, in error, with no end of leftovers, or in the middle of a record.
 static int kept_drain(const SocketConn *conn)
 {
     char scratch[2048];
@@ -231,7 +231,7 @@ static int kept_drain(const SocketConn *conn)
     for (size_t total = 0; total < DRAIN_MAX && wait_now_ms() <= end_ms;) {
         int got = conn_recv(conn, scratch, sizeof(scratch));
         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            return 0;
+            return !conn->ssl || tls_is_between_records(conn->ssl) ? 0 : -1;
         if (got <= 0)
             return -1;
         total += (size_t)got;

@@ -115,3 +115,49 @@ TEST(http_client, leftovers_never_become_the_next_answer)
         EXPECT_STREQ("{\"right\":1}", rsp);
     }
 }
+
+// The same over TLS, where the rest of the old answer comes with the rest of its record.
+TEST(http_client, half_a_record_never_becomes_the_next_answer)
+{
+    for (size_t cut : {1, 4, 5, 6, 40}) { // bytes of the record that have come by the second post; 5: its header
+        SCOPED_TRACE(cut);
+        std::promise<void> over;
+        Peer peer([&](int listener) {
+            TlsPeer first = tls_peer_new();
+            ASSERT_TRUE(tls_peer_accept(&first, listener));
+            char request[4096];
+            EXPECT_GT(SSL_read(first.ssl, request, sizeof(request)), 0);
+            std::string answer = k_ok + "{\"n\":1}";
+            EXPECT_EQ((int)answer.size(), SSL_write(first.ssl, answer.data(), (int)answer.size()));
+            over.get_future().wait();
+            std::string record = tls_peer_record(&first, k_ok + "{\"old\":1}");
+            peer_send(first.fd, record.substr(0, cut));
+            char byte;
+            EXPECT_TRUE(readable_within(first.fd, 5000));
+            if (recv(first.fd, &byte, 1, MSG_PEEK) > 0) { // a second request instead of an end
+                send(first.fd, record.data() + cut, record.size() - cut, MSG_NOSIGNAL);
+                ADD_FAILURE() << "reused";
+            } else {
+                TlsPeer second = tls_peer_new();
+                EXPECT_TRUE(tls_peer_accept(&second, listener));
+                EXPECT_GT(SSL_read(second.ssl, request, sizeof(request)), 0);
+                answer = k_ok + "{\"right\":1}";
+                EXPECT_EQ((int)answer.size(), SSL_write(second.ssl, answer.data(), (int)answer.size()));
+                tls_peer_free(&second);
+            }
+            tls_peer_free(&first);
+        });
+        nm_set(peer.port, "https");
+        LogLines log;
+        char rsp[512] = {};
+        EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
+        SocketConn kept;
+        ASSERT_EQ(1, conn_hold(HTTP, &kept));
+        over.set_value();
+        EXPECT_TRUE(readable_within(kept.socket_fd, 5000));
+        conn_drop(&kept);
+        EXPECT_EQ(11, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
+        EXPECT_STREQ("{\"right\":1}", rsp);
+        conn_remove(HTTP, 0);
+    }
+}
