@@ -188,22 +188,21 @@ static int is_request_valid(const char *host, const char *port, const char *path
     return host && port && path && method && (strcmp(method, "GET") == 0 || strcmp(method, "POST") == 0);
 }
 
-int http_request(const char *host, const char *port, const char *path, const char *method,
-                 const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
-                 size_t rsp_cap)
+// http_request by settings that the caller read together with host and port: a newer method may belong to another port.
+static int request_run(const PluginInfo *info, const char *host, const char *port, const char *path, const char *method,
+                       const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
+                       size_t rsp_cap)
 {
     if (!is_request_valid(host, port, path, method) || (!headers && header_count != 0) || !rsp || rsp_cap == 0) {
         log_error("Invalid parameters!");
         return -1;
     }
-    PluginInfo info; // of before the connect, as host and port are: a new method belongs to a new port
-    plugin_info_get(&info);
     SocketConn conn = http_tcpclient_create(host, port);
     if (conn.socket_fd < 1)
         return -1;
     size_t len;
     char *request = http_build_request(method, path, host, port, headers, header_count, body, &len);
-    int received = request ? request_exchange(&info, &conn, request, len, rsp, rsp_cap) : -2;
+    int received = request ? request_exchange(info, &conn, request, len, rsp, rsp_cap) : -2;
     free(request);
     socket_close_private(&conn);
 
@@ -238,6 +237,21 @@ static int kept_drain(const SocketConn *conn)
     }
     return -1;
 }
+int http_request(const char *host, const char *port, const char *path, const char *method,
+                 const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
+                 size_t rsp_cap)
+{
+    PluginInfo info;
+    plugin_info_get(&info);
+    return request_run(&info, host, port, path, method, headers, header_count, body, rsp, rsp_cap);
+}
+
+int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
+                      int header_count, const char *body, char *rsp, size_t rsp_cap)
+{
+    return request_run(nm, nm->nm_ip, nm->nm_port, path, "POST", headers, header_count, body, rsp, rsp_cap);
+}
+
 
 // Holds the kept connection when it is alive, clean and leads to this NM. 1 when held, else it is closed.
 static int kept_reuse(const PluginInfo *nm, SocketConn *conn)
@@ -266,7 +280,7 @@ static int kept_open(const PluginInfo *nm, SocketConn *conn)
     (void)text_set(s_kept_for.method, nm->nm_method);
     (void)text_set(s_kept_for.ip, nm->nm_ip);
     (void)text_set(s_kept_for.port, nm->nm_port);
-    conn_add(HTTP, bare, 1);
+    conn_add_as(HTTP, bare, nm_method_is_https(nm->nm_method) ? CONN_TLS : CONN_PLAIN, 1);
 
     if (conn_hold(HTTP, conn) && !wait_is_cut())
         return 1;

@@ -20,6 +20,10 @@ int http_request(const char *host, const char *port, const char *path, const cha
                  const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
                  size_t rsp_cap);
 
+// http_request with "POST" to the NM of these settings: method, address and port belong together.
+int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
+                      int header_count, const char *body, char *rsp, size_t rsp_cap);
+
 // Posts body (not empty) to path of NM on the kept connection, opening it when it is missing, dead, or was opened to
 // another NM. What is left of earlier answers is read away before the request is sent. Result as http_request.
 // A time-out leaves the connection registered.

@@ -3,6 +3,7 @@
 #include <future>
 
 #include "peers.h"
+#include "remote/remote_telnet.h"
 
 static const std::string k_ok = "HTTP/1.1 200 OK\r\n\r\n";
 
@@ -159,5 +160,96 @@ TEST(http_client, half_a_record_never_becomes_the_next_answer)
         EXPECT_EQ(11, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
         EXPECT_STREQ("{\"right\":1}", rsp);
         conn_remove(HTTP, 0);
+    }
+}
+
+// What a connection is opened with; port is NM's, over https the one behind the command's.
+static void post_to(const std::string &)
+{
+    char rsp[512] = {};
+    (void)http_post_nm("/1", "{}", rsp, sizeof(rsp));
+}
+
+static void tunnel_to(const std::string &port)
+{
+    int number = std::stoi(port) - plugin_info_nm_is_https();
+    std::string text = "{\"param\":{\"action\":\"start\",\"host\":\"127.0.0.1\",\"port\":" + std::to_string(number) +
+                       ",\"token\":\"t\",\"key\":7,\"sessionid\":\"s\"}}";
+    (void)remote_telnet_req_handle(0, nullptr, text.c_str(), (uint32_t)text.size());
+}
+
+// A queue of one that is taken: the next connection hangs for a second, until the first has been accepted.
+struct SlowListener {
+    std::string port;
+    int fd = bound_socket(SOCK_STREAM, &port);
+    SocketConn filler;
+    SlowListener()
+    {
+        EXPECT_EQ(0, listen(fd, 0));
+        filler = connect_to(port);
+    }
+    int accept_next()
+    {
+        socket_close_private(&filler);
+        close(accept(fd, nullptr, nullptr));
+        return readable_within(fd, 5000) ? accept(fd, nullptr, nullptr) : -1;
+    }
+};
+
+// The method changes while the connection is being made: what is said on it belongs to the port, which is the old one.
+TEST(http_client, encryption_is_decided_with_the_port)
+{
+    const struct {
+        const char *name;
+        void (*open)(const std::string &port);
+        const char *plain; // the first bytes when nothing is encrypted
+    } rows[] = {
+        {"post", post_to, "POST "},
+        {"tunnel", tunnel_to, "{\"ver\""},
+    };
+    start_process_once();
+    for (const auto &row : rows) {
+        for (bool was_https : {true, false}) {
+            SCOPED_TRACE(std::string(row.name) + (was_https ? " https to http" : " http to https"));
+            SlowListener nm;
+            nm_set(nm.port, was_https ? "https" : "http");
+            LogLines log;
+            const int before = open_descriptors();
+            std::thread opener([&] { row.open(nm.port); });
+            while (open_descriptors() == before) // until there is a socket that connects
+                usleep(1000);
+            nm_set(nm.port, was_https ? "http" : "https");
+            int fd = nm.accept_next();
+            std::string said = read_upto(fd, 5), hello = "\x16\x03\x01";
+            EXPECT_EQ(was_https ? hello : std::string(row.plain).substr(0, 5), said.substr(0, was_https ? 3 : 5));
+            close(fd);
+            opener.join();
+            close(nm.fd);
+            conn_remove_all();
+        }
+    }
+}
+
+// Connecting again leads to the same port, so it is encrypted as before, whatever the method in force says by now.
+TEST(http_client, reconnects_as_before)
+{
+    start_process_once();
+    for (bool was_https : {true, false}) {
+        SCOPED_TRACE(was_https);
+        Peer peer([&](int listener) {
+            for (int i = 0; i < 2; i++) {
+                TlsPeer tls = tls_peer_new();
+                EXPECT_EQ(was_https, tls_peer_accept(&tls, listener));
+                tls_peer_free(&tls);
+            }
+        });
+        nm_set(peer.port, was_https ? "https" : "http");
+        conn_add(REMOTE_TELNET_SERVER, connect_to(peer.port), 0);
+        nm_set(peer.port, was_https ? "http" : "https");
+        LogLines log;
+        EXPECT_EQ(1, conn_reconnect(REMOTE_TELNET_SERVER));
+        EXPECT_EQ(was_https, log.has("SSL init success!"));
+        EXPECT_EQ(was_https, log.has("SSL_connect")); // not even tried
+        conn_remove(REMOTE_TELNET_SERVER, 0);
     }
 }
