@@ -1,5 +1,6 @@
 #include "transport/http_client.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -55,6 +56,16 @@ char *http_build_request(const char *method, const char *path, const char *host,
     return text;
 }
 
+// Connects to a dotted address, bound to the agent's own; no address list is kept.
+static SocketConn address_connect(const char *address, const char *port, const char *local_ip)
+{
+    SocketConn conn = tcp_connect(address, port, local_ip[0] ? local_ip : nullptr, nullptr, 0, 0);
+    if (conn.remote_addr)
+        freeaddrinfo(conn.remote_addr);
+    conn.remote_addr = nullptr;
+    return conn;
+}
+
 SocketConn http_tcpclient_create(const char *host, const char *port)
 {
     SocketConn conn = {};
@@ -63,13 +74,32 @@ SocketConn http_tcpclient_create(const char *host, const char *port)
     if (resolve_host(address, sizeof(address)) == 0) {
         PluginInfo info;
         plugin_info_get(&info);
-        conn = tcp_connect(address, port, info.local_ip[0] ? info.local_ip : nullptr, nullptr, 0, 0);
-        if (conn.remote_addr)
-            freeaddrinfo(conn.remote_addr);
-        conn.remote_addr = nullptr;
+        conn = address_connect(address, port, info.local_ip);
     } else if (address[0] == '\0') {
         log_error("gethostbyname() failed: %s", address); // resolve_host says nothing about an empty name
     }
+    if (conn.socket_fd < 1)
+        log_error("http_tcpclient_create failed!");
+    return conn;
+}
+
+static bool is_address(const char *text)
+{
+    struct in_addr address;
+    return inet_pton(AF_INET, text, &address) == 1;
+}
+
+// The same for the NM of the settings, without a look-up: it could take half a minute, and the caller holds the NM post
+// lock. The settings hold addresses, unless NM's name did not resolve or "localIp" is none.
+static SocketConn nm_connect(const PluginInfo *nm)
+{
+    SocketConn conn = {};
+    if (!is_address(nm->nm_ip))
+        log_error("gethostbyname() failed: %s", nm->nm_ip);
+    else if (nm->local_ip[0] && !is_address(nm->local_ip))
+        log_error("Could not resolve host: %s\n", gai_strerror(EAI_NONAME));
+    else
+        conn = address_connect(nm->nm_ip, nm->nm_port, nm->local_ip);
     if (conn.socket_fd < 1)
         log_error("http_tcpclient_create failed!");
     return conn;
@@ -215,6 +245,21 @@ static int request_run(const PluginInfo *info, const char *host, const char *por
     return answer_take(rsp, rsp_cap);
 }
 
+int http_request(const char *host, const char *port, const char *path, const char *method,
+                 const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
+                 size_t rsp_cap)
+{
+    PluginInfo info;
+    plugin_info_get(&info);
+    return request_run(&info, host, port, path, method, headers, header_count, body, rsp, rsp_cap);
+}
+
+int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
+                      int header_count, const char *body, char *rsp, size_t rsp_cap)
+{
+    return request_run(nm, nm->nm_ip, nm->nm_port, path, "POST", headers, header_count, body, rsp, rsp_cap);
+}
+
 static int is_kept_for(const PluginInfo *nm)
 {
     return strcmp(s_kept_for.method, nm->nm_method) == 0 && strcmp(s_kept_for.ip, nm->nm_ip) == 0 &&
@@ -237,21 +282,6 @@ static int kept_drain(const SocketConn *conn)
     }
     return -1;
 }
-int http_request(const char *host, const char *port, const char *path, const char *method,
-                 const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
-                 size_t rsp_cap)
-{
-    PluginInfo info;
-    plugin_info_get(&info);
-    return request_run(&info, host, port, path, method, headers, header_count, body, rsp, rsp_cap);
-}
-
-int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
-                      int header_count, const char *body, char *rsp, size_t rsp_cap)
-{
-    return request_run(nm, nm->nm_ip, nm->nm_port, path, "POST", headers, header_count, body, rsp, rsp_cap);
-}
-
 
 // Holds the kept connection when it is alive, clean and leads to this NM. 1 when held, else it is closed.
 static int kept_reuse(const PluginInfo *nm, SocketConn *conn)
@@ -272,7 +302,7 @@ static int kept_reuse(const PluginInfo *nm, SocketConn *conn)
 // Connects and registers; 1 when held, else 0.
 static int kept_open(const PluginInfo *nm, SocketConn *conn)
 {
-    SocketConn fresh = http_tcpclient_create(nm->nm_ip, nm->nm_port);
+    SocketConn fresh = nm_connect(nm);
     if (fresh.socket_fd < 1)
         return 0;
     SocketConn bare = {}; // the table shows the kept connection without address and port

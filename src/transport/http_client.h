@@ -1,8 +1,8 @@
 // http_client.h - HTTP/1.1 requests to NM, plain or TLS: one request, one answer, one JSON object out of it.
 // Owns nothing between calls; the kept connection is the registry's HTTP entry. The request grows with its body.
 // Threads: http_request any; http_post_nm one at a time (callers hold g_nm_post_mutex). Blocks for an answer 5 s or 2 s
-// at most, beside look-up (unbounded), connect (2 s) and TLS handshake. A stop or call-off ends every wait but the
-// look-up.
+// at most, beside look-up (unbounded; http_request only), connect (2 s) and TLS handshake. A stop or call-off ends
+// every wait but the look-up.
 #pragma once
 
 #include <stddef.h>

@@ -253,3 +253,18 @@ TEST(http_client, reconnects_as_before)
         conn_remove(REMOTE_TELNET_SERVER, 0);
     }
 }
+
+// The kept connection never looks a name up: whoever posts on it holds the NM post lock.
+TEST(http_client, kept_connection_wants_an_address)
+{
+    NmPeer nm;
+    info_edit([](PluginInfo *next) { (void)text_set(next->nm_ip, "localhost"); });
+    LogLines log;
+    char rsp[512] = {};
+    EXPECT_EQ(-1, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
+    EXPECT_EQ("[ERR] gethostbyname() failed: localhost\n[ERR] http_tcpclient_create failed!\n", log.take());
+    nm_set(nm.peer.port);
+    info_edit([](PluginInfo *next) { (void)text_set(next->local_ip, "localhost"); });
+    EXPECT_EQ(-1, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
+    EXPECT_FALSE(log.has("TCP connecting"));
+}
