@@ -11,6 +11,7 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
+#include "runtime/stop.h"
 #include "transport/field_extract.h"
 #include "transport/nm_sign.h"
 
@@ -75,6 +76,7 @@ static void redirection_take(const cJSON *target)
     plugin_info_edit_commit(&edit);
     if (is_complete)
         log_info("Will redirect to the new NMS: %s", next->nm_ip);
+    nm_waits_call_off();
 }
 
 void redirection_handle(const cJSON *root)
@@ -149,8 +151,8 @@ static cJSON *activation_post(const PluginInfo *info, char *body, char *rsp)
                       info->dev_sn, info->ptype, info->category, info->pname, info->pversion, info->mac, info->local_ip,
                       info->platform_name, info->factory_name, info->protocol_version);
     if (nm_http_post(path, body, rsp, ANSWER_SIZE) < 0) {
-        if (wait_is_cut())
-            return nullptr; // asked to stop: NM refused nothing
+        if (stop_requested())
+            return nullptr; // NM refused nothing
         log_warn("Acting device failed! Retry...");
         set_dma_cause("");
         return nullptr;

@@ -119,7 +119,7 @@ int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm)
 
 static void call_off_begin(TunnelLock *lock, CallOff *before)
 {
-    *before = wait_call_off_set({&lock->waiting, 0});
+    *before = wait_call_off_set({&lock->waiting, 0, before});
 }
 
 // Announces the command, then waits. -1 when that wait was cut: nothing is held then.
