@@ -60,6 +60,47 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status
 //   -> dev_msg_mutex, timers -> log
 // A restart of the bring-up may run under the NM post lock and takes no long lock itself.
+//
+// Whose wait is it? Every wait that a thread can make, how long it lasts by itself, and what ends it early:
+// s: a stop of the process. r: the end of the last NM (g_restart_count: a restart, a changed identity, another address
+// of NM), for work that has it as its call-off: heartbeats, handshakes and their commands, run status, service reports,
+// device messages, an activation. t: a command for the same tunnel, for that tunnel's work. c: the connection is closed
+// by another thread, as a restart closes every registered one but the device's.
+//
+//   wait                         | for                                | own time-out      | ended early by
+//   -----------------------------+------------------------------------+-------------------+----------------------------
+//   TCP connect                  | the peer's answer                  | 2 s               | s r t
+//   TLS handshake                | the peer's next flight, nine times | none: stated      | s r t
+//   liveness test                | room or bytes on a connection      | 2 s               | s r t c
+//   answer over HTTP             | NM                                 | 5 s, kept 2 s     | s r; c when kept
+//   answer over UDP              | NM's datagram                      | 1 s               | s r c
+//   answers of a tunnel's set-up | NM, twice                          | 5 s each          | s r t c
+//   room for the rest of a unit  | a peer that takes no byte          | 2 s               | s c; stream: r t too. A
+//                                |                                    |                   | begun message would cost a
+//                                |                                    |                   | link that others share
+//   pauses of a send             | 10 or 100 ms to pass               | that long         | s r t
+//   relay of a tunnel            | bytes or room on either side       | its patience      | s t c
+//   slot of a web tunnel         | one of ten to become free          | none: the next    | s t c
+//                                |                                    | destroy frees one |
+//   device link, receive step    | bytes of the device                | 200 ms            | s c
+//   post lock of NM              | the post before, by these rules    | none              | s r
+//   send order of a connection   | the unit before, by these rules    | none              | s r t
+//   lock of a tunnel             | its thread or command, which "t"   | none              | s r
+//                                | makes leave                        |                   |
+//   record lock, service file    | the device's writer                | 100 ms, two tries | s r
+//   samples, records, retries,   | time to pass                       | 10 ms to 1 s      | s r
+//   polls of the service file    |                                    |                   |
+//   doorbells, timer service     | work                               | none              | s, the bell
+//   cadence of a loop            | time to pass                       | 1 to 10 ms        | nothing
+//   short locks                  | a few instructions; the log's: one | none              | nothing
+//                                | line or a change of file           |                   |
+//
+// What only the far end can end:
+//   name look-up                 | the resolver, some 30 s: the library's own wait. Never under a lock. A stop waits
+//                                | for the thread up to the hard deadline, then ends the process.
+//   line to a full pipe          | the reader of standard output; it stops every thread that logs. Ends as a look-up.
+//   close of a stalled peer      | 1 s of linger, stated; never under a lock, not at a stop.
+//   file reads and writes        | the file system. Devices and FIFOs are opened without blocking.
 static WorkThread s_work_threads[] = {
     {"remote_web", remote_web_turn, "Create remote_web thread error!"},
     {"remote_telnet", remote_telnet_turn, "Create remote_telnet thread error!"},

@@ -1,5 +1,7 @@
 #include "nm/activation.h"
 
+#include <atomic>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -9,6 +11,7 @@
 #include "nm/nm_msg.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
+#include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "transport/field_extract.h"
@@ -73,6 +76,7 @@ static void redirection_take(const cJSON *target)
         plugin_info_edit_mark(&edit, &next->nm_redirected, sizeof(next->nm_redirected));
     }
     plugin_info_edit_commit(&edit);
+    nm_waits_call_off();
     if (is_complete)
         log_info("Will redirect to the new NMS: %s", next->nm_ip);
 }
@@ -149,8 +153,8 @@ static cJSON *activation_post(const PluginInfo *info, char *body, char *rsp)
                       info->dev_sn, info->ptype, info->category, info->pname, info->pversion, info->mac, info->local_ip,
                       info->platform_name, info->factory_name, info->protocol_version);
     if (nm_http_post(path, body, rsp, ANSWER_SIZE) < 0) {
-        if (wait_is_cut())
-            return nullptr; // asked to stop: NM refused nothing
+        if (stop_requested())
+            return nullptr; // NM refused nothing
         log_warn("Acting device failed! Retry...");
         set_dma_cause("");
         return nullptr;
@@ -180,12 +184,66 @@ int device_activate(void)
     return result;
 }
 
-void handshake_send(void)
+// The handshakes under way. One that never gets its answer must not keep the others out: NM's commands all come this
+// way.
+constexpr int HANDSHAKES_MAX = 8; // each may wait for a slow NM or run a long command, such as a tunnel's set-up
+
+enum HandshakePhase : uint8_t { HANDSHAKE_FREE = 0, HANDSHAKE_WAITING, HANDSHAKE_RUNNING };
+
+struct HandshakeSlot {
+    std::atomic<uint32_t> owner; // rises with each handshake that takes the slot: the call-off of the one before
+    HandshakePhase phase;
+    uint32_t number; // of the handshake, in the order of their begin; wraps
+};
+
+// Guards s_handshakes and s_handshake_number; short.
+static pthread_mutex_t s_handshake_mutex = PTHREAD_MUTEX_INITIALIZER;
+static HandshakeSlot s_handshakes[HANDSHAKES_MAX];
+static uint32_t s_handshake_number;
+
+// A free slot, else that of the oldest handshake without an answer, else null.
+static HandshakeSlot *slot_choose_locked(void)
+{
+    HandshakeSlot *oldest = nullptr;
+    for (HandshakeSlot &slot : s_handshakes) {
+        if (slot.phase == HANDSHAKE_FREE)
+            return &slot;
+        if (slot.phase == HANDSHAKE_WAITING && (!oldest || (int32_t)(slot.number - oldest->number) < 0))
+            oldest = &slot;
+    }
+    return oldest;
+}
+
+// Null when there is no room. *owner names the caller until another handshake takes the slot.
+static HandshakeSlot *slot_take(uint32_t *owner)
+{
+    pthread_mutex_lock(&s_handshake_mutex);
+    HandshakeSlot *slot = slot_choose_locked();
+    if (slot) {
+        *owner = ++slot->owner;
+        slot->phase = HANDSHAKE_WAITING;
+        slot->number = ++s_handshake_number;
+    }
+    pthread_mutex_unlock(&s_handshake_mutex);
+    return slot;
+}
+
+// Nothing when the slot is another's by now.
+static void slot_phase_set(HandshakeSlot *slot, uint32_t owner, HandshakePhase phase)
+{
+    pthread_mutex_lock(&s_handshake_mutex);
+    if (slot->owner == owner)
+        slot->phase = phase;
+    pthread_mutex_unlock(&s_handshake_mutex);
+}
+
+// NM's answer, freed by the caller; null (logged) without one.
+static char *handshake_post(void)
 {
     char *rsp = (char *)calloc(1, ANSWER_SIZE);
     if (!rsp) {
         log_error("malloc failed!");
-        return;
+        return nullptr;
     }
     PluginInfo info;
     plugin_info_get(&info);
@@ -194,11 +252,27 @@ void handshake_send(void)
     (void)text_fmt(path, "/dev-api/%s/handshake", info.dev_sn);
     (void)text_fmt(body, "{\n\"ver\":\"%s\"\n}", info.protocol_version);
     log_debug("Sending handshake req...");
-    if (nm_http_post(path, body, rsp, ANSWER_SIZE) < 0) {
-        if (!wait_is_cut())
-            log_warn("Handshaking failed!");
-    } else if (nm_msg_process(0, rsp) != 0) {
-        log_warn("Process handshake response failed!");
-    }
+    if (nm_http_post(path, body, rsp, ANSWER_SIZE) >= 0)
+        return rsp;
+    if (!stop_requested())
+        log_warn("Handshaking failed!");
     free(rsp);
+    return nullptr;
+}
+
+void handshake_send(void)
+{
+    uint32_t owner;
+    HandshakeSlot *slot = slot_take(&owner);
+    if (!slot)
+        return;
+    CallOff before;
+    before = wait_call_off_set({&slot->owner, owner, &before});
+    char *answer = handshake_post();
+    wait_call_off_set(before); // an answer counts, even if the handshake was called off meanwhile: NM has given it away
+    slot_phase_set(slot, owner, HANDSHAKE_RUNNING);
+    if (answer && nm_msg_process(0, answer) != 0)
+        log_warn("Process handshake response failed!");
+    free(answer);
+    slot_phase_set(slot, owner, HANDSHAKE_FREE);
 }

@@ -7,7 +7,9 @@
 // 0 when active and the detection server is known; non-zero (logged, DMA cause set) otherwise. Main thread.
 int device_activate(void);
 
-// Posts the handshake and runs the command in NM's answer, on the calling thread.
+// Posts the handshake and runs the command in NM's answer, on the calling thread. Any thread; at most 8 at once: one
+// more calls off the oldest that waits for NM's answer. When all 8 are running their commands it does nothing, and NM
+// says "ack" again.
 void handshake_send(void);
 
 // Takes the first "NMS" entry of the answer's redirection as the new NM and forwards "result" to the device in any

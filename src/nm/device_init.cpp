@@ -13,6 +13,7 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/timer.h"
+#include "runtime/wait.h"
 #include "status/metrics.h"
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
@@ -197,8 +198,29 @@ static void pass_failed(void)
     s_init_fail_count++;
     if (s_init_fail_count > FAILURES_MAX)
         settings_give_up();
+    if (s_identity_outdated)
+        s_init_retry_stage = 0; // the restart that is due
     log_warn("Init config failed, re-initialize!");
     pass_arm(k_retry_delays_ms[s_init_retry_stage]);
+}
+
+// The receive step of a main thread that waits for NM: a device that is to be moved away from a silent NM says so on
+// its link.
+static void device_link_read(void)
+{
+    if (poll_conn_readable(DEV_TCP, 0))
+        dev_msg_recv();
+}
+
+// Activates with the NM that this pass has read; ends early when the device or NM is another one by now. 0, or not.
+static int nm_activate(void)
+{
+    CallOff before = wait_call_off_set({&g_restart_count, g_restart_count}); // first: later changes are seen by it
+    WaitStep step_before = wait_step_set(device_link_read);
+    int result = s_identity_outdated ? -1 : device_activate();
+    wait_step_set(step_before);
+    wait_call_off_set(before);
+    return result;
 }
 
 void device_init_pass(void)
@@ -211,7 +233,7 @@ void device_init_pass(void)
         return;
     }
     (void)nm_sign_init();
-    if (device_activate() != 0) {
+    if (nm_activate() != 0) {
         dma_status_change(DMA_ACTIVATION_FAILED, DMA_CAUSE_KEEP); // activation has set the cause
         log_warn("Device active failed!");
         pass_failed();
@@ -222,9 +244,19 @@ void device_init_pass(void)
         restart_device_init();
 }
 
+void nm_waits_call_off(void)
+{
+    CallOff own = wait_call_off_set({nullptr, 0});
+    g_restart_count++;
+    if (own.counter == &g_restart_count)
+        own.value++;
+    wait_call_off_set(own);
+}
+
 void device_identity_changed(void)
 {
-    s_identity_outdated = 1; // before the restart: a pass that ends in between sees it
+    s_identity_outdated = 1; // before the rest: a pass that ends in between sees it
+    nm_waits_call_off();     // offline the restart does nothing
     restart_device_init();
 }
 

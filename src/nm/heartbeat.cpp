@@ -21,12 +21,10 @@ constexpr size_t UDP_ANSWER_SIZE = 128;
 constexpr size_t HEARTBEAT_BODY_SIZE = 128;
 constexpr int UDP_ANSWER_WAIT_MS = 1000;
 constexpr int NONRESPONSE_LIMIT = 5; // misses in a row, on either channel
-constexpr int HANDSHAKES_MAX = 8;    // at once: each may sit in a tunnel set-up or wait for a slow NM
 
 static std::atomic<int32_t> s_http_mode;             // 1: heartbeats over HTTP only, until the next bring-up pass
 static std::atomic<int32_t> s_udp_nonresponse_count; // in a row
 static std::atomic<int32_t> s_http_nonresponse_count;
-static std::atomic<int> s_handshakes; // running now
 
 // One heartbeat exchange at a time: overlapping ones would read each other's answers and count twice.
 static std::atomic<bool> s_exchange_running;
@@ -66,14 +64,11 @@ static void exchange_end(void)
     t_owns_exchange = false;
 }
 
-// NM has a command. The exchange is over before the command runs, which may take long: the heartbeats go on. With too
-// many commands under way this one waits for NM to say "ack" again.
+// NM has a command. The exchange is over before the command runs, which may take long: the heartbeats go on.
 static void handshake_run(void)
 {
     exchange_end();
-    if (s_handshakes.fetch_add(1) < HANDSHAKES_MAX)
-        handshake_send();
-    s_handshakes.fetch_sub(1);
+    handshake_send();
 }
 
 // Restarts the bring-up from a beat. Other beats are called off by it; this one goes on to its end.

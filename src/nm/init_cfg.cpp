@@ -341,16 +341,41 @@ static cJSON *cfg_load_or_stop(void)
     return root;
 }
 
-// Runs take over the tree, commits what it read, whatever its result, and deletes the tree.
+struct NmAddress {
+    char method[ID_TEXT_SIZE];
+    char ip[IP_TEXT_SIZE];
+    char port[PORT_TEXT_SIZE];
+};
+
+static NmAddress nm_address_get(const PluginInfo *info)
+{
+    NmAddress nm;
+    (void)text_set(nm.method, info->nm_method);
+    (void)text_set(nm.ip, info->nm_ip);
+    (void)text_set(nm.port, info->nm_port);
+    return nm;
+}
+
+static bool nm_address_equals(const NmAddress *nm, const PluginInfo *info)
+{
+    return strcmp(nm->method, info->nm_method) == 0 && strcmp(nm->ip, info->nm_ip) == 0 &&
+           strcmp(nm->port, info->nm_port) == 0;
+}
+
+// Runs take over the tree, commits what it read, whatever its result, and deletes the tree. With a new address of NM
+// what waits for the old one ends.
 static int cfg_apply(cJSON *root, int (*take)(const cJSON *root, PluginInfoEdit *edit))
 {
     if (!root)
         return -1;
     PluginInfoEdit edit;
     plugin_info_edit_begin(&edit);
+    NmAddress before = nm_address_get(&edit.next);
     int result = take(root, &edit);
     plugin_info_edit_commit(&edit);
     cJSON_Delete(root);
+    if (!nm_address_equals(&before, &edit.next))
+        nm_waits_call_off();
     return result;
 }
 

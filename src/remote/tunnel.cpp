@@ -12,12 +12,9 @@ constexpr int WEB_SERVER_BUFFER_SIZE = 32768; // bytes, each direction; the othe
 constexpr uint32_t PORT_LIMIT = 65536;
 constexpr size_t AUTH_TEXT_SIZE = 4096; // four texts of 511 characters at most, a number and the frame
 
-int half_tunnel_create(ConnectionType type, const TunnelPeer *peer)
+// 0 when registered (or cut), -1 (logged) without a connection.
+static int half_tunnel_open(ConnectionType type, const TunnelPeer *peer, ConnSecurity security)
 {
-    if (!peer) {
-        log_error("conn_info is NULL!");
-        return -1;
-    }
     const char *name = conn_type_name(type);
     log_info("Preparing half tunnel... type: %s, peer: %s:%s (local: %s:%s)", name, peer->remote_ip, peer->remote_port,
              peer->local_ip, peer->local_port);
@@ -35,8 +32,17 @@ int half_tunnel_create(ConnectionType type, const TunnelPeer *peer)
     }
     log_info("Create %s half tunnel [remote (%s:%s), local (%s:%s)] successfully.", name, peer->remote_ip,
              peer->remote_port, peer->local_ip, peer->local_port);
-    conn_add(type, conn, 1);
+    conn_add_as(type, conn, security, 1);
     return 0;
+}
+
+int half_tunnel_create(ConnectionType type, const TunnelPeer *peer)
+{
+    if (!peer) {
+        log_error("conn_info is NULL!");
+        return -1;
+    }
+    return half_tunnel_open(type, peer, conn_security_wanted(type));
 }
 
 int half_tunnel_close(ConnectionType first, ConnectionType second)
@@ -77,7 +83,8 @@ static int request_parse(const char *payload, const char *invalid_line, TunnelRe
         log_error("Invalid port: %d!", port);
         return -1;
     }
-    (void)text_fmt(request->port, "%d", plugin_info_nm_is_https() ? port + 1 : port);
+    request->security = plugin_info_nm_is_https() ? CONN_TLS : CONN_PLAIN;
+    (void)text_fmt(request->port, "%d", request->security == CONN_TLS ? port + 1 : port); // TLS is on the next port
     if (failed) {
         log_warn("%s", invalid_line);
         return -1;
@@ -93,7 +100,7 @@ int tunnel_nm_half_create(ConnectionType type, const TunnelRequest *request)
     (void)text_set(peer.remote_ip, request->host);
     (void)text_set(peer.remote_port, request->port);
     (void)text_set(peer.local_ip, info.local_ip);
-    return half_tunnel_create(type, &peer);
+    return half_tunnel_open(type, &peer, request->security);
 }
 
 int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm)
@@ -112,7 +119,7 @@ int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm)
 
 static void call_off_begin(TunnelLock *lock, CallOff *before)
 {
-    *before = wait_call_off_set({&lock->waiting, 0});
+    *before = wait_call_off_set({&lock->waiting, 0, before});
 }
 
 // Announces the command, then waits. -1 when that wait was cut: nothing is held then.

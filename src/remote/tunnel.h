@@ -13,7 +13,8 @@
 // Ends of a half tunnel; empty local texts bind nothing.
 typedef Endpoint TunnelPeer;
 
-// Closes a usable connection of the type, connects anew and registers. 0, or -1 (logged). Up to 2 s, plus TLS.
+// Closes a usable connection of the type, connects anew and registers by conn_add's rule. 0, or -1 (logged). Up to 2 s,
+// plus TLS.
 int half_tunnel_create(ConnectionType type, const TunnelPeer *peer);
 
 // Closes both in the order given unless they are DISCONNECTED. Always 0.
@@ -24,12 +25,14 @@ struct TunnelRequest {
     char action[512];
     char host[512]; // resolved
     char port[PORT_TEXT_SIZE];
+    ConnSecurity security; // decided with the port, which depends on it
     char token[512];
     char sessionid[512];
     int32_t key;
 };
 
-// The half tunnel to the request's host and port, bound to the agent's local address. As half_tunnel_create.
+// The half tunnel to the request's host and port, bound to the agent's local address, with the request's security. As
+// half_tunnel_create otherwise.
 int tunnel_nm_half_create(ConnectionType type, const TunnelRequest *request);
 
 // Logs and sends the authentication text with its NUL on nm (held). Returns the send's result; -1, with nothing sent,
@@ -38,7 +41,7 @@ int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm);
 
 // One tunnel's command lock (long): whoever holds it may open, close or relay. Commands announce themselves first, so
 // that a relay or a hanging set-up lets go; the tunnel's own thread only tries. Waits made under it are called off by
-// waiting.
+// waiting, and by whatever calls off the thread that took it: a restart ends a hanging set-up too.
 struct TunnelLock {
     pthread_mutex_t mutex;
     std::atomic<uint32_t> waiting; // commands that want the lock

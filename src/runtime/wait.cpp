@@ -8,11 +8,12 @@
 #include "runtime/stop.h"
 
 constexpr int WAIT_FDS_MAX = 12;
-constexpr int CALL_OFF_SLICE_MS = 50;
+constexpr int SLICE_MS = 50; // of a wait that looks around: for a call-off, for the step
 constexpr int LOCK_SLICE_MS = 10;
 constexpr int NO_BELL_PAUSE_MS = 200; // between looks of a thread whose bell could not be had
 
 static thread_local CallOff t_call_off;
+static thread_local WaitStep t_step;
 
 int64_t wait_now_ms(void)
 {
@@ -28,11 +29,30 @@ CallOff wait_call_off_set(CallOff call_off)
     return before;
 }
 
+WaitStep wait_step_set(WaitStep step)
+{
+    WaitStep before = t_step;
+    t_step = step;
+    return before;
+}
+
 int wait_is_cut(void)
 {
     if (stop_requested())
         return 1;
-    return t_call_off.counter && *t_call_off.counter != t_call_off.value;
+    for (const CallOff *call_off = &t_call_off; call_off && call_off->counter; call_off = call_off->outer) {
+        if (*call_off->counter != call_off->value)
+            return 1;
+    }
+    return 0;
+}
+
+static void step_run(void)
+{
+    WaitStep step = wait_step_set(nullptr);
+    if (step)
+        step();
+    wait_step_set(step);
 }
 
 // Cut, unless the stop finds main without a lock: then the closing sequence takes over.
@@ -68,8 +88,8 @@ WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms)
         if (wait_is_cut())
             return cut();
         int slice_ms = timeout_ms < 0 ? -1 : remaining_ms(end_ms);
-        if (t_call_off.counter && (slice_ms < 0 || slice_ms > CALL_OFF_SLICE_MS))
-            slice_ms = CALL_OFF_SLICE_MS;
+        if ((t_call_off.counter || t_step) && (slice_ms < 0 || slice_ms > SLICE_MS))
+            slice_ms = SLICE_MS;
         int ready = poll(polled, (nfds_t)count + 1, slice_ms);
         if (ready < 0) {
             if (errno != EINTR)
@@ -85,6 +105,7 @@ WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms)
         }
         if (timeout_ms >= 0 && remaining_ms(end_ms) == 0)
             return WAIT_TIMEOUT;
+        step_run();
     }
 }
 

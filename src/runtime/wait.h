@@ -42,12 +42,20 @@ void wait_unlock(pthread_mutex_t *mutex);
 int wait_is_cut(void);
 
 // Call-off of the calling thread: its waits are cut as soon as *counter differs from value (noticed within 50 ms).
-// counter lives for the whole process. Returns the one that was in force, to be put back when the work is done.
+// counter lives for the whole process. With outer, which the caller keeps for as long as this one is in force, that
+// one cuts them too: work within work ends with either. Returns the one that was in force, to be put back when the work
+// is done.
 struct CallOff {
     const std::atomic<uint32_t> *counter; // null: none
     uint32_t value;
+    const CallOff *outer = nullptr; // looked at when counter is set
 };
 CallOff wait_call_off_set(CallOff call_off);
+
+// What the calling thread does while it waits: step runs after every 50 ms of a wait, null: nothing. Waits of the step
+// itself run none. Returns the one that was in force.
+typedef void (*WaitStep)(void);
+WaitStep wait_step_set(WaitStep step);
 
 // Milliseconds on the monotonic clock.
 int64_t wait_now_ms(void);

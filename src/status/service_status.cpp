@@ -9,6 +9,7 @@
 
 #include <atomic>
 
+#include "nm/device_init.h"
 #include "nm/heartbeat.h"
 #include "runtime/file_util.h"
 #include "runtime/log.h"
@@ -269,7 +270,7 @@ void service_status_report(int truncate)
     }
     if (lock_file(fd, F_WRLCK, FILE_LOCK_WAIT_MS) == 0) {
         service_records_read(fd, record_post, nullptr);
-        // After a cut run the file stays whole: it is reported again by the next process.
+        // After a cut run the file stays whole: it is reported again, by this process or the next one.
         if (truncate && !wait_is_cut()) {
             int result = ftruncate(fd, 0);
             (void)result; // not emptied: reported again, nothing is lost
@@ -284,7 +285,9 @@ static void run_from(ServiceState from, int truncate)
 {
     if (!state_move(from, SERVICE_RUNNING))
         return;
+    CallOff before = wait_call_off_set({&g_restart_count, g_restart_count});
     service_status_report(truncate);
+    wait_call_off_set(before);
     s_state = SERVICE_IDLE;
 }
 

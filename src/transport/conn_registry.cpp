@@ -133,9 +133,9 @@ static void close_connected(ConnectionType type, int print)
 }
 
 // Makes conn the entry. 1 when registered, 0 when it had to be closed instead.
-static int entry_publish(ConnectionType type, SocketConn conn, int print)
+static int entry_publish(ConnectionType type, SocketConn conn, ConnSecurity security, int print)
 {
-    if (k_types[type].to_nm && plugin_info_nm_is_https()) {
+    if (security == CONN_TLS) {
         conn.ssl = tls_init(conn.socket_fd);
         // A failed handshake goes on in plain text; one that was cut says nothing about NM, so nothing may be sent.
         if (!conn.ssl && errno == ECANCELED) {
@@ -152,6 +152,7 @@ static int entry_publish(ConnectionType type, SocketConn conn, int print)
     pthread_mutex_lock(&s_mutex);
     ConnectionInfo taken = entry_take_locked(entry);
     entry->conn = conn;
+    entry->security = security;
     entry->status = CONNECTED;
     pthread_mutex_unlock(&s_mutex);
     if (taken.status == CONNECTED)
@@ -162,15 +163,26 @@ static int entry_publish(ConnectionType type, SocketConn conn, int print)
     return 1;
 }
 
-int conn_add(ConnectionType type, SocketConn conn, int print)
+int conn_add_as(ConnectionType type, SocketConn conn, ConnSecurity security, int print)
 {
     if (!is_type(type)) {
         socket_close_private(&conn);
         return 1;
     }
     close_connected(type, 1);
-    (void)entry_publish(type, conn, print);
+    (void)entry_publish(type, conn, security, print);
     return 1;
+}
+
+ConnSecurity conn_security_wanted(ConnectionType type)
+{
+    bool encrypted = type < CONNECTION_TYPE_COUNT && k_types[type].to_nm && plugin_info_nm_is_https();
+    return encrypted ? CONN_TLS : CONN_PLAIN;
+}
+
+int conn_add(ConnectionType type, SocketConn conn, int print)
+{
+    return conn_add_as(type, conn, conn_security_wanted(type), print);
 }
 
 void conn_note_failed(ConnectionType type, const SocketConn *conn)
@@ -289,8 +301,8 @@ static int is_testable(const ConnectionInfo *entry)
 // What tcp_state_get found out about a held connection, with the line of one that is dead.
 static int is_usable(const SocketConn *conn, int state)
 {
-    if (state == TCP_STATE_ESTABLISHED && !(conn->life && conn->life->broken))
-        return 1;
+    if (state == TCP_STATE_ESTABLISHED) // a broken one is shut down and answers so only when its test was cut
+        return !(conn->life && conn->life->broken);
     if (state == TCP_STATE_TIMEOUT)
         log_info("TCP connection: %s:%s, socket: %d, selecting timeout.", conn->remote_ip, conn->remote_port,
                  conn->socket_fd);
@@ -374,7 +386,7 @@ int conn_reconnect(ConnectionType type)
     if (conn.socket_fd < 1)
         return 0;
     close_connected(type, 1);
-    return entry_publish(type, conn, 1);
+    return entry_publish(type, conn, last.security, 1);
 }
 
 int poll_conn_readable(ConnectionType type, int timeout_ms)

@@ -22,10 +22,13 @@ constexpr uint32_t CONNECTION_TYPE_COUNT = 6;
 
 enum ConnectionStatus : uint32_t { DISCONNECTED = 0, CONNECTED = 1, PENDING = 2 };
 
+enum ConnSecurity : uint8_t { CONN_PLAIN = 0, CONN_TLS = 1 };
+
 // One entry of the table.
 struct ConnectionInfo {
     ConnectionStatus status;
-    SocketConn conn; // owned through conn.life; its texts stay after a removal
+    ConnSecurity security; // what it was added as; a failed handshake left plain text
+    SocketConn conn;       // owned through conn.life; its texts stay after a removal
 };
 
 // Display name, static; "Unknown type" with a warning for other numbers. The same for statuses.
@@ -40,6 +43,13 @@ void conn_print_all(void);
 // closes conn and registers nothing. The entry and its status appear in one step after the handshake. Always 1;
 // ownership passes in any case.
 int conn_add(ConnectionType type, SocketConn conn, int print);
+
+// conn_add's rule by NM's method in force.
+ConnSecurity conn_security_wanted(ConnectionType type);
+
+// conn_add for whoever has read NM's port and method together: the method in force by now may belong to another port.
+// CONN_TLS is for NM-side types.
+int conn_add_as(ConnectionType type, SocketConn conn, ConnSecurity security, int print);
 
 // Stores a failed connect's texts and descriptor (-1 or 0) in an entry that is not CONNECTED.
 void conn_note_failed(ConnectionType type, const SocketConn *conn);
@@ -66,7 +76,8 @@ int tcp_check_conn(ConnectionType type);
 // 1 when the entry's status is CONNECTED: no test, no wait. What senders ask.
 int conn_is_connected(ConnectionType type);
 
-// Connects again to the peer of the entry, texts and local side as before, default buffers. 1 when registered, else 0.
+// Connects again to the peer of the entry, texts, local side and security as before, default buffers. 1 when
+// registered, else 0.
 int conn_reconnect(ConnectionType type);
 
 // Data can be read on the entry's connection within timeout_ms (conn_readable on a held copy); 0 otherwise.

@@ -1,5 +1,6 @@
 #include "transport/http_client.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -56,6 +57,16 @@ char *http_build_request(const char *method, const char *path, const char *host,
     return text;
 }
 
+// Connects to a dotted address, bound to the agent's own; no address list is kept.
+static SocketConn address_connect(const char *address, const char *port, const char *local_ip)
+{
+    SocketConn conn = tcp_connect(address, port, local_ip[0] ? local_ip : nullptr, nullptr, 0, 0);
+    if (conn.remote_addr)
+        freeaddrinfo(conn.remote_addr);
+    conn.remote_addr = nullptr;
+    return conn;
+}
+
 SocketConn http_tcpclient_create(const char *host, const char *port)
 {
     SocketConn conn = {};
@@ -64,13 +75,32 @@ SocketConn http_tcpclient_create(const char *host, const char *port)
     if (resolve_host(address, sizeof(address)) == 0) {
         PluginInfo info;
         plugin_info_get(&info);
-        conn = tcp_connect(address, port, info.local_ip[0] ? info.local_ip : nullptr, nullptr, 0, 0);
-        if (conn.remote_addr)
-            freeaddrinfo(conn.remote_addr);
-        conn.remote_addr = nullptr;
+        conn = address_connect(address, port, info.local_ip);
     } else if (address[0] == '\0') {
         log_error("gethostbyname() failed: %s", address); // resolve_host says nothing about an empty name
     }
+    if (conn.socket_fd < 1)
+        log_error("http_tcpclient_create failed!");
+    return conn;
+}
+
+static bool is_address(const char *text)
+{
+    struct in_addr address;
+    return inet_pton(AF_INET, text, &address) == 1;
+}
+
+// The same for the NM of the settings, without a look-up: it could take half a minute, and the caller holds the NM post
+// lock. The settings hold addresses, unless NM's name did not resolve or "localIp" is none.
+static SocketConn nm_connect(const PluginInfo *nm)
+{
+    SocketConn conn = {};
+    if (!is_address(nm->nm_ip))
+        log_error("gethostbyname() failed: %s", nm->nm_ip);
+    else if (nm->local_ip[0] && !is_address(nm->local_ip))
+        log_error("Could not resolve host: %s\n", gai_strerror(EAI_NONAME));
+    else
+        conn = address_connect(nm->nm_ip, nm->nm_port, nm->local_ip);
     if (conn.socket_fd < 1)
         log_error("http_tcpclient_create failed!");
     return conn;
@@ -189,22 +219,21 @@ static int is_request_valid(const char *host, const char *port, const char *path
     return host && port && path && method && (strcmp(method, "GET") == 0 || strcmp(method, "POST") == 0);
 }
 
-int http_request(const char *host, const char *port, const char *path, const char *method,
-                 const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
-                 size_t rsp_cap)
+// http_request by settings that the caller read together with host and port: a newer method may belong to another port.
+static int request_run(const PluginInfo *info, const char *host, const char *port, const char *path, const char *method,
+                       const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
+                       size_t rsp_cap)
 {
     if (!is_request_valid(host, port, path, method) || (!headers && header_count != 0) || !rsp || rsp_cap == 0) {
         log_error("Invalid parameters!");
         return -1;
     }
-    PluginInfo info; // of before the connect, as host and port are: a new method belongs to a new port
-    plugin_info_get(&info);
     SocketConn conn = http_tcpclient_create(host, port);
     if (conn.socket_fd < 1)
         return -1;
     size_t len;
     char *request = http_build_request(method, path, host, port, headers, header_count, body, &len);
-    int received = request ? request_exchange(&info, &conn, request, len, rsp, rsp_cap) : -2;
+    int received = request ? request_exchange(info, &conn, request, len, rsp, rsp_cap) : -2;
     free(request);
     socket_close_private(&conn);
 
@@ -217,6 +246,21 @@ int http_request(const char *host, const char *port, const char *path, const cha
     return answer_take(rsp, rsp_cap);
 }
 
+int http_request(const char *host, const char *port, const char *path, const char *method,
+                 const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
+                 size_t rsp_cap)
+{
+    PluginInfo info;
+    plugin_info_get(&info);
+    return request_run(&info, host, port, path, method, headers, header_count, body, rsp, rsp_cap);
+}
+
+int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
+                      int header_count, const char *body, char *rsp, size_t rsp_cap)
+{
+    return request_run(nm, nm->nm_ip, nm->nm_port, path, "POST", headers, header_count, body, rsp, rsp_cap);
+}
+
 static int is_kept_for(const PluginInfo *nm)
 {
     return strcmp(s_kept_for.method, nm->nm_method) == 0 && strcmp(s_kept_for.ip, nm->nm_ip) == 0 &&
@@ -224,7 +268,7 @@ static int is_kept_for(const PluginInfo *nm)
 }
 
 // Reads away what is left of earlier answers, so that it is not taken for the next one. Returns 0 when nothing is left;
-// -1 when the connection is of no use: ended, in error, or with no end of leftovers.
+// -1 when the connection is of no use: ended, in error, with no end of leftovers, or in the middle of a record.
 static int kept_drain(const SocketConn *conn)
 {
     char scratch[2048];
@@ -232,7 +276,7 @@ static int kept_drain(const SocketConn *conn)
     for (size_t total = 0; total < DRAIN_MAX && wait_now_ms() <= end_ms;) {
         int got = conn_recv(conn, scratch, sizeof(scratch));
         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            return 0;
+            return !conn->ssl || tls_is_between_records(conn->ssl) ? 0 : -1;
         if (got <= 0)
             return -1;
         total += (size_t)got;
@@ -259,7 +303,7 @@ static int kept_reuse(const PluginInfo *nm, SocketConn *conn)
 // Connects and registers; 1 when held, else 0.
 static int kept_open(const PluginInfo *nm, SocketConn *conn)
 {
-    SocketConn fresh = http_tcpclient_create(nm->nm_ip, nm->nm_port);
+    SocketConn fresh = nm_connect(nm);
     if (fresh.socket_fd < 1)
         return 0;
     SocketConn bare = {}; // the table shows the kept connection without address and port
@@ -267,7 +311,7 @@ static int kept_open(const PluginInfo *nm, SocketConn *conn)
     (void)text_set(s_kept_for.method, nm->nm_method);
     (void)text_set(s_kept_for.ip, nm->nm_ip);
     (void)text_set(s_kept_for.port, nm->nm_port);
-    conn_add(HTTP, bare, 1);
+    conn_add_as(HTTP, bare, nm_method_is_https(nm->nm_method) ? CONN_TLS : CONN_PLAIN, 1);
 
     if (conn_hold(HTTP, conn) && !wait_is_cut())
         return 1;

@@ -1,8 +1,8 @@
 // http_client.h - HTTP/1.1 requests to NM, plain or TLS: one request, one answer, one JSON object out of it.
 // Owns nothing between calls; the kept connection is the registry's HTTP entry. The request grows with its body.
 // Threads: http_request any; http_post_nm one at a time (callers hold g_nm_post_mutex). Blocks for an answer 5 s or 2 s
-// at most, beside look-up (unbounded), connect (2 s) and TLS handshake. A stop or call-off ends every wait but the
-// look-up.
+// at most, beside look-up (unbounded; http_request only), connect (2 s) and TLS handshake. A stop or call-off ends
+// every wait but the look-up.
 #pragma once
 
 #include <stddef.h>
@@ -19,6 +19,10 @@ constexpr size_t HTTP_HEADER_SLOT_SIZE = 512; // one header line, without its li
 int http_request(const char *host, const char *port, const char *path, const char *method,
                  const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
                  size_t rsp_cap);
+
+// http_request with "POST" to the NM of these settings: method, address and port belong together.
+int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
+                      int header_count, const char *body, char *rsp, size_t rsp_cap);
 
 // Posts body (not empty) to path of NM on the kept connection, opening it when it is missing, dead, or was opened to
 // another NM. What is left of earlier answers is read away before the request is sent. Result as http_request.

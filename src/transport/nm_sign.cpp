@@ -56,7 +56,7 @@ int nm_http_post(const char *path, const char *body, char *rsp, size_t rsp_cap)
     plugin_info_get(&nm);
     char headers[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE];
     fill_from(&nm, headers);
-    return http_request(nm.nm_ip, nm.nm_port, path, "POST", headers, NM_HEADER_COUNT, body, rsp, rsp_cap);
+    return http_post_private(&nm, path, headers, NM_HEADER_COUNT, body, rsp, rsp_cap);
 }
 
 int nm_send_device_response(const char *path, const char *msg, char *rsp, size_t rsp_cap, int *rsp_len)

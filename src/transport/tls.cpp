@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "runtime/log.h"
 #include "runtime/wait.h"
@@ -227,6 +228,15 @@ static short events_before_plaintext(TlsSession *session)
 static int has_pending(TlsSession *session)
 {
     return tls_call(session, [](SSL *ssl) { return SSL_pending(ssl); }).value > 0;
+}
+
+// Behind exactly the five bytes of a record's header nothing is pending, but the session waits for the record's body.
+int tls_is_between_records(TlsSession *session)
+{
+    return tls_call(
+               session,
+               [](SSL *ssl) { return SSL_has_pending(ssl) == 0 && strcmp(SSL_rstate_string(ssl), "RH") == 0 ? 1 : 0; })
+        .value;
 }
 
 int tls_readable(TlsSession *session, int timeout_ms)

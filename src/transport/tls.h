@@ -32,6 +32,10 @@ int tls_recv(TlsSession *session, void *buf, size_t len);
 // is waited for within the same time.
 int tls_readable(TlsSession *session, int timeout_ms);
 
+// 1 when nothing of a record has come that was not read yet, not even its header. Ask behind a tls_recv with EAGAIN:
+// what follows is then the peer's next word and not the rest of an old one.
+int tls_is_between_records(TlsSession *session);
+
 // Ends and frees a session, "SSL deinit success!"; null does nothing. The socket is not closed; call it before that.
 void tls_deinit(TlsSession *session);
 

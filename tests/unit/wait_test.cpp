@@ -91,9 +91,18 @@ TEST(Wait, CallOffCutsItsThreadOnly)
     EXPECT_LT(time_of([] { EXPECT_EQ(WAIT_CUT, wait_sleep_ms(10000)); }), 2000);
     EXPECT_TRUE(wait_is_cut());
     EXPECT_EQ(0, s_sequence_runs); // called off is not stopped
+    caller.join();
+
+    CallOff outer = {&s_counter, s_counter}; // work within work ends with either
+    static std::atomic<uint32_t> s_inner{0};
+    wait_call_off_set({&s_inner, 0, &outer});
+    EXPECT_FALSE(wait_is_cut());
+    s_counter++;
+    EXPECT_TRUE(wait_is_cut());
+    wait_call_off_set({&s_inner, 1});
+    EXPECT_TRUE(wait_is_cut());
     wait_call_off_set(before);
     EXPECT_FALSE(wait_is_cut());
-    caller.join();
 }
 
 // Main quits where it waits, but not between taking a long lock and letting it go.
