@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,14 +82,19 @@ static std::vector<std::string> command_words()
     return words;
 }
 
-static void run_agent(const std::string &dir, std::vector<char *> &arguments, int console)
+static void run_agent(const AgentProcess &agent, std::vector<char *> &arguments, int console)
 {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     signal(SIGPIPE, SIG_DFL); // as a launcher leaves it
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (chdir(dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0) {
+    if (agent.descriptors_max > 0) {
+        const rlimit limit = {(rlim_t)agent.descriptors_max, (rlim_t)agent.descriptors_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        close(STDIN_FILENO); // the dynamic loader wants one; the agent puts /dev/null there
+    }
+    if (chdir(agent.dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0) {
         execvp(arguments[0], arguments.data());
     }
     _exit(127);
@@ -109,7 +115,7 @@ bool agent_start(AgentProcess *agent)
     agent->status = -1;
     agent->pid = fork();
     if (agent->pid == 0) {
-        run_agent(agent->dir, arguments, ends[1]);
+        run_agent(*agent, arguments, ends[1]);
     }
     close(ends[1]);
     if (!agent->console) {

@@ -21,10 +21,11 @@ using ConfigRows = std::vector<std::pair<std::string, std::string>>;
 struct AgentConsole; // what it printed; read all the time by a thread, so that a full pipe never stops the agent
 
 struct AgentProcess {
-    std::string dir; // temporary, removed at the end
-    int pid = -1;    // -1: not running
-    int status = -1; // exit status; 128 + signal number when a signal killed it; -1 while it runs
-    size_t seen = 0; // agent_wait_log looks behind this place of the output
+    std::string dir;         // temporary, removed at the end
+    int pid = -1;            // -1: not running
+    int status = -1;         // exit status; 128 + signal number when a signal killed it; -1 while it runs
+    int descriptors_max = 0; // from its start, the three standard ones included; 0: no limit of its own
+    size_t seen = 0;         // agent_wait_log looks behind this place of the output
     AgentConsole *console = nullptr;
 };
 
@@ -69,7 +70,7 @@ bool agent_start(AgentProcess *agent);
 bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms = k_wait_ms);
 bool agent_has_log(const AgentProcess &agent, const std::string &text); // anywhere so far
 bool text_has(const std::string &text, const std::string &part);
-std::string agent_output(const AgentProcess &agent);                    // everything so far, without colours
+std::string agent_output(const AgentProcess &agent); // everything so far, without colours
 // Under the thread sanitizer about one signal in 300 that comes while the agent starts never reaches its handler: none
 // pending, none blocked. There agent_stop sends it again; the agent takes the first and ignores the rest.
 #ifdef __SANITIZE_THREAD__

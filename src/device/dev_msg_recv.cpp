@@ -32,11 +32,10 @@ static pthread_mutex_t s_dev_msg_mutex = PTHREAD_MUTEX_INITIALIZER;
 static DeviceMessageBuffer s_buffer;
 static WaitBell s_bell; // rung when bytes were added
 
-void dev_msg_recv_init(void)
+int dev_msg_recv_init(void)
 {
     pthread_mutex_init(&s_dev_msg_mutex, nullptr);
-    if (wait_bell_init(&s_bell) != 0)
-        log_error("Create doorbell of dev_msg_handle failed!");
+    return wait_bell_init(&s_bell);
 }
 
 int dev_msg_buffer_init(void)

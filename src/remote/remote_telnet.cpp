@@ -25,10 +25,9 @@ static WaitBell s_bell;                   // rung when the tunnel stands
 static std::atomic<uint8_t> s_running{0}; // both halves stand; written under s_lock
 static char s_buf[RELAY_CAP];             // what was read last; under s_lock
 
-void remote_telnet_init(void)
+int remote_telnet_init(void)
 {
-    if (wait_bell_init(&s_bell) != 0)
-        log_error("Create the remote telnet doorbell failed!");
+    return wait_bell_init(&s_bell);
 }
 
 static void tunnel_destroy_locked(void)

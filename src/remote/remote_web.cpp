@@ -29,10 +29,9 @@ static std::atomic<uint8_t> s_running{0}; // authentication sent and not stopped
 static uint8_t s_received[RECV_CAP];
 static size_t s_received_len;
 
-void remote_web_init(void)
+int remote_web_init(void)
 {
-    if (wait_bell_init(&s_bell) != 0)
-        log_error("Create the remote web doorbell failed!");
+    return wait_bell_init(&s_bell);
 }
 
 static int resources_set_up(void)

@@ -432,6 +432,27 @@ TEST(Faults, HostileFrames)
     expect_clean_end(&stage);
 }
 
+// Whichever doorbell finds no descriptor, the process ends, and the console says so once.
+TEST(Faults, StartWithoutDescriptors)
+{
+    if (*PLUGIN_RUNNER) {
+        GTEST_SKIP() << "an emulator has descriptors of its own";
+    }
+    Stage stage;
+    stage_prepare(&stage, false);
+    stage_write(stage);
+    for (int limit = 3; limit < 8; limit++) { // standard descriptors and as many of the five doorbells
+        SCOPED_TRACE(limit);
+        const size_t from = agent_output(stage.agent).size();
+        stage.agent.descriptors_max = limit;
+        ASSERT_TRUE(agent_start(&stage.agent));
+        EXPECT_EQ(agent_wait_exit(&stage.agent), 255);
+        const std::string output = agent_output(stage.agent).substr(from);
+        EXPECT_EQ(occurrences(output, "[ERR]"), 1) << output;
+        EXPECT_EQ(occurrences(output, "Create doorbell failed: Too many open files!"), 1) << output;
+    }
+}
+
 // No memory for a large message: it is given up, the next one is not.
 TEST(Faults, MemoryRefused)
 {
