@@ -346,11 +346,16 @@ std::string file_text(const std::string &path)
     return text.str();
 }
 
-static int status_value(int pid, const std::string &key)
+static int value_in(const std::string &path, const std::string &key)
 {
-    const std::string text = file_text("/proc/" + std::to_string(pid) + "/status");
+    const std::string text = file_text(path);
     const size_t at = text.find("\n" + key + ":");
     return at == std::string::npos ? -1 : atoi(text.c_str() + at + key.size() + 2);
+}
+
+static int status_value(int pid, const std::string &key)
+{
+    return value_in("/proc/" + std::to_string(pid) + "/status", key);
 }
 
 int proc_threads(int pid)
@@ -361,6 +366,11 @@ int proc_threads(int pid)
 int proc_rss_kib(int pid)
 {
     return status_value(pid, "VmRSS");
+}
+
+int proc_private_kib(int pid)
+{
+    return value_in("/proc/" + std::to_string(pid) + "/smaps_rollup", "Private_Dirty");
 }
 
 bool proc_rss_counts()

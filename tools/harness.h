@@ -87,8 +87,9 @@ long long monotonic_ms();
 int proc_threads(int pid);
 int proc_descriptors(int pid);
 int proc_rss_kib(int pid);
-bool proc_rss_counts();   // false under an emulator or a sanitizer, whose own memory grows
-int proc_cpu_ms(int pid); // user and system time so far
+int proc_private_kib(int pid); // written pages that are its own
+bool proc_rss_counts();        // false under an emulator or a sanitizer, whose own memory grows
+int proc_cpu_ms(int pid);      // user and system time so far
 std::string file_text(const std::string &path);
 
 // A port of 127.0.0.1 that takes no connection and refuses none: connecting to it hangs. Close the descriptors after

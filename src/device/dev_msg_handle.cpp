@@ -1,6 +1,7 @@
 #include "device/dev_msg_handle.h"
 
 #include <cjson/cJSON.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -24,11 +25,15 @@ constexpr size_t HISTORY_ANSWER_SIZE = 512;
 constexpr int HISTORY_ATTEMPTS = 3;
 constexpr int HISTORY_PAUSE_MS = 10;
 constexpr int NM_STATUS_OK = 200;
+constexpr uint32_t LARGE_MESSAGE = 16 * 1024; // bytes; the tree of a smaller one leaves little behind
 
+// A message without its tree, which may be forty times its size: small blocks
+// taken while it lives would pin it on the heap, and NM may take its time.
 struct DevMsg {
     char *text; // in the message area, may be rewritten
     uint32_t area_size;
-    cJSON *root;
+    char *payload; // "payload", printed; only for rows that want it, null when
+                   // the message has none
     char type[FIELD_SIZE];
     char sessionid[FIELD_SIZE];
     int32_t msg_id; // -1: none
@@ -40,9 +45,17 @@ struct DevMsgRow {
     void (*action)(DevMsg *msg, const char *path_tail);
     const char *path_tail;
     const char *ack; // null: no ack for this type
+    bool wants_payload;
 };
 
-// A post that a stop or a call-off cut says nothing about NM, so the device hears nothing either.
+static void payload_free(DevMsg *msg)
+{
+    cJSON_free(msg->payload);
+    msg->payload = nullptr;
+}
+
+// A post that a stop or a call-off cut says nothing about NM, so the device
+// hears nothing either.
 static void result_post(DevMsg *msg, const char *path_tail)
 {
     char path[NM_URI_SIZE];
@@ -59,23 +72,17 @@ static void result_post(DevMsg *msg, const char *path_tail)
     free(answer);
 }
 
-// Formatted text of the message's "payload", freed by the caller; null without one.
-static char *payload_print(const DevMsg *msg)
-{
-    return cJSON_Print(cJSON_GetObjectItem(msg->root, "payload"));
-}
-
 static void alarm_post(DevMsg *msg, const char *path_tail)
 {
-    char *payload = payload_print(msg);
-    if (!payload)
+    if (!msg->payload)
         return;
-    (void)text_format(msg->text, msg->area_size, "[%s]", payload);
-    cJSON_free(payload);
+    (void)text_format(msg->text, msg->area_size, "[%s]", msg->payload);
+    payload_free(msg);
     result_post(msg, path_tail);
 }
 
-// One attempt: 1 when NM answered, 0 when it did not, -1 when the wait for the lock was cut.
+// One attempt: 1 when NM answered, 0 when it did not, -1 when the wait for the
+// lock was cut.
 static int history_attempt(const char *path, const char *body)
 {
     char answer[HISTORY_ANSWER_SIZE] = {};
@@ -90,18 +97,14 @@ static int history_attempt(const char *path, const char *body)
 
 static void history_post(DevMsg *msg, const char *path_tail)
 {
-    char *payload = payload_print(msg);
-    if (!payload)
-        return;
-    for (int attempt = 1; payload[0] != '\0' && attempt <= HISTORY_ATTEMPTS; attempt++) {
-        char path[NM_URI_SIZE];
-        nm_uri_build(path, path_tail);
-        if (history_attempt(path, payload) != 0)
+    char path[NM_URI_SIZE];
+    nm_uri_build(path, path_tail);
+    for (int attempt = 1; msg->payload && msg->payload[0] != '\0' && attempt <= HISTORY_ATTEMPTS; attempt++) {
+        if (history_attempt(path, msg->payload) != 0)
             break;
         if (attempt < HISTORY_ATTEMPTS && wait_sleep_ms(HISTORY_PAUSE_MS) == WAIT_CUT)
             break;
     }
-    cJSON_free(payload);
 }
 
 static void pong_send(DevMsg *, const char *)
@@ -127,16 +130,16 @@ static void init_cfg_reload(DevMsg *, const char *)
 }
 
 static const DevMsgRow k_dev_msgs[] = {
-    {"cfg-result", result_post, "cfgResult", "cfg-ack"},
-    {"upgrade-result", result_post, "upgradeResult", "upgrade-ack"},
-    {"backup-result", result_post, "backupResult", "backup-ack"},
-    {"alarm-info", alarm_post, "alarm", "alarm-ack"},
-    {"call-history", history_post, "callhistory", nullptr},
-    {"ping", pong_send, nullptr, nullptr},
-    {"port-status", result_post, "ports", nullptr},
-    {"online-status", online_status_answer, nullptr, nullptr},
-    {"service-status", service_report_request, nullptr, nullptr},
-    {"init-cfg-changed", init_cfg_reload, nullptr, nullptr},
+    {"cfg-result", result_post, "cfgResult", "cfg-ack", false},
+    {"upgrade-result", result_post, "upgradeResult", "upgrade-ack", false},
+    {"backup-result", result_post, "backupResult", "backup-ack", false},
+    {"alarm-info", alarm_post, "alarm", "alarm-ack", true},
+    {"call-history", history_post, "callhistory", nullptr, true},
+    {"ping", pong_send, nullptr, nullptr, false},
+    {"port-status", result_post, "ports", nullptr, false},
+    {"online-status", online_status_answer, nullptr, nullptr, false},
+    {"service-status", service_report_request, nullptr, nullptr, false},
+    {"init-cfg-changed", init_cfg_reload, nullptr, nullptr, false},
 };
 
 static const DevMsgRow *row_find(const char *type)
@@ -148,6 +151,33 @@ static const DevMsgRow *row_find(const char *type)
     return nullptr;
 }
 
+// Takes out of the message what its handling wants. Returns its row; null
+// (logged) when there is nothing to handle.
+static const DevMsgRow *message_read(DevMsg *msg)
+{
+    cJSON *root = json_parse_logged(msg->text);
+    if (!root)
+        return nullptr;
+    (void)json_get_string(root, "type", msg->type, sizeof(msg->type));
+    (void)json_get_string(root, "sessionid", msg->sessionid, sizeof(msg->sessionid));
+    (void)json_get_int(root, "msgId", &msg->msg_id);
+    const DevMsgRow *row = row_find(msg->type);
+    if (!row)
+        log_warn("Unknown notify type: %s!", msg->type);
+    else if (row->wants_payload)
+        msg->payload = cJSON_Print(cJSON_GetObjectItem(root, "payload"));
+    cJSON_Delete(root);
+    return row;
+}
+
+// A freed block goes back to the system by itself only from the heap's top, and
+// the request of a large message is taken from the room that its tree has left.
+static void heap_trim(uint32_t message_len)
+{
+    if (message_len >= LARGE_MESSAGE)
+        (void)malloc_trim(0);
+}
+
 void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size)
 {
     log_info("Receive device message, content_len: %u, content: %s", len, text);
@@ -155,18 +185,12 @@ void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size)
     msg.text = text;
     msg.area_size = area_size;
     msg.msg_id = -1;
-    msg.root = json_parse_logged(text);
-    if (!msg.root)
-        return;
-    (void)json_get_string(msg.root, "type", msg.type, sizeof(msg.type));
-    (void)json_get_string(msg.root, "sessionid", msg.sessionid, sizeof(msg.sessionid));
-    (void)json_get_int(msg.root, "msgId", &msg.msg_id);
-    const DevMsgRow *row = row_find(msg.type);
+    const DevMsgRow *row = message_read(&msg);
+    heap_trim(len);
     if (row)
         row->action(&msg, row->path_tail);
-    else
-        log_warn("Unknown notify type: %s!", msg.type);
-    cJSON_Delete(msg.root);
+    payload_free(&msg);
+    heap_trim(len);
 }
 
 // What the ack says.
@@ -176,7 +200,8 @@ struct AckVerdict {
     char cause[FIELD_SIZE];
 };
 
-// Takes NM's judgement out of its answer. 0, or -1 (logged) when the answer is not JSON.
+// Takes NM's judgement out of its answer. 0, or -1 (logged) when the answer is
+// not JSON.
 static int verdict_read(const char *type, const char *response, AckVerdict *verdict)
 {
     cJSON *root = json_parse_logged(response);
@@ -187,7 +212,8 @@ static int verdict_read(const char *type, const char *response, AckVerdict *verd
     if (status == NM_STATUS_OK) {
         verdict->result = "true";
         log_info("Receive '%s' from NM, result: %s.", type, verdict->result);
-        char scratch[FIELD_SIZE]; // the reader empties its target, and the device's own id stands when NM has none
+        char scratch[FIELD_SIZE]; // the reader empties its target, and the device's
+                                  // own id stands when NM has none
         if (json_get_string(cJSON_GetObjectItem(root, "result"), "sessionid", scratch, sizeof(scratch)) == 0)
             (void)text_set(verdict->sessionid, scratch);
     } else {
@@ -223,14 +249,16 @@ int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const c
     if (response && response_len > 0 && verdict_read(type, response, &verdict) != 0)
         return -1;
 
-    // The device expects "ver" in both layouts and always finds it empty; nothing is escaped.
+    // The device expects "ver" in both layouts and always finds it empty; nothing
+    // is escaped.
     char text[DEV_TEXT_SIZE];
     if (strcmp(row->ack, "alarm-ack") == 0)
         (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"msgId\":%d,\t\"result\":%s,\t\"ver\":\"%s\"}", row->ack, msg_id,
                        verdict.result, "");
     else
         (void)text_fmt(text,
-                       "{\t\"sessionid\":\"%s\",\t\"type\":\"%s\",\t\"result\":%s,\t\"cause\":\"%s\",\t\"ver\":\"%s\"}",
+                       "{\t\"sessionid\":\"%s\",\t\"type\":\"%s\",\t\"result\":%s,"
+                       "\t\"cause\":\"%s\",\t\"ver\":\"%s\"}",
                        verdict.sessionid, row->ack, verdict.result, verdict.cause, "");
     text_to_device(row->ack, text);
     return 0;
@@ -262,7 +290,9 @@ void dma_status_send(const char *type)
     PluginInfo info;
     plugin_info_get(&info);
     char text[DEV_TEXT_SIZE];
-    (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"result\":\"%s\",\t\"cause\":\"%s\",\t\"ver\":\"%s\"}", type,
-                   dma_status_text(status), cause, info.plugin_version);
+    (void)text_fmt(text,
+                   "{\t\"type\":\"%s\",\t\"result\":\"%s\",\t\"cause\":\"%s\","
+                   "\t\"ver\":\"%s\"}",
+                   type, dma_status_text(status), cause, info.plugin_version);
     text_to_device(type, text);
 }
