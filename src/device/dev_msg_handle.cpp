@@ -25,6 +25,7 @@ constexpr size_t HISTORY_ANSWER_SIZE = 512;
 constexpr int HISTORY_ATTEMPTS = 3;
 constexpr int HISTORY_PAUSE_MS = 10;
 constexpr int NM_STATUS_OK = 200;
+constexpr int PAYLOAD_LEVELS_MAX = 64;
 constexpr uint32_t LARGE_MESSAGE = 16 * 1024; // bytes; the tree of a smaller one leaves little behind
 
 // A message without its tree, which may be forty times its size: small blocks
@@ -151,6 +152,34 @@ static const DevMsgRow *row_find(const char *type)
     return nullptr;
 }
 
+static bool is_nested_deeper(const cJSON *item, int levels)
+{
+    if (!cJSON_IsArray(item) && !cJSON_IsObject(item))
+        return false;
+    if (levels == 0)
+        return true;
+    const cJSON *child;
+    cJSON_ArrayForEach(child, item)
+    {
+        if (is_nested_deeper(child, levels - 1))
+            return true;
+    }
+    return false;
+}
+
+// Prints the payload, absent: null. 0, or -1 (logged) when it must not be
+// printed: each of its lines would begin with a tab per level.
+static int payload_print(const cJSON *root, DevMsg *msg)
+{
+    const cJSON *payload = cJSON_GetObjectItem(root, "payload");
+    if (is_nested_deeper(payload, PAYLOAD_LEVELS_MAX)) {
+        log_error("Payload of '%s' is nested deeper than %d!", msg->type, PAYLOAD_LEVELS_MAX);
+        return -1;
+    }
+    msg->payload = cJSON_Print(payload);
+    return 0;
+}
+
 // Takes out of the message what its handling wants. Returns its row; null
 // (logged) when there is nothing to handle.
 static const DevMsgRow *message_read(DevMsg *msg)
@@ -164,10 +193,11 @@ static const DevMsgRow *message_read(DevMsg *msg)
     const DevMsgRow *row = row_find(msg->type);
     if (!row)
         log_warn("Unknown notify type: %s!", msg->type);
-    else if (row->wants_payload)
-        msg->payload = cJSON_Print(cJSON_GetObjectItem(root, "payload"));
+    int refused = row && row->wants_payload && payload_print(root, msg) != 0;
     cJSON_Delete(root);
-    return row;
+    if (refused && row->ack)
+        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
+    return refused ? nullptr : row;
 }
 
 // A freed block goes back to the system by itself only from the heap's top, and

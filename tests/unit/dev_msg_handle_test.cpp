@@ -77,3 +77,36 @@ TEST(DevMsgHandle, AlarmsAndCallHistory)
     EXPECT_EQ(nm.now(&NmPeer::bodies), bodies);
     close(device);
 }
+
+static std::string with_payload(const char *type, int levels)
+{
+    return std::string("{\"type\":\"") + type + "\",\"msgId\":4,\"payload\":" + std::string((size_t)levels, '[') +
+           std::string((size_t)levels, ']') + "}";
+}
+
+TEST(DevMsgHandle, DeepPayloadsAreRefused)
+{
+    const struct {
+        const char *type;
+        int levels;
+        const char *ack, *post; // "": none
+    } cases[] = {
+        {"alarm-info", 64, "true", "alarm"},     {"alarm-info", 65, "false", ""}, {"alarm-info", 990, "false", ""},
+        {"call-history", 64, "", "callhistory"}, {"call-history", 65, "", ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.type) + std::to_string(c.levels));
+        NmPeer nm;
+        int device = device_link();
+        LogLines log;
+        dispatch(with_payload(c.type, c.levels));
+        EXPECT_EQ(log.count("[ERR]"), *c.post ? 0 : 1);
+        EXPECT_EQ(log.count(std::string("[ERR] Payload of '") + c.type + "' is nested deeper than 64!\n"),
+                  *c.post ? 0 : 1);
+        std::string sent =
+            std::string("{\t\"type\":\"alarm-ack\",\t\"msgId\":4,\t\"result\":") + c.ack + ",\t\"ver\":\"\"}";
+        EXPECT_EQ(device_read(device, 0), *c.ack ? sent : "(none)");
+        EXPECT_EQ(nm.now(&NmPeer::paths), *c.post ? Texts{std::string("/dev-api/A1/") + c.post} : Texts{});
+        close(device);
+    }
+}
