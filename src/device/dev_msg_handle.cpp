@@ -11,6 +11,7 @@
 #include "nm/nm_msg.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
+#include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "status/service_status.h"
@@ -28,16 +29,17 @@ constexpr int NM_STATUS_OK = 200;
 constexpr int PAYLOAD_LEVELS_MAX = 64;
 constexpr uint32_t LARGE_MESSAGE = 16 * 1024; // bytes; the tree of a smaller one leaves little behind
 
-// A message without its tree, which may be forty times its size: small blocks
-// taken while it lives would pin it on the heap, and NM may take its time.
+// A message without its tree, which may be forty times its size: small blocks taken while it lives would pin it on the
+// heap, and NM may take its time.
 struct DevMsg {
     char *text; // in the message area, may be rewritten
     uint32_t area_size;
-    char *payload; // "payload", printed; only for rows that want it, null when
-                   // the message has none
+    char *payload; // "payload", printed; only for rows that want it, null when the message has none
     char type[FIELD_SIZE];
     char sessionid[FIELD_SIZE];
-    int32_t msg_id; // -1: none
+    int32_t msg_id;         // -1: none
+    SocketConn link;        // held: the device link when the message was taken
+    uint32_t restart_count; // g_restart_count at that time
 };
 
 // What to do for a type; path_tail follows "/dev-api/<serial number>/".
@@ -55,20 +57,39 @@ static void payload_free(DevMsg *msg)
     msg->payload = nullptr;
 }
 
-// A post that a stop or a call-off cut says nothing about NM, so the device
-// hears nothing either.
+// Posts the text; 1 when NM answered, else 0. A restart of the bring-up ends the wait for NM, which has no end of its
+// own while a TLS handshake hangs. Only that wait: a restart leaves the device link alone, and what goes to the device
+// is sent whole.
+static int result_send(const DevMsg *msg, const char *path, char *answer, int *answer_len)
+{
+    CallOff before = wait_call_off_set({&g_restart_count, msg->restart_count});
+    int answered = nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, answer_len);
+    wait_call_off_set(before);
+    return answered;
+}
+
+// NM did not answer. When a restart was the reason, which may have come with a new device link, only the link that
+// waits for this ack gets it. A stop says nothing about NM: silence.
+static void result_failed(const DevMsg *msg)
+{
+    if (stop_requested())
+        return;
+    log_warn("Posting result to NM failed!");
+    if (g_restart_count == msg->restart_count || conn_is_current(DEV_TCP, &msg->link))
+        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
+}
+
 static void result_post(DevMsg *msg, const char *path_tail)
 {
     char path[NM_URI_SIZE];
     nm_uri_build(path, path_tail);
     char *answer = (char *)calloc(1, NM_ANSWER_SIZE);
     int answer_len = 0;
-    if (answer && nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, &answer_len)) {
+    if (answer && result_send(msg, path, answer, &answer_len)) {
         log_debug("Receive rsp from NM, rsp: %s", answer);
         (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, answer, answer_len);
-    } else if (!wait_is_cut()) {
-        log_warn("Posting result to NM failed!");
-        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
+    } else {
+        result_failed(msg);
     }
     free(answer);
 }
@@ -82,8 +103,7 @@ static void alarm_post(DevMsg *msg, const char *path_tail)
     result_post(msg, path_tail);
 }
 
-// One attempt: 1 when NM answered, 0 when it did not, -1 when the wait for the
-// lock was cut.
+// One attempt: 1 when NM answered, 0 when it did not, -1 when the wait for the lock was cut.
 static int history_attempt(const char *path, const char *body)
 {
     char answer[HISTORY_ANSWER_SIZE] = {};
@@ -96,16 +116,19 @@ static int history_attempt(const char *path, const char *body)
     return len >= 0 ? 1 : 0;
 }
 
+// A restart ends it, as it does a result's post.
 static void history_post(DevMsg *msg, const char *path_tail)
 {
     char path[NM_URI_SIZE];
     nm_uri_build(path, path_tail);
+    CallOff before = wait_call_off_set({&g_restart_count, msg->restart_count});
     for (int attempt = 1; msg->payload && msg->payload[0] != '\0' && attempt <= HISTORY_ATTEMPTS; attempt++) {
         if (history_attempt(path, msg->payload) != 0)
             break;
         if (attempt < HISTORY_ATTEMPTS && wait_sleep_ms(HISTORY_PAUSE_MS) == WAIT_CUT)
             break;
     }
+    wait_call_off_set(before);
 }
 
 static void pong_send(DevMsg *, const char *)
@@ -167,8 +190,8 @@ static bool is_nested_deeper(const cJSON *item, int levels)
     return false;
 }
 
-// Prints the payload, absent: null. 0, or -1 (logged) when it must not be
-// printed: each of its lines would begin with a tab per level.
+// Prints the payload, absent: null. 0, or -1 (logged) when it must not be printed: each of its lines would begin with a
+// tab per level.
 static int payload_print(const cJSON *root, DevMsg *msg)
 {
     const cJSON *payload = cJSON_GetObjectItem(root, "payload");
@@ -180,8 +203,7 @@ static int payload_print(const cJSON *root, DevMsg *msg)
     return 0;
 }
 
-// Takes out of the message what its handling wants. Returns its row; null
-// (logged) when there is nothing to handle.
+// Takes out of the message what its handling wants. Returns its row; null (logged) when there is nothing to handle.
 static const DevMsgRow *message_read(DevMsg *msg)
 {
     cJSON *root = json_parse_logged(msg->text);
@@ -200,8 +222,8 @@ static const DevMsgRow *message_read(DevMsg *msg)
     return refused ? nullptr : row;
 }
 
-// A freed block goes back to the system by itself only from the heap's top, and
-// the request of a large message is taken from the room that its tree has left.
+// A freed block goes back to the system by itself only from the heap's top, and the request of a large message is taken
+// from the room that its tree has left.
 static void heap_trim(uint32_t message_len)
 {
     if (message_len >= LARGE_MESSAGE)
@@ -215,11 +237,14 @@ void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size)
     msg.text = text;
     msg.area_size = area_size;
     msg.msg_id = -1;
+    msg.restart_count = g_restart_count;
+    (void)conn_hold(DEV_TCP, &msg.link);
     const DevMsgRow *row = message_read(&msg);
     heap_trim(len);
     if (row)
         row->action(&msg, row->path_tail);
     payload_free(&msg);
+    conn_drop(&msg.link);
     heap_trim(len);
 }
 
@@ -230,8 +255,7 @@ struct AckVerdict {
     char cause[FIELD_SIZE];
 };
 
-// Takes NM's judgement out of its answer. 0, or -1 (logged) when the answer is
-// not JSON.
+// Takes NM's judgement out of its answer. 0, or -1 (logged) when the answer is not JSON.
 static int verdict_read(const char *type, const char *response, AckVerdict *verdict)
 {
     cJSON *root = json_parse_logged(response);
@@ -242,8 +266,7 @@ static int verdict_read(const char *type, const char *response, AckVerdict *verd
     if (status == NM_STATUS_OK) {
         verdict->result = "true";
         log_info("Receive '%s' from NM, result: %s.", type, verdict->result);
-        char scratch[FIELD_SIZE]; // the reader empties its target, and the device's
-                                  // own id stands when NM has none
+        char scratch[FIELD_SIZE]; // the reader empties its target, and the device's own id stands when NM has none
         if (json_get_string(cJSON_GetObjectItem(root, "result"), "sessionid", scratch, sizeof(scratch)) == 0)
             (void)text_set(verdict->sessionid, scratch);
     } else {
@@ -279,16 +302,14 @@ int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const c
     if (response && response_len > 0 && verdict_read(type, response, &verdict) != 0)
         return -1;
 
-    // The device expects "ver" in both layouts and always finds it empty; nothing
-    // is escaped.
+    // The device expects "ver" in both layouts and always finds it empty; nothing is escaped.
     char text[DEV_TEXT_SIZE];
     if (strcmp(row->ack, "alarm-ack") == 0)
         (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"msgId\":%d,\t\"result\":%s,\t\"ver\":\"%s\"}", row->ack, msg_id,
                        verdict.result, "");
     else
         (void)text_fmt(text,
-                       "{\t\"sessionid\":\"%s\",\t\"type\":\"%s\",\t\"result\":%s,"
-                       "\t\"cause\":\"%s\",\t\"ver\":\"%s\"}",
+                       "{\t\"sessionid\":\"%s\",\t\"type\":\"%s\",\t\"result\":%s,\t\"cause\":\"%s\",\t\"ver\":\"%s\"}",
                        verdict.sessionid, row->ack, verdict.result, verdict.cause, "");
     text_to_device(row->ack, text);
     return 0;
@@ -320,9 +341,7 @@ void dma_status_send(const char *type)
     PluginInfo info;
     plugin_info_get(&info);
     char text[DEV_TEXT_SIZE];
-    (void)text_fmt(text,
-                   "{\t\"type\":\"%s\",\t\"result\":\"%s\",\t\"cause\":\"%s\","
-                   "\t\"ver\":\"%s\"}",
-                   type, dma_status_text(status), cause, info.plugin_version);
+    (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"result\":\"%s\",\t\"cause\":\"%s\",\t\"ver\":\"%s\"}", type,
+                   dma_status_text(status), cause, info.plugin_version);
     text_to_device(type, text);
 }

@@ -135,6 +135,25 @@ void run_status_period_set(int32_t period_s)
     pthread_mutex_unlock(&s_bring_up_mutex);
 }
 
+// Between a restart and the pass that follows, the device's results still go to the NM of before. Once the pass has
+// read or was redirected to another one, nobody waits for that any more.
+static void nm_move_check(void)
+{
+    static struct {
+        char method[ID_TEXT_SIZE];
+        char ip[IP_TEXT_SIZE];
+        char port[PORT_TEXT_SIZE];
+    } s_nm; // main thread only; of the last pass
+    PluginInfo info;
+    plugin_info_get(&info);
+    if (strcmp(s_nm.method, info.nm_method) != 0 || strcmp(s_nm.ip, info.nm_ip) != 0 ||
+        strcmp(s_nm.port, info.nm_port) != 0)
+        g_restart_count++;
+    (void)text_set(s_nm.method, info.nm_method);
+    (void)text_set(s_nm.ip, info.nm_ip);
+    (void)text_set(s_nm.port, info.nm_port);
+}
+
 // Reads the init cfg and sees to the message buffers. 0, or -1 (logged).
 static int settings_take(void)
 {
@@ -144,6 +163,7 @@ static int settings_take(void)
         log_error("Parsing init cfg failed!");
         return -1;
     }
+    nm_move_check();
     return dev_msg_buffer_ready() || dev_msg_buffer_init() ? 0 : -1;
 }
 

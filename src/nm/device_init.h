@@ -44,7 +44,8 @@ void restart_device_init(void);
 // followed by the restart. Any thread but main.
 void device_identity_changed(void);
 
-// Rises with every restart: the call-off of what still runs for the last bring-up (wait_call_off_set).
+// Rises with every restart, and when a pass finds another NM in the init cfg: the call-off of what still runs for the
+// last bring-up (wait_call_off_set).
 extern std::atomic<uint32_t> g_restart_count;
 
 // SIGALRM: asks for a pass. Signal context.
