@@ -1,5 +1,6 @@
 // Process entry: start-up order, work threads, main loop, closing sequence.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
@@ -80,8 +81,6 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //                                |                                    |                   | link that others share
 //   pauses of a send             | 10 or 100 ms to pass               | that long         | s r t
 //   relay of a tunnel            | bytes or room on either side       | its patience      | s t c
-//   slot of a web tunnel         | one of ten to become free          | none: the next    | s t c
-//                                |                                    | destroy frees one |
 //   device link, receive step    | bytes of the device                | 200 ms            | s c
 //   post lock of NM              | the post before, by these rules    | none              | s r
 //   send order of a connection   | the unit before, by these rules    | none              | s r t
@@ -237,13 +236,20 @@ static void print_build_banner(void)
     log_info("~~~~~~~~ COMMIT_ID: %s ~~~~~~~~\n", PLUGIN_COMMIT_ID);
 }
 
-// What the modules need before a thread runs.
-static void modules_init(void)
+// What the modules need before a thread runs. 0, or -1 without a descriptor (errno set).
+static int modules_init(void)
 {
-    nm_msg_table_init();
-    remote_web_init();
-    remote_telnet_init();
-    service_status_init();
+    if (nm_msg_table_init() != 0 || remote_web_init() != 0 || remote_telnet_init() != 0)
+        return -1;
+    return service_status_init();
+}
+
+// No thread would ever be woken. The line goes to the console whatever is configured: syslog and log files may want the
+// same descriptors, and config.ini may not have been read for lack of them.
+static void doorbell_missing_log(void)
+{
+    g_log_std = 2;
+    log_error("Create doorbell failed: %s!", error_text(errno).text);
 }
 
 // A box with 64 MiB is not to keep for ever what one large message took: large blocks go back to the system when they
@@ -261,17 +267,22 @@ static int process_start(void)
     signal(SIGPIPE, SIG_IGN); // first of all: a closed standard output raises it too
     standard_descriptors_reserve();
     setlinebuf(stdout);
-    if (stop_init(closing_sequence) != 0)
-        return -1;
     log_lock_init();
     work_thread_set_name("proxy_plugin");
+    if (stop_init(closing_sequence) != 0) {
+        doorbell_missing_log();
+        return -1;
+    }
     os_info_log();
     signals_install();
     if (!read_plugin_config()) {
         log_error("Read config file failed!");
         return -1;
     }
-    modules_init();
+    if (modules_init() != 0) {
+        doorbell_missing_log();
+        return -1;
+    }
     plugin_version_set();
     if (!log_init()) {
         log_error("Log initiating failed!");

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,14 +82,19 @@ static std::vector<std::string> command_words()
     return words;
 }
 
-static void run_agent(const std::string &dir, std::vector<char *> &arguments, int console)
+static void run_agent(const AgentProcess &agent, std::vector<char *> &arguments, int console)
 {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     signal(SIGPIPE, SIG_DFL); // as a launcher leaves it
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (chdir(dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0) {
+    if (agent.descriptors_max > 0) {
+        const rlimit limit = {(rlim_t)agent.descriptors_max, (rlim_t)agent.descriptors_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        close(STDIN_FILENO); // the dynamic loader wants one; the agent puts /dev/null there
+    }
+    if (chdir(agent.dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0) {
         execvp(arguments[0], arguments.data());
     }
     _exit(127);
@@ -109,7 +115,7 @@ bool agent_start(AgentProcess *agent)
     agent->status = -1;
     agent->pid = fork();
     if (agent->pid == 0) {
-        run_agent(agent->dir, arguments, ends[1]);
+        run_agent(*agent, arguments, ends[1]);
     }
     close(ends[1]);
     if (!agent->console) {
@@ -340,11 +346,16 @@ std::string file_text(const std::string &path)
     return text.str();
 }
 
-static int status_value(int pid, const std::string &key)
+static int value_in(const std::string &path, const std::string &key)
 {
-    const std::string text = file_text("/proc/" + std::to_string(pid) + "/status");
+    const std::string text = file_text(path);
     const size_t at = text.find("\n" + key + ":");
     return at == std::string::npos ? -1 : atoi(text.c_str() + at + key.size() + 2);
+}
+
+static int status_value(int pid, const std::string &key)
+{
+    return value_in("/proc/" + std::to_string(pid) + "/status", key);
 }
 
 int proc_threads(int pid)
@@ -355,6 +366,11 @@ int proc_threads(int pid)
 int proc_rss_kib(int pid)
 {
     return status_value(pid, "VmRSS");
+}
+
+int proc_private_kib(int pid)
+{
+    return value_in("/proc/" + std::to_string(pid) + "/smaps_rollup", "Private_Dirty");
 }
 
 bool proc_rss_counts()

@@ -21,10 +21,11 @@ using ConfigRows = std::vector<std::pair<std::string, std::string>>;
 struct AgentConsole; // what it printed; read all the time by a thread, so that a full pipe never stops the agent
 
 struct AgentProcess {
-    std::string dir; // temporary, removed at the end
-    int pid = -1;    // -1: not running
-    int status = -1; // exit status; 128 + signal number when a signal killed it; -1 while it runs
-    size_t seen = 0; // agent_wait_log looks behind this place of the output
+    std::string dir;         // temporary, removed at the end
+    int pid = -1;            // -1: not running
+    int status = -1;         // exit status; 128 + signal number when a signal killed it; -1 while it runs
+    int descriptors_max = 0; // from its start, the three standard ones included; 0: no limit of its own
+    size_t seen = 0;         // agent_wait_log looks behind this place of the output
     AgentConsole *console = nullptr;
 };
 
@@ -69,7 +70,7 @@ bool agent_start(AgentProcess *agent);
 bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms = k_wait_ms);
 bool agent_has_log(const AgentProcess &agent, const std::string &text); // anywhere so far
 bool text_has(const std::string &text, const std::string &part);
-std::string agent_output(const AgentProcess &agent);                    // everything so far, without colours
+std::string agent_output(const AgentProcess &agent); // everything so far, without colours
 // Under the thread sanitizer about one signal in 300 that comes while the agent starts never reaches its handler: none
 // pending, none blocked. There agent_stop sends it again; the agent takes the first and ignores the rest.
 #ifdef __SANITIZE_THREAD__
@@ -86,8 +87,9 @@ long long monotonic_ms();
 int proc_threads(int pid);
 int proc_descriptors(int pid);
 int proc_rss_kib(int pid);
-bool proc_rss_counts();   // false under an emulator or a sanitizer, whose own memory grows
-int proc_cpu_ms(int pid); // user and system time so far
+int proc_private_kib(int pid); // written pages that are its own
+bool proc_rss_counts();        // false under an emulator or a sanitizer, whose own memory grows
+int proc_cpu_ms(int pid);      // user and system time so far
 std::string file_text(const std::string &path);
 
 // A port of 127.0.0.1 that takes no connection and refuses none: connecting to it hangs. Close the descriptors after

@@ -1,6 +1,7 @@
 #include "device/dev_msg_handle.h"
 
 #include <cjson/cJSON.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -10,6 +11,7 @@
 #include "nm/nm_msg.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
+#include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "status/service_status.h"
@@ -24,14 +26,20 @@ constexpr size_t HISTORY_ANSWER_SIZE = 512;
 constexpr int HISTORY_ATTEMPTS = 3;
 constexpr int HISTORY_PAUSE_MS = 10;
 constexpr int NM_STATUS_OK = 200;
+constexpr int PAYLOAD_LEVELS_MAX = 64;
+constexpr uint32_t LARGE_MESSAGE = 16 * 1024; // bytes; the tree of a smaller one leaves little behind
 
+// A message without its tree, which may be forty times its size: small blocks taken while it lives would pin it on the
+// heap, and NM may take its time.
 struct DevMsg {
     char *text; // in the message area, may be rewritten
     uint32_t area_size;
-    cJSON *root;
+    char *payload; // "payload", printed; only for rows that want it, null when the message has none
     char type[FIELD_SIZE];
     char sessionid[FIELD_SIZE];
-    int32_t msg_id; // -1: none
+    int32_t msg_id;         // -1: none
+    SocketConn link;        // held: the device link when the message was taken
+    uint32_t restart_count; // g_restart_count at that time
 };
 
 // What to do for a type; path_tail follows "/dev-api/<serial number>/".
@@ -40,38 +48,58 @@ struct DevMsgRow {
     void (*action)(DevMsg *msg, const char *path_tail);
     const char *path_tail;
     const char *ack; // null: no ack for this type
+    bool wants_payload;
 };
 
-// A post that a stop or a call-off cut says nothing about NM, so the device hears nothing either.
+static void payload_free(DevMsg *msg)
+{
+    cJSON_free(msg->payload);
+    msg->payload = nullptr;
+}
+
+// Posts the text; 1 when NM answered, else 0. A restart of the bring-up ends the wait for NM, which has no end of its
+// own while a TLS handshake hangs. Only that wait: a restart leaves the device link alone, and what goes to the device
+// is sent whole.
+static int result_send(const DevMsg *msg, const char *path, char *answer, int *answer_len)
+{
+    CallOff before = wait_call_off_set({&g_restart_count, msg->restart_count});
+    int answered = nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, answer_len);
+    wait_call_off_set(before);
+    return answered;
+}
+
+// NM did not answer. When a restart was the reason, which may have come with a new device link, only the link that
+// waits for this ack gets it. A stop says nothing about NM: silence.
+static void result_failed(const DevMsg *msg)
+{
+    if (stop_requested())
+        return;
+    log_warn("Posting result to NM failed!");
+    if (g_restart_count == msg->restart_count || conn_is_current(DEV_TCP, &msg->link))
+        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
+}
+
 static void result_post(DevMsg *msg, const char *path_tail)
 {
     char path[NM_URI_SIZE];
     nm_uri_build(path, path_tail);
     char *answer = (char *)calloc(1, NM_ANSWER_SIZE);
     int answer_len = 0;
-    if (answer && nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, &answer_len)) {
+    if (answer && result_send(msg, path, answer, &answer_len)) {
         log_debug("Receive rsp from NM, rsp: %s", answer);
         (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, answer, answer_len);
-    } else if (!wait_is_cut()) {
-        log_warn("Posting result to NM failed!");
-        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
+    } else {
+        result_failed(msg);
     }
     free(answer);
 }
 
-// Formatted text of the message's "payload", freed by the caller; null without one.
-static char *payload_print(const DevMsg *msg)
-{
-    return cJSON_Print(cJSON_GetObjectItem(msg->root, "payload"));
-}
-
 static void alarm_post(DevMsg *msg, const char *path_tail)
 {
-    char *payload = payload_print(msg);
-    if (!payload)
+    if (!msg->payload)
         return;
-    (void)text_format(msg->text, msg->area_size, "[%s]", payload);
-    cJSON_free(payload);
+    (void)text_format(msg->text, msg->area_size, "[%s]", msg->payload);
+    payload_free(msg);
     result_post(msg, path_tail);
 }
 
@@ -88,20 +116,19 @@ static int history_attempt(const char *path, const char *body)
     return len >= 0 ? 1 : 0;
 }
 
+// A restart ends it, as it does a result's post.
 static void history_post(DevMsg *msg, const char *path_tail)
 {
-    char *payload = payload_print(msg);
-    if (!payload)
-        return;
-    for (int attempt = 1; payload[0] != '\0' && attempt <= HISTORY_ATTEMPTS; attempt++) {
-        char path[NM_URI_SIZE];
-        nm_uri_build(path, path_tail);
-        if (history_attempt(path, payload) != 0)
+    char path[NM_URI_SIZE];
+    nm_uri_build(path, path_tail);
+    CallOff before = wait_call_off_set({&g_restart_count, msg->restart_count});
+    for (int attempt = 1; msg->payload && msg->payload[0] != '\0' && attempt <= HISTORY_ATTEMPTS; attempt++) {
+        if (history_attempt(path, msg->payload) != 0)
             break;
         if (attempt < HISTORY_ATTEMPTS && wait_sleep_ms(HISTORY_PAUSE_MS) == WAIT_CUT)
             break;
     }
-    cJSON_free(payload);
+    wait_call_off_set(before);
 }
 
 static void pong_send(DevMsg *, const char *)
@@ -127,16 +154,16 @@ static void init_cfg_reload(DevMsg *, const char *)
 }
 
 static const DevMsgRow k_dev_msgs[] = {
-    {"cfg-result", result_post, "cfgResult", "cfg-ack"},
-    {"upgrade-result", result_post, "upgradeResult", "upgrade-ack"},
-    {"backup-result", result_post, "backupResult", "backup-ack"},
-    {"alarm-info", alarm_post, "alarm", "alarm-ack"},
-    {"call-history", history_post, "callhistory", nullptr},
-    {"ping", pong_send, nullptr, nullptr},
-    {"port-status", result_post, "ports", nullptr},
-    {"online-status", online_status_answer, nullptr, nullptr},
-    {"service-status", service_report_request, nullptr, nullptr},
-    {"init-cfg-changed", init_cfg_reload, nullptr, nullptr},
+    {"cfg-result", result_post, "cfgResult", "cfg-ack", false},
+    {"upgrade-result", result_post, "upgradeResult", "upgrade-ack", false},
+    {"backup-result", result_post, "backupResult", "backup-ack", false},
+    {"alarm-info", alarm_post, "alarm", "alarm-ack", true},
+    {"call-history", history_post, "callhistory", nullptr, true},
+    {"ping", pong_send, nullptr, nullptr, false},
+    {"port-status", result_post, "ports", nullptr, false},
+    {"online-status", online_status_answer, nullptr, nullptr, false},
+    {"service-status", service_report_request, nullptr, nullptr, false},
+    {"init-cfg-changed", init_cfg_reload, nullptr, nullptr, false},
 };
 
 static const DevMsgRow *row_find(const char *type)
@@ -148,6 +175,61 @@ static const DevMsgRow *row_find(const char *type)
     return nullptr;
 }
 
+static bool is_nested_deeper(const cJSON *item, int levels)
+{
+    if (!cJSON_IsArray(item) && !cJSON_IsObject(item))
+        return false;
+    if (levels == 0)
+        return true;
+    const cJSON *child;
+    cJSON_ArrayForEach(child, item)
+    {
+        if (is_nested_deeper(child, levels - 1))
+            return true;
+    }
+    return false;
+}
+
+// Prints the payload, absent: null. 0, or -1 (logged) when it must not be printed: each of its lines would begin with a
+// tab per level.
+static int payload_print(const cJSON *root, DevMsg *msg)
+{
+    const cJSON *payload = cJSON_GetObjectItem(root, "payload");
+    if (is_nested_deeper(payload, PAYLOAD_LEVELS_MAX)) {
+        log_error("Payload of '%s' is nested deeper than %d!", msg->type, PAYLOAD_LEVELS_MAX);
+        return -1;
+    }
+    msg->payload = cJSON_Print(payload);
+    return 0;
+}
+
+// Takes out of the message what its handling wants. Returns its row; null (logged) when there is nothing to handle.
+static const DevMsgRow *message_read(DevMsg *msg)
+{
+    cJSON *root = json_parse_logged(msg->text);
+    if (!root)
+        return nullptr;
+    (void)json_get_string(root, "type", msg->type, sizeof(msg->type));
+    (void)json_get_string(root, "sessionid", msg->sessionid, sizeof(msg->sessionid));
+    (void)json_get_int(root, "msgId", &msg->msg_id);
+    const DevMsgRow *row = row_find(msg->type);
+    if (!row)
+        log_warn("Unknown notify type: %s!", msg->type);
+    int refused = row && row->wants_payload && payload_print(root, msg) != 0;
+    cJSON_Delete(root);
+    if (refused && row->ack)
+        (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
+    return refused ? nullptr : row;
+}
+
+// A freed block goes back to the system by itself only from the heap's top, and the request of a large message is taken
+// from the room that its tree has left.
+static void heap_trim(uint32_t message_len)
+{
+    if (message_len >= LARGE_MESSAGE)
+        (void)malloc_trim(0);
+}
+
 void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size)
 {
     log_info("Receive device message, content_len: %u, content: %s", len, text);
@@ -155,18 +237,15 @@ void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size)
     msg.text = text;
     msg.area_size = area_size;
     msg.msg_id = -1;
-    msg.root = json_parse_logged(text);
-    if (!msg.root)
-        return;
-    (void)json_get_string(msg.root, "type", msg.type, sizeof(msg.type));
-    (void)json_get_string(msg.root, "sessionid", msg.sessionid, sizeof(msg.sessionid));
-    (void)json_get_int(msg.root, "msgId", &msg.msg_id);
-    const DevMsgRow *row = row_find(msg.type);
+    msg.restart_count = g_restart_count;
+    (void)conn_hold(DEV_TCP, &msg.link);
+    const DevMsgRow *row = message_read(&msg);
+    heap_trim(len);
     if (row)
         row->action(&msg, row->path_tail);
-    else
-        log_warn("Unknown notify type: %s!", msg.type);
-    cJSON_Delete(msg.root);
+    payload_free(&msg);
+    conn_drop(&msg.link);
+    heap_trim(len);
 }
 
 // What the ack says.

@@ -32,11 +32,10 @@ static pthread_mutex_t s_dev_msg_mutex = PTHREAD_MUTEX_INITIALIZER;
 static DeviceMessageBuffer s_buffer;
 static WaitBell s_bell; // rung when bytes were added
 
-void dev_msg_recv_init(void)
+int dev_msg_recv_init(void)
 {
     pthread_mutex_init(&s_dev_msg_mutex, nullptr);
-    if (wait_bell_init(&s_bell) != 0)
-        log_error("Create doorbell of dev_msg_handle failed!");
+    return wait_bell_init(&s_bell);
 }
 
 int dev_msg_buffer_init(void)
@@ -145,6 +144,14 @@ void dev_msg_recv(void)
     conn_drop(&conn);
 }
 
+// An empty area is filled from its start again, so that it costs no more memory than the largest messages.
+static void consume_locked(uint32_t count)
+{
+    s_buffer.read_pos += count;
+    if (pending_locked() == 0)
+        s_buffer.read_pos = s_buffer.write_pos = 0;
+}
+
 // Cuts the next frame into the message area. Returns 1 with the content's length, 0 when there is nothing to hand over.
 static int frame_cut_locked(uint32_t *content_len)
 {
@@ -152,7 +159,7 @@ static int frame_cut_locked(uint32_t *content_len)
         return 0;
     uint32_t length = le32_get(s_buffer.data + s_buffer.read_pos);
     if (length > s_buffer.msg_capacity - DEV_FRAME_HEADER_SIZE) {
-        s_buffer.read_pos = s_buffer.write_pos; // it can never fit, and nothing behind it can be found again
+        consume_locked(pending_locked()); // it can never fit, and nothing behind it can be found again
         return 0;
     }
     if (length > pending_locked() - DEV_FRAME_HEADER_SIZE) {
@@ -160,13 +167,11 @@ static int frame_cut_locked(uint32_t *content_len)
         return 0;
     }
     const uint8_t *content = s_buffer.data + s_buffer.read_pos + DEV_FRAME_HEADER_SIZE;
-    s_buffer.read_pos += DEV_FRAME_HEADER_SIZE + length;
-    if (length == 0)
-        return 0;
     memcpy(s_buffer.msg, content, length);
     s_buffer.msg[length] = '\0'; // within the area by the bound above; hides what an earlier message left
+    consume_locked(DEV_FRAME_HEADER_SIZE + length);
     *content_len = length;
-    return 1;
+    return length > 0;
 }
 
 void dev_msg_get(void)

@@ -22,5 +22,6 @@ void dev_msg_get(void);
 // One cycle of the thread dev_msg_handle: sleeps until bytes are there, dev_msg_get, 5 ms pause.
 void dev_msg_handle_turn(void);
 
-// Creates dev_msg_mutex and the thread's doorbell; nm_msg_table_init calls it.
-void dev_msg_recv_init(void);
+// Creates dev_msg_mutex and the thread's doorbell; nm_msg_table_init calls it. 0, or -1 without a descriptor (errno
+// set).
+int dev_msg_recv_init(void);

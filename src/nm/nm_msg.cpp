@@ -70,12 +70,12 @@ void nm_uri_build(char (&path)[NM_URI_SIZE], const char *tail)
     (void)text_fmt(path, "/dev-api/%s%s%s", info.dev_sn, tail ? "/" : "", tail ? tail : "");
 }
 
-void nm_msg_table_init(void)
+int nm_msg_table_init(void)
 {
     pthread_mutex_init(&g_nm_post_mutex, nullptr);
-    dev_msg_recv_init();
     for (const NmMsgRow &row : k_nm_msgs)
         (void)nm_msg_register(row.type, row.handler, row.handler_name);
+    return dev_msg_recv_init();
 }
 
 int nm_msg_register(const char *type, NmMsgHandler handler, const char *handler_name)

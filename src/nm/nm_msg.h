@@ -20,8 +20,8 @@ extern pthread_mutex_t g_nm_post_mutex;
 void nm_uri_build(char (&path)[NM_URI_SIZE], const char *tail);
 
 // Fills the table and makes the two mutexes (this one and dev_msg_mutex). Start-up, before any NM traffic; the table is
-// only read afterwards.
-void nm_msg_table_init(void);
+// only read afterwards. dev_msg_recv_init's result.
+int nm_msg_table_init(void);
 
 // Adds one type to the first free of the 64 entries. 0, or -1 (logged) when the table is full.
 int nm_msg_register(const char *type, NmMsgHandler handler, const char *handler_name);

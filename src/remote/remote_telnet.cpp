@@ -39,10 +39,9 @@ struct RelayWay {
 static RelayWay s_to_device;
 static RelayWay s_to_nm;
 
-void remote_telnet_init(void)
+int remote_telnet_init(void)
 {
-    if (wait_bell_init(&s_bell) != 0)
-        log_error("Create the remote telnet doorbell failed!");
+    return wait_bell_init(&s_bell);
 }
 
 static void ways_clear(void)

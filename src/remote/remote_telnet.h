@@ -16,5 +16,5 @@ int remote_telnet_is_init(const char *text);
 // One cycle of the thread remote_telnet: one step and a pause of 5 ms, or rest until the tunnel opens.
 void remote_telnet_turn(void);
 
-// Creates locks and doorbell; start-up, before the threads.
-void remote_telnet_init(void);
+// Creates the thread's doorbell; start-up, before the threads. 0, or -1 without a descriptor (errno set).
+int remote_telnet_init(void);

@@ -33,10 +33,9 @@ static size_t s_received_len;
 static int64_t s_received_ms;      // when NM last sent something
 static SendProgress s_nm_progress; // of the frames to NM
 
-void remote_web_init(void)
+int remote_web_init(void)
 {
-    if (wait_bell_init(&s_bell) != 0)
-        log_error("Create the remote web doorbell failed!");
+    return wait_bell_init(&s_bell);
 }
 
 static int resources_set_up(void)

@@ -12,8 +12,8 @@ int remote_web_req_handle(uintptr_t context, const char *answer, const char *pay
 // One cycle of the thread remote_web: while the tunnel runs one step and a pause of 1 ms, else rests until it opens.
 void remote_web_turn(void);
 
-// Creates locks and doorbell; start-up, before the threads.
-void remote_web_init(void);
+// Creates the thread's doorbell; start-up, before the threads. 0, or -1 without a descriptor (errno set).
+int remote_web_init(void);
 
 // 1 while the device-side thread lives, for the closing sequence.
 int remote_web_device_thread_running(void);

@@ -66,7 +66,7 @@ static int file_record(const char *directory, const char *name)
     char path[2 * PATH_TEXT_SIZE];
     (void)text_fmt(path, "%s%s", directory, name);
     struct stat info = {};
-    int result = lstat(path, &info);
+    int result = stat(path, &info); // follows links, as fopen will
     if (result == 0 && !S_ISREG(info.st_mode))
         return 0;
     log_info("fileName: %s", name);

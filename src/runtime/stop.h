@@ -14,8 +14,9 @@ extern std::atomic<uint8_t> g_exit_flag;
 // Seconds from a stop request to the hard end of the process, whatever still hangs (a name look-up, a full pipe).
 constexpr unsigned STOP_DEADLINE_S = 30;
 
-// Main thread, first of all at start-up: creates the wake descriptor and remembers the caller as the main thread.
-// sequence is the closing sequence; it gets the exit status and never returns. Returns 0, or -1 without a descriptor.
+// Main thread, at start-up before anything waits: creates the wake descriptor and remembers the caller as the main
+// thread. sequence is the closing sequence; it gets the exit status and never returns. Returns 0, or -1 without a
+// descriptor (errno set).
 int stop_init(void (*sequence)(int status));
 
 // Records the request, wakes all waits and arms the hard deadline. Async-signal-safe, errno preserved; later requests

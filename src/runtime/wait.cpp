@@ -10,7 +10,6 @@
 constexpr int WAIT_FDS_MAX = 12;
 constexpr int SLICE_MS = 50; // of a wait that looks around: for a call-off, for the step
 constexpr int LOCK_SLICE_MS = 10;
-constexpr int NO_BELL_PAUSE_MS = 200; // between looks of a thread whose bell could not be had
 
 static thread_local CallOff t_call_off;
 static thread_local WaitStep t_step;
@@ -168,8 +167,6 @@ void wait_bell_ring(WaitBell *bell)
 
 WaitResult wait_bell(WaitBell *bell, int timeout_ms)
 {
-    if (bell->fd < 0 && (timeout_ms < 0 || timeout_ms > NO_BELL_PAUSE_MS))
-        timeout_ms = NO_BELL_PAUSE_MS;
     WaitResult result = wait_fd(bell->fd, POLLIN, timeout_ms);
     if (result == WAIT_READY) {
         uint64_t rings;

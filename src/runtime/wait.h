@@ -64,7 +64,6 @@ int64_t wait_now_ms(void);
 struct WaitBell {
     std::atomic<int> fd{-1};
 };
-int wait_bell_init(WaitBell *bell);                   // 0, or -1 without a descriptor; a second call does nothing
-void wait_bell_ring(WaitBell *bell);                  // async-signal-safe
-WaitResult wait_bell(WaitBell *bell, int timeout_ms); // READY takes back all rings so far; TIMEOUT within 200 ms
-                                                      // without a descriptor
+int wait_bell_init(WaitBell *bell);  // 0, or -1 without a descriptor (errno set); a second call does nothing
+void wait_bell_ring(WaitBell *bell); // async-signal-safe
+WaitResult wait_bell(WaitBell *bell, int timeout_ms); // READY takes back all rings so far

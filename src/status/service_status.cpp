@@ -49,9 +49,9 @@ static struct {
     char envelope[ENVELOPE_SIZE];
 } s_buf;
 
-void service_status_init(void)
+int service_status_init(void)
 {
-    (void)wait_bell_init(&s_bell); // without a bell the thread looks every 200 ms
+    return wait_bell_init(&s_bell);
 }
 
 ServiceSettings service_settings_get(void)

@@ -46,5 +46,5 @@ void service_status_poll(void);
 // watch.
 void service_status_turn(void);
 
-// Creates the doorbell; start-up, before the threads.
-void service_status_init(void);
+// Creates the thread's doorbell; start-up, before the threads. 0, or -1 without a descriptor (errno set).
+int service_status_init(void);

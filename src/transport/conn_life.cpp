@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 #include <new>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,11 +14,12 @@ constexpr int LINGER_S = 1;
 
 ConnLife *conn_life_new(const SocketConn *conn)
 {
-    ConnLife *life = new (std::nothrow) ConnLife();
-    if (!life) {
+    void *memory = malloc(sizeof(ConnLife));
+    if (!memory) {
         log_error("out of memory for a connection!");
         return nullptr;
     }
+    ConnLife *life = new (memory) ConnLife(); // in place: the atomics begin their life, the C++ runtime is not needed
     life->users = 1;
     life->fd = conn->socket_fd;
     life->remote_addr = conn->remote_addr;
@@ -43,7 +45,7 @@ void conn_life_drop(ConnLife *life)
     if (life->remote_addr)
         freeaddrinfo(life->remote_addr);
     pthread_mutex_destroy(&life->send_order);
-    delete life;
+    free(life);
 }
 
 int conn_life_shut(ConnLife *life)

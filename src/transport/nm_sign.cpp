@@ -5,8 +5,8 @@
 
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
+#include "runtime/stop.h"
 #include "runtime/text.h"
-#include "runtime/wait.h"
 
 static const char k_salt[] = "Qol.Vetrix@2019";
 
@@ -66,7 +66,7 @@ int nm_send_device_response(const char *path, const char *msg, char *rsp, size_t
     log_info("Sending device response to NM, uri: %s, header: %s,%s, msg: %s", path, headers[0], headers[1], msg);
     int result = nm_http_post(path, msg, rsp, rsp_cap);
     if (result < 0) {
-        if (!wait_is_cut()) // asked to stop: NM refused nothing
+        if (!stop_requested()) // else NM refused nothing
             log_warn("Sending device response to NM failed. response: %s", rsp);
         return 0;
     }

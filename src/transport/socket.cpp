@@ -6,7 +6,6 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <new>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -457,7 +456,7 @@ int get_interface_ip(const char *interface, char (&ip)[IP_TEXT_SIZE])
 static int lookup_address(const char *name, struct in_addr *address)
 {
     for (size_t size = 1024; size <= LOOKUP_SCRATCH_MAX; size *= 2) {
-        char *scratch = new (std::nothrow) char[size];
+        char *scratch = (char *)malloc(size);
         if (!scratch)
             return -1;
         struct hostent entry;
@@ -467,7 +466,7 @@ static int lookup_address(const char *name, struct in_addr *address)
         bool usable = result == 0 && found && found->h_addrtype == AF_INET && found->h_addr_list[0];
         if (usable)
             memcpy(address, found->h_addr_list[0], sizeof(*address));
-        delete[] scratch;
+        free(scratch);
         if (result != ERANGE)
             return usable ? 0 : -1;
     }

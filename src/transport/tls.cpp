@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <new>
 #include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
@@ -115,7 +114,7 @@ static TlsSession *new_session(int fd)
         SSL_free(ssl);
         return nullptr;
     }
-    TlsSession *session = new (std::nothrow) TlsSession();
+    TlsSession *session = (TlsSession *)calloc(1, sizeof(TlsSession));
     if (!session) {
         log_error("SSL_new() failed!");
         SSL_free(ssl);
@@ -267,7 +266,7 @@ void tls_free(TlsSession *session)
     SSL_shutdown(session->ssl); // quiet: writes nothing
     SSL_free(session->ssl);
     pthread_mutex_destroy(&session->mutex);
-    delete session;
+    free(session);
 }
 
 void tls_deinit(TlsSession *session)

@@ -187,6 +187,29 @@ TEST(FaultsNet, AfterEachSpoiltPostTheNextIsRight)
     EXPECT_LE(monotonic_ms() - start, 2000);
 }
 
+// The device moves to another NM; the old one takes connections and answers no handshake. A result that was still sent
+// to the old one is not waited for when the device is online with the new one.
+TEST(FaultsNet, NmMoves)
+{
+    Stage stage;
+    ASSERT_TRUE(stage_online(&stage, true));
+    NmOptions options;
+    options.https = true;
+    NmSim *old_nm = stage.nm;
+    stage.nm = nm_sim_start(options);
+    nm_sim_set_fault(old_nm, "accept", {NM_FAULT_SILENCE, 0, -1, ""});
+    device_cfg_set(&stage.cfg, "port", std::to_string(nm_sim_port(stage.nm) - 1));
+    device_cfg_set_text(&stage.cfg, "pversion", "2.5.0"); // the port alone moves it without a restart
+    stage_write(stage);
+    ASSERT_TRUE(device_sim_send(stage.device, "{\"type\":\"init-cfg-changed\"}"));
+    ASSERT_TRUE(agent_wait_log(&stage.agent, "Start timer for 'enable_init_flag', len: 10000 ms"));
+    expect_ack(&stage, message(0), "false");
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "Init cfg successfully"));
+    expect_ack(&stage, message(0), "true");
+    EXPECT_EQ(stage_end(&stage), "");
+    nm_sim_stop(old_nm);
+}
+
 // The kept connection: what comes too late for one heartbeat is never taken for the answer to another.
 TEST(FaultsNet, LateAnswersToHeartbeats)
 {

@@ -432,6 +432,93 @@ TEST(Faults, HostileFrames)
     expect_clean_end(&stage);
 }
 
+// Whichever doorbell finds no descriptor, the process ends, and the console says so once.
+TEST(Faults, StartWithoutDescriptors)
+{
+    if (*PLUGIN_RUNNER) {
+        GTEST_SKIP() << "an emulator has descriptors of its own";
+    }
+    Stage stage;
+    stage_prepare(&stage, false);
+    stage_write(stage);
+    for (int limit = 3; limit < 8; limit++) { // standard descriptors and as many of the five doorbells
+        SCOPED_TRACE(limit);
+        const size_t from = agent_output(stage.agent).size();
+        stage.agent.descriptors_max = limit;
+        ASSERT_TRUE(agent_start(&stage.agent));
+        EXPECT_EQ(agent_wait_exit(&stage.agent), 255);
+        const std::string output = agent_output(stage.agent).substr(from);
+        EXPECT_EQ(occurrences(output, "[ERR]"), 1) << output;
+        EXPECT_EQ(occurrences(output, "Create doorbell failed: Too many open files!"), 1) << output;
+    }
+}
+
+// A message of size bytes: head, part again and again, tail and blanks.
+static std::string filled(const std::string &head, const std::string &part, const std::string &tail, size_t size)
+{
+    std::string text = head;
+    while (text.size() + part.size() + 1 + tail.size() <= size) {
+        text += part + ",";
+    }
+    text.back() = tail[0];
+    text += tail.substr(1);
+    return text + std::string(size - text.size(), ' ');
+}
+
+struct LargeMessage {
+    const char *name, *path; // of the post
+    std::string text;
+    bool https = false;
+};
+
+static void run_large_messages(const LargeMessage &row)
+{
+    SCOPED_TRACE(row.name);
+    Stage stage;
+    stage_prepare(&stage, row.https);
+    device_cfg_set(&stage.cfg, "max_dev_msg_size", "1024");
+    device_cfg_set(&stage.cfg, "dev_msg_buffer_size", "4096");
+    EXPECT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
+    const int before_kib = proc_private_kib(stage.agent.pid), repeats = 4;
+    int first_kib = 0, last_kib = 0;
+    for (int i = 1; i <= repeats; i++) {
+        EXPECT_TRUE(device_sim_send(stage.device, row.text));
+        EXPECT_TRUE(nm_sim_wait_for(stage.nm, row.path, i, k_wait_ms));
+        EXPECT_TRUE(device_sim_send(stage.device, "{\"type\":\"ping\"}")); // answered once the message is done with
+        EXPECT_TRUE(device_sim_wait_for(stage.device, "pong", i, k_wait_ms));
+        last_kib = proc_private_kib(stage.agent.pid);
+        first_kib = i == 1 ? last_kib : first_kib;
+    }
+    EXPECT_GT(before_kib, 0);
+    EXPECT_LE(first_kib, before_kib + 3072);
+    EXPECT_LE(last_kib, first_kib + 256);
+    EXPECT_EQ(stage_end(&stage), "");
+}
+
+// A box of 64 MiB has to live with what a large message leaves behind: the two buffers that it went through.
+TEST(Faults, LargeMessagesLeaveNoMemoryBehind)
+{
+    if (!proc_rss_counts()) {
+        GTEST_SKIP() << "the memory is not the agent's own";
+    }
+    const size_t size = (1 << 20) - 4, half = size / 2; // an array grows by half when it is printed
+    const std::string alarm = "{\"type\":\"alarm-info\",\"payload\":[",
+                      history = "{\"type\":\"call-history\",\"payload\":[";
+    const LargeMessage rows[] = {
+        {"one text", "upgradeResult", sized("upgrade-result", size)},
+        {"objects", "cfgResult", filled("{\"type\":\"cfg-result\",\"x\":[", "{\"a\":{}}", "]}", size), true},
+        {"alarm of digits", "alarm", filled(alarm, "1", "]}", half)},
+        {"history of digits", "callhistory", filled(history, "1", "]}", size)},
+    };
+    std::vector<std::thread> runs; // the device link brings a MiB in five seconds
+    for (const LargeMessage &row : rows) {
+        runs.emplace_back(run_large_messages, std::cref(row));
+    }
+    for (std::thread &run : runs) {
+        run.join();
+    }
+}
+
 // No memory for a large message: it is given up, the next one is not.
 TEST(Faults, MemoryRefused)
 {

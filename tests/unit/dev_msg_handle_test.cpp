@@ -1,7 +1,10 @@
 #include "device/dev_msg_handle.h"
 
+#include <future>
+
 #include "nm/device_init.h"
 #include "peers.h"
+#include "runtime/stop_internal.h"
 
 // Hands over a message in an area that has just its room.
 static void dispatch(const std::string &text)
@@ -76,4 +79,92 @@ TEST(DevMsgHandle, AlarmsAndCallHistory)
     bodies[0] = alarm_body.substr(0, alarm.size());
     EXPECT_EQ(nm.now(&NmPeer::bodies), bodies);
     close(device);
+}
+
+static std::string with_payload(const char *type, int levels)
+{
+    return std::string("{\"type\":\"") + type + "\",\"msgId\":4,\"payload\":" + std::string((size_t)levels, '[') +
+           std::string((size_t)levels, ']') + "}";
+}
+
+TEST(DevMsgHandle, DeepPayloadsAreRefused)
+{
+    const struct {
+        const char *type;
+        int levels;
+        const char *ack, *post; // "": none
+    } cases[] = {
+        {"alarm-info", 64, "true", "alarm"},     {"alarm-info", 65, "false", ""}, {"alarm-info", 990, "false", ""},
+        {"call-history", 64, "", "callhistory"}, {"call-history", 65, "", ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.type) + std::to_string(c.levels));
+        NmPeer nm;
+        int device = device_link();
+        LogLines log;
+        dispatch(with_payload(c.type, c.levels));
+        EXPECT_EQ(log.count("[ERR]"), *c.post ? 0 : 1);
+        EXPECT_EQ(log.count(std::string("[ERR] Payload of '") + c.type + "' is nested deeper than 64!\n"),
+                  *c.post ? 0 : 1);
+        std::string sent =
+            std::string("{\t\"type\":\"alarm-ack\",\t\"msgId\":4,\t\"result\":") + c.ack + ",\t\"ver\":\"\"}";
+        EXPECT_EQ(device_read(device, 0), *c.ack ? sent : "(none)");
+        EXPECT_EQ(nm.now(&NmPeer::paths), *c.post ? Texts{std::string("/dev-api/A1/") + c.post} : Texts{});
+        close(device);
+    }
+}
+
+static void restart(int *)
+{
+    g_init_done = 1;
+    restart_device_init();
+    alarm(0);
+}
+
+static void restart_with_new_link(int *device)
+{
+    close(*device);
+    *device = device_link();
+    restart(device);
+}
+
+// NM takes the connection and never answers the handshake. A restart ends the post as a failure, of which only the link
+// that waits for it hears; a stop ends it without a word.
+TEST(DevMsgHandle, CutPosts)
+{
+    const struct {
+        const char *type;
+        void (*cut)(int *device);
+        std::string ack;
+        int lines; // of the failure
+    } cases[] = {
+        {"cfg-result", restart, ack("s", "cfg-ack", "false", ""), 1},
+        {"cfg-result", restart_with_new_link, "(none)", 1},
+        {"call-history", restart, "(none)", 0},
+        {"cfg-result", [](int *) { stop_request(15); }, "(none)", 0},
+    };
+    start_process_once();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        std::string port;
+        int listener = listen_socket(&port);
+        nm_set(port, "https");
+        int device = device_link();
+        LogLines log;
+        std::string text = std::string("{\"type\":\"") + c.type + "\",\"sessionid\":\"s\",\"payload\":[1]}";
+        std::future<void> handled = std::async(std::launch::async, dispatch, text);
+        int nm = accept(listener, nullptr, nullptr);
+        EXPECT_TRUE(readable_within(nm, 5000)); // its handshake has begun
+        c.cut(&device);
+        EXPECT_EQ(handled.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(device_read(device, 0), c.ack);
+        EXPECT_EQ(log.count("Sending device response to NM failed. response: \n"), c.lines);
+        EXPECT_EQ(log.count("Posting result to NM failed!\n"), c.lines);
+        close(nm);
+        handled.wait();
+        close(listener);
+        close(device);
+        stop_reset_for_test();
+        conn_remove_all();
+    }
 }

@@ -35,6 +35,7 @@ struct RingFile {
     const char *name;
     size_t size;
     time_t modified;
+    bool is_link = false; // to a file that is none of the ring
 };
 struct RingCase {
     const char *what;
@@ -50,6 +51,7 @@ static const RingCase k_ring_cases[] = {
     {"full at the limit, an unused slot is next", {{"0.log", 100, 50}}, 1, 1, 1, ""},
     {"room wins over an unused slot", {{"0.log", 100, 50}, {"2.log", 0, 60}}, 2, 2, 0, nullptr},
     {"all full, the oldest", {{"0.log", 100, 50}, {"1.log", 100, 40}, {"2.log", 100, 60}}, 3, 1, 1, "1.log"},
+    {"links to files count as files", {{"0.log", 100, 60, true}, {"1.log", 99, 50, true}}, 2, 1, 0, nullptr},
     {"all as old, the lowest", {{"0.log", 100, 50}, {"1.log", 100, 50}, {"2.log", 100, 50}}, 3, 0, 1, "0.log"},
     {"beyond the ring, no number at all, a tail",
      {{"3.log", 1, 50}, {".log", 100, 50}, {"1.log.old", 100, 50}, {"99999999999999.log", 1, 50}, {"10.log", 1, 50}},
@@ -63,8 +65,11 @@ static void ring_case_check(const RingCase &c)
 {
     std::string dir = make_dir();
     for (const RingFile &file : c.files) {
-        if (file.name)
-            put_file(dir + file.name, file.size, file.modified);
+        if (!file.name)
+            continue;
+        std::string target = dir + (file.is_link ? "to_" : "") + file.name;
+        put_file(target, file.size, file.modified);
+        EXPECT_TRUE(!file.is_link || symlink(target.c_str(), (dir + file.name).c_str()) == 0);
     }
     LogLines log(6);
     EXPECT_EQ(c.valid, log_dir_scan(dir.c_str()));
