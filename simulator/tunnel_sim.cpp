@@ -191,6 +191,11 @@ void TunnelSim::close_agent(bool reset)
     });
 }
 
+void TunnelSim::set_mute(bool mute)
+{
+    sim_loop_call(loop_, [&] { mute_ = mute; });
+}
+
 void TunnelSim::stop_listening()
 {
     sim_loop_call(loop_, [this] {

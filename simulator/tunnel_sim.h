@@ -85,6 +85,9 @@ class TunnelSim
     size_t unsent();                      // bytes that the agent's kernel has not taken from us
     void close_agent(bool reset = false); // what has not left yet is lost; reset: RST instead of an orderly end
 
+    // As the option mute, for the agent's further connections.
+    void set_mute(bool mute);
+
     // Refuses the agent's further connections; the present one stays.
     void stop_listening();
 

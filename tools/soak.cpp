@@ -23,9 +23,12 @@ static const int k_last_phase_ms = 45000; // without faults
 static const int k_warm_up_ms = 60000;    // until every buffer and stack has been used
 static const int k_return_ms = 90000;     // for the way back after a fault: some bring-up retries and a heartbeat
 static const int k_rss_growth_kib = 1024; // of the highest figure, in the second half of the time against the first
+static const int k_rest_ms = 4000;        // of a device in the middle of an upload
 static const int k_stop_ms = 2000;
 static const int k_result_max = 1 << 20;
-static const int k_waiting_max = 6; // results without an ack; a device waits before it sends more
+static const int k_device_buffer = 4096; // of its services' sockets, in bytes
+static const int k_depth_max = 900;      // of what a message nests
+static const int k_waiting_max = 6;      // results without an ack; a device waits before it sends more
 
 struct Result {
     std::string name; // NM's path
@@ -199,17 +202,21 @@ static std::string result_make(int number, Random *random, Result *result)
     static const char *const k_kinds[][2] = {
         {"upgrade-result", "upgradeResult"}, {"cfg-result", "cfgResult"}, {"backup-result", "backupResult"}};
     const std::string id = std::to_string(number);
-    if (pick(random, 0, 4) == 0) {
-        result->name = "alarm";
-        result->body = "[{\n\t\"id\":\t" + id + "\n}]";
-        return "{\"type\":\"alarm-info\",\"msgId\":" + id + ",\"payload\":{\"id\":" + id + "}}";
-    }
-    const auto &kind = k_kinds[pick(random, 0, 2)];
-    const int most = pick(random, 0, 9) == 0 ? k_result_max - 200 : 2000;
+    const auto depth = static_cast<size_t>(pick(random, 1, k_depth_max));
+    const std::string nest = std::string(depth, '[') + std::string(depth, ']');
+    const int most = pick(random, 0, 9) == 0 ? k_result_max - 2 * k_depth_max - 200 : 2000;
     std::string data = noise(static_cast<size_t>(pick(random, 0, most)), (*random)());
     std::transform(data.begin(), data.end(), data.begin(), [](unsigned char byte) { return '0' + byte % 43; });
+    if (pick(random, 0, 4) == 0) {
+        result->name = "alarm";
+        result->body = "[{\n\t\"id\":\t" + id + ",\n\t\"data\":\t\"" + data + "\",\n\t\"nest\":\t" + nest + "\n}]";
+        return "{\"type\":\"alarm-info\",\"msgId\":" + id + ",\"payload\":{\"id\":" + id + ",\"data\":\"" + data +
+               "\",\"nest\":" + nest + "}}";
+    }
+    const auto &kind = k_kinds[pick(random, 0, 2)];
     result->name = kind[1];
-    result->body = std::string("{\"type\":\"") + kind[0] + "\",\"sessionid\":\"" + id + "\",\"data\":\"" + data + "\"}";
+    result->body = std::string("{\"type\":\"") + kind[0] + "\",\"sessionid\":\"" + id + "\",\"data\":\"" + data +
+                   "\",\"nest\":" + nest + "}";
     return result->body;
 }
 
@@ -291,22 +298,53 @@ static void download(int size, unsigned seed)
                 epoch);
 }
 
-static void upload(int size)
+// The device takes the first half, and rests for that long before the second.
+static void upload(int size, int rest_ms)
 {
     const int epoch = s_epoch;
-    const std::string request = "+" + std::to_string(size) + "\n" + noise(static_cast<size_t>(size), 1);
+    const std::string request = "+" + std::to_string(size) + " " + std::to_string(size / 2 + 1) + " " +
+                                std::to_string(rest_ms) + "\n" + noise(static_cast<size_t>(size), 1);
     const std::string answer = answer_of(s_stage->web->client_port(), request);
     // The device's service finds a cut upload spoilt too, and may get that answer through.
     judge_piece("upload", "ok", answer == "spoilt" && !calm_since(epoch) ? "" : answer, epoch);
 }
 
+// A page whose twelve uploads stand still, then one of twelve downloads; the first is closed only then.
+static void page_reload(Random *random)
+{
+    const int epoch = s_epoch;
+    std::vector<int> before, after;
+    std::vector<std::string> whole;
+    for (int i = 0; i < 12; i++) {
+        before.push_back(client_connect(s_stage->web->client_port()));
+        fd_send(before.back(), "+1000\n");
+    }
+    pause_ms(100); // ten of them have the agent's connections then
+    for (int i = 0; i < 12; i++) {
+        const int size = pick(random, 1, 30000);
+        after.push_back(client_connect(s_stage->web->client_port()));
+        fd_send(after.back(), std::to_string(size) + " " + std::to_string(i) + "\n");
+        whole.push_back(noise(static_cast<size_t>(size), static_cast<unsigned>(i)));
+    }
+    std::for_each(before.begin(), before.end(), close);
+    for (size_t i = 0; i < after.size(); i++) {
+        judge_piece("reload", whole[i], fd_read_all(after[i]), epoch);
+        close(after[i]);
+    }
+}
+
 static void web_burst(Random *random)
 {
+    if (pick(random, 0, 4) == 0) {
+        page_reload(random);
+        return;
+    }
     std::vector<std::thread> browsers;
     for (int i = pick(random, 1, 6); i > 0; i--) {
         const int size = pick(random, 1, 300000);
         const unsigned seed = (*random)();
-        i % 3 == 1 ? browsers.emplace_back(upload, size) : browsers.emplace_back(download, size, seed);
+        i % 3 == 1 ? browsers.emplace_back(upload, size, seed % 4 == 0 ? k_rest_ms : 0)
+                   : browsers.emplace_back(download, size, seed);
     }
     for (std::thread &browser : browsers) {
         browser.join();
@@ -319,7 +357,8 @@ static void telnet_burst(Random *random)
     const int fd = client_connect(s_stage->telnet->client_port());
     bool whole = true;
     for (int i = 0; i < 20 && whole; i++) {
-        const std::string keys = noise(static_cast<size_t>(pick(random, 1, 3000)), (*random)());
+        const std::string keys =
+            noise(static_cast<size_t>(pick(random, 1, i == 10 ? 30000 : 3000)), (*random)()); // a paste among them
         whole = judge_piece("echo", keys, fd_send(fd, keys) ? fd_read(fd, keys.size()) : "", epoch);
     }
     close(fd);
@@ -430,10 +469,43 @@ static void tunnels_are_stopped(int)
     telnet_command(s_stage, "stop");
 }
 
+static void nm_reads_slowly(int duration_ms)
+{
+    s_stage->web->read_slowly(20000);
+    s_stage->telnet->read_slowly(20000);
+    pause_ms(duration_ms);
+    s_stage->web->read_slowly(0);
+    s_stage->telnet->read_slowly(0);
+}
+
+// Connections are taken and hear nothing, not even of TLS: NM's own and both tunnels'.
+static void nm_is_mute(int duration_ms)
+{
+    NmFault silence;
+    silence.kind = NM_FAULT_SILENCE;
+    nm_sim_set_fault(s_stage->nm, "accept", silence);
+    nm_sim_drop_connections(s_stage->nm);
+    const std::initializer_list<TunnelSim *> tunnels = {s_stage->web.get(), s_stage->telnet.get()};
+    for (TunnelSim *tunnel : tunnels) {
+        tunnel->set_mute(true);
+        tunnel->close_agent();
+    }
+    pause_ms(duration_ms);
+    nm_sim_clear_faults(s_stage->nm);
+    nm_sim_drop_connections(s_stage->nm); // a handshake waits for its answer without an end
+    for (TunnelSim *tunnel : tunnels) {
+        tunnel->set_mute(false);
+        tunnel->close_agent();
+    }
+}
+
 static const struct Fault {
     const char *name;
     void (*run)(int duration_ms);
+    bool harmless = false; // all has to be whole as in calm
 } k_faults[] = {
+    {"NM takes and is mute", nm_is_mute},
+    {"NM reads the tunnels slowly", nm_reads_slowly, true},
     {"NM is silent", [](int ms) { nm_misbehaves("", NM_FAULT_SILENCE, 0, ms); }},
     {"NM refuses", [](int ms) { nm_misbehaves("", NM_FAULT_REFUSE, 0, ms); }},
     {"NM answers late", [](int ms) { nm_misbehaves("", NM_FAULT_NONE, 1500, ms); }},
@@ -489,7 +561,7 @@ static void faults_run(unsigned seed, long long end_ms)
         }
         const Fault fault = left.back();
         left.pop_back();
-        s_epoch++;
+        s_epoch += !fault.harmless;
         count("faults");
         say(std::string("fault: ") + fault.name);
         fault.run(pick(&random, 2000, 12000));
@@ -497,8 +569,8 @@ static void faults_run(unsigned seed, long long end_ms)
         if (!command_passes(k_return_ms / 2) && !command_passes(k_return_ms / 2)) { // the first may meet an ending link
             problem(std::string("not back after: ") + fault.name);
         }
-        s_epoch++;
-        pause_ms(pick(&random, 2000, 8000));
+        s_epoch += !fault.harmless;
+        pause_ms(pick(&random, 2000, 12000)); // the longest pieces of calm traffic need some
     }
 }
 
@@ -648,8 +720,8 @@ static void counts_say()
 
 static int soak(double minutes, unsigned seed, bool https)
 {
-    DeviceService files(serve_web_files);
-    DeviceService echo(serve_echo);
+    DeviceService files(serve_web_files, true, k_device_buffer);
+    DeviceService echo(serve_echo, true, k_device_buffer);
     TunnelStage stage;
     s_stage = &stage;
     s_begin_ms = monotonic_ms();
