@@ -1,5 +1,6 @@
 #include "device/dev_msg_handle.h"
 
+#include <atomic>
 #include <cjson/cJSON.h>
 #include <malloc.h>
 #include <stdlib.h>
@@ -27,6 +28,7 @@ constexpr int HISTORY_ATTEMPTS = 3;
 constexpr int HISTORY_PAUSE_MS = 10;
 constexpr int NM_STATUS_OK = 200;
 constexpr int PAYLOAD_LEVELS_MAX = 64;
+constexpr uint32_t POST_LIMIT_MS = 8000;      // connect and answer take 7 s at most
 constexpr uint32_t LARGE_MESSAGE = 16 * 1024; // bytes; the tree of a smaller one leaves little behind
 
 // A message without its tree, which may be forty times its size: small blocks taken while it lives would pin it on the
@@ -51,6 +53,20 @@ struct DevMsgRow {
     bool wants_payload;
 };
 
+// When the running post to NM began: milliseconds on the monotonic clock, wraps; 0: none runs.
+static std::atomic<uint32_t> s_post_begin_ms{0};
+
+static uint32_t post_clock_ms(void)
+{
+    return (uint32_t)wait_now_ms() | 1;
+}
+
+int dev_msg_is_stuck(void)
+{
+    uint32_t begin_ms = s_post_begin_ms;
+    return begin_ms != 0 && post_clock_ms() - begin_ms > POST_LIMIT_MS;
+}
+
 static void payload_free(DevMsg *msg)
 {
     cJSON_free(msg->payload);
@@ -63,7 +79,9 @@ static void payload_free(DevMsg *msg)
 static int result_send(const DevMsg *msg, const char *path, char *answer, int *answer_len)
 {
     CallOff before = wait_call_off_set({&g_restart_count, msg->restart_count});
+    s_post_begin_ms = post_clock_ms();
     int answered = nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, answer_len);
+    s_post_begin_ms = 0;
     wait_call_off_set(before);
     return answered;
 }
@@ -107,6 +125,7 @@ static void alarm_post(DevMsg *msg, const char *path_tail)
 static int history_attempt(const char *path, const char *body)
 {
     char answer[HISTORY_ANSWER_SIZE] = {};
+    s_post_begin_ms = post_clock_ms();
     if (wait_lock(&g_nm_post_mutex) != WAIT_READY)
         return -1;
     int len = http_post_nm(path, body, answer, sizeof(answer));
@@ -128,6 +147,7 @@ static void history_post(DevMsg *msg, const char *path_tail)
         if (attempt < HISTORY_ATTEMPTS && wait_sleep_ms(HISTORY_PAUSE_MS) == WAIT_CUT)
             break;
     }
+    s_post_begin_ms = 0;
     wait_call_off_set(before);
 }
 

@@ -14,3 +14,7 @@ int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const c
 
 // Tells the device the DMA status in a message of the given type. Warns without a device link.
 void dma_status_send(const char *type);
+
+// 1 when the message being handled has waited for NM longer than the time-outs of a post allow: in a TLS handshake that
+// NM does not answer, and that only NM or a call-off ends. Any thread.
+int dev_msg_is_stuck(void);

@@ -6,6 +6,7 @@
 
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_send.h"
+#include "nm/device_init.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
@@ -128,8 +129,23 @@ static int recv_locked(const SocketConn *conn)
     return 1;
 }
 
+// The device says that it has another init cfg, but the thread that would hear it hangs at the NM of the old one.
+static int reload_waits(void)
+{
+    static const char k_type[] = "\"init-cfg-changed\"";
+    if (!dev_msg_is_stuck())
+        return 0;
+    pthread_mutex_lock(&s_dev_msg_mutex);
+    int found =
+        s_buffer.data && memmem(s_buffer.data + s_buffer.read_pos, pending_locked(), k_type, sizeof(k_type) - 1);
+    pthread_mutex_unlock(&s_dev_msg_mutex);
+    return found;
+}
+
 void dev_msg_recv(void)
 {
+    if (reload_waits())
+        nm_waits_call_off();
     if (!poll_conn_readable(DEV_TCP, RECV_WAIT_MS) || !conn_check(DEV_TCP) || !dev_msg_buffer_ready())
         return;
     SocketConn conn;
