@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 
 #include "runtime/log.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 
 struct WebResource {
     uint32_t in_use; // bound
@@ -15,7 +15,7 @@ struct WebResource {
     uint32_t answering; // the device side holds bytes of the device
     uint32_t binding;
     uint8_t msg_id[WEB_ID_SIZE];
-    SocketConn conn; // with a life of its own, or socket_fd -1
+    SocketConn conn; // with a reference of its own, or socket_fd -1
 };
 
 std::atomic<uint32_t> g_web_pool_generation{0};
@@ -114,7 +114,7 @@ int web_pool_nm_hold(uint32_t generation, SocketConn *copy)
     int held = s_open && generation == g_web_pool_generation && s_nm.socket_fd > 0;
     if (held) {
         *copy = s_nm;
-        conn_life_hold(copy->life);
+        conn_ref_hold(copy->ref);
     }
     pthread_mutex_unlock(&s_pool_mutex);
     if (held && !conn_is_current(REMOTE_WEB_SERVER, copy)) {
@@ -132,7 +132,7 @@ static void copy_locked(const WebResource *slot, WebSlot *copy)
     copy->binding = slot->binding;
     memcpy(copy->msg_id, slot->msg_id, WEB_ID_SIZE);
     copy->conn = slot->conn;
-    conn_life_hold(copy->conn.life);
+    conn_ref_hold(copy->conn.ref);
 }
 
 void web_slot_hold(int index, WebSlot *copy)
@@ -180,12 +180,12 @@ int web_slot_bind(const uint8_t *msg_id)
 
 int web_slot_connect(int index, SocketConn conn, SocketConn *copy)
 {
-    conn.life = conn_life_new(&conn);
-    if (!conn.life) {
+    conn.ref = conn_ref_new(&conn);
+    if (!conn.ref) {
         socket_close_private(&conn);
         return -1;
     }
-    conn_life_hold(conn.life);
+    conn_ref_hold(conn.ref);
     *copy = conn;
     pthread_mutex_lock(&s_pool_mutex);
     g_remote_web_resource[index].conn = conn;
@@ -193,18 +193,18 @@ int web_slot_connect(int index, SocketConn conn, SocketConn *copy)
     return 0;
 }
 
-static int is_current_locked(int index, const ConnLife *life)
+static int is_current_locked(int index, const ConnRef *ref)
 {
-    return s_open && g_remote_web_resource[index].in_use && g_remote_web_resource[index].conn.life == life;
+    return s_open && g_remote_web_resource[index].in_use && g_remote_web_resource[index].conn.ref == ref;
 }
 
-// Closes the slot's connection if it still is the one of life, and unbinds the slot when unbind is set.
-static int close_current(int index, const ConnLife *life, int unbind)
+// Closes the slot's connection if it still is the one of ref, and unbinds the slot when unbind is set.
+static int close_current(int index, const ConnRef *ref, int unbind)
 {
     SocketConn closing;
     no_conn(&closing);
     pthread_mutex_lock(&s_pool_mutex);
-    int current = is_current_locked(index, life);
+    int current = is_current_locked(index, ref);
     if (current) {
         closing = detach_locked(&g_remote_web_resource[index]);
         if (unbind)
@@ -215,35 +215,35 @@ static int close_current(int index, const ConnLife *life, int unbind)
     return current;
 }
 
-int web_slot_disconnect(int index, const ConnLife *life)
+int web_slot_disconnect(int index, const ConnRef *ref)
 {
-    return close_current(index, life, 0);
+    return close_current(index, ref, 0);
 }
 
-int web_slot_end(int index, const ConnLife *life)
+int web_slot_end(int index, const ConnRef *ref)
 {
-    return close_current(index, life, 1);
+    return close_current(index, ref, 1);
 }
 
 // Sets a flag of the slot if its connection still is the one of life.
-static int flag_set(int index, const ConnLife *life, uint32_t WebResource::*flag)
+static int flag_set(int index, const ConnRef *ref, uint32_t WebResource::*flag)
 {
     pthread_mutex_lock(&s_pool_mutex);
-    int current = is_current_locked(index, life);
+    int current = is_current_locked(index, ref);
     if (current)
         g_remote_web_resource[index].*flag = 1;
     pthread_mutex_unlock(&s_pool_mutex);
     return current;
 }
 
-int web_slot_fail(int index, const ConnLife *life)
+int web_slot_fail(int index, const ConnRef *ref)
 {
-    return flag_set(index, life, &WebResource::failing);
+    return flag_set(index, ref, &WebResource::failing);
 }
 
-int web_slot_close(int index, const ConnLife *life)
+int web_slot_close(int index, const ConnRef *ref)
 {
-    return flag_set(index, life, &WebResource::closing);
+    return flag_set(index, ref, &WebResource::closing);
 }
 
 void web_slot_answering_set(int index, uint32_t binding, int answering)

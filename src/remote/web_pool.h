@@ -1,8 +1,8 @@
 // web_pool.h - the device side of a remote-web tunnel: ten slots, each a msg_id with its own connection to the device's
 // web server, and the NM connection that they answer on.
-// A slot is *bound* when it belongs to a msg_id; its connection is a counted life. Slots are bound and connected by the
-// NM-side thread, ended by either side's thread, and all unbound at once when the tunnel ends; each change names the
-// connection that was tested, so that nobody ends another one's. All state is under one short lock inside; closes
+// A slot is *bound* when it belongs to a msg_id; its connection is reference-counted. Slots are bound and connected by
+// the NM-side thread, ended by either side's thread, and all unbound at once when the tunnel ends; each change names
+// the connection that was tested, so that nobody ends another one's. All state is under one short lock inside; closes
 // happen outside it, by the last user. Any thread.
 #pragma once
 
@@ -54,11 +54,11 @@ int web_slot_bind(const uint8_t *msg_id);
 // a bound slot without a connection. 0 with a held copy, or -1 without memory.
 int web_slot_connect(int index, SocketConn conn, SocketConn *copy);
 
-// Each does nothing unless life (null included) still is the slot's connection; returns 1 when it did.
-int web_slot_disconnect(int index, const ConnLife *life); // closes the connection, the slot stays bound
-int web_slot_end(int index, const ConnLife *life);        // closes the connection and unbinds the slot
-int web_slot_fail(int index, const ConnLife *life);       // sets failing
-int web_slot_close(int index, const ConnLife *life);      // sets closing
+// Each does nothing unless ref (null included) still is the slot's connection; returns 1 when it did.
+int web_slot_disconnect(int index, const ConnRef *ref); // closes the connection, the slot stays bound
+int web_slot_end(int index, const ConnRef *ref);        // closes the connection and unbinds the slot
+int web_slot_fail(int index, const ConnRef *ref);       // sets failing
+int web_slot_close(int index, const ConnRef *ref);      // sets closing
 
 // The device side says, before it reads, that it has bytes of the slot's device which NM has not got yet, and takes it
 // back when NM has them all.

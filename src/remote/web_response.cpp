@@ -48,7 +48,7 @@ static void slot_finish(int index, const WebSlot *slot, const SocketConn *nm)
 {
     // Ended first: the other side may have connected the msg_id anew, and that must not be reported closed. A frame
     // that NM does not take ends NM's connection, which has its own line.
-    if (web_slot_end(index, slot->conn.life))
+    if (web_slot_end(index, slot->conn.ref))
         (void)remote_web_rsp_transmit_privately(nm, nullptr, 0, slot->msg_id, MSG_TYPE_DEV_DESTROY);
 }
 

@@ -9,7 +9,7 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_send.h"
 
@@ -119,8 +119,8 @@ static void slot_lose(int index, const WebSlot *slot)
 {
     lost_note(slot->msg_id);
     upload_clear(&s_uploads[index]);
-    (void)web_slot_fail(index, slot->conn.life);
-    (void)conn_life_shut(slot->conn.life);
+    (void)web_slot_fail(index, slot->conn.ref);
+    (void)conn_ref_shut(slot->conn.ref);
 }
 
 static void slot_send_failed(int index, const WebSlot *slot)
@@ -138,10 +138,10 @@ static int upload_keep(Upload *upload, const WebSlot *slot, const uint8_t *bytes
     s_held += len;
     upload->binding = slot->binding;
     memcpy(upload->msg_id, slot->msg_id, WEB_ID_SIZE);
-    if (upload->conn.life != slot->conn.life) {
+    if (upload->conn.ref != slot->conn.ref) {
         conn_drop(&upload->conn);
         upload->conn = slot->conn;
-        conn_life_hold(upload->conn.life);
+        conn_ref_hold(upload->conn.ref);
     }
     return 0;
 }
@@ -206,7 +206,7 @@ static SlotState slot_prepare(int index, WebSlot *slot)
         log_info("Invalid socket or socket disconnected: socket_fd = %d!", fd);
         if (is_answering(index, slot))
             return SLOT_LOST;
-        if (!web_slot_disconnect(index, slot->conn.life))
+        if (!web_slot_disconnect(index, slot->conn.ref))
             return SLOT_GONE;
     }
     return slot_connect(index, slot) == 0 ? SLOT_READY : SLOT_UNREACHABLE;
@@ -338,7 +338,7 @@ void web_upload_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t le
 static void slot_end(int index, const WebSlot *slot)
 {
     upload_clear(&s_uploads[index]);
-    (void)web_slot_end(index, slot->conn.life);
+    (void)web_slot_end(index, slot->conn.ref);
 }
 
 void web_upload_destroy(const uint8_t *msg_id)
@@ -352,7 +352,7 @@ void web_upload_destroy(const uint8_t *msg_id)
     int index = web_slot_hold_id(msg_id, &slot);
     if (index < 0)
         return;
-    if (!has_queue(&s_uploads[index]) || !web_slot_close(index, slot.conn.life))
+    if (!has_queue(&s_uploads[index]) || !web_slot_close(index, slot.conn.ref))
         slot_end(index, &slot); // else behind its last byte
     conn_drop(&slot.conn);
 }

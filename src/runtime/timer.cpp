@@ -13,7 +13,7 @@
 
 typedef void (*TimerHandler)(PluginTimer *self);
 
-// One slot per record, kept for the life of the process: a late callback finds it whatever happened to its timer, and
+// One slot per record, kept until the process ends: a late callback finds it whatever happened to its timer, and
 // never reads the record's fields, which its owner may be filling again.
 struct TimerSlot {
     PluginTimer *record; // null: free

@@ -1,4 +1,4 @@
-// work_thread.h - detached threads with a small stack, and the life of the four that run from start to stop.
+// work_thread.h - detached threads with a small stack, and the four that run from start to stop.
 #pragma once
 
 #include <atomic>

@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 
 #include "runtime/wait.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/tls.h"
 
 constexpr int WANTS_MAX = 12;
@@ -51,7 +51,7 @@ int conns_wait(ConnWant *wants, int count, int timeout_ms)
 // Bytes of the connection that its peer's kernel has acknowledged; wraps.
 static uint32_t taken_get(const SocketConn *conn)
 {
-    uint32_t sent = conn->ssl ? tls_bytes_written(conn->ssl) : conn->life ? conn->life->sent.load() : 0;
+    uint32_t sent = conn->ssl ? tls_bytes_written(conn->ssl) : conn->ref ? conn->ref->sent.load() : 0;
     int queued = 0;
     (void)ioctl(conn->socket_fd, SIOCOUTQ, &queued);
     return sent - (uint32_t)queued;

@@ -8,7 +8,7 @@
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "transport/conn_flow.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/tls.h"
 
 // Guards s_entries and nothing else; short. Lines, handshakes, tests and closes happen outside, on copies.
@@ -84,7 +84,7 @@ static ConnectionInfo entry_take_locked(ConnectionInfo *entry)
     entry->status = DISCONNECTED;
     entry->conn.remote_addr = nullptr;
     entry->conn.ssl = nullptr;
-    entry->conn.life = nullptr;
+    entry->conn.ref = nullptr;
     if (entry->conn.socket_fd > 0)
         entry->conn.socket_fd = -1;
     return taken;
@@ -94,12 +94,12 @@ static ConnectionInfo entry_take_locked(ConnectionInfo *entry)
 static void close_taken(ConnectionType type, ConnectionInfo *taken, int print)
 {
     SocketConn *conn = &taken->conn;
-    ConnLife *life = conn->life;
+    ConnRef *ref = conn->ref;
     if (conn->socket_fd > 0) {
-        if (!life) // noted without ever having been registered
-            life = conn_life_new(conn);
+        if (!ref) // noted without ever having been registered
+            ref = conn_ref_new(conn);
         log_info("Shutdown and close socket: %d", conn->socket_fd);
-        if (life && conn_life_shut(life) != 0)
+        if (ref && conn_ref_shut(ref) != 0)
             log_error("setsockopt SO_LINGER on socket: %d failed!", conn->socket_fd);
     }
     if (conn->ssl)
@@ -108,18 +108,18 @@ static void close_taken(ConnectionType type, ConnectionInfo *taken, int print)
              conn->remote_ip, conn->remote_port);
     if (print)
         conn_print_all();
-    conn_life_drop(life);
+    conn_ref_release(ref);
 }
 
 enum CloseWhen { CLOSE_ANY, CLOSE_CONNECTED };
 
-// With a life the entry is closed only while it still is that connection.
-static void close_entry(ConnectionType type, CloseWhen when, const ConnLife *life, int print)
+// With a reference the entry is closed only while it still is that connection.
+static void close_entry(ConnectionType type, CloseWhen when, const ConnRef *ref, int print)
 {
     ConnectionInfo *entry = &s_entries[type];
     ConnectionInfo taken = {};
     pthread_mutex_lock(&s_mutex);
-    bool matches = (when == CLOSE_ANY || entry->status == CONNECTED) && (!life || entry->conn.life == life);
+    bool matches = (when == CLOSE_ANY || entry->status == CONNECTED) && (!ref || entry->conn.ref == ref);
     if (matches)
         taken = entry_take_locked(entry);
     pthread_mutex_unlock(&s_mutex);
@@ -143,8 +143,8 @@ static int entry_publish(ConnectionType type, SocketConn conn, ConnSecurity secu
             return 0;
         }
     }
-    conn.life = conn_life_new(&conn);
-    if (!conn.life) {
+    conn.ref = conn_ref_new(&conn);
+    if (!conn.ref) {
         socket_close_private(&conn);
         return 0;
     }
@@ -195,7 +195,7 @@ void conn_note_failed(ConnectionType type, const SocketConn *conn)
         entry->conn = *conn;
         entry->conn.remote_addr = nullptr;
         entry->conn.ssl = nullptr;
-        entry->conn.life = nullptr;
+        entry->conn.ref = nullptr;
     }
     pthread_mutex_unlock(&s_mutex);
 }
@@ -231,12 +231,12 @@ void conn_remove_all_but_device(void)
     remove_all_from(DEV_TCP + 1);
 }
 
-// The entry as it stands; with a life it is held.
+// The entry as it stands; with a reference it is held.
 static ConnectionInfo entry_hold(ConnectionType type)
 {
     pthread_mutex_lock(&s_mutex);
     ConnectionInfo copy = s_entries[type];
-    conn_life_hold(copy.conn.life);
+    conn_ref_hold(copy.conn.ref);
     pthread_mutex_unlock(&s_mutex);
     return copy;
 }
@@ -257,11 +257,11 @@ int conn_hold(ConnectionType type, SocketConn *copy)
 
 void conn_drop(SocketConn *copy)
 {
-    conn_life_drop(copy->life);
+    conn_ref_release(copy->ref);
     copy->socket_fd = -1;
     copy->remote_addr = nullptr;
     copy->ssl = nullptr;
-    copy->life = nullptr;
+    copy->ref = nullptr;
 }
 
 int conn_is_current(ConnectionType type, const SocketConn *copy)
@@ -270,15 +270,15 @@ int conn_is_current(ConnectionType type, const SocketConn *copy)
         return 0;
     pthread_mutex_lock(&s_mutex);
     const ConnectionInfo *entry = &s_entries[type];
-    int is_current = entry->status == CONNECTED && copy->life && entry->conn.life == copy->life;
+    int is_current = entry->status == CONNECTED && copy->ref && entry->conn.ref == copy->ref;
     pthread_mutex_unlock(&s_mutex);
     return is_current;
 }
 
 void conn_remove_if_current(ConnectionType type, const SocketConn *copy, int print)
 {
-    if (is_type(type) && copy->life)
-        close_entry(type, CLOSE_CONNECTED, copy->life, print);
+    if (is_type(type) && copy->ref)
+        close_entry(type, CLOSE_CONNECTED, copy->ref, print);
 }
 
 // Why an entry cannot be tested, with its line: 0; 1 when it has a connection to be tested.
@@ -302,7 +302,7 @@ static int is_testable(const ConnectionInfo *entry)
 static int is_usable(const SocketConn *conn, int state)
 {
     if (state == TCP_STATE_ESTABLISHED) // a broken one is shut down and answers so only when its test was cut
-        return !(conn->life && conn->life->broken);
+        return !(conn->ref && conn->ref->broken);
     if (state == TCP_STATE_TIMEOUT)
         log_info("TCP connection: %s:%s, socket: %d, selecting timeout.", conn->remote_ip, conn->remote_port,
                  conn->socket_fd);
@@ -409,6 +409,6 @@ ConnectionInfo conn_info_get(ConnectionType type)
     info.conn.socket_fd = -1;
     info.conn.remote_addr = nullptr;
     info.conn.ssl = nullptr;
-    info.conn.life = nullptr;
+    info.conn.ref = nullptr;
     return info;
 }

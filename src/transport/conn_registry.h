@@ -28,7 +28,7 @@ enum ConnSecurity : uint8_t { CONN_PLAIN = 0, CONN_TLS = 1 };
 struct ConnectionInfo {
     ConnectionStatus status;
     ConnSecurity security; // what it was added as; a failed handshake left plain text
-    SocketConn conn;       // owned through conn.life; its texts stay after a removal
+    SocketConn conn;       // owned through conn.ref; its texts stay after a removal
 };
 
 // Display name, static; "Unknown type" with a warning for other numbers. The same for statuses.

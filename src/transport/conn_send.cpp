@@ -9,7 +9,7 @@
 #include "runtime/log.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/tls.h"
 
 constexpr int RETRY_FAILED_MS = 100;
@@ -18,7 +18,7 @@ constexpr int SEND_PATIENCE_MS = 2000; // for a peer that takes no byte
 
 static int can_send(const SocketConn *conn)
 {
-    return conn->socket_fd > 0 && !(conn->life && conn->life->broken);
+    return conn->socket_fd > 0 && !(conn->ref && conn->ref->broken);
 }
 
 static const char *layer_of(const SocketConn *conn)
@@ -34,8 +34,8 @@ static int write_once(const SocketConn *conn, const char *bytes, size_t len, sho
     *events = POLLOUT;
     errno = 0;
     int sent = (int)send(conn->socket_fd, bytes, len, 0);
-    if (sent > 0 && conn->life)
-        conn->life->sent += (uint32_t)sent;
+    if (sent > 0 && conn->ref)
+        conn->ref->sent += (uint32_t)sent;
     return sent;
 }
 
@@ -196,12 +196,12 @@ static int rest_send(const SocketConn *conn, const char *rest, size_t len)
 // The stream has a hole now: nobody may go on with it.
 static void give_up(const SocketConn *conn)
 {
-    if (!conn->life) {
+    if (!conn->ref) {
         shutdown(conn->socket_fd, SHUT_RDWR);
         return;
     }
-    conn->life->broken = 1;
-    (void)conn_life_shut(conn->life);
+    conn->ref->broken = 1;
+    (void)conn_ref_shut(conn->ref);
 }
 
 // As conn_send for one part. *begun: a byte of the unit was accepted.
@@ -257,7 +257,7 @@ static int unit_send(const SocketConn *conn, SendKind kind, const SendPart *part
 
 int conn_send(const SocketConn *conn, SendKind kind, const SendPart *parts, int count)
 {
-    pthread_mutex_t *order = conn->life ? &conn->life->send_order : nullptr;
+    pthread_mutex_t *order = conn->ref ? &conn->ref->send_order : nullptr;
     if (order && wait_lock(order) == WAIT_CUT)
         return -1;
     int result = unit_send(conn, kind, parts, count);

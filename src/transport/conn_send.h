@@ -29,7 +29,7 @@ enum SendKind {
     SEND_STREAM,  // bytes of a user's stream: delivered, or the connection is shut
 };
 
-// Sends the parts in order as one unit; no other unit gets between them (send-order lock of the connection's life).
+// Sends the parts in order as one unit; no other unit gets between them (the connection's send-order lock).
 // SEND_MESSAGE: each part first gets tcp_send's two attempts and log lines. Once a byte is accepted, the remainder is
 // sent silently.
 // SEND_STREAM: a full send buffer is waited for from the start, without a line.

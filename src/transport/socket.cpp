@@ -15,7 +15,7 @@
 #include "runtime/log.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/tls.h"
 
 static const char k_any_ip[] = "0.0.0.0";

@@ -11,11 +11,11 @@
 
 #include "runtime/plugin_info.h"
 
-struct ConnLife;   // conn_life.h
+struct ConnRef;    // conn_ref.h
 struct TlsSession; // tls.h
 
 // One connection, copied by value. socket_fd below 1 means none: 0 counts as none everywhere.
-// A copy that came from conn_hold keeps everything behind it alive until conn_drop; a private connection (life null)
+// A copy that came from conn_hold keeps everything behind it alive until conn_drop; a private connection (ref null)
 // belongs to whoever connected it.
 struct SocketConn {
     int32_t socket_fd;
@@ -25,10 +25,10 @@ struct SocketConn {
     char local_port[PORT_TEXT_SIZE]; // "0" when none was given
     struct addrinfo *remote_addr;    // resolved peer; udp_sendto sends to its first entry
     TlsSession *ssl;                 // set: sends and receives go through it
-    ConnLife *life;                  // shared life of a registered connection, null for a private one
+    ConnRef *ref;                    // what copies of a shared connection count; null for a private one
 };
 
-// Connects within 2 s; the socket stays non-blocking for its whole life. Local texts may be null (nothing is bound).
+// Connects within 2 s; the socket stays non-blocking until it is closed. Local texts may be null (nothing is bound).
 // Buffer sizes in bytes, 0 = 2048. socket_fd of the result: the socket; -1 when a socket step failed; 0 when an
 // argument was null or a name could not be resolved. A failure leaves neither socket nor address list behind.
 // The caller owns socket and remote_addr (conn_add takes both over; else socket_close_private).

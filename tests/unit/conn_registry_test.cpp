@@ -1,7 +1,7 @@
 #include "peers.h"
 
 #include "runtime/wait.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/conn_send.h"
 
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
@@ -127,7 +127,7 @@ TEST(ConnRegistry, BrokenAndItsTestCut)
     int peer = connect_pair(&conn);
     conn_add(HTTP, conn, 0);
     ASSERT_EQ(1, conn_hold(HTTP, &copy));
-    copy.life->broken = 1;
+    copy.ref->broken = 1;
     LogLines log;
     wait_call_off_set({&s_counter, s_counter + 1});
     EXPECT_EQ(0, tcp_check_conn(HTTP));

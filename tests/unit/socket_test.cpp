@@ -2,7 +2,7 @@
 
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/conn_send.h"
 
 static const char k_ip[] = "127.0.0.1";
@@ -12,21 +12,21 @@ struct Link {
     int peer;
 };
 
-// A connection to a peer with small buffers; with a life when shared.
+// A connection to a peer with small buffers; with a reference when shared.
 static Link link_open(bool shared)
 {
     start_process_once();
     Link link = {};
     link.peer = connect_pair(&link.conn, 2048);
     if (shared)
-        link.conn.life = conn_life_new(&link.conn);
+        link.conn.ref = conn_ref_new(&link.conn);
     return link;
 }
 
 static void link_close(Link *link)
 {
-    if (link->conn.life)
-        conn_life_drop(link->conn.life);
+    if (link->conn.ref)
+        conn_ref_release(link->conn.ref);
     else
         socket_close_private(&link->conn);
     close(link->peer);
@@ -182,7 +182,7 @@ TEST(Socket, PeerThatStopsReadingLosesTheConnection)
         EXPECT_LT(wait_now_ms() - start, c.max_ms);
         wait_call_off_set({nullptr, 0});
         stop_reset_for_test();
-        EXPECT_EQ(c.dropped, link.conn.life->broken == 1);
+        EXPECT_EQ(c.dropped, link.conn.ref->broken == 1);
         LogLines log;
         if (c.dropped) {
             EXPECT_EQ(-1, tcp_send(&link.conn, "a", 1));

@@ -4,7 +4,7 @@
 
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
-#include "transport/conn_life.h"
+#include "transport/conn_ref.h"
 #include "transport/conn_send.h"
 #include "transport/tls.h"
 
@@ -101,7 +101,7 @@ TEST(Tls, StallInsideAWrite)
     for (bool reads_on : {true, false}) {
         SCOPED_TRACE(reads_on ? "reads on" : "stays silent");
         TlsLink link = tls_link_open();
-        link.conn.life = conn_life_new(&link.conn);
+        link.conn.ref = conn_ref_new(&link.conn);
         std::string text(300000, 't'), got;
         text.back() = 'z';
         std::thread reader([&] {
@@ -123,8 +123,8 @@ TEST(Tls, StallInsideAWrite)
         EXPECT_EQ(reads_on ? 3 : -1, conn_send(&link.conn, SEND_MESSAGE, &next, 1));
         reader.join();
         EXPECT_EQ(reads_on ? text + "end" : "", got);
-        EXPECT_EQ(!reads_on, link.conn.life->broken == 1);
-        conn_life_drop(link.conn.life);
+        EXPECT_EQ(!reads_on, link.conn.ref->broken == 1);
+        conn_ref_release(link.conn.ref);
         tls_peer_free(&link.peer);
     }
 }
@@ -133,7 +133,7 @@ TEST(Tls, StallInsideAWrite)
 TEST(Tls, ReaderAndWriterShareASession)
 {
     TlsLink link = tls_link_open();
-    link.conn.life = conn_life_new(&link.conn);
+    link.conn.ref = conn_ref_new(&link.conn);
     g_log_level = 2;
     std::thread echo([&] {
         char buf[4096];
@@ -163,9 +163,9 @@ TEST(Tls, ReaderAndWriterShareASession)
     EXPECT_TRUE(sent == got);
     received = sent.size();
     writer.join();
-    conn_life_shut(link.conn.life);
+    conn_ref_shut(link.conn.ref);
     echo.join();
-    conn_life_drop(link.conn.life);
+    conn_ref_release(link.conn.ref);
     tls_peer_free(&link.peer);
 }
 

@@ -1,6 +1,5 @@
-// conn_life.h - the counted life of a connection: descriptor, address list and TLS session live until the last user
-// lets go, so that nobody polls, reads or writes a number that was closed and given out again.
-// Any thread.
+// conn_ref.h - reference-counted connections: descriptor, address list and TLS session are freed with the last
+// reference, so that nobody polls, reads or writes a descriptor that was closed and given out again. Any thread.
 #pragma once
 
 #include <atomic>
@@ -9,7 +8,7 @@
 
 #include "transport/socket.h"
 
-struct ConnLife {
+struct ConnRef {
     std::atomic<int> users;       // free at 0
     int fd;                       // constant; closed by the last user
     struct addrinfo *remote_addr; // constant; freed by the last user
@@ -22,12 +21,12 @@ struct ConnLife {
 
 // Takes over socket, address list and session of conn; the caller is its only user. Null (logged) without memory; then
 // everything still belongs to the caller.
-ConnLife *conn_life_new(const SocketConn *conn);
+ConnRef *conn_ref_new(const SocketConn *conn);
 
-void conn_life_hold(ConnLife *life); // null: nothing
-void conn_life_drop(ConnLife *life); // null: nothing; the last one closes, quietly
+void conn_ref_hold(ConnRef *ref);    // null: nothing
+void conn_ref_release(ConnRef *ref); // null: nothing; the last one closes, quietly
 
 // Shuts both directions down at once and makes a later close linger for 1 s at most; wakes every thread that waits on
 // it.
-// Once per life, later calls do nothing. Returns 0, or -1 when the linger option was refused.
-int conn_life_shut(ConnLife *life);
+// Later calls do nothing. Returns 0, or -1 when the linger option was refused.
+int conn_ref_shut(ConnRef *ref);
