@@ -10,7 +10,7 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "transport/conn_flow.h"
+#include "transport/conn_wait.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_send.h"
 #include "transport/field_extract.h"

@@ -13,7 +13,7 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
-#include "transport/conn_flow.h"
+#include "transport/conn_wait.h"
 #include "transport/conn_registry.h"
 
 constexpr size_t RECV_CAP = 16384; // a frame with more than 16367 bytes of payload never completes

@@ -6,7 +6,9 @@
 #include "runtime/log.h"
 #include "runtime/text.h"
 #include "transport/conn_send.h"
+#include "transport/connect.h"
 #include "transport/field_extract.h"
+#include "transport/resolve.h"
 
 constexpr int WEB_SERVER_BUFFER_SIZE = 32768; // bytes, each direction; the other types take the default
 constexpr uint32_t PORT_LIMIT = 65536;

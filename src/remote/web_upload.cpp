@@ -12,6 +12,7 @@
 #include "transport/conn_ref.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_send.h"
+#include "transport/connect.h"
 
 constexpr size_t HELD_MAX = 256 * 1024; // bytes in all queues, beyond which NM is read no further
 constexpr int WAIT_LINE_MS = 100;       // between two lines about msg_ids that wait for a slot

@@ -11,7 +11,7 @@
 #include <stdint.h>
 
 #include "remote/web_frame.h"
-#include "transport/conn_flow.h"
+#include "transport/conn_wait.h"
 
 constexpr int WEB_UPLOAD_WANTS = 10; // one per slot
 

@@ -7,8 +7,8 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "transport/conn_flow.h"
 #include "transport/conn_ref.h"
+#include "transport/connect.h"
 #include "transport/tls.h"
 
 // Guards s_entries and nothing else; short. Lines, handshakes, tests and closes happen outside, on copies.

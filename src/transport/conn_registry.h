@@ -7,7 +7,7 @@
 
 #include <stdint.h>
 
-#include "transport/conn_flow.h"
+#include "transport/liveness.h"
 #include "transport/socket.h"
 
 enum ConnectionType : uint32_t {
