@@ -16,6 +16,7 @@
 #include "runtime/wait.h"
 #include "transport/field_extract.h"
 #include "transport/nm_sign.h"
+#include "transport/resolve.h"
 
 constexpr size_t ANSWER_SIZE = 10240;
 constexpr size_t BODY_SIZE = 10240;                // all identity fields fit several times

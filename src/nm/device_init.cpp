@@ -17,6 +17,7 @@
 #include "status/metrics.h"
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
+#include "transport/connect.h"
 #include "transport/nm_sign.h"
 
 constexpr int32_t UDP_DETECTION_PERIOD_S = 6;

@@ -13,6 +13,7 @@
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
 #include "transport/conn_registry.h"
+#include "transport/connect.h"
 #include "transport/field_extract.h"
 #include "transport/http_client.h"
 

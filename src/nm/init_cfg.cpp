@@ -12,7 +12,8 @@
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "transport/field_extract.h"
-#include "transport/socket.h"
+#include "transport/interface.h"
+#include "transport/resolve.h"
 
 constexpr size_t CFG_FILE_MAX = 10240;                 // bytes; a longer file is cut
 constexpr int32_t DEV_MSG_SIZE_MIN = 4096;             // bytes

@@ -11,7 +11,9 @@
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_send.h"
+#include "transport/connect.h"
 #include "transport/nm_sign.h"
+#include "transport/resolve.h"
 #include "transport/tls.h"
 
 constexpr int REQUEST_TIMEOUT_MS = 5000;

@@ -43,8 +43,3 @@ int poll_readable(int fd, int timeout_ms);
 
 // The same for a connection (private or held). With a session it is readable when plaintext is there.
 int conn_readable(const SocketConn *conn, int timeout_ms);
-
-// Until every user includes what it calls.
-#include "transport/connect.h"
-#include "transport/interface.h"
-#include "transport/resolve.h"

@@ -28,6 +28,7 @@
 #include "sim_tls.h"
 #include "status/metrics.h"
 #include "status/service_status_internal.h"
+#include "transport/connect.h"
 #include "transport/field_extract.h"
 #include "transport/http_client.h"
 #include "transport/tls.h"

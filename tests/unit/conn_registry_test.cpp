@@ -3,6 +3,7 @@
 #include "runtime/wait.h"
 #include "transport/conn_ref.h"
 #include "transport/conn_send.h"
+#include "transport/connect.h"
 
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
 // and the number is given out again only after the last copy has gone.
