@@ -11,6 +11,7 @@
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
 #include "nm/device_init.h"
+#include "nm/init_cfg.h"
 #include "nm/nm_msg.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_web.h"
@@ -267,7 +268,6 @@ static int process_start(void)
     signal(SIGPIPE, SIG_IGN); // first of all: a closed standard output raises it too
     standard_descriptors_reserve();
     setlinebuf(stdout);
-    log_lock_init();
     work_thread_set_name("proxy_plugin");
     if (stop_init(closing_sequence) != 0) {
         doorbell_missing_log();
@@ -284,6 +284,7 @@ static int process_start(void)
         return -1;
     }
     plugin_version_set();
+    log_settings_reader_set(init_cfg_parse_log); // the init cfg holds them, and runtime includes nothing above it
     if (!log_init()) {
         log_error("Log initiating failed!");
         return -1;

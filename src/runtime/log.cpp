@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <errno.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -33,14 +34,16 @@ constexpr size_t TAIL_SIZE = 8;      // colour reset and newline, present behind
 constexpr int SWAP_LIMIT_MS = 200;
 
 // Readers: every line around its outputs. Writer: the swap of the stream, which the lock guards.
-static pthread_rwlock_t s_lock = PTHREAD_RWLOCK_INITIALIZER; // usable before log_lock_init too
+static pthread_rwlock_t s_lock;
 static FILE *s_stream;
 static thread_local bool t_is_swap_owner; // this thread holds s_lock as writer: its own lines must not take it
 
 static std::atomic<LogMode> s_mode{LOG_MODE_SYSLOG};
 static std::atomic<bool> s_is_muted{false};
 
-void log_lock_init(void)
+// Before main, and so before the first line; no static initialiser makes a lock of this kind. glibc lets readers pass a
+// waiting writer all the same. The kind that does not would deadlock a thread that reads twice.
+__attribute__((constructor)) static void lock_init(void)
 {
     pthread_rwlockattr_t attr;
     pthread_rwlockattr_init(&attr);

@@ -4,7 +4,6 @@
 // lock taken is the log lock, the innermost of all. Nothing is allocated. Never called from a signal handler.
 #pragma once
 
-#include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
 
@@ -12,9 +11,6 @@ void log_debug(const char *fmt, ...) __attribute__((format(printf, 1, 2))); // g
 void log_info(const char *fmt, ...) __attribute__((format(printf, 1, 2)));  // above 5: what happened
 void log_warn(const char *fmt, ...) __attribute__((format(printf, 1, 2)));  // above 3: odd, we go on
 void log_error(const char *fmt, ...) __attribute__((format(printf, 1, 2))); // above 2: this operation failed
-
-// Creates the log lock with the writer-preferring kind. Start-up, before the first line.
-void log_lock_init(void);
 
 // What follows is for log_file only, which swaps the stream under the log lock.
 enum LogMode { LOG_MODE_SYSLOG = 0, LOG_MODE_FILE = 1 };

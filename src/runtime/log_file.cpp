@@ -1,4 +1,5 @@
 #include "runtime/log_file.h"
+#include "runtime/log_file_internal.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -7,17 +8,17 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include "nm/init_cfg.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
+#include "runtime/regex_extract.h"
 #include "runtime/text.h"
-#include "transport/field_extract.h"
 
-constexpr int SCAN_MAX = 10; // log files that one scan records, however large the ring is
+constexpr int LOG_FILE_SLOTS = 10; // the largest max_log_file_number that the init cfg allows
+constexpr int SCAN_MAX = 10;       // log files that one scan records, however large the ring is
 constexpr size_t STREAM_BUFFER_SIZE = 1024;
 constexpr size_t LOG_PATH_SIZE = PATH_TEXT_SIZE + 8; // the longest directory, and "<slot>.log"
 
-// One slot of the ring. A scan does not clear the entries of earlier ones, of another directory even.
+// One slot of the ring. A scan does not clear what earlier scans recorded, even of another directory.
 struct LogFileEntry {
     uint8_t used; // 1: found by a scan, or opened
     char path[LOG_PATH_SIZE];
@@ -27,8 +28,9 @@ struct LogFileEntry {
 
 // Main thread only.
 static LogFileEntry s_entries[LOG_FILE_SLOTS];
-static LogFileEntry *s_current; // null: no file
-static char s_stream_buffer[STREAM_BUFFER_SIZE];
+static LogFileEntry *s_current;                  // null: no file
+static char s_stream_buffer[STREAM_BUFFER_SIZE]; // outlives every stream
+static int (*s_settings_read)(void);
 
 struct LogSettings {
     char directory[PATH_TEXT_SIZE];
@@ -47,8 +49,8 @@ static LogSettings settings_get(void)
     return settings;
 }
 
-// Slot of a log file's name, -1 for any other name and for numbers beyond the ring. No digits count as 0, and what
-// follows ".log" does not matter.
+// Slot of a log file's name; -1 for any other name (logged) and for numbers beyond the ring. A name without digits is
+// slot 0, and anything may follow ".log".
 static int slot_of(const char *name)
 {
     char number[256];
@@ -60,7 +62,7 @@ static int slot_of(const char *name)
     return slot < (unsigned long long)LOG_FILE_SLOTS ? (int)slot : -1;
 }
 
-// 1 when the directory's entry is a log file and now stands in the table.
+// Records a directory entry that is a log file. Returns the number recorded, 0 or 1.
 static int file_record(const char *directory, const char *name)
 {
     char path[2 * PATH_TEXT_SIZE];
@@ -101,7 +103,7 @@ int log_dir_scan(const char *directory)
     return count;
 }
 
-// An unused slot is never preferred as such: it is reached as the oldest, for its time is 0.
+// An unused slot wins only because its time, 0, is the oldest.
 int log_pick_slot(int32_t max_number, int32_t max_size, int *truncate)
 {
     int oldest = 0;
@@ -127,7 +129,7 @@ int log_pick_slot(int32_t max_number, int32_t max_size, int *truncate)
     return oldest;
 }
 
-// Owner of the swap. The line still goes to the file that it names.
+// Between log_swap_begin and log_swap_end. The line still goes to the file that it names.
 static void current_close(void)
 {
     if (s_current) {
@@ -176,7 +178,7 @@ static int slot_open(const LogSettings *settings)
     return 0;
 }
 
-// Owner of the swap.
+// Between log_swap_begin and log_swap_end.
 static int next_open(const LogSettings *settings)
 {
     if (directory_make(settings->directory) != 0)
@@ -205,12 +207,16 @@ static int stream_swap(const LogSettings *settings)
     return result == 0;
 }
 
-// The settings come from the init cfg, one module up: the log must stand before anything else of that file is used.
+void log_settings_reader_set(int (*read)(void))
+{
+    s_settings_read = read;
+}
+
 int log_init(void)
 {
     if (g_log_std == 1)
         return 1;
-    int is_read = init_cfg_parse_log() == 0;
+    bool is_read = s_settings_read && s_settings_read() == 0;
     LogSettings settings = settings_get();
     if (is_read)
         log_info("Log dir: %s.", settings.directory);
@@ -239,7 +245,7 @@ void log_split_check(void)
         s_current->size = saturate_i32(info.st_size);
     else
         log_error("Fail to read log file property! File path: %s!", s_current->path);
-    int32_t max_size = settings_get().max_size;
+    int32_t max_size = plugin_info_max_log_file_size(); // a reload of the init cfg may change it at any time
     if (s_current->size < max_size)
         return;
     log_info("Log file: '%s' has size: %d, reaches the limit of a single log file: %d bytes, split log file now...",

@@ -35,17 +35,25 @@ void plugin_info_get(PluginInfo *copy)
     pthread_mutex_unlock(&s_info_mutex);
 }
 
-int nm_method_is_https(const char *method)
+bool nm_method_is_https(const char *method)
 {
     return strcasecmp(method, "https") == 0;
 }
 
-int plugin_info_nm_is_https(void)
+bool plugin_info_nm_is_https(void)
 {
     pthread_mutex_lock(&s_info_mutex);
-    int is_https = nm_method_is_https(g_plugin_info.nm_method);
+    bool is_https = nm_method_is_https(g_plugin_info.nm_method);
     pthread_mutex_unlock(&s_info_mutex);
     return is_https;
+}
+
+int32_t plugin_info_max_log_file_size(void)
+{
+    pthread_mutex_lock(&s_info_mutex);
+    int32_t size = g_plugin_info.max_log_file_size;
+    pthread_mutex_unlock(&s_info_mutex);
+    return size;
 }
 
 void plugin_info_edit_begin(PluginInfoEdit *edit)

@@ -84,9 +84,12 @@ struct PluginInfo {
 // Copies the whole record, some 9 KB.
 void plugin_info_get(PluginInfo *copy);
 
-// 1 when NM is reached over TLS: the method is "https" in any case.
-int nm_method_is_https(const char *method);
-int plugin_info_nm_is_https(void);
+// NM is reached over TLS: the method is "https" in any case.
+bool nm_method_is_https(const char *method);
+bool plugin_info_nm_is_https(void);
+
+// The field of that name, without a copy of the record: asked for in every turn of the main loop.
+int32_t plugin_info_max_log_file_size(void);
 
 // A prepared change: start from a copy, set fields of next, commit what was set. At most 64 fields.
 struct PluginInfoEdit {

@@ -1,12 +1,10 @@
 #include "transport/field_extract.h"
 
-#include <regex.h>
 #include <string.h>
 
 #include "runtime/log.h"
 #include "runtime/text.h"
 
-constexpr size_t REGERROR_TEXT_SIZE = 1024;
 constexpr size_t KEY_PATTERN_SIZE = 512;
 constexpr size_t KEY_VALUE_SIZE = 512; // the longest value of a key, with its NUL, whatever room the caller has
 
@@ -14,62 +12,6 @@ constexpr size_t KEY_VALUE_SIZE = 512; // the longest value of a key, with its N
 #define KEY_PATTERN_HEAD "\"%s\" *:[ |\"|{|}]*"
 #define KEY_PATTERN KEY_PATTERN_HEAD "([-|a-z|A-Z|0-9|\\.|/|:|_|$]*)"
 #define TOKEN_PATTERN KEY_PATTERN_HEAD "([-|a-z|A-Z|0-9|\\.|/|:|_|$|%%| ]*)"
-
-static int pattern_compile(regex_t *compiled, const char *pattern)
-{
-    int result = regcomp(compiled, pattern, REG_EXTENDED);
-    if (result != 0) {
-        char reason[REGERROR_TEXT_SIZE];
-        regerror(result, compiled, reason, sizeof(reason));
-        log_warn("Reg: '%s' compiling failed: %s.", pattern, reason);
-    }
-    return result;
-}
-
-static int has_regex_arguments(const char *msg, const char *regex, const char *value)
-{
-    if (!msg)
-        log_error("msg is NULL!");
-    if (!regex)
-        log_error("regex is NULL!");
-    if (!value)
-        log_error("value is NULL!");
-    return msg && regex && value;
-}
-
-int regex_extract(const char *msg, const char *regex, char *value, size_t value_cap)
-{
-    if (!has_regex_arguments(msg, regex, value))
-        return -1;
-    memset(value, 0, value_cap);
-    regex_t compiled;
-    int result = pattern_compile(&compiled, regex);
-    if (result != 0)
-        return result;
-    regmatch_t pmatch[2];
-    result = regexec(&compiled, msg, 2, pmatch, 0);
-    regfree(&compiled);
-    if (result == REG_NOMATCH) {
-        log_info("No match for REGEX: \"%s\", msg: %s", regex, msg);
-        return result;
-    }
-    if (result != 0 || pmatch[1].rm_so < 0) {
-        log_warn("Unknown status: %d", result);
-        log_info("No match for REGEX: %s, msg: %s", regex, msg);
-        return result;
-    }
-    const char *matched = msg + pmatch[1].rm_so;
-    int matched_len = (int)(pmatch[1].rm_eo - pmatch[1].rm_so);
-    log_info("pmatch[1].rm_eo: %d, pmatch[1].rm_so: %d, matched_len: %d, matched value: %.*s", (int)pmatch[1].rm_eo,
-             (int)pmatch[1].rm_so, matched_len, matched_len, matched);
-    if (value_cap <= (size_t)matched_len) {
-        log_warn("value_len: %d not enough, needed matched_len: %d, matched_str: %.*s!", (int)value_cap,
-                 matched_len + 1, matched_len, matched);
-        return -1;
-    }
-    memcpy(value, matched, (size_t)matched_len);
-    return 0;
-}
 
 static void key_pattern_make(char (&pattern)[KEY_PATTERN_SIZE], const char *key)
 {
@@ -104,7 +46,7 @@ void json_key_extract(const char *msg, const char *key, char *value, size_t valu
     char pattern[KEY_PATTERN_SIZE];
     key_pattern_make(pattern, key);
     regex_t compiled;
-    if (pattern_compile(&compiled, pattern) != 0)
+    if (regex_compile(&compiled, pattern) != 0)
         return;
     regmatch_t pmatch[2];
     int result = regexec(&compiled, msg, 2, pmatch, 0);

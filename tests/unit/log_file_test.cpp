@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "nm/init_cfg.h"
 #include "runtime/log.h"
 #include "runtime/log_file.h"
+#include "runtime/log_file_internal.h"
 #include "support.h"
 
 static std::string make_dir()
@@ -105,6 +107,7 @@ TEST(LogFile, FillsAndSplits)
     std::ofstream(base + "init") << "{\"log_path\":\"" << logs << "\",\"max_files\":2,\"max_size\":64}";
     info_edit([&](PluginInfo *next) { (void)text_set(next->init_cfg_path, (base + "init").c_str()); });
     g_log_std = 0;
+    log_settings_reader_set(init_cfg_parse_log);
     ASSERT_EQ(1, log_init());
     // Between the mode and the open the console is the only place left.
     EXPECT_EQ(1, console.count("Creating log directory: '" + logs + "' ..."));
