@@ -38,8 +38,8 @@ void conn_ref_release(ConnRef *ref)
 {
     if (!ref || ref->users.fetch_sub(1) != 1)
         return;
-    tls_free(ref->tls); // before the close: nothing may be written to a number that is free again
-    // A close may linger for its second; at a stop the descriptors go with the process instead.
+    tls_free(ref->tls); // before the close: the descriptor may be reused at once
+    // A close may linger for a second. At a stop the end of the process closes the descriptors instead.
     if (ref->fd > 0 && !stop_requested())
         close(ref->fd);
     if (ref->remote_addr)

@@ -9,24 +9,23 @@
 #include "transport/socket.h"
 
 struct ConnRef {
-    std::atomic<int> users;       // free at 0
-    int fd;                       // constant; closed by the last user
-    struct addrinfo *remote_addr; // constant; freed by the last user
-    TlsSession *tls;              // constant; freed by the last user
+    std::atomic<int> users;       // references; the last one frees all
+    int fd;                       // constant
+    struct addrinfo *remote_addr; // constant
+    TlsSession *tls;              // constant
     pthread_mutex_t send_order;   // long lock: held over one whole unit of conn_send with its waits
-    std::atomic<uint32_t> sent;   // bytes that the socket took of a connection without a session; wraps
+    std::atomic<uint32_t> sent;   // bytes that the socket has accepted, without a session only; wraps
     std::atomic<uint8_t> broken;  // a unit was sent in part: nothing more is sent, the connection is not usable
     std::atomic<uint8_t> shut;    // both directions were shut down
 };
 
-// Takes over socket, address list and session of conn; the caller is its only user. Null (logged) without memory; then
-// everything still belongs to the caller.
+// Takes over socket, address list and session of conn, with one reference for the caller. Null (logged) without memory;
+// then everything still belongs to the caller.
 ConnRef *conn_ref_new(const SocketConn *conn);
 
 void conn_ref_hold(ConnRef *ref);    // null: nothing
-void conn_ref_release(ConnRef *ref); // null: nothing; the last one closes, quietly
+void conn_ref_release(ConnRef *ref); // null: nothing; the last one frees everything and logs nothing
 
-// Shuts both directions down at once and makes a later close linger for 1 s at most; wakes every thread that waits on
-// it.
-// Later calls do nothing. Returns 0, or -1 when the linger option was refused.
+// Shuts both directions down at once, which wakes every thread that waits on the descriptor, and lets a later close
+// linger for 1 s at most. Further calls do nothing. 0, or -1 when the linger option was refused.
 int conn_ref_shut(ConnRef *ref);

@@ -11,7 +11,9 @@
 #include "transport/connect.h"
 #include "transport/tls.h"
 
-// Guards s_entries and nothing else; short. Lines, handshakes, tests and closes happen outside, on copies.
+constexpr uint32_t CONNECTION_TYPE_COUNT = REMOTE_WEB_SERVER + 1;
+
+// Guards s_entries and nothing else; short. Log lines, handshakes, tests and closes happen outside, on copies.
 static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
 static ConnectionInfo s_entries[CONNECTION_TYPE_COUNT];
 
@@ -51,7 +53,7 @@ const char *conn_type_name(uint32_t type)
     return is_type(type) ? k_types[type].name : "Unknown type";
 }
 
-const char *conn_status_name(uint32_t status)
+static const char *status_name(uint32_t status)
 {
     if (status < sizeof(k_status_names) / sizeof(k_status_names[0]))
         return k_status_names[status];
@@ -71,13 +73,13 @@ void conn_print_all(void)
     for (uint32_t i = 0; i < CONNECTION_TYPE_COUNT; i++) {
         const SocketConn *conn = &entries[i].conn;
         log_info("CONN[%d] Type: %-24s, Status: %s(%d), Socket_fd: %d, IP: %s, Port: %s, SSL: %d", (int)i,
-                 k_types[i].name, conn_status_name(entries[i].status), (int)entries[i].status, conn->socket_fd,
+                 k_types[i].name, status_name(entries[i].status), (int)entries[i].status, conn->socket_fd,
                  conn->remote_ip, conn->remote_port, conn->ssl ? 1 : 0);
     }
     log_debug("%s", k_table_footer);
 }
 
-// Empties the entry but for its texts; what it held is the caller's to close.
+// Empties the entry except for its texts; the caller closes what it held.
 static ConnectionInfo entry_take_locked(ConnectionInfo *entry)
 {
     ConnectionInfo taken = *entry;
@@ -90,13 +92,13 @@ static ConnectionInfo entry_take_locked(ConnectionInfo *entry)
     return taken;
 }
 
-// Lines of a removal; the peer is told at once, the resources go when their last user lets go.
+// Logs the removal; shuts the connection now, frees it with the last reference.
 static void close_taken(ConnectionType type, ConnectionInfo *taken, int print)
 {
     SocketConn *conn = &taken->conn;
     ConnRef *ref = conn->ref;
     if (conn->socket_fd > 0) {
-        if (!ref) // noted without ever having been registered
+        if (!ref) // from conn_note_failed: a socket that was never registered
             ref = conn_ref_new(conn);
         log_info("Shutdown and close socket: %d", conn->socket_fd);
         if (ref && conn_ref_shut(ref) != 0)
@@ -113,7 +115,7 @@ static void close_taken(ConnectionType type, ConnectionInfo *taken, int print)
 
 enum CloseWhen { CLOSE_ANY, CLOSE_CONNECTED };
 
-// With a reference the entry is closed only while it still is that connection.
+// Closes the entry, or with ref only if it is still that connection.
 static void close_entry(ConnectionType type, CloseWhen when, const ConnRef *ref, int print)
 {
     ConnectionInfo *entry = &s_entries[type];
@@ -137,7 +139,7 @@ static int entry_publish(ConnectionType type, SocketConn conn, ConnSecurity secu
 {
     if (security == CONN_TLS) {
         conn.ssl = tls_init(conn.socket_fd);
-        // A failed handshake goes on in plain text; one that was cut says nothing about NM, so nothing may be sent.
+        // After a failed handshake the connection goes on in plain text. One that was cut short says nothing about NM.
         if (!conn.ssl && errno == ECANCELED) {
             socket_close_private(&conn);
             return 0;
@@ -241,18 +243,18 @@ static ConnectionInfo entry_hold(ConnectionType type)
     return copy;
 }
 
-int conn_hold(ConnectionType type, SocketConn *copy)
+bool conn_hold(ConnectionType type, SocketConn *copy)
 {
     *copy = {};
     copy->socket_fd = -1;
     if (!is_type(type))
-        return 0;
+        return false;
     ConnectionInfo entry = entry_hold(type);
     *copy = entry.conn;
     if (entry.status == CONNECTED)
-        return 1;
+        return true;
     conn_drop(copy);
-    return 0;
+    return false;
 }
 
 void conn_drop(SocketConn *copy)
@@ -264,13 +266,13 @@ void conn_drop(SocketConn *copy)
     copy->ref = nullptr;
 }
 
-int conn_is_current(ConnectionType type, const SocketConn *copy)
+bool conn_is_current(ConnectionType type, const SocketConn *copy)
 {
     if (!is_type(type))
-        return 0;
+        return false;
     pthread_mutex_lock(&s_mutex);
     const ConnectionInfo *entry = &s_entries[type];
-    int is_current = entry->status == CONNECTED && copy->ref && entry->conn.ref == copy->ref;
+    bool is_current = entry->status == CONNECTED && copy->ref && entry->conn.ref == copy->ref;
     pthread_mutex_unlock(&s_mutex);
     return is_current;
 }
@@ -281,35 +283,41 @@ void conn_remove_if_current(ConnectionType type, const SocketConn *copy, int pri
         close_entry(type, CLOSE_CONNECTED, copy->ref, print);
 }
 
-// Why an entry cannot be tested, with its line: 0; 1 when it has a connection to be tested.
-static int is_testable(const ConnectionInfo *entry)
+// The entry has a connection to test; else the log says why not.
+static bool is_testable(const ConnectionInfo *entry)
 {
     const SocketConn *conn = &entry->conn;
     if (conn->socket_fd < 1) {
         log_debug("TCP connection: %s:%s, socket: %d is not valid.", conn->remote_ip, conn->remote_port,
                   conn->socket_fd);
-        return 0;
+        return false;
     }
     if (entry->status != CONNECTED) {
         log_debug("TCP connection: %s:%s, socket: %d is of status: %d.", conn->remote_ip, conn->remote_port,
                   conn->socket_fd, (int)entry->status);
-        return 0;
+        return false;
     }
-    return 1;
+    return true;
 }
 
-// What tcp_state_get found out about a held connection, with the line of one that is dead.
-static int is_usable(const SocketConn *conn, int state)
+// state is that of a held connection; a bad one is logged.
+static bool is_established(const SocketConn *conn, int state)
 {
-    if (state == TCP_STATE_ESTABLISHED) // a broken one is shut down and answers so only when its test was cut
-        return !(conn->ref && conn->ref->broken);
+    if (state == TCP_STATE_ESTABLISHED)
+        return true;
     if (state == TCP_STATE_TIMEOUT)
         log_info("TCP connection: %s:%s, socket: %d, selecting timeout.", conn->remote_ip, conn->remote_port,
                  conn->socket_fd);
     else
         log_info("TCP connection: %s:%s, socket: %d, status: %d is not connected: %d.", conn->remote_ip,
                  conn->remote_port, conn->socket_fd, state, TCP_STATE_ESTABLISHED);
-    return 0;
+    return false;
+}
+
+// A broken connection is shut down: it looks established only when its test was cut short.
+static bool is_broken(const SocketConn *conn)
+{
+    return conn->ref && conn->ref->broken;
 }
 
 int tcp_check_conn(ConnectionType type)
@@ -317,19 +325,21 @@ int tcp_check_conn(ConnectionType type)
     if (!is_type(type))
         return 0;
     ConnectionInfo entry = entry_hold(type);
-    int usable = is_testable(&entry) && is_usable(&entry.conn, tcp_state_get(entry.conn.socket_fd));
+    bool is_alive = is_testable(&entry) && is_established(&entry.conn, tcp_state_get(entry.conn.socket_fd)) &&
+                    !is_broken(&entry.conn);
     conn_drop(&entry.conn);
-    return usable;
+    return is_alive;
 }
 
-// Ends a liveness test of the held entry: a dead one is closed, but not one that another thread registered meanwhile.
-static int check_end(ConnectionType type, ConnectionInfo *entry, int usable)
+// Ends a liveness test: closes the entry that was held before it if the test failed, but not a connection that another
+// thread registered meanwhile. Returns whether the type has a usable connection.
+static bool check_end(ConnectionType type, ConnectionInfo *entry, bool is_alive)
 {
-    usable = usable && conn_is_connected(type);
-    if (!usable)
+    bool is_usable = is_alive && conn_is_connected(type);
+    if (!is_usable)
         conn_remove_if_current(type, &entry->conn, 1);
     conn_drop(&entry->conn);
-    return usable;
+    return is_usable;
 }
 
 int conn_check(ConnectionType type)
@@ -341,36 +351,37 @@ int conn_check(ConnectionType type)
         return 0;
     }
     ConnectionInfo entry = entry_hold(type);
-    int usable = is_testable(&entry) && is_usable(&entry.conn, tcp_state_get(entry.conn.socket_fd));
-    return check_end(type, &entry, usable);
+    return check_end(type, &entry, tcp_check_conn(type));
 }
 
-// tcp_state_get's answer, at once.
+// tcp_state_get without its wait: a full send buffer is judged by its progress.
 static int state_by_progress(ConnectionType type, const SocketConn *conn, SendProgress *progress)
 {
     StuckRule rule = k_types[type].to_nm ? STUCK_AFTER_2_S : STUCK_IF_SILENT;
-    int stuck = conn_is_stuck(conn, progress, rule);
+    bool stuck = conn_is_stuck(conn, progress, rule);
     if (wait_fd(conn->socket_fd, POLLIN | POLLOUT, 0) != WAIT_READY)
         return stuck ? TCP_STATE_TIMEOUT : TCP_STATE_ESTABLISHED;
     int state = tcp_state_get(conn->socket_fd);
     return stuck && state == TCP_STATE_ESTABLISHED ? TCP_STATE_TIMEOUT : state;
 }
 
-int conn_check_progress(ConnectionType type, SendProgress *progress)
+bool conn_check_progress(ConnectionType type, SendProgress *progress)
 {
     if (!is_type(type))
-        return 0;
+        return false;
     ConnectionInfo entry = entry_hold(type);
-    int usable = is_testable(&entry) && is_usable(&entry.conn, state_by_progress(type, &entry.conn, progress));
-    return check_end(type, &entry, usable);
+    bool is_alive = is_testable(&entry) &&
+                    is_established(&entry.conn, state_by_progress(type, &entry.conn, progress)) &&
+                    !is_broken(&entry.conn);
+    return check_end(type, &entry, is_alive);
 }
 
-int conn_is_connected(ConnectionType type)
+bool conn_is_connected(ConnectionType type)
 {
     if (!is_type(type))
-        return 0;
+        return false;
     pthread_mutex_lock(&s_mutex);
-    int connected = s_entries[type].status == CONNECTED;
+    bool connected = s_entries[type].status == CONNECTED;
     pthread_mutex_unlock(&s_mutex);
     return connected;
 }

@@ -1,7 +1,7 @@
 // conn_registry.h - the agent's connections, at most one of each type, referred to by type everywhere.
 // The table has one short lock for its own state, never held over a connect, handshake, poll, close or look-up. Whoever
-// polls, reads or writes does so on a held copy (conn_hold, conn_drop); closing takes the entry out of the table and
-// shuts the connection down at once, the resources go with the last drop.
+// polls, reads or writes does so on a held copy (conn_hold, conn_drop). Closing takes the entry out of the table and
+// shuts the connection down at once; its resources are freed with the last reference.
 // Any thread. Types above REMOTE_WEB_SERVER are warned about and touch nothing.
 #pragma once
 
@@ -18,7 +18,6 @@ enum ConnectionType : uint32_t {
     REMOTE_TELNET_DEVICE = 4, // remote telnet, device side, never TLS
     REMOTE_WEB_SERVER = 5,    // remote web, NM side
 };
-constexpr uint32_t CONNECTION_TYPE_COUNT = 6;
 
 enum ConnectionStatus : uint32_t { DISCONNECTED = 0, CONNECTED = 1, PENDING = 2 };
 
@@ -27,31 +26,30 @@ enum ConnSecurity : uint8_t { CONN_PLAIN = 0, CONN_TLS = 1 };
 // One entry of the table.
 struct ConnectionInfo {
     ConnectionStatus status;
-    ConnSecurity security; // what it was added as; a failed handshake left plain text
+    ConnSecurity security; // what it was added as; after a failed handshake the connection is plain all the same
     SocketConn conn;       // owned through conn.ref; its texts stay after a removal
 };
 
-// Display name, static; "Unknown type" with a warning for other numbers. The same for statuses.
+// Display name, static; "Unknown type" with a warning for other numbers.
 const char *conn_type_name(uint32_t type);
-const char *conn_status_name(uint32_t status);
 
 // Logs the table.
 void conn_print_all(void);
 
 // Makes conn (a fresh connection that the caller owns) the entry of type; an entry that is CONNECTED is closed first.
-// NM-side TCP types get a TLS session when NM's method is https; a failed handshake leaves plain text, one that was cut
-// closes conn and registers nothing. The entry and its status appear in one step after the handshake. Always 1;
+// NM-side TCP types get a TLS session when NM's method is https; a failed handshake leaves plain text; one that was cut
+// short closes conn and registers nothing. The entry and its status appear in one step after the handshake. Always 1;
 // ownership passes in any case.
 int conn_add(ConnectionType type, SocketConn conn, int print);
 
-// conn_add's rule by NM's method in force.
+// What conn_add decides, by NM's method in force.
 ConnSecurity conn_security_wanted(ConnectionType type);
 
-// conn_add for whoever has read NM's port and method together: the method in force by now may belong to another port.
+// conn_add for callers that read NM's port and method together: the method now in force may belong to another port.
 // CONN_TLS is for NM-side types.
 int conn_add_as(ConnectionType type, SocketConn conn, ConnSecurity security, int print);
 
-// Stores a failed connect's texts and descriptor (-1 or 0) in an entry that is not CONNECTED.
+// Keeps the texts and the descriptor (-1 or 0) of a failed connect in an entry that is not CONNECTED.
 void conn_note_failed(ConnectionType type, const SocketConn *conn);
 
 // Closes the entry whatever its status / only when it is CONNECTED (always 1).
@@ -66,33 +64,34 @@ void conn_remove_all_but_device(void);
 // connection that was tested). A liveness test, up to 2 s. NM_UDP_DETECTION has none: it is closed and the answer is 0.
 int conn_check(ConnectionType type);
 
-// conn_check for a connection that a relay sends on: never waits. A full send buffer alone says nothing; the connection
-// is dead when its peer has taken no byte for 2 s (towards the device: 30 s if its kernel still answers).
-int conn_check_progress(ConnectionType type, SendProgress *progress);
+// conn_check for a connection that a relay sends on: never waits. A full send buffer alone proves nothing; the
+// connection is dead when its peer has acknowledged no byte for 2 s (towards the device: 30 s if its kernel still
+// answers).
+bool conn_check_progress(ConnectionType type, SendProgress *progress);
 
-// conn_check's test without closing anything.
+// The test of conn_check, which closes nothing. 1 or 0, a failure is logged.
 int tcp_check_conn(ConnectionType type);
 
-// 1 when the entry's status is CONNECTED: no test, no wait. What senders ask.
-int conn_is_connected(ConnectionType type);
+// The entry's status is CONNECTED: no test, no wait. What senders ask.
+bool conn_is_connected(ConnectionType type);
 
 // Connects again to the peer of the entry, texts, local side and security as before, default buffers. 1 when
 // registered, else 0.
 int conn_reconnect(ConnectionType type);
 
-// Data can be read on the entry's connection within timeout_ms (conn_readable on a held copy); 0 otherwise.
+// 1 when data can be read on the entry's connection within timeout_ms (conn_readable on a held copy), else 0.
 int poll_conn_readable(ConnectionType type, int timeout_ms);
 
-// Copies the entry's connection and keeps it alive until conn_drop. Returns 1 when the entry is CONNECTED; else 0 with
-// the texts of the last one and no socket. Both outcomes want conn_drop (harmless on the second).
-int conn_hold(ConnectionType type, SocketConn *copy);
+// Copies the entry's connection and keeps it alive until conn_drop. True when the entry is CONNECTED; else the copy has
+// the texts of the last connection and no socket. Call conn_drop in both cases.
+bool conn_hold(ConnectionType type, SocketConn *copy);
 void conn_drop(SocketConn *copy);
 
-// 1 when copy (held) is still the CONNECTED entry of type.
-int conn_is_current(ConnectionType type, const SocketConn *copy);
+// copy (held) is still the CONNECTED entry of type.
+bool conn_is_current(ConnectionType type, const SocketConn *copy);
 
-// Closes the entry only if it still is the connection of copy (held), with the lines of a removal.
+// Closes the entry, with the log lines of a removal, only if it is still the connection of copy (held).
 void conn_remove_if_current(ConnectionType type, const SocketConn *copy, int print);
 
-// Copy of an entry, without keeping anything alive: texts, numbers and status only.
+// Status, security and texts of an entry, without its socket and without a reference.
 ConnectionInfo conn_info_get(ConnectionType type);

@@ -1,4 +1,5 @@
 #include "transport/conn_send.h"
+#include "transport/conn_send_internal.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -13,10 +14,10 @@
 #include "transport/tls.h"
 
 constexpr int RETRY_FAILED_MS = 100;
-constexpr int RETRY_CUT_MS = 10;
+constexpr int RETRY_SHORT_MS = 10;
 constexpr int SEND_PATIENCE_MS = 2000; // for a peer that takes no byte
 
-static int can_send(const SocketConn *conn)
+static bool can_send(const SocketConn *conn)
 {
     return conn->socket_fd > 0 && !(conn->ref && conn->ref->broken);
 }
@@ -26,7 +27,7 @@ static const char *layer_of(const SocketConn *conn)
     return conn->ssl ? "SSL" : "TCP";
 }
 
-// One system or library call without lines. Bytes accepted; -1 with errno, EAGAIN when *events is to be waited for.
+// One system or library call; logs nothing. Bytes accepted; or -1 with errno, EAGAIN when *events is to be waited for.
 static int write_once(const SocketConn *conn, const char *bytes, size_t len, short *events)
 {
     if (conn->ssl)
@@ -45,7 +46,7 @@ static void failed_log(const SocketConn *conn, const char *attempt)
              conn->ssl ? tls_error_reason() : error_text(errno).text);
 }
 
-static void cut_log(const SocketConn *conn, size_t len, int sent)
+static void short_log(const SocketConn *conn, size_t len, int sent)
 {
     log_warn("%s outgoing data has been cut, len: %d, sent: %d bytes!", layer_of(conn), (int)len, sent);
 }
@@ -56,7 +57,7 @@ static WaitResult pause_sending(int ms)
     return wait_sleep_ms(ms);
 }
 
-// The second and last attempt, 100 ms after a failed one: the same bytes, which also continues a begun TLS record.
+// The second and last attempt, 100 ms after a failed one. It offers the same bytes, as a begun TLS record requires.
 static int send_again(const SocketConn *conn, const char *rest, size_t len, size_t *accepted)
 {
     short events;
@@ -71,7 +72,7 @@ static int send_again(const SocketConn *conn, const char *rest, size_t len, size
     }
     *accepted += (size_t)sent;
     if ((size_t)sent < len)
-        cut_log(conn, len, sent);
+        short_log(conn, len, sent);
     return sent;
 }
 
@@ -86,7 +87,8 @@ static void sent_log(const SocketConn *conn, int sent)
     log_debug("%s send, %d bytes.", layer_of(conn), sent);
 }
 
-// A short count is taken for a full buffer: a real one leaves errno as it was. 0 is no progress and returned.
+// tcp_send_counted for both layers. Any short count means a full buffer: errno says nothing about it. A count of 0 is
+// no progress and is returned.
 static int send_counted(const SocketConn *conn, const char *bytes, size_t len, size_t *accepted)
 {
     for (int first = -1;;) {
@@ -106,8 +108,8 @@ static int send_counted(const SocketConn *conn, const char *bytes, size_t len, s
             sent_log(conn, sent);
             return first;
         }
-        cut_log(conn, rest_len, sent);
-        if (pause_sending(RETRY_CUT_MS) == WAIT_CUT)
+        short_log(conn, rest_len, sent);
+        if (pause_sending(RETRY_SHORT_MS) == WAIT_CUT)
             return first;
         log_info("Trying to send remained part, remain_len: %d!", (int)(len - *accepted));
     }
@@ -159,7 +161,8 @@ int conn_send_some(const SocketConn *conn, const void *bytes, size_t len, short 
     return sent;
 }
 
-// Waits for room as long as the peer takes bytes: a slow one may take many before the kernel calls that room. 0, or -1.
+// Waits for room for as long as the send queue shrinks: the kernel reports room only after many bytes were taken. 0
+// when there is room, else -1.
 static int room_wait(int fd, short events)
 {
     for (int before = INT_MAX;;) {
@@ -174,7 +177,7 @@ static int room_wait(int fd, short events)
     }
 }
 
-// What a begun unit still lacks, without lines. 0 when all of it went out.
+// Sends the rest of a begun unit; logs nothing. 0 when all of it was accepted, else -1.
 static int rest_send(const SocketConn *conn, const char *rest, size_t len)
 {
     while (len > 0) {
@@ -193,8 +196,8 @@ static int rest_send(const SocketConn *conn, const char *rest, size_t len)
     return 0;
 }
 
-// The stream has a hole now: nobody may go on with it.
-static void give_up(const SocketConn *conn)
+// Bytes are missing in the stream: nothing may be sent behind them.
+static void break_off(const SocketConn *conn)
 {
     if (!conn->ref) {
         shutdown(conn->socket_fd, SHUT_RDWR);
@@ -204,13 +207,13 @@ static void give_up(const SocketConn *conn)
     (void)conn_ref_shut(conn->ref);
 }
 
-// As conn_send for one part. *begun: a byte of the unit was accepted.
+// conn_send for one part of a SEND_MESSAGE. *begun: a byte of the unit was accepted.
 static int message_part_send(const SocketConn *conn, const SendPart *part, bool *begun)
 {
     size_t accepted;
     const char *bytes = (const char *)part->bytes;
     int result = tcp_send_counted(conn, bytes, part->len, &accepted);
-    // A TLS write that was not taken whole has begun a record, which nothing else may follow.
+    // A TLS write that was not accepted whole has begun a record, and no other bytes may follow before its end.
     *begun = *begun || accepted > 0 || conn->ssl;
     if (accepted == part->len)
         return result;
@@ -220,12 +223,13 @@ static int message_part_send(const SocketConn *conn, const SendPart *part, bool 
     int failed = rest_send(conn, bytes + accepted, part->len - accepted);
     wait_call_off_set(before);
     if (failed) {
-        give_up(conn);
+        break_off(conn);
         return -1;
     }
     return result < 0 ? (int)part->len : result;
 }
 
+// conn_send for one part of a SEND_STREAM.
 static int stream_part_send(const SocketConn *conn, const SendPart *part)
 {
     const char *bytes = (const char *)part->bytes;
@@ -236,7 +240,7 @@ static int stream_part_send(const SocketConn *conn, const SendPart *part)
         bool waits = some >= 0 && sent < part->len;
         if (some < 0 || (waits && room_wait(conn->socket_fd, events) != 0)) {
             if (can_send(conn))
-                give_up(conn);
+                break_off(conn);
             return -1;
         }
     }

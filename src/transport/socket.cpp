@@ -47,7 +47,7 @@ int poll_readable(int fd, int timeout_ms)
     return wait_fd(fd, POLLIN, timeout_ms) == WAIT_READY;
 }
 
-int conn_readable(const SocketConn *conn, int timeout_ms)
+bool conn_readable(const SocketConn *conn, int timeout_ms)
 {
     if (conn->ssl)
         return tls_readable(conn->ssl, timeout_ms);

@@ -42,4 +42,4 @@ int sock_recv(int fd, void *buf, size_t len);
 int poll_readable(int fd, int timeout_ms);
 
 // The same for a connection (private or held). With a session it is readable when plaintext is there.
-int conn_readable(const SocketConn *conn, int timeout_ms);
+bool conn_readable(const SocketConn *conn, int timeout_ms);

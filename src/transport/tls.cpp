@@ -31,7 +31,7 @@ struct TlsResult {
 template <class Call> static TlsResult tls_call(TlsSession *session, Call call)
 {
     pthread_mutex_lock(&session->mutex);
-    ERR_clear_error(); // a stale queue would turn "want read" into an error and name the wrong fault
+    ERR_clear_error(); // an old entry in the queue turns "want read" into an error and names the wrong fault
     errno = 0;
     TlsResult result = {};
     result.value = call(session->ssl);
@@ -82,8 +82,8 @@ static void seed_random(void)
     }
 }
 
-// Nothing is verified, so a strict security level would only refuse old keys. An end without close_notify reads as an
-// end. The write modes stay off: a repeated SSL_write of the same buffer is the continuation that the library wants.
+// Nothing is verified, so a strict security level would only refuse old keys. A peer's end without close_notify is an
+// ordinary end. Partial and moving-buffer writes stay off: an unfinished SSL_write is repeated with the same buffer.
 static SSL *new_client_ssl(void)
 {
     SSL_library_init();
@@ -134,12 +134,12 @@ static HandshakeEnd handshake(TlsSession *session)
         TlsResult result = tls_call(session, [](SSL *ssl) { return SSL_connect(ssl); });
         if (result.value == 1)
             return HANDSHAKE_DONE;
-        if (--budget == 0) { // before the kind of error: the tenth failure is this one whatever it is
+        if (--budget == 0) { // tested first: the tenth failure has this text whatever its error is
             log_error("SSL_connect failed too much times!");
             return HANDSHAKE_FAILED;
         }
         if (!is_want(result.error)) {
-            log_error("SSL_connect faild!");
+            log_error("SSL_connect faild!"); // sic
             return HANDSHAKE_FAILED;
         }
         if (wait_fd(session->fd, want_events(result.error), -1) == WAIT_CUT)
@@ -212,7 +212,7 @@ int tls_recv(TlsSession *session, void *buf, size_t len)
     return -1;
 }
 
-// Plaintext, the end or an error is there: 0; else what to poll for.
+// 0 when plaintext, the end or an error is there; else what to poll for.
 static short events_before_plaintext(TlsSession *session)
 {
     TlsResult result = tls_call(session, [](SSL *ssl) {
@@ -224,33 +224,34 @@ static short events_before_plaintext(TlsSession *session)
     return want_events(result.error);
 }
 
-static int has_pending(TlsSession *session)
+static bool has_pending(TlsSession *session)
 {
     return tls_call(session, [](SSL *ssl) { return SSL_pending(ssl); }).value > 0;
 }
 
-// Behind exactly the five bytes of a record's header nothing is pending, but the session waits for the record's body.
-int tls_is_between_records(TlsSession *session)
+// After exactly the five bytes of a record's header SSL_has_pending finds nothing, but the state is no longer "RH", the
+// wait for a header.
+bool tls_is_between_records(TlsSession *session)
 {
-    return tls_call(
-               session,
-               [](SSL *ssl) { return SSL_has_pending(ssl) == 0 && strcmp(SSL_rstate_string(ssl), "RH") == 0 ? 1 : 0; })
-        .value;
+    auto is_between = [](SSL *ssl) {
+        return SSL_has_pending(ssl) == 0 && strcmp(SSL_rstate_string(ssl), "RH") == 0 ? 1 : 0;
+    };
+    return tls_call(session, is_between).value == 1;
 }
 
-int tls_readable(TlsSession *session, int timeout_ms)
+bool tls_readable(TlsSession *session, int timeout_ms)
 {
     if (has_pending(session))
-        return 1;
+        return true;
     int64_t end_ms = wait_now_ms() + timeout_ms;
     short events = POLLIN;
     for (;;) {
         int64_t left_ms = end_ms - wait_now_ms();
         if (wait_fd(session->fd, events, left_ms > 0 ? (int)left_ms : 0) != WAIT_READY)
-            return 0;
+            return false;
         events = events_before_plaintext(session);
         if (events == 0)
-            return 1;
+            return true;
     }
 }
 

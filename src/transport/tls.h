@@ -9,37 +9,37 @@
 
 struct TlsSession;
 
-// Handshake on fd: at most 10 calls, each wait between them as long as the peer needs, a stop or a call-off excepted.
-// The session, owned by the caller until tls_deinit or tls_free, or null (logged; silently with errno ECANCELED when a
-// wait was cut).
+// Handshake on fd: at most 10 calls of the library. The waits between them have no time-out; a stop or a call-off cuts
+// them short. Returns the session, which the caller frees with tls_deinit or tls_free; or null (logged), silently with
+// errno ECANCELED when a wait was cut short.
 TlsSession *tls_init(int fd);
 
-// One SSL_write without lines or waits: bytes accepted, or -1 with errno EAGAIN (nothing taken; retry with the same
-// bytes when events, POLLIN or POLLOUT, come) or another errno (the session is dead).
+// One SSL_write; logs nothing and does not wait. Bytes accepted; or -1 with errno EAGAIN (nothing accepted: retry with
+// the same bytes when *events, POLLIN or POLLOUT, comes) or another errno (the session is dead).
 int tls_write_once(TlsSession *session, const void *buf, size_t len, short *events);
 
 // Reason of the calling thread's last failed call, static text.
 const char *tls_error_reason(void);
 
-// Bytes that the session has written to its socket so far; wraps.
+// Bytes that the session has written to its socket so far, encrypted; wraps.
 uint32_t tls_bytes_written(TlsSession *session);
 
 // One SSL_read: bytes; 0 at the peer's end; -1 with errno EAGAIN when no plaintext is there yet, with another errno on
 // a real error, and for a missing argument (logged).
 int tls_recv(TlsSession *session, void *buf, size_t len);
 
-// 1 when plaintext can be read (or the end or an error of the session) within timeout_ms, else 0. An incomplete record
-// is waited for within the same time.
-int tls_readable(TlsSession *session, int timeout_ms);
+// Plaintext, the session's end or an error can be read within timeout_ms. The rest of an incomplete record is waited
+// for within the same time.
+bool tls_readable(TlsSession *session, int timeout_ms);
 
-// 1 when nothing of a record has come that was not read yet, not even its header. Ask behind a tls_recv with EAGAIN:
-// what follows is then the peer's next word and not the rest of an old one.
-int tls_is_between_records(TlsSession *session);
+// Nothing of an unread record has arrived, not even its header. Ask after a tls_recv with EAGAIN: true means that what
+// arrives next is a new message of the peer, not the rest of an old one.
+bool tls_is_between_records(TlsSession *session);
 
 // Ends and frees a session, "SSL deinit success!"; null does nothing. The socket is not closed; call it before that.
 void tls_deinit(TlsSession *session);
 
-// The two halves of tls_deinit for a connection with several users: the line when it is closed, the memory, quietly,
-// when the last user has let go.
+// The two halves of tls_deinit for a shared connection: the log line when it is closed, and the memory, freed silently
+// with the last reference.
 void tls_log_deinit(void);
 void tls_free(TlsSession *session);

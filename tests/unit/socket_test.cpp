@@ -3,7 +3,7 @@
 #include "runtime/stop_internal.h"
 #include "runtime/wait.h"
 #include "transport/conn_ref.h"
-#include "transport/conn_send.h"
+#include "transport/conn_send_internal.h"
 
 static const char k_ip[] = "127.0.0.1";
 
