@@ -19,7 +19,7 @@ int check_file(const char *path)
     return 0;
 }
 
-static int are_read_arguments_valid(const char *path, const char *out_buf, size_t out_buf_len)
+static bool has_read_arguments(const char *path, const char *out_buf, size_t out_buf_len)
 {
     if (!path)
         log_error("path is NULL!");
@@ -32,7 +32,7 @@ static int are_read_arguments_valid(const char *path, const char *out_buf, size_
 
 ssize_t read_file(const char *path, char *out_buf, size_t out_buf_len)
 {
-    if (!are_read_arguments_valid(path, out_buf, out_buf_len))
+    if (!has_read_arguments(path, out_buf, out_buf_len))
         return -1;
     int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd == 0) {
@@ -40,7 +40,7 @@ ssize_t read_file(const char *path, char *out_buf, size_t out_buf_len)
         close(fd);
         return 0;
     }
-    // A failed open is left to the read, whose result says it: callers take anything below 1 as an empty file.
+    // After a failed open the read fails too, and its debug line is the only one.
     ssize_t len = read(fd, out_buf, out_buf_len);
     log_debug("Path : %s, len: %d, content: %.*s", path, (int)len, len > 0 ? (int)len : 0, out_buf);
     if (fd > 0)

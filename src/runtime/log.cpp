@@ -29,8 +29,8 @@ static const LogLevel k_warn = {3, LOG_WARNING, "[WRN] ", "\033[1;4;31m"};
 static const LogLevel k_error = {2, LOG_ERR, "[ERR] ", "\033[1;4;33;41m"};
 
 constexpr size_t PREFIX_SIZE = 256;
-constexpr size_t FORMAT_SIZE = 1024; // joined format, what is longer is cut; its arguments never are
-constexpr size_t TAIL_SIZE = 8;      // colour reset and newline, present behind a cut format too
+constexpr size_t FORMAT_SIZE = 1024; // joined format, truncated to this; its expanded arguments never are
+constexpr size_t TAIL_SIZE = 8;      // colour reset and newline, also behind a truncated format
 constexpr int SWAP_LIMIT_MS = 200;
 
 // Readers: every line around its outputs. Writer: the swap of the stream, which the lock guards.
@@ -79,7 +79,7 @@ static void prefix_make(char (&prefix)[PREFIX_SIZE])
                    (unsigned long)syscall(SYS_gettid));
 }
 
-// Ends a cut format before a conversion that lost its tail: such a format would print nothing at all.
+// Ends a truncated format before a conversion that lost its end: with it vfprintf would print nothing at all.
 static void incomplete_conversion_drop(char *format)
 {
     for (char *c = format; (c = strchr(c, '%')) != nullptr; c++) {
@@ -104,8 +104,8 @@ static void format_join(JoinedFormat *joined, const char *head, const char *pref
     (void)text_append(joined->text, sizeof(joined->text), "%s", tail);
 }
 
-// The only place where a format is made at run time: the caller's own, checked by the attribute of the four log calls,
-// with a prefix in front that holds no conversion.
+// The only formats made at run time: the caller's own, checked by the attribute of the four log calls, behind a prefix
+// without conversions.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 static void stream_write(FILE *stream, const JoinedFormat *joined, va_list args)
@@ -210,7 +210,7 @@ void log_error(const char *fmt, ...)
 static int swap_lock_limited(void)
 {
     struct timespec end;
-    clock_gettime(CLOCK_REALTIME, &end); // of clocks only this one is known to the thread sanitizer
+    clock_gettime(CLOCK_REALTIME, &end); // the thread sanitizer knows no timed lock on the monotonic clock
     end.tv_nsec += SWAP_LIMIT_MS * 1000000;
     end.tv_sec += end.tv_nsec / 1000000000;
     end.tv_nsec %= 1000000000;

@@ -8,6 +8,8 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 
+static const char k_path[] = "./config.ini";
+
 constexpr int32_t HTTP_RSP_LEN_DEFAULT = 32768;
 constexpr int32_t HTTP_FORWARD_LEN_DEFAULT = 10240;
 constexpr int32_t HTTP_LEN_MAX = 1048576;
@@ -171,17 +173,17 @@ static void keys_read(const dictionary *dict)
 
 int read_plugin_config(void)
 {
-    if (!check_file(PLUGIN_CONFIG_PATH)) {
-        log_warn("%s is not found! Use default value!", PLUGIN_CONFIG_PATH);
+    if (!check_file(k_path)) {
+        log_warn("%s is not found! Use default value!", k_path);
         defaults_set();
         return 1;
     }
-    dictionary *dict = iniparser_load(PLUGIN_CONFIG_PATH);
+    dictionary *dict = iniparser_load(k_path);
     if (!dict) {
-        log_warn("%s is broken! Use default value!", PLUGIN_CONFIG_PATH);
+        log_warn("%s is broken! Use default value!", k_path);
         return 1;
     }
-    log_info("Reading config file: %s ...", PLUGIN_CONFIG_PATH);
+    log_info("Reading config file: %s ...", k_path);
     keys_read(dict);
     iniparser_freedict(dict);
     return 1;

@@ -1,8 +1,8 @@
 // plugin_info.h - the one settings record of the process.
-// Written by config.ini (plugin_config), the init cfg (init_cfg), the activation answer (activation) and the signature
-// (nm_sign); read everywhere. Nobody touches g_plugin_info's fields directly: readers take a copy in one step, writers
-// prepare a PluginInfoEdit without a lock and commit the fields they set in one step, so a reader never sees half an
-// update and two writers never undo each other. The lock inside is a short one. Any thread.
+// Written from config.ini (plugin_config), the init cfg (init_cfg), the activation answer (activation) and the
+// signature (nm_sign); read everywhere. Readers take a copy in one step. Writers prepare a PluginInfoEdit without a
+// lock and commit the fields they set in one step. So a reader never sees half an update, and two writers never undo
+// each other. Any thread; the lock inside is a short one.
 #pragma once
 
 #include <atomic>
@@ -29,8 +29,8 @@ struct Endpoint {
 };
 
 struct PluginInfo {
-    // config.ini, the remote sides partly replaced by the init cfg. The local sides from config.ini are read, logged
-    // and kept, but no link binds them: NM-side links bind local_ip, the device link "127.0.0.1", tunnels to the
+    // config.ini; the init cfg replaces some of the remote sides. The local sides are read, logged and stored, but no
+    // link binds them: NM-side links bind local_ip, the device link "127.0.0.1", tunnels to the
     // device nothing.
     Endpoint dev;           // the device's local agent
     Endpoint dev_web;       // the device's web server
@@ -43,7 +43,7 @@ struct PluginInfo {
     char plugin_version[ID_TEXT_SIZE]; // PLUGIN_VERSION, set at start-up
 
     // Init cfg: where NM is. The three go together; nm_redirected says that a redirection chose them and that the
-    // file's are passed over.
+    // file's are ignored.
     char nm_method[ID_TEXT_SIZE]; // "http" or "https", any case
     char nm_ip[IP_TEXT_SIZE];
     char nm_port[PORT_TEXT_SIZE];
@@ -106,7 +106,7 @@ void plugin_info_edit_commit(PluginInfoEdit *edit);
 // Notes that a field of edit->next was set by hand and is to be committed.
 void plugin_info_edit_mark(PluginInfoEdit *edit, const void *field, size_t size);
 
-// Sets a text field of edit->next, cut to the field, and notes it. Returns as text_set.
+// Sets a text field of edit->next, truncated to the field, and notes it. Returns as text_set.
 template <size_t N> int plugin_info_edit_text(PluginInfoEdit *edit, char (&field)[N], const char *value)
 {
     int result = text_set(field, value);

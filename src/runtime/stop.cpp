@@ -9,8 +9,9 @@
 #include <unistd.h>
 
 std::atomic<uint8_t> g_exit_flag{0};
-static_assert(std::atomic<uint8_t>::is_always_lock_free, "polled by signal handlers");
-static_assert(std::atomic<int>::is_always_lock_free, "stored by signal handlers");
+static_assert(std::atomic<int>::is_always_lock_free, "used by signal handlers");
+
+constexpr int DEADLINE_S = 30;
 
 static std::atomic<int> s_status{-1};    // -1: no request; 0 is a legal status
 static std::atomic<int> s_deadline_s{0}; // on the monotonic clock; 0: not set
@@ -18,7 +19,7 @@ static std::atomic<int> s_wake_fd{-1};
 static void (*s_sequence)(int status);
 static thread_local bool t_is_main;
 static thread_local int t_hold_depth;
-static bool s_closing; // main thread only: the sequence runs, its own waits are no quit points
+static bool s_closing; // main thread only: the sequence is running; its own waits are no quit points
 
 static void end_at_deadline(int)
 {
@@ -45,7 +46,7 @@ void stop_arm_deadline(void)
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     int end_s = 0;
-    int wanted_s = (int)now.tv_sec + STOP_DEADLINE_S;
+    int wanted_s = (int)now.tv_sec + DEADLINE_S;
     if (s_deadline_s.compare_exchange_strong(end_s, wanted_s))
         end_s = wanted_s;
     alarm(end_s > (int)now.tv_sec ? (unsigned)(end_s - (int)now.tv_sec) : 1);
@@ -64,7 +65,7 @@ void stop_request(int status)
     errno = saved_errno;
 }
 
-int stop_requested(void)
+bool stop_requested(void)
 {
     return s_status >= 0 || g_exit_flag;
 }

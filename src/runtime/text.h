@@ -1,29 +1,23 @@
 // text.h - bounded text: the only place where characters are copied into fixed-size fields.
 // Every result is NUL-ended and at most the field's size minus one long. All calls: any thread, no lock, no log.
-// Cutting by design is written (void)text_set(...); elsewhere the -1 is handled.
+// Intended truncation is written (void)text_set(...); elsewhere the -1 is handled.
 #pragma once
 
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 
-// Copies src (null counts as empty) into dst of cap bytes (at least 1). Returns 0 when whole, -1 when cut.
+// Copies src (null counts as empty) into dst of cap bytes (at least 1). Returns 0 when whole, -1 when truncated.
 int text_copy(char *dst, size_t cap, const char *src);
 
-// printf into dst of cap bytes (at least 1). Returns 0 when whole, -1 when cut.
-// The length that may be sent or logged is strlen(dst), never what a formatter would have liked to write.
+// printf into dst of cap bytes (at least 1). Returns 0 when whole, -1 when truncated.
+// The length to send or log is strlen(dst), not the length that an unbounded printf would have written.
 int text_format(char *dst, size_t cap, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
-// Same, appended behind the text that dst already holds.
+// The same, appended to the text that dst already holds.
 int text_append(char *dst, size_t cap, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
-// Text of an error number, cut to 31 characters: what the socket and TLS log lines print.
-struct ErrorText {
-    char text[32];
-};
-ErrorText error_text(int error_number);
-
-// The same for a field; a plain pointer does not compile, so the size is always the field's own.
+// text_copy and text_format for a field. A plain pointer does not compile, so the size is always the field's own.
 template <size_t N> int text_set(char (&dst)[N], const char *src)
 {
     return text_copy(dst, N, src);
@@ -42,6 +36,12 @@ template <size_t N> int text_fmt(char (&dst)[N], const char *fmt, ...)
     return result;
 }
 
+// Text of an error number, truncated to 31 characters: what the socket and TLS log lines print.
+struct ErrorText {
+    char text[32];
+};
+ErrorText error_text(int error_number);
+
 // Little-endian 32-bit words at any address: the length field of the device frames.
 uint32_t le32_get(const void *bytes);
 void le32_put(void *bytes, uint32_t value);
@@ -50,5 +50,5 @@ void le32_put(void *bytes, uint32_t value);
 uint32_t be32_get(const void *bytes);
 void be32_put(void *bytes, uint32_t value);
 
-// Value cut to the range of a signed 32-bit integer.
+// Value limited to the range of a signed 32-bit integer.
 int32_t saturate_i32(int64_t value);

@@ -13,8 +13,8 @@
 
 typedef void (*TimerHandler)(PluginTimer *self);
 
-// One slot per record, kept until the process ends: a late callback finds it whatever happened to its timer, and
-// never reads the record's fields, which its owner may be filling again.
+// One slot per record, kept until the process ends: a late callback finds it even if its timer was stopped or
+// restarted, and never reads the record's fields, which its owner may be filling again.
 struct TimerSlot {
     PluginTimer *record; // null: free
     TimerHandler handler;
@@ -23,12 +23,12 @@ struct TimerSlot {
     int64_t due_ms;    // next expiry, on the monotonic clock
 };
 constexpr int TIMER_SLOTS = 16;  // the agent has three records
-constexpr int REST_MS = 3600000; // when nothing is due; a start rings
+constexpr int REST_MS = 3600000; // longest wait of the service when nothing is due; a start rings the bell
 
 // A short lock, the innermost but for the log. Guards the slots and the service's start.
 static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
 static TimerSlot s_slots[TIMER_SLOTS];
-static uintptr_t s_last_timerid; // never given out twice, so that a stale one stops nobody else's timer
+static uintptr_t s_last_timerid; // never assigned twice, so that a stale one stops no other timer
 static bool s_is_service_running;
 static WaitBell s_bell; // a timer was started
 
@@ -56,13 +56,13 @@ static void *callback_body(void *arg)
 
 static void callback_start(TimerSlot *slot)
 {
-    s_callbacks_running++; // before the thread lives, so that the closing sequence misses none
+    s_callbacks_running++; // before the thread starts, so that the closing sequence misses none
     if (create_work_thread(callback_body, slot) != 0)
         s_callbacks_running--;
 }
 
-// Takes an expiry that is due; expiries that were slept through count once. Null when nothing is due: then *rest_ms is
-// the time until something is.
+// Takes an expiry that is due; several missed ones count as one. Null when nothing is due; *rest_ms is then the time
+// until something is.
 static TimerSlot *expiry_take(int *rest_ms)
 {
     TimerSlot *expired = nullptr;
@@ -99,50 +99,48 @@ static void *service_body(void *arg)
     return arg;
 }
 
+static int service_start_locked(void)
+{
+    if (!s_is_service_running)
+        s_is_service_running = wait_bell_init(&s_bell) == 0 && create_work_thread(service_body, nullptr) == 0;
+    return s_is_service_running ? 0 : -1;
+}
+
 int timer_service_start(void)
 {
     pthread_mutex_lock(&s_mutex);
-    if (!s_is_service_running)
-        s_is_service_running = wait_bell_init(&s_bell) == 0 && create_work_thread(service_body, nullptr) == 0;
-    int result = s_is_service_running ? 0 : -1;
+    int result = service_start_locked();
     pthread_mutex_unlock(&s_mutex);
     return result;
 }
 
-static int timer_make(PluginTimer *timer)
+// The record's own slot, or else a free one; null when there is none.
+static TimerSlot *slot_obtain_locked(const PluginTimer *timer)
 {
-    if (timer_service_start() != 0)
-        return -1;
-    pthread_mutex_lock(&s_mutex);
     TimerSlot *slot = slot_find_locked(timer);
-    if (!slot)
-        slot = slot_find_locked(nullptr);
-    if (slot) {
-        slot->record = timer;
-        slot->handler = timer->handler;
-    }
-    pthread_mutex_unlock(&s_mutex);
-    return slot ? 0 : -1;
+    return slot ? slot : slot_find_locked(nullptr);
 }
 
-static int timer_arm(PluginTimer *timer)
+static bool is_period_valid(const PluginTimer *timer)
 {
-    if (timer->seconds < 0 || timer->milliseconds < 0 || timer->milliseconds > 999)
-        return -1;
-    pthread_mutex_lock(&s_mutex);
-    TimerSlot *slot = slot_find_locked(timer);
+    return timer->seconds >= 0 && timer->milliseconds >= 0 && timer->milliseconds <= 999;
+}
+
+// Null when the timer runs, else the log line of what failed.
+static const char *timer_set_locked(PluginTimer *timer)
+{
+    TimerSlot *slot = service_start_locked() == 0 ? slot_obtain_locked(timer) : nullptr;
+    if (!slot)
+        return "timer_create failed!";
+    slot->record = timer;
+    slot->handler = timer->handler;
+    if (!is_period_valid(timer))
+        return "timer_settime failed!";
     slot->period_ms = (int64_t)timer->seconds * 1000 + timer->milliseconds;
     slot->due_ms = wait_now_ms() + slot->period_ms;
     slot->timerid = ++s_last_timerid;
     timer->timerid = slot->timerid;
-    pthread_mutex_unlock(&s_mutex);
-    wait_bell_ring(&s_bell);
-    return 0;
-}
-
-static void start_failed_log(const PluginTimer *timer)
-{
-    log_error("Start timer for 'p_timer->handler' failed! len: %d s, %d ms", timer->seconds, timer->milliseconds);
+    return nullptr;
 }
 
 void start_timer(PluginTimer *timer)
@@ -150,16 +148,15 @@ void start_timer(PluginTimer *timer)
     if (!timer)
         return;
     timer->timerid = 0;
-    if (timer_make(timer) != 0) {
-        log_error("timer_create failed!");
-        start_failed_log(timer);
+    pthread_mutex_lock(&s_mutex);
+    const char *failure = timer_set_locked(timer);
+    pthread_mutex_unlock(&s_mutex);
+    if (failure) {
+        log_error("%s", failure);
+        log_error("Start timer for 'p_timer->handler' failed! len: %d s, %d ms", timer->seconds, timer->milliseconds);
         return;
     }
-    if (timer_arm(timer) != 0) {
-        log_error("timer_settime failed!");
-        start_failed_log(timer);
-        return;
-    }
+    wait_bell_ring(&s_bell);
     log_info("Start timer for 'p_timer->handler', len: %d s, %d ms, timerid: 0x%lx.", timer->seconds,
              timer->milliseconds, (unsigned long)timer->timerid);
 }

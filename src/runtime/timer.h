@@ -12,24 +12,24 @@ struct PluginTimer {
     void (*handler)(PluginTimer *self); // any thread of the timer service; may overlap with itself
 };
 
-// Starts the thread that watches all timers. 0, or -1 when it cannot be had. Start-up; a start_timer without it tries
-// again.
+// Starts the thread that watches all timers; start_timer does so too if need be. 0, or -1 without a thread or
+// descriptor. Start-up, so that a missing thread is noticed.
 int timer_service_start(void);
 
 // Creates and starts the timer; the first expiry comes one full period later. A null record is ignored. Failures are
-// logged and leave timerid at 0. A period of 0 creates a timer that never expires; a negative one fails.
-// Callers stop a running record before they start it again.
-// Callbacks run on threads of work_thread.h (512 KiB stack, INT, TERM, QUIT and ALRM blocked) under the name of the
-// thread that started the service; they return at once when the process is stopping, and are counted.
+// logged and leave timerid at 0. A period of 0 creates a timer that never expires; a negative one fails. At most 16
+// records. Callers stop a running record before they start it again.
+// Callbacks run on threads of work_thread.h (512 KiB stack, INT, TERM, QUIT and ALRM blocked). They are not called any
+// more once the process is stopping.
 void start_timer(PluginTimer *timer);
 
-// Deletes the timer when it runs; silent otherwise. Never waits for a callback, which may outlive its timer.
+// Deletes the timer if it runs; else does and logs nothing. Never waits for a callback, which may outlive its timer.
 void stop_timer(PluginTimer *timer);
 
-// Arms the process's alarm: milliseconds are cut to whole seconds, 0 cancels; an earlier alarm is replaced. Returns the
-// seconds that were left of it, or an error number when the handler cannot be installed. Does nothing and returns 0
-// once the process is stopping: SIGALRM is the hard deadline then.
+// Arms the process's alarm; an earlier alarm is replaced. Milliseconds are truncated to whole seconds, 0 cancels.
+// Returns the seconds that the earlier alarm had left, or an error number when the handler cannot be installed. Does
+// nothing and returns 0 once the process is stopping: SIGALRM is then the hard deadline.
 int start_alarm_timer(int milliseconds, void (*handler)(int));
 
-// Callbacks that are running now, for the closing sequence.
+// Number of callbacks that are running now, for the closing sequence.
 int timer_callbacks_running(void);

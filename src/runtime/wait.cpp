@@ -8,7 +8,7 @@
 #include "runtime/stop.h"
 
 constexpr int WAIT_FDS_MAX = 12;
-constexpr int SLICE_MS = 50; // of a wait that looks around: for a call-off, for the step
+constexpr int SLICE_MS = 50; // of a wait that a call-off may end, or that runs a step
 constexpr int LOCK_SLICE_MS = 10;
 
 static thread_local CallOff t_call_off;
@@ -35,15 +35,15 @@ WaitStep wait_step_set(WaitStep step)
     return before;
 }
 
-int wait_is_cut(void)
+bool wait_is_cut(void)
 {
     if (stop_requested())
-        return 1;
+        return true;
     for (const CallOff *call_off = &t_call_off; call_off && call_off->counter; call_off = call_off->outer) {
         if (*call_off->counter != call_off->value)
-            return 1;
+            return true;
     }
-    return 0;
+    return false;
 }
 
 static void step_run(void)
@@ -54,7 +54,7 @@ static void step_run(void)
     wait_step_set(step);
 }
 
-// Cut, unless the stop finds main without a lock: then the closing sequence takes over.
+// Returns WAIT_CUT, unless this is a quit point of main: then the closing sequence takes over.
 static WaitResult cut(void)
 {
     stop_quit_point();
@@ -67,6 +67,37 @@ static int remaining_ms(int64_t end_ms)
     return left > 0 ? (int)left : 0;
 }
 
+// Time for the next poll. -1: without limit.
+static int slice_ms(int timeout_ms, int64_t end_ms)
+{
+    int left_ms = timeout_ms < 0 ? -1 : remaining_ms(end_ms);
+    bool is_sliced = t_call_off.counter || t_step;
+    return is_sliced && (left_ms < 0 || left_ms > SLICE_MS) ? SLICE_MS : left_ms;
+}
+
+// Polls until something is ready, the time is over or the wait is cut short.
+static WaitResult poll_until(struct pollfd *polled, int count, int timeout_ms)
+{
+    int64_t end_ms = timeout_ms < 0 ? INT64_MAX : wait_now_ms() + timeout_ms;
+    for (;;) {
+        if (wait_is_cut())
+            return cut();
+        int ready = poll(polled, (nfds_t)count, slice_ms(timeout_ms, end_ms));
+        if (ready < 0) {
+            if (errno != EINTR)
+                return WAIT_ERROR;
+            continue;
+        }
+        if (wait_is_cut())
+            return cut();
+        if (ready > 0)
+            return WAIT_READY;
+        if (timeout_ms >= 0 && remaining_ms(end_ms) == 0)
+            return WAIT_TIMEOUT;
+        step_run();
+    }
+}
+
 WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms)
 {
     struct pollfd polled[WAIT_FDS_MAX + 1] = {};
@@ -75,37 +106,16 @@ WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms)
         return WAIT_ERROR;
     }
     for (int i = 0; i < count; i++) {
-        polled[i].fd = fds[i].fd > 0 ? fds[i].fd : -1; // 0 counts as none; poll passes over negative ones
+        polled[i].fd = fds[i].fd > 0 ? fds[i].fd : -1; // 0 counts as none; poll skips negative ones
         polled[i].events = fds[i].events;
         fds[i].revents = 0;
     }
     polled[count].fd = stop_wake_fd();
     polled[count].events = POLLIN;
-
-    int64_t end_ms = timeout_ms < 0 ? INT64_MAX : wait_now_ms() + timeout_ms;
-    for (;;) {
-        if (wait_is_cut())
-            return cut();
-        int slice_ms = timeout_ms < 0 ? -1 : remaining_ms(end_ms);
-        if ((t_call_off.counter || t_step) && (slice_ms < 0 || slice_ms > SLICE_MS))
-            slice_ms = SLICE_MS;
-        int ready = poll(polled, (nfds_t)count + 1, slice_ms);
-        if (ready < 0) {
-            if (errno != EINTR)
-                return WAIT_ERROR;
-            continue;
-        }
-        if (wait_is_cut())
-            return cut();
-        if (ready > 0) {
-            for (int i = 0; i < count; i++)
-                fds[i].revents = polled[i].revents;
-            return WAIT_READY;
-        }
-        if (timeout_ms >= 0 && remaining_ms(end_ms) == 0)
-            return WAIT_TIMEOUT;
-        step_run();
-    }
+    WaitResult result = poll_until(polled, count + 1, timeout_ms);
+    for (int i = 0; i < count && result == WAIT_READY; i++)
+        fds[i].revents = polled[i].revents;
+    return result;
 }
 
 WaitResult wait_fd(int fd, short events, int timeout_ms)
@@ -126,12 +136,12 @@ void wait_cadence_ms(int ms)
     }
 }
 
-int wait_try_lock(pthread_mutex_t *mutex)
+bool wait_try_lock(pthread_mutex_t *mutex)
 {
     if (pthread_mutex_trylock(mutex) != 0)
-        return 0;
+        return false;
     stop_hold_begin();
-    return 1;
+    return true;
 }
 
 WaitResult wait_lock(pthread_mutex_t *mutex)

@@ -1,9 +1,8 @@
 // wait.h - the one way to wait and the one way to sleep.
-// Every wait ends early when the process is asked to stop (stop.h) or when the calling thread's work was called off.
-// Such a wait is "cut": no time-out and no dead peer, so nothing is counted, closed, acknowledged or logged as one; the
-// caller unwinds by its failure path. On the main thread a wait cut by a stop is a quit point: it does not return
-// unless a lock is held (stop_hold_begin).
-// Time is measured on the monotonic clock; EINTR goes on waiting. Any thread.
+// A wait is cut short when the process is asked to stop (stop.h) or the calling thread's work is called off. That is
+// neither a time-out nor a dead peer: nothing is counted, closed, acknowledged or logged as one, and the caller returns
+// by its failure path. On the main thread a wait that a stop cuts short is a quit point: it does not return unless a
+// lock is held (stop_hold_begin). Time is measured on the monotonic clock; EINTR goes on waiting. Any thread.
 #pragma once
 
 #include <atomic>
@@ -22,29 +21,29 @@ enum WaitResult {
 // ready. timeout_ms below 0: without limit.
 WaitResult wait_fd(int fd, short events, int timeout_ms);
 
-// The same for several descriptors; revents are filled in. At most 12. Entries below 1 are passed over.
+// The same for several descriptors, at most 12; revents are filled in. Descriptors below 1 are skipped.
 WaitResult wait_fds(struct pollfd *fds, int count, int timeout_ms);
 
-// Sleeps. WAIT_TIMEOUT when slept whole, WAIT_CUT otherwise.
+// Sleeps. WAIT_TIMEOUT after the whole time, else WAIT_CUT.
 WaitResult wait_sleep_ms(int ms);
 
-// The pause between two turns of a work loop (1 to 10 ms): slept whole, whatever happens, so that a loop which leaves
-// by the exit flag alone cannot spin between a stop request and the flag.
+// The pause between two turns of a work loop, 1 to 10 ms, or of the closing sequence: never cut short, so that a loop
+// that only the exit flag ends does not spin between a stop request and the flag.
 void wait_cadence_ms(int ms);
 
-// Takes a long lock (one that is held over waits) in a wait that can be cut. WAIT_READY when taken, else WAIT_CUT.
-// Between taking it and wait_unlock the main thread is no quit point.
+// Takes a long lock, one that is held over waits. WAIT_READY when taken, WAIT_CUT when the wait for it was cut short.
+// From then to wait_unlock no wait of main is a quit point.
 WaitResult wait_lock(pthread_mutex_t *mutex);
-int wait_try_lock(pthread_mutex_t *mutex); // the same without waiting: 1 when taken, else 0
+bool wait_try_lock(pthread_mutex_t *mutex); // the same without waiting: true when taken
 void wait_unlock(pthread_mutex_t *mutex);
 
-// 1 when a wait of this thread would be cut now.
-int wait_is_cut(void);
+// A wait of this thread would be cut short now.
+bool wait_is_cut(void);
 
-// Call-off of the calling thread: its waits are cut as soon as *counter differs from value (noticed within 50 ms).
-// counter lives for the whole process. With outer, which the caller keeps for as long as this one is in force, that
-// one cuts them too: work within work ends with either. Returns the one that was in force, to be put back when the work
-// is done.
+// Call-off of the calling thread: its waits are cut short once *counter differs from value, noticed within 50 ms.
+// counter lives for the whole process. outer, which the caller keeps for as long as this one is in force, cuts them
+// short too: work within other work ends with either. Returns the call-off in force before, to be set again when the
+// work is done.
 struct CallOff {
     const std::atomic<uint32_t> *counter; // null: none
     uint32_t value;
@@ -52,8 +51,8 @@ struct CallOff {
 };
 CallOff wait_call_off_set(CallOff call_off);
 
-// What the calling thread does while it waits: step runs after every 50 ms of a wait, null: nothing. Waits of the step
-// itself run none. Returns the one that was in force.
+// What the calling thread does while it waits: step runs after every 50 ms of a wait, but not in waits of the step
+// itself; null: nothing. Returns the step in force before.
 typedef void (*WaitStep)(void);
 WaitStep wait_step_set(WaitStep step);
 

@@ -63,7 +63,7 @@ int create_work_thread(void *(*body)(void *), void *arg)
 
 void work_thread_set_name(const char *name)
 {
-    prctl(PR_SET_NAME, name); // cuts by itself; pthread_setname_np would refuse a long name
+    prctl(PR_SET_NAME, name); // truncates; pthread_setname_np would refuse a long name
 }
 
 static void *work_thread_body(void *arg)
