@@ -33,7 +33,7 @@ struct Upload {
 // A msg_id for which no slot was free.
 struct Waiting {
     Waiting *next;
-    int is_destroyed; // NM has closed the msg_id: its slot ends behind the bytes
+    bool is_destroyed; // NM has closed the msg_id: its slot ends behind the bytes
     uint8_t msg_id[WEB_ID_SIZE];
     ByteQueue queue;
 };
@@ -98,21 +98,25 @@ static void upload_clear(Upload *upload)
     upload->progress = {};
 }
 
-// Forgets the queues of slots that the device side has ended meanwhile.
+// Drops the queue of a slot that the device side has ended meanwhile.
+static void upload_settle(int index)
+{
+    Upload *upload = &s_uploads[index];
+    if (!has_queue(upload))
+        return;
+    WebSlot slot;
+    web_slot_hold(index, &slot);
+    if (!slot.bound || slot.binding != upload->binding) {
+        lost_note(upload->msg_id);
+        upload_clear(upload);
+    }
+    conn_drop(&slot.conn);
+}
+
 static void uploads_settle(void)
 {
-    for (int i = 0; i < WEB_SLOT_COUNT; i++) {
-        Upload *upload = &s_uploads[i];
-        if (!has_queue(upload))
-            continue;
-        WebSlot slot;
-        web_slot_hold(i, &slot);
-        if (!slot.bound || slot.binding != upload->binding) {
-            lost_note(upload->msg_id);
-            upload_clear(upload);
-        }
-        conn_drop(&slot.conn);
-    }
+    for (int i = 0; i < WEB_SLOT_COUNT; i++)
+        upload_settle(i);
 }
 
 // The slot's stream has a hole: no more is sent, and the device side ends the slot behind what the device has said.
@@ -236,8 +240,10 @@ static int slot_obtain(const uint8_t *msg_id, WebSlot *slot)
     }
     if (index < 0) {
         index = web_slot_bind(msg_id);
-        if (index >= 0)
-            web_slot_hold(index, slot);
+        if (index < 0)
+            return -1;
+        upload_settle(index); // the slot may have been ended, with bytes left in its queue, just now
+        web_slot_hold(index, slot);
     }
     return index;
 }
@@ -257,7 +263,17 @@ static int forward_now(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
     }
 }
 
-// The msg_id as NM means it now; an earlier use of it that NM has closed does not count.
+// The msg_id's first entry in the list. NM may use a msg_id again while an earlier use, which it has closed, still
+// waits: what comes later has to stay behind it.
+static Waiting *waiting_first(const uint8_t *msg_id)
+{
+    Waiting *waiting = s_waiting;
+    while (waiting && !web_id_equal(waiting->msg_id, msg_id))
+        waiting = waiting->next;
+    return waiting;
+}
+
+// The entry of the msg_id's present use, which NM has not closed.
 static Waiting *waiting_find(const uint8_t *msg_id)
 {
     Waiting *waiting = s_waiting;
@@ -331,7 +347,7 @@ void web_upload_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t le
     if (lost_find(msg_id)) {
         lost_note(msg_id); // it goes on
         log_debug("Forwad remote-web message to device: len = %d", (int)len);
-    } else if (waiting_find(msg_id) || !forward_now(msg_id, bytes, len)) {
+    } else if (waiting_first(msg_id) || !forward_now(msg_id, bytes, len)) {
         wait_for_slot(msg_id, bytes, len);
     }
 }
@@ -342,41 +358,51 @@ static void slot_end(int index, const WebSlot *slot)
     (void)web_slot_end(index, slot->conn.ref);
 }
 
-void web_upload_destroy(const uint8_t *msg_id)
+// Ends the slot of the msg_id behind the bytes that its device has still to take.
+static void slot_destroy(const uint8_t *msg_id)
 {
-    uploads_settle();
     lost_forget(msg_id);
-    Waiting *waiting = waiting_find(msg_id);
-    if (waiting)
-        waiting->is_destroyed = 1;
     WebSlot slot;
     int index = web_slot_hold_id(msg_id, &slot);
     if (index < 0)
         return;
     if (!has_queue(&s_uploads[index]) || !web_slot_close(index, slot.conn.ref))
-        slot_end(index, &slot); // else behind its last byte
+        slot_end(index, &slot);
     conn_drop(&slot.conn);
 }
 
-// The first one whose bytes could be handed on; another one may wait for the end of its own slot only.
+void web_upload_destroy(const uint8_t *msg_id)
+{
+    uploads_settle();
+    Waiting *waiting = waiting_find(msg_id);
+    if (waiting)
+        waiting->is_destroyed = true;
+    if (waiting_first(msg_id) == waiting) // else the slot serves, or will serve, an earlier use
+        slot_destroy(msg_id);
+}
+
+// Hands on the bytes of the first entry that gets a slot and returns it. An entry may also wait for the end of its own
+// slot, and so not hold up the ones behind it.
 static Waiting *waiting_forward(void)
 {
-    Waiting *waiting = s_waiting;
-    while (waiting &&
-           !forward_now(waiting->msg_id, waiting->queue.bytes + waiting->queue.begin, byte_queue_len(&waiting->queue)))
-        waiting = waiting->next;
-    return waiting;
+    for (Waiting *waiting = s_waiting; waiting; waiting = waiting->next) {
+        const ByteQueue *queue = &waiting->queue;
+        if (waiting_first(waiting->msg_id) == waiting &&
+            forward_now(waiting->msg_id, queue->bytes + queue->begin, byte_queue_len(queue)))
+            return waiting;
+    }
+    return nullptr;
 }
 
 static void waiting_turn(void)
 {
     while (Waiting *waiting = wait_is_cut() ? nullptr : waiting_forward()) {
-        int is_destroyed = waiting->is_destroyed;
+        bool is_destroyed = waiting->is_destroyed;
         uint8_t msg_id[WEB_ID_SIZE];
         memcpy(msg_id, waiting->msg_id, WEB_ID_SIZE);
         waiting_remove(waiting);
         if (is_destroyed)
-            web_upload_destroy(msg_id);
+            slot_destroy(msg_id);
     }
     if (s_waiting)
         wait_line_log();
