@@ -8,7 +8,7 @@ size_t byte_queue_len(const ByteQueue *queue)
     return queue->end - queue->begin;
 }
 
-// Moves what waits to the front and grows the memory to hold len more bytes.
+// Moves the queued bytes to the front and grows the memory to hold len more bytes.
 static int make_room(ByteQueue *queue, size_t len)
 {
     size_t held = byte_queue_len(queue);

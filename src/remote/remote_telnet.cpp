@@ -1,4 +1,5 @@
 #include "remote/remote_telnet.h"
+#include "remote/remote_telnet_internal.h"
 
 #include <atomic>
 #include <errno.h>
@@ -10,9 +11,9 @@
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "transport/conn_wait.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_send.h"
+#include "transport/conn_wait.h"
 #include "transport/field_extract.h"
 
 constexpr size_t RELAY_CAP = 10240;     // bytes of one read, with a NUL behind them
@@ -56,7 +57,7 @@ static void tunnel_destroy_locked(void)
     half_tunnel_close(REMOTE_TELNET_SERVER, REMOTE_TELNET_DEVICE);
 }
 
-int remote_telnet_is_init(const char *text)
+bool remote_telnet_is_init(const char *text)
 {
     char type[ID_TEXT_SIZE] = {};
     json_key_extract(text, "type", type, sizeof(type));
@@ -67,7 +68,7 @@ int remote_telnet_is_init(const char *text)
 static char *object_end(char *text)
 {
     int depth = 0;
-    int quoted = 0;
+    bool quoted = false;
     for (char *c = text; *c; c++) {
         if (quoted && *c == '\\' && c[1])
             c++;
@@ -81,8 +82,8 @@ static char *object_end(char *text)
     return nullptr;
 }
 
-// NM may send both texts of the set-up at once. Ends the first one of len bytes in place; the rest, without what parts
-// them, into ctrl (empty when there is none).
+// NM may send answer and control message in one segment. Cuts the answer, of len bytes, after its JSON object; copies
+// the next object to ctrl, or "".
 static void answer_split(char *answer, size_t len, char (&ctrl)[CTRL_CAP])
 {
     ctrl[0] = '\0';
@@ -96,17 +97,18 @@ static void answer_split(char *answer, size_t len, char (&ctrl)[CTRL_CAP])
     *end = '\0';
 }
 
-// The authentication and NM's answer to it. 1 when NM lets us in, with the control message in ctrl if it came along.
-static int authenticate_locked(const TunnelRequest *request, const SocketConn *nm, char (&ctrl)[CTRL_CAP])
+// Sends the authentication and reads NM's answer. True when NM accepts it; ctrl then holds the control message, if it
+// came in the same segment.
+static bool authenticate_locked(const TunnelRequest *request, const SocketConn *nm, char (&ctrl)[CTRL_CAP])
 {
     if (tunnel_auth_send(request, nm) < 0) {
         log_warn("Sending remote-telnet authentication failed!");
-        return 0;
+        return false;
     }
     if (!conn_readable(nm, ANSWER_TIMEOUT_MS)) {
         if (!wait_is_cut())
             log_warn("Receive remote-telnet authentication response timeout!");
-        return 0;
+        return false;
     }
     char answer[RELAY_CAP];
     int len = conn_recv(nm, answer, sizeof(answer) - 1);
@@ -116,38 +118,38 @@ static int authenticate_locked(const TunnelRequest *request, const SocketConn *n
         answer_split(answer, (size_t)len, ctrl);
         json_key_extract(answer, "result", result, sizeof(result));
     }
-    int accepted = strcmp(result, "true") == 0;
+    bool accepted = strcmp(result, "true") == 0;
     if (len < 0)
-        log_warn("Receving remote-telnet authentication response failed!");
+        log_warn("Receving remote-telnet authentication response failed!"); // sic
     else if (!accepted)
         log_warn("Remote-telnet authentication/INIT failed!");
     return accepted;
 }
 
-// Waits for the control message unless it came already. 1 when it is "INIT".
-static int ctrl_msg_receive(const SocketConn *nm, char (&ctrl)[CTRL_CAP])
+// Waits for the control message unless it came already. True when it is "INIT".
+static bool ctrl_msg_receive(const SocketConn *nm, char (&ctrl)[CTRL_CAP])
 {
     if (ctrl[0] == '\0') {
         if (!conn_readable(nm, ANSWER_TIMEOUT_MS)) {
             if (!wait_is_cut())
                 log_warn("Receive remote-telnet authentication auth_rsp timeout!");
-            return 0;
+            return false;
         }
         int len = conn_recv(nm, ctrl, CTRL_CAP - 1);
         if (len < 1) {
             log_warn("Receive failed with ret: %d!", len);
-            return 0;
+            return false;
         }
         ctrl[len] = '\0';
     }
     log_info("Remote-telnet ctrl_msg: %s", ctrl);
     if (remote_telnet_is_init(ctrl))
-        return 1;
+        return true;
     log_warn("Create remote telnet tunnel to NM failed!");
-    return 0;
+    return false;
 }
 
-static int device_half_create(void)
+static bool device_half_create(void)
 {
     PluginInfo info;
     plugin_info_get(&info);
@@ -156,19 +158,19 @@ static int device_half_create(void)
     (void)text_set(peer.remote_port, info.dev_telnet.remote_port);
     if (half_tunnel_create(REMOTE_TELNET_DEVICE, &peer) != 0 || !conn_is_connected(REMOTE_TELNET_DEVICE)) {
         log_warn("Create remote telnet tunnel to device failed!");
-        return 0;
+        return false;
     }
     log_info("Creating Remote-telnet tunnel to device successfully!");
-    return 1;
+    return true;
 }
 
-// Non-zero when the tunnel stands; else the halves are the caller's to close.
-static int remote_telnet_auth(const TunnelRequest *request)
+// True when the tunnel stands; else the caller closes the halves.
+static bool remote_telnet_auth(const TunnelRequest *request)
 {
     SocketConn nm;
     char ctrl[CTRL_CAP] = {};
     conn_hold(REMOTE_TELNET_SERVER, &nm);
-    int init = authenticate_locked(request, &nm, ctrl) && ctrl_msg_receive(&nm, ctrl);
+    bool init = authenticate_locked(request, &nm, ctrl) && ctrl_msg_receive(&nm, ctrl);
     conn_drop(&nm);
     return init && device_half_create();
 }
@@ -187,7 +189,7 @@ static int start_locked(const TunnelRequest *request)
     ways_clear();
     s_running = 1;
     wait_bell_ring(&s_bell);
-    log_info("Authentication/INIT sucessfully!");
+    log_info("Authentication/INIT sucessfully!"); // sic
     return 0;
 }
 
@@ -216,7 +218,7 @@ static void hex_log(const SocketConn *to, const char *bytes, size_t len)
     free(hex);
 }
 
-static int way_is_empty(const RelayWay *way)
+static bool way_is_empty(const RelayWay *way)
 {
     return way->sent == way->len;
 }
@@ -276,14 +278,14 @@ static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, bool *nm_e
     return RELAY_ON;
 }
 
-// All of it leaves, or NM's half is shut. 0, or -1.
+// Sends all of it, or shuts NM's half down. 0, or -1.
 static int stream_send(const SocketConn *nm, const char *bytes, size_t len)
 {
     SendPart part = {bytes, len};
     return conn_send(nm, SEND_STREAM, &part, 1) < 0 ? -1 : 0;
 }
 
-// The device's last bytes, on its held connection: its receive queue outlives the shutdown. NM may take its time.
+// Sends the device's last bytes to NM. They can still be read from the held connection after its shutdown.
 static void farewell_relay(const SocketConn *nm, const SocketConn *device)
 {
     int result = stream_send(nm, s_to_nm.bytes + s_to_nm.sent, s_to_nm.len - s_to_nm.sent);
@@ -323,7 +325,7 @@ static ConnWant side_want(const SocketConn *side, bool reads, const RelayWay *fr
 // One step on held halves: bytes go both ways, neither waiting for the other, until nothing has moved for 100 ms.
 static RelayResult relay_step(const SocketConn *nm, SocketConn *device)
 {
-    bool nm_ended = false; // an end of NM's bytes stays readable; the next step's liveness test deals with it
+    bool nm_ended = false; // an end stays readable; the liveness test of the next step deals with it
     RelayResult result = RELAY_ON;
     while (result == RELAY_ON && s_running && !wait_is_cut()) {
         ConnWant sides[2] = {side_want(nm, !nm_ended, &s_to_device, &s_to_nm),
@@ -342,28 +344,28 @@ static RelayResult relay_step(const SocketConn *nm, SocketConn *device)
     return result;
 }
 
-// NM's half anew; what was held of the old one is let go. 1 when it stands.
-static int nm_half_reconnect(SocketConn *nm)
+// Drops the held half to NM and connects it again. True when it stands, held in *nm.
+static bool nm_half_reconnect(SocketConn *nm)
 {
     conn_drop(nm);
     return conn_reconnect(REMOTE_TELNET_SERVER) && conn_hold(REMOTE_TELNET_SERVER, nm);
 }
 
-// Both halves are usable: 1; else the tunnel is torn down, with the device's last words delivered.
-static int halves_usable(SocketConn *nm, const SocketConn *device)
+// True when both halves are usable; else the tunnel is torn down, after the device's last bytes were delivered.
+static bool has_usable_halves(SocketConn *nm, const SocketConn *device)
 {
     if (!conn_check_progress(REMOTE_TELNET_SERVER, &s_to_nm.progress)) {
-        log_info("NM remote-web connection lost! Destroy tunnel now.");
+        log_info("NM remote-web connection lost! Destroy tunnel now."); // sic, although this is telnet
     } else if (!conn_check_progress(REMOTE_TELNET_DEVICE, &s_to_device.progress)) {
-        log_info("Device remote-web connection lost! Destroy tunnel now.");
+        log_info("Device remote-web connection lost! Destroy tunnel now."); // sic
         farewell_relay(nm, device);
     } else if (!conn_check_progress(REMOTE_TELNET_SERVER, &s_to_nm.progress) && !nm_half_reconnect(nm)) {
         log_warn("Remote telnet to NM is broken! Destroy tunnel!");
     } else {
-        return 1;
+        return true;
     }
     tunnel_destroy_locked();
-    return 0;
+    return false;
 }
 
 static int data_handle_locked(void)
@@ -375,7 +377,7 @@ static int data_handle_locked(void)
     conn_hold(REMOTE_TELNET_SERVER, &nm);
     conn_hold(REMOTE_TELNET_DEVICE, &device);
     RelayResult result = RELAY_DONE;
-    if (halves_usable(&nm, &device))
+    if (has_usable_halves(&nm, &device))
         result = relay_step(&nm, &device);
     conn_drop(&device);
     conn_drop(&nm);

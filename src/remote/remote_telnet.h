@@ -1,4 +1,4 @@
-// remote_telnet.h - NM's way to the device's telnet service: after authentication and "INIT" a plain byte relay.
+// remote_telnet.h - NM's access to the device's telnet service: after authentication and "INIT" a plain byte relay.
 // Threads: remote_telnet (relay: remote_telnet_turn), the threads that carry NM's commands (set-up, stop).
 #pragma once
 
@@ -10,10 +10,8 @@ int remote_telnet_req_handle(uintptr_t context, const char *answer, const char *
 // One relay step; 0, or -1 after a broken tunnel.
 int remote_telnet_data_handle(void);
 
-// 1 when text is an "INIT" control message.
-int remote_telnet_is_init(const char *text);
-
-// One cycle of the thread remote_telnet: one step and a pause of 5 ms, or rest until the tunnel opens.
+// One cycle of the thread remote_telnet: while the tunnel stands, one step and a pause of 5 ms; else waits until it
+// opens.
 void remote_telnet_turn(void);
 
 // Creates the thread's doorbell; start-up, before the threads. 0, or -1 without a descriptor (errno set).

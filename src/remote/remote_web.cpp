@@ -13,8 +13,8 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
-#include "transport/conn_wait.h"
 #include "transport/conn_registry.h"
+#include "transport/conn_wait.h"
 
 constexpr size_t RECV_CAP = 16384; // a frame with more than 16367 bytes of payload never completes
 constexpr int QUIET_MS = 10;       // of NM, after which the records are forwarded
@@ -97,7 +97,7 @@ int remote_web_req_handle(uintptr_t, const char *, const char *payload, uint32_t
 }
 
 // Hands every whole frame to the records and moves the rest to the front.
-static void frames_cut(void)
+static void frames_extract(void)
 {
     size_t at = 0;
     while (s_received_len - at >= WEB_HEADER_SIZE && !wait_is_cut()) {
@@ -122,24 +122,24 @@ static void frames_cut(void)
     s_received_len -= at;
 }
 
-// After a read that brought nothing. 1 to go on, 0 when the connection is at its end.
-static int receive_failed(const SocketConn *nm, int len, int error)
+// After a read that brought nothing. False when the connection is at its end.
+static bool receive_failed(const SocketConn *nm, int len, int error)
 {
     log_warn("Receive error from: %s:%s, len: %d!", nm->remote_ip, nm->remote_port, len);
     web_request_flush();
     if (!conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress))
-        return 0;
+        return false;
     if (error == EAGAIN) {
         wait_sleep_ms(STUCK_PAUSE_MS);
-        return 1;
+        return true;
     }
     conn_remove_if_current(REMOTE_WEB_SERVER, nm, 1); // the TLS session ended, the socket below it did not
-    return 0;
+    return false;
 }
 
 // Waits for bytes of NM, for devices that have room again, and for the time at which the records are to be flushed.
-// 1 when NM's bytes can be read.
-static int receive_wait(const SocketConn *nm)
+// True when NM's bytes can be read.
+static bool receive_wait(const SocketConn *nm)
 {
     ConnWant wants[1 + WEB_UPLOAD_WANTS] = {};
     wants[0].conn = nm;
@@ -150,13 +150,13 @@ static int receive_wait(const SocketConn *nm)
     return wants[0].can_read;
 }
 
-// Reads once and hands on what is complete; 0 when the connection is at its end.
-static int receive(const SocketConn *nm)
+// Reads once and hands on what is complete; false when the connection is at its end.
+static bool receive(const SocketConn *nm)
 {
     if (s_received_len > RECV_CAP) {
         log_error("Invalid buf_data_len: %u", (unsigned)s_received_len);
         s_received_len = 0;
-        return 0;
+        return false;
     }
     s_received_ms = wait_now_ms();
     size_t room = RECV_CAP - s_received_len;
@@ -167,19 +167,19 @@ static int receive(const SocketConn *nm)
         return receive_failed(nm, len, len < 0 ? errno : 0);
     log_debug("Receive remote-web message from: %s:%s, len:%d", nm->remote_ip, nm->remote_port, len);
     s_received_len += (size_t)len;
-    frames_cut();
-    return 1;
+    frames_extract();
+    return true;
 }
 
-// One turn of the receive loop; 0 when it is to be left.
-static int receive_turn(const SocketConn *nm)
+// One turn of the receive loop; false when it is to be left.
+static bool receive_turn(const SocketConn *nm)
 {
     int readable = receive_wait(nm);
     if (wait_is_cut())
-        return 0;
+        return false;
     web_upload_turn();
     if (readable && !receive(nm))
-        return 0;
+        return false;
     bool quiet = !readable && wait_now_ms() - s_received_ms >= QUIET_MS;
     if (quiet || web_request_due_ms() == 0)
         web_request_flush();
@@ -223,7 +223,7 @@ void remote_web_turn(void)
     }
 }
 
-int remote_web_device_thread_running(void)
+bool remote_web_device_thread_running(void)
 {
     return web_response_running();
 }

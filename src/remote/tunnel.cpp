@@ -14,7 +14,7 @@ constexpr int WEB_SERVER_BUFFER_SIZE = 32768; // bytes, each direction; the othe
 constexpr uint32_t PORT_LIMIT = 65536;
 constexpr size_t AUTH_TEXT_SIZE = 4096; // four texts of 511 characters at most, a number and the frame
 
-// 0 when registered (or cut), -1 (logged) without a connection.
+// 0 when registered, or when a TLS handshake was cut short; -1 (logged) without a connection.
 static int half_tunnel_open(ConnectionType type, const TunnelPeer *peer, ConnSecurity security)
 {
     const char *name = conn_type_name(type);
@@ -124,7 +124,7 @@ static void call_off_begin(TunnelLock *lock, CallOff *before)
     *before = wait_call_off_set({&lock->waiting, 0, before});
 }
 
-// Announces the command, then waits. -1 when that wait was cut: nothing is held then.
+// Announces the command, then waits. -1, without the lock, when that wait was cut short.
 static int command_lock(TunnelLock *lock, CallOff *before)
 {
     lock->waiting++;

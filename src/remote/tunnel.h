@@ -13,7 +13,7 @@
 // Ends of a half tunnel; empty local texts bind nothing.
 typedef Endpoint TunnelPeer;
 
-// Closes a usable connection of the type, connects anew and registers by conn_add's rule. 0, or -1 (logged). Up to 2 s,
+// Closes a usable connection of the type, connects anew and registers as conn_add does. 0, or -1 (logged). Up to 2 s,
 // plus TLS.
 int half_tunnel_create(ConnectionType type, const TunnelPeer *peer);
 
@@ -36,12 +36,13 @@ struct TunnelRequest {
 int tunnel_nm_half_create(ConnectionType type, const TunnelRequest *request);
 
 // Logs and sends the authentication text with its NUL on nm (held). Returns the send's result; -1, with nothing sent,
-// when the caller's work was cut: a handshake that was cut leaves plain text, which no token may travel in.
+// when the caller's work was called off: then a TLS handshake may have been cut short, and no token may be sent in
+// plain.
 int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm);
 
 // One tunnel's command lock (long): whoever holds it may open, close or relay. Commands announce themselves first, so
-// that a relay or a hanging set-up lets go; the tunnel's own thread only tries. Waits made under it are called off by
-// waiting, and by whatever calls off the thread that took it: a restart ends a hanging set-up too.
+// that a relay or a hanging set-up releases it; the tunnel's own thread never waits for it. Waits made under it are
+// called off by waiting, and by whatever calls off the thread that took it: a restart ends a hanging set-up too.
 struct TunnelLock {
     pthread_mutex_t mutex;
     std::atomic<uint32_t> waiting; // commands that want the lock
@@ -64,5 +65,5 @@ struct TunnelCommands {
 
 // Reads the "param" object of the command and carries it out under the lock: "start", or a stop for any other action.
 // start_locked's result; 0 after a stop; -1 for text that is not JSON, a bad port or a missing field (all logged), and
-// when the wait for the lock was cut. The request's port is NM's, plus one when NM is reached over https.
+// when the wait for the lock was cut short. The request's port is NM's, plus one when NM is reached over https.
 int tunnel_command_handle(const TunnelCommands *tunnel, const char *payload);

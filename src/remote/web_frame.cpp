@@ -21,7 +21,7 @@ WebHeader web_header_get(const uint8_t *bytes)
     return header;
 }
 
-void web_header_put(const WebHeader *header, uint8_t *bytes)
+static void header_put(const WebHeader *header, uint8_t *bytes)
 {
     memcpy(bytes, k_magic, sizeof(k_magic));
     be32_put(bytes + LENGTH_AT, header->length);
@@ -29,43 +29,43 @@ void web_header_put(const WebHeader *header, uint8_t *bytes)
     memcpy(bytes + ID_AT, header->msg_id, WEB_ID_SIZE);
 }
 
-int web_id_equal(const uint8_t *a, const uint8_t *b)
+bool web_is_same_id(const uint8_t *a, const uint8_t *b)
 {
     return memcmp(a, b, WEB_ID_SIZE) == 0;
 }
 
-static int transmit_args_valid(const SocketConn *nm, const uint8_t *http_rsp, uint32_t http_rsp_len,
-                               const uint8_t *msg_id, uint8_t type)
+static bool has_transmit_args(const SocketConn *nm, const uint8_t *http_rsp, uint32_t http_rsp_len,
+                              const uint8_t *msg_id, uint8_t type)
 {
-    int valid = 1;
+    bool is_valid = true;
     if (!nm) {
         log_error("server_sock is NULL!");
-        valid = 0;
+        is_valid = false;
     }
     if (!msg_id) {
         log_error("msg_id is NULL!");
-        valid = 0;
+        is_valid = false;
     }
     if (type == MSG_TYPE_RESP && !http_rsp) {
         log_error("http_rsp is NULL!");
-        valid = 0;
+        is_valid = false;
     }
     if (type == MSG_TYPE_RESP && http_rsp_len == 0) {
         log_error("http_rsp_len is INVALID!");
-        valid = 0;
+        is_valid = false;
     }
-    return valid;
+    return is_valid;
 }
 
 int remote_web_rsp_transmit_privately(const SocketConn *nm, const uint8_t *http_rsp, uint32_t http_rsp_len,
                                       const uint8_t *msg_id, uint8_t type)
 {
-    if (!transmit_args_valid(nm, http_rsp, http_rsp_len, msg_id, type))
+    if (!has_transmit_args(nm, http_rsp, http_rsp_len, msg_id, type))
         return -1;
     WebHeader header = {http_rsp ? http_rsp_len : 0, type, {}};
     memcpy(header.msg_id, msg_id, WEB_ID_SIZE);
     uint8_t bytes[WEB_HEADER_SIZE];
-    web_header_put(&header, bytes);
+    header_put(&header, bytes);
 
     SendPart parts[2] = {{bytes, sizeof(bytes)}, {http_rsp, header.length}};
     int sent = conn_send(nm, SEND_STREAM, parts, header.length > 0 ? 2 : 1);

@@ -25,13 +25,12 @@ struct WebHeader {
     uint8_t msg_id[WEB_ID_SIZE];
 };
 
-// Reads 17 bytes; the magic is not looked at.
+// Reads 17 bytes; the magic is not checked.
 WebHeader web_header_get(const uint8_t *bytes);
-void web_header_put(const WebHeader *header, uint8_t *bytes);
 
-int web_id_equal(const uint8_t *a, const uint8_t *b);
+bool web_is_same_id(const uint8_t *a, const uint8_t *b);
 
-// Sends one frame on nm (held): header and payload as one unit. -1 for a bad argument (logged) or when nm did not take
-// it all (nm is shut then), else 0. Only MSG_TYPE_RESP needs a payload.
+// Sends one frame on nm (held): header and payload as one unit. 0; or -1 for a bad argument (logged), or when nm did
+// not accept all of it (nm is then shut down). Only MSG_TYPE_RESP needs a payload.
 int remote_web_rsp_transmit_privately(const SocketConn *nm, const uint8_t *http_rsp, uint32_t http_rsp_len,
                                       const uint8_t *msg_id, uint8_t type);

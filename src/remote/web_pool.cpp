@@ -10,9 +10,9 @@
 
 struct WebResource {
     uint32_t in_use; // bound
-    uint32_t failing;
-    uint32_t closing;
-    uint32_t answering; // the device side holds bytes of the device
+    bool failing;
+    bool closing;
+    bool answering; // the device side holds bytes of the device
     uint32_t binding;
     uint8_t msg_id[WEB_ID_SIZE];
     SocketConn conn; // with a reference of its own, or socket_fd -1
@@ -23,7 +23,7 @@ std::atomic<uint32_t> g_web_pool_generation{0};
 // Guards everything below and the changes of the generation. A short lock: connections are shut under it, never closed.
 static pthread_mutex_t s_pool_mutex = PTHREAD_MUTEX_INITIALIZER;
 static WebResource *g_remote_web_resource; // WEB_SLOT_COUNT slots, taken once and kept
-static int s_open;
+static bool s_open;
 static uint32_t s_bindings; // so far
 static SocketConn s_nm;     // held; socket_fd below 1: none
 
@@ -33,9 +33,9 @@ static void no_conn(SocketConn *conn)
     conn->socket_fd = -1;
 }
 
-// Takes the connection out of the slot and tells the peer. The caller drops the result after unlocking. The close does
-// not linger, as a failed send may have asked: the kernel delivers what was sent, and a stalled device must not hold up
-// the other slots.
+// Takes the connection out of the slot and shuts it down; the caller drops the result after unlocking. A failed send
+// may have set a linger time, which is taken back: the kernel delivers what was sent, and a stalled device must not
+// hold up the other slots.
 static SocketConn detach_locked(WebResource *slot)
 {
     SocketConn conn = slot->conn;
@@ -60,7 +60,7 @@ int web_pool_open(void)
             no_conn(&g_remote_web_resource[i].conn);
         }
         g_web_pool_generation++;
-        s_open = 1;
+        s_open = true;
     } else {
         result = -1;
     }
@@ -76,7 +76,7 @@ void web_pool_close(void)
     int count = 0;
     pthread_mutex_lock(&s_pool_mutex);
     if (s_open) {
-        s_open = 0;
+        s_open = false;
         g_web_pool_generation++;
         for (int i = 0; i < WEB_SLOT_COUNT; i++) {
             g_remote_web_resource[i].in_use = 0;
@@ -90,10 +90,10 @@ void web_pool_close(void)
         conn_drop(&closing[i]);
 }
 
-int web_pool_is_open(void)
+bool web_pool_is_open(void)
 {
     pthread_mutex_lock(&s_pool_mutex);
-    int open = s_open;
+    bool open = s_open;
     pthread_mutex_unlock(&s_pool_mutex);
     return open;
 }
@@ -108,10 +108,10 @@ void web_pool_nm_set(SocketConn *nm)
     conn_drop(&before);
 }
 
-int web_pool_nm_hold(uint32_t generation, SocketConn *copy)
+bool web_pool_nm_hold(uint32_t generation, SocketConn *copy)
 {
     pthread_mutex_lock(&s_pool_mutex);
-    int held = s_open && generation == g_web_pool_generation && s_nm.socket_fd > 0;
+    bool held = s_open && generation == g_web_pool_generation && s_nm.socket_fd > 0;
     if (held) {
         *copy = s_nm;
         conn_ref_hold(copy->ref);
@@ -119,16 +119,16 @@ int web_pool_nm_hold(uint32_t generation, SocketConn *copy)
     pthread_mutex_unlock(&s_pool_mutex);
     if (held && !conn_is_current(REMOTE_WEB_SERVER, copy)) {
         conn_drop(copy);
-        held = 0;
+        held = false;
     }
     return held;
 }
 
 static void copy_locked(const WebResource *slot, WebSlot *copy)
 {
-    copy->bound = 1;
-    copy->failing = (int)slot->failing;
-    copy->closing = (int)slot->closing;
+    copy->bound = true;
+    copy->failing = slot->failing;
+    copy->closing = slot->closing;
     copy->binding = slot->binding;
     memcpy(copy->msg_id, slot->msg_id, WEB_ID_SIZE);
     copy->conn = slot->conn;
@@ -151,7 +151,7 @@ int web_slot_hold_id(const uint8_t *msg_id, WebSlot *copy)
     pthread_mutex_lock(&s_pool_mutex);
     for (int i = 0; s_open && i < WEB_SLOT_COUNT && index < 0; i++) {
         const WebResource *slot = &g_remote_web_resource[i];
-        if (!slot->in_use || !web_id_equal(slot->msg_id, msg_id))
+        if (!slot->in_use || !web_is_same_id(slot->msg_id, msg_id))
             continue;
         index = i;
         copy_locked(slot, copy);
@@ -169,7 +169,7 @@ int web_slot_bind(const uint8_t *msg_id)
         if (slot->in_use)
             continue;
         slot->in_use = 1;
-        slot->failing = slot->closing = slot->answering = 0;
+        slot->failing = slot->closing = slot->answering = false;
         slot->binding = ++s_bindings;
         memcpy(slot->msg_id, msg_id, WEB_ID_SIZE);
         index = i;
@@ -193,18 +193,18 @@ int web_slot_connect(int index, SocketConn conn, SocketConn *copy)
     return 0;
 }
 
-static int is_current_locked(int index, const ConnRef *ref)
+static bool is_current_locked(int index, const ConnRef *ref)
 {
     return s_open && g_remote_web_resource[index].in_use && g_remote_web_resource[index].conn.ref == ref;
 }
 
 // Closes the slot's connection if it still is the one of ref, and unbinds the slot when unbind is set.
-static int close_current(int index, const ConnRef *ref, int unbind)
+static bool close_current(int index, const ConnRef *ref, bool unbind)
 {
     SocketConn closing;
     no_conn(&closing);
     pthread_mutex_lock(&s_pool_mutex);
-    int current = is_current_locked(index, ref);
+    bool current = is_current_locked(index, ref);
     if (current) {
         closing = detach_locked(&g_remote_web_resource[index]);
         if (unbind)
@@ -215,51 +215,51 @@ static int close_current(int index, const ConnRef *ref, int unbind)
     return current;
 }
 
-int web_slot_disconnect(int index, const ConnRef *ref)
+bool web_slot_disconnect(int index, const ConnRef *ref)
 {
-    return close_current(index, ref, 0);
+    return close_current(index, ref, false);
 }
 
-int web_slot_end(int index, const ConnRef *ref)
+bool web_slot_end(int index, const ConnRef *ref)
 {
-    return close_current(index, ref, 1);
+    return close_current(index, ref, true);
 }
 
-// Sets a flag of the slot if its connection still is the one of life.
-static int flag_set(int index, const ConnRef *ref, uint32_t WebResource::*flag)
+// Sets a flag of the slot if ref is still its connection.
+static bool flag_set(int index, const ConnRef *ref, bool WebResource::*flag)
 {
     pthread_mutex_lock(&s_pool_mutex);
-    int current = is_current_locked(index, ref);
+    bool current = is_current_locked(index, ref);
     if (current)
-        g_remote_web_resource[index].*flag = 1;
+        g_remote_web_resource[index].*flag = true;
     pthread_mutex_unlock(&s_pool_mutex);
     return current;
 }
 
-int web_slot_fail(int index, const ConnRef *ref)
+bool web_slot_fail(int index, const ConnRef *ref)
 {
     return flag_set(index, ref, &WebResource::failing);
 }
 
-int web_slot_close(int index, const ConnRef *ref)
+bool web_slot_close(int index, const ConnRef *ref)
 {
     return flag_set(index, ref, &WebResource::closing);
 }
 
-void web_slot_answering_set(int index, uint32_t binding, int answering)
+void web_slot_answering_set(int index, uint32_t binding, bool answering)
 {
     pthread_mutex_lock(&s_pool_mutex);
     WebResource *slot = &g_remote_web_resource[index];
     if (s_open && slot->in_use && slot->binding == binding)
-        slot->answering = (uint32_t)answering;
+        slot->answering = answering;
     pthread_mutex_unlock(&s_pool_mutex);
 }
 
-int web_slot_is_answering(int index, uint32_t binding)
+bool web_slot_is_answering(int index, uint32_t binding)
 {
     pthread_mutex_lock(&s_pool_mutex);
     const WebResource *slot = &g_remote_web_resource[index];
-    int answering = s_open && slot->in_use && slot->binding == binding && slot->answering;
+    bool answering = s_open && slot->in_use && slot->binding == binding && slot->answering;
     pthread_mutex_unlock(&s_pool_mutex);
     return answering;
 }

@@ -21,23 +21,23 @@ extern std::atomic<uint32_t> g_web_pool_generation;
 // Takes the memory (once) and makes all slots free. 0, or -1 (logged). Then open until web_pool_close.
 int web_pool_open(void);
 
-// Unbinds every slot, shuts their connections and forgets the NM connection. Does nothing when it is closed.
+// Unbinds every slot, shuts their connections down and drops the NM connection. Does nothing when it is closed.
 void web_pool_close(void);
 
-int web_pool_is_open(void);
+bool web_pool_is_open(void);
 
 // The NM connection that carried the authentication; the pool takes over the hold.
 void web_pool_nm_set(SocketConn *nm);
 
-// A held copy of it, as long as the generation lasts and it still is the registered connection: 1; else 0 and nothing
-// to drop.
-int web_pool_nm_hold(uint32_t generation, SocketConn *copy);
+// A held copy of it: true. False, and nothing to drop, when the pool has another generation or the connection is no
+// longer the registered one.
+bool web_pool_nm_hold(uint32_t generation, SocketConn *copy);
 
 // What a slot looked like. conn is a held copy: conn_drop it whether bound or not.
 struct WebSlot {
-    int bound;
-    int failing;      // request bytes were lost: no more are sent, the device side ends the slot
-    int closing;      // NM closed the msg_id: the device side leaves the slot alone, the NM side ends it
+    bool bound;
+    bool failing;     // request bytes were lost: no more are sent, the device side ends the slot
+    bool closing;     // NM closed the msg_id: the device side leaves the slot alone, the NM side ends it
     uint32_t binding; // differs for every msg_id that the slot was bound to
     uint8_t msg_id[WEB_ID_SIZE];
     SocketConn conn; // socket_fd -1: none
@@ -54,13 +54,12 @@ int web_slot_bind(const uint8_t *msg_id);
 // a bound slot without a connection. 0 with a held copy, or -1 without memory.
 int web_slot_connect(int index, SocketConn conn, SocketConn *copy);
 
-// Each does nothing unless ref (null included) still is the slot's connection; returns 1 when it did.
-int web_slot_disconnect(int index, const ConnRef *ref); // closes the connection, the slot stays bound
-int web_slot_end(int index, const ConnRef *ref);        // closes the connection and unbinds the slot
-int web_slot_fail(int index, const ConnRef *ref);       // sets failing
-int web_slot_close(int index, const ConnRef *ref);      // sets closing
+// Each acts only if ref (may be null) is still the slot's connection; true when it acted.
+bool web_slot_disconnect(int index, const ConnRef *ref); // closes the connection, the slot stays bound
+bool web_slot_end(int index, const ConnRef *ref);        // closes the connection and unbinds the slot
+bool web_slot_fail(int index, const ConnRef *ref);       // sets failing
+bool web_slot_close(int index, const ConnRef *ref);      // sets closing
 
-// The device side says, before it reads, that it has bytes of the slot's device which NM has not got yet, and takes it
-// back when NM has them all.
-void web_slot_answering_set(int index, uint32_t binding, int answering);
-int web_slot_is_answering(int index, uint32_t binding);
+// The device side sets this before it reads from the slot's device, and clears it when NM has all that was read.
+void web_slot_answering_set(int index, uint32_t binding, bool answering);
+bool web_slot_is_answering(int index, uint32_t binding);

@@ -8,6 +8,7 @@
 #include "runtime/log.h"
 #include "runtime/wait.h"
 
+constexpr uint32_t REQUEST_CAP = 16384; // bytes that one record holds
 constexpr int RECORD_COUNT = 10;
 constexpr int HELD_MAX_MS = 30; // a held byte waits no longer, however busy NM is with other msg_ids
 
@@ -16,12 +17,12 @@ struct WebRequest {
     uint32_t destroy; // NM closed the msg_id
     uint8_t msg_id[WEB_ID_SIZE];
     uint32_t len; // held bytes
-    uint8_t data[WEB_REQUEST_CAP];
+    uint8_t data[REQUEST_CAP];
 };
 
 // Under the tunnel's command lock.
 static WebRequest *g_remote_web_temp_buffer; // RECORD_COUNT records
-static int64_t s_held_since_ms;              // the oldest held byte; 0: the records hold none
+static int64_t s_held_since_ms;              // when the oldest held byte came; 0: the records hold none
 
 int web_request_open(void)
 {
@@ -60,7 +61,7 @@ static WebRequest *record_find(const uint8_t *msg_id)
 {
     for (int i = 0; i < RECORD_COUNT; i++) {
         WebRequest *record = &g_remote_web_temp_buffer[i];
-        if (record->in_use && web_id_equal(record->msg_id, msg_id))
+        if (record->in_use && web_is_same_id(record->msg_id, msg_id))
             return record;
     }
     return nullptr;
@@ -69,7 +70,7 @@ static WebRequest *record_find(const uint8_t *msg_id)
 static int record_append(WebRequest *record, const WebHeader *header, const uint8_t *payload)
 {
     log_debug("req");
-    if (header->length > WEB_REQUEST_CAP - record->len) {
+    if (header->length > REQUEST_CAP - record->len) {
         log_debug("too large");
         return 1;
     }
@@ -114,7 +115,7 @@ int web_request_handle(const WebHeader *header, const uint8_t *payload)
             web_upload_destroy(header->msg_id); // its bytes went to the device directly
         return 0;
     }
-    if (header->type != MSG_TYPE_REQ || header->length > WEB_REQUEST_CAP)
+    if (header->type != MSG_TYPE_REQ || header->length > REQUEST_CAP)
         return 0;
     if (record && record_append(record, header, payload) != 0)
         return 1;

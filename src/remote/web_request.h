@@ -7,16 +7,14 @@
 
 #include "remote/web_frame.h"
 
-constexpr uint32_t WEB_REQUEST_CAP = 16384; // bytes that one record holds
-
 // Takes the memory (once) and empties the records. 0, or -1 (logged).
 int web_request_open(void);
 
 // Takes one frame of NM; header->length bytes of payload. 0; 1 when the msg_id's record has no room for it (nothing was
-// taken: flush and give it again); -1 without a header (logged).
+// stored: flush and call again); -1 without a header (logged).
 int web_request_handle(const WebHeader *header, const uint8_t *payload);
 
-// Forwards what the records hold, in their order, and carries out NM's destroys.
+// Forwards the bytes of each record, in the order of the records, then carries out its destroy.
 void web_request_flush(void);
 
 // Milliseconds until the records have to be flushed although NM does not fall quiet; INT_MAX when they hold nothing.

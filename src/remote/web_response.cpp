@@ -46,14 +46,13 @@ static void response_reset(Response *response)
 
 static void slot_finish(int index, const WebSlot *slot, const SocketConn *nm)
 {
-    // Ended first: the other side may have connected the msg_id anew, and that must not be reported closed. A frame
-    // that NM does not take ends NM's connection, which has its own line.
+    // Ended first: if the NM side has connected the msg_id anew, that must not be reported as closed. A frame that NM
+    // does not accept ends NM's connection, which is logged there.
     if (web_slot_end(index, slot->conn.ref))
         (void)remote_web_rsp_transmit_privately(nm, nullptr, 0, slot->msg_id, MSG_TYPE_DEV_DESTROY);
 }
 
-// Sends the next frame of what was read. A frame that NM did not take whole died with its connection; it is kept for
-// the next one.
+// Sends the next frame of what was read. A frame that failed with its NM connection is kept for the next connection.
 static void frame_send(const Responses *all, int index, Response *response, const WebSlot *slot, const SocketConn *nm)
 {
     size_t len = response->len - response->sent;
@@ -63,11 +62,12 @@ static void frame_send(const Responses *all, int index, Response *response, cons
                                           MSG_TYPE_RESP) == 0)
         response->sent += len;
     if (response->sent == response->len)
-        web_slot_answering_set(index, slot->binding, 0);
+        web_slot_answering_set(index, slot->binding, false);
     response->next_frame_ms = wait_now_ms() + FRAME_PAUSE_MS;
 }
 
-// The buffer of a slot's reads. Without memory the slot waits, after one line.
+// Allocates the buffer of a slot's reads with the first one. 0, or -1 without memory, which is logged once: the slot
+// waits.
 static int buffer_take(Responses *all, Response *response)
 {
     if (!response->bytes)
@@ -75,19 +75,19 @@ static int buffer_take(Responses *all, Response *response)
     if (!response->bytes && !all->is_short)
         log_error("malloc error!");
     all->is_short = !response->bytes;
-    return response->bytes != nullptr;
+    return response->bytes ? 0 : -1;
 }
 
 static void slot_read(Responses *all, int index, Response *response, const WebSlot *slot, const SocketConn *nm)
 {
-    if (!buffer_take(all, response)) {
+    if (buffer_take(all, response) != 0) {
         response->next_frame_ms = wait_now_ms() + FRAME_PAUSE_MS;
         return;
     }
-    web_slot_answering_set(index, slot->binding, 1);
+    web_slot_answering_set(index, slot->binding, true);
     int len = conn_recv(&slot->conn, response->bytes, all->read_cap);
     if (len < 1)
-        web_slot_answering_set(index, slot->binding, 0);
+        web_slot_answering_set(index, slot->binding, false);
     if (len < 0 && errno == EAGAIN)
         return;
     if (len < 1) {
@@ -104,25 +104,25 @@ static void slot_read(Responses *all, int index, Response *response, const WebSl
     frame_send(all, index, response, slot, nm);
 }
 
-// 1 when the idle slot's connection is no longer established. A full send buffer says nothing here: what the device
-// does not take is the other side's to judge.
-static int slot_is_dead(int fd)
+// The idle slot's connection is no longer established. A full send buffer proves nothing: web_upload judges a device
+// that does not read.
+static bool slot_is_dead(int fd)
 {
     return wait_fd(fd, POLLOUT, 0) != WAIT_TIMEOUT && !tcp_check_fd(fd);
 }
 
-// What one look at the slots leaves to be waited for.
+// What to wait for after a look at all slots.
 struct Watch {
     struct pollfd fds[WEB_SLOT_COUNT + 1];
     int count;
-    int nm_full; // frames are due, but NM's send buffer has no room for them
+    bool nm_full; // frames are due, but NM's send buffer has no room for them
 };
 
-// A frame that does not fit would hold up every slot in the pauses of its send; it stays here until there is room.
-static int nm_has_room(const SocketConn *nm, Watch *watch)
+// Without room a send would wait and hold up every slot; the frame stays here until there is some.
+static bool nm_has_room(const SocketConn *nm, Watch *watch)
 {
     if (!watch->nm_full && wait_fd(nm->socket_fd, POLLOUT, 0) == WAIT_TIMEOUT) {
-        watch->nm_full = 1;
+        watch->nm_full = true;
         watch->fds[watch->count++] = {nm->socket_fd, POLLOUT, 0};
     }
     return !watch->nm_full;
@@ -131,7 +131,7 @@ static int nm_has_room(const SocketConn *nm, Watch *watch)
 // One look at a slot; pass says that the idle ones are to be tested. Returns the time of the next look, unless
 // something watched comes earlier.
 static int64_t slot_serve(Responses *all, int index, Response *response, const WebSlot *slot, const SocketConn *nm,
-                          int pass, Watch *watch)
+                          bool pass, Watch *watch)
 {
     int fd = slot->conn.socket_fd;
     if (wait_now_ms() < response->next_frame_ms)
@@ -169,7 +169,7 @@ static WaitResult slots_turn(Responses *all, const SocketConn *nm)
     WebSlot slots[WEB_SLOT_COUNT];
     Watch watch = {};
     int64_t now = wait_now_ms();
-    int pass = now >= all->next_pass_ms;
+    bool pass = now >= all->next_pass_ms;
     if (pass)
         all->next_pass_ms = now + PASS_MS;
     int64_t next_ms = all->next_pass_ms;
@@ -178,7 +178,7 @@ static WaitResult slots_turn(Responses *all, const SocketConn *nm)
     for (int turn = 0; turn < WEB_SLOT_COUNT; turn++) {
         int i = (first + turn) % WEB_SLOT_COUNT;
         Response *response = &all->slots[i];
-        int was_full = watch.nm_full;
+        bool was_full = watch.nm_full;
         web_slot_hold(i, &slots[i]);
         if (!slots[i].bound || slots[i].binding != response->binding) {
             response_reset(response);
@@ -255,7 +255,7 @@ int web_response_start(uint32_t generation)
     return -1;
 }
 
-int web_response_running(void)
+bool web_response_running(void)
 {
     return s_running > 0;
 }

@@ -1,8 +1,8 @@
-// web_response.h - a remote-web tunnel's way from the device to NM: a thread of its own reads the slots' connections
-// and sends what they bring as frames, one per slot in 10 ms, no slot waiting for another. It lives as long as its
-// opening of the pool, and works only while the NM connection is the one that carried the authentication; else the
-// bytes stay in the device sockets. So no frame precedes the authentication, and a thread that is late in leaving
-// reaches no later tunnel.
+// web_response.h - a remote-web tunnel's direction from the device to NM. A thread of its own reads the slots'
+// connections and sends the bytes on as frames, one per slot in 10 ms; no slot waits for another. The thread ends with
+// its opening of the pool. It works only while the NM connection is the one that carried the authentication; else the
+// bytes stay in the device sockets. So no frame precedes the authentication, and a thread that ends late does not touch
+// the next tunnel.
 #pragma once
 
 #include <stdint.h>
@@ -10,5 +10,5 @@
 // Starts the thread for an opening of the pool. 0, or -1 (logged).
 int web_response_start(uint32_t generation);
 
-// 1 while such a thread lives.
-int web_response_running(void);
+// Such a thread is running.
+bool web_response_running(void);

@@ -16,7 +16,7 @@
 
 constexpr size_t HELD_MAX = 256 * 1024; // bytes in all queues, beyond which NM is read no further
 constexpr int WAIT_LINE_MS = 100;       // between two lines about msg_ids that wait for a slot
-constexpr int LOST_QUIET_MS = 500;      // of a lost msg_id, after which its bytes count as a new stream
+constexpr int LOST_QUIET_MS = 500;      // without bytes of a lost msg_id, after which they count as a new stream
 constexpr int DEVICE_SEND_BUFFER_SIZE = 4096;
 constexpr int DEVICE_RECV_BUFFER_SIZE = 65536;
 
@@ -58,7 +58,7 @@ static bool has_queue(const Upload *upload)
     return byte_queue_len(&upload->queue) > 0;
 }
 
-int web_upload_is_full(void)
+bool web_upload_is_full(void)
 {
     return s_held >= HELD_MAX;
 }
@@ -66,7 +66,7 @@ int web_upload_is_full(void)
 static Lost *lost_find(const uint8_t *msg_id)
 {
     for (Lost &lost : s_lost) {
-        if (lost.until_ms > wait_now_ms() && web_id_equal(lost.msg_id, msg_id))
+        if (lost.until_ms > wait_now_ms() && web_is_same_id(lost.msg_id, msg_id))
             return &lost;
     }
     return nullptr;
@@ -119,7 +119,8 @@ static void uploads_settle(void)
         upload_settle(i);
 }
 
-// The slot's stream has a hole: no more is sent, and the device side ends the slot behind what the device has said.
+// Bytes of the slot's stream are missing: no more is sent, and the device side ends the slot after the device's last
+// bytes.
 static void slot_lose(int index, const WebSlot *slot)
 {
     lost_note(slot->msg_id);
@@ -178,15 +179,15 @@ static int slot_connect(int index, WebSlot *slot)
     return 0;
 }
 
-// 1 while the connection is established. A full send buffer says nothing here: the queue is judged by its progress.
-static int device_is_alive(int fd)
+// The connection is established. A full send buffer proves nothing: the queue is judged by its progress.
+static bool device_is_alive(int fd)
 {
     return wait_fd(fd, POLLIN | POLLOUT, 0) == WAIT_TIMEOUT || tcp_check_fd(fd);
 }
 
-// 1 when NM has not got all that the device has said: then what NM sends cannot be the answer to it. The socket is
-// looked at first: the device side says that it is answering before it reads.
-static int is_answering(int index, const WebSlot *slot)
+// NM has not received all of the device's answer yet, so what NM sends is still part of the request that it answers.
+// The socket is asked first: the device side sets "answering" before it reads.
+static bool is_answering(int index, const WebSlot *slot)
 {
     int unread = 0;
     (void)ioctl(slot->conn.socket_fd, FIONREAD, &unread);
@@ -226,7 +227,7 @@ static SlotState slot_forward(int index, WebSlot *slot, const uint8_t *bytes, si
     else if (state == SLOT_LOST)
         slot_lose(index, slot);
     if (state == SLOT_READY || state == SLOT_LOST)
-        log_debug("Forwad remote-web message to device: len = %d", (int)len);
+        log_debug("Forwad remote-web message to device: len = %d", (int)len); // sic
     return state;
 }
 
@@ -248,18 +249,18 @@ static int slot_obtain(const uint8_t *msg_id, WebSlot *slot)
     return index;
 }
 
-// 1 when the bytes went to a slot (or were lost with it), 0 when the msg_id has to wait for one.
-static int forward_now(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
+// True when the bytes went to a slot (or were lost with it), false when the msg_id has to wait for one.
+static bool forward_now(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
 {
     for (;;) {
         WebSlot slot;
         int index = slot_obtain(msg_id, &slot);
         if (index < 0)
-            return 0;
+            return false;
         SlotState state = slot_forward(index, &slot, bytes, len);
         conn_drop(&slot.conn);
         if (state != SLOT_GONE) // else the device side ended it, which it does once
-            return 1;
+            return true;
     }
 }
 
@@ -268,7 +269,7 @@ static int forward_now(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
 static Waiting *waiting_first(const uint8_t *msg_id)
 {
     Waiting *waiting = s_waiting;
-    while (waiting && !web_id_equal(waiting->msg_id, msg_id))
+    while (waiting && !web_is_same_id(waiting->msg_id, msg_id))
         waiting = waiting->next;
     return waiting;
 }
@@ -277,7 +278,7 @@ static Waiting *waiting_first(const uint8_t *msg_id)
 static Waiting *waiting_find(const uint8_t *msg_id)
 {
     Waiting *waiting = s_waiting;
-    while (waiting && (waiting->is_destroyed || !web_id_equal(waiting->msg_id, msg_id)))
+    while (waiting && (waiting->is_destroyed || !web_is_same_id(waiting->msg_id, msg_id)))
         waiting = waiting->next;
     return waiting;
 }
@@ -316,7 +317,7 @@ static void wait_line_log(void)
     log_info("Wait a moment for resource!");
 }
 
-// Without memory the bytes are lost, and with them what follows.
+// Without memory the bytes are lost, and what follows is dropped too.
 static void wait_for_slot(const uint8_t *msg_id, const uint8_t *bytes, size_t len)
 {
     Waiting *waiting = waiting_find(msg_id);

@@ -1,10 +1,9 @@
-// web_upload.h - a remote-web tunnel's way from NM to the device, behind the records: each msg_id's bytes go to its own
-// device connection as fast as the device takes them, and no msg_id waits for another one.
-// Bytes that a device does not take at once wait in the queue of its slot; a msg_id for which no slot is free waits in
-// a list, in the order of arrival. A device that takes none of its bytes is given up after 2 s, after 30 s when its
-// kernel still answers.
-// A msg_id of which bytes were lost has a hole in its stream: what follows in the same breath is dropped, so that the
-// middle of a request never reaches the device as a request of its own.
+// web_upload.h - a remote-web tunnel's direction from NM to the device, behind the records: each msg_id's bytes go to
+// its own device connection as fast as the device takes them, and no msg_id waits for another one. Bytes that a device
+// does not take at once wait in the queue of its slot; a msg_id for which no slot is free waits in a list, in the order
+// of arrival. A device that takes none of its bytes is given up after 2 s, after 30 s when its kernel still answers.
+// After bytes of a msg_id were lost, what follows within 500 ms is dropped too, so that the middle of a request never
+// reaches the device as a request of its own.
 // Everything belongs to whoever holds the tunnel's command lock. Blocks: 2 s at most in a connect to the device.
 #pragma once
 
@@ -19,8 +18,8 @@ constexpr int WEB_UPLOAD_WANTS = 10; // one per slot
 // logged and refused.
 void web_upload_forward(const uint8_t *msg_id, const uint8_t *bytes, uint32_t len);
 
-// NM closed the msg_id: its slot, also one that it still waits for, ends behind the bytes that its device has to take.
-// Nothing when it has none.
+// NM closed the msg_id: its slot, or the one that it still waits for, is ended behind the bytes that the device has yet
+// to take. Does nothing for a msg_id without either. NM may use the msg_id again at once.
 void web_upload_destroy(const uint8_t *msg_id);
 
 // Sends what devices have room for, ends slots that are stuck, gives free slots to the msg_ids that wait; while any
@@ -31,8 +30,8 @@ void web_upload_turn(void);
 // this module.
 int web_upload_wants(ConnWant *wants);
 
-// 1 while the queues together hold so much that no more is to be read from NM.
-int web_upload_is_full(void);
+// The queues together hold so much that no more is to be read from NM.
+bool web_upload_is_full(void);
 
 // Drops everything; the tunnel has ended.
 void web_upload_close(void);

@@ -17,6 +17,7 @@
 #include "nm/init_cfg_internal.h"
 #include "nm/nm_msg.h"
 #include "remote/remote_telnet.h"
+#include "remote/remote_telnet_internal.h"
 #include "remote/remote_web.h"
 #include "remote/web_pool.h"
 #include "remote/web_request.h"
