@@ -7,6 +7,7 @@
 #include <strings.h>
 
 #include "device/dev_msg_send.h"
+#include "device/dma_status.h"
 #include "nm/device_init.h"
 #include "nm/nm_msg.h"
 #include "runtime/log.h"

@@ -1,10 +1,9 @@
 #include "nm/device_init.h"
 
 #include <pthread.h>
-#include <string.h>
 
-#include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
+#include "device/dma_status.h"
 #include "nm/activation.h"
 #include "nm/heartbeat.h"
 #include "nm/init_cfg.h"
@@ -39,62 +38,6 @@ static std::atomic<int32_t> s_init_retry_stage; // survives a success: a flappin
 static pthread_mutex_t s_bring_up_mutex = PTHREAD_MUTEX_INITIALIZER;
 static PluginTimer s_udp_detection_timer = {0, UDP_DETECTION_PERIOD_S, 0, udp_handler};
 static PluginTimer s_run_status_timer = {0, RUN_STATUS_PERIOD_S, 0, run_status_handler};
-
-// What the device is told about us. Short lock.
-static pthread_mutex_t s_dma_mutex = PTHREAD_MUTEX_INITIALIZER;
-static struct {
-    uint32_t status;
-    char cause[DMA_CAUSE_SIZE];
-    bool notify_pending; // status or cause changed since the device was told
-} s_dma;
-
-enum DmaCauseRule { DMA_CAUSE_CLEAR, DMA_CAUSE_KEEP };
-
-static void dma_status_change(DmaStatus status, DmaCauseRule cause_rule)
-{
-    pthread_mutex_lock(&s_dma_mutex);
-    if (s_dma.status != status) {
-        s_dma.status = status;
-        s_dma.notify_pending = true;
-        if (cause_rule == DMA_CAUSE_CLEAR)
-            s_dma.cause[0] = '\0';
-    }
-    pthread_mutex_unlock(&s_dma_mutex);
-}
-
-void set_dma_cause(const char *cause)
-{
-    if (!cause) {
-        log_error("new_cause is NULL!");
-        return;
-    }
-    pthread_mutex_lock(&s_dma_mutex);
-    if (strcmp(s_dma.cause, cause) != 0) { // a cause too long to be kept whole differs every time
-        (void)text_set(s_dma.cause, cause);
-        s_dma.notify_pending = true;
-    }
-    pthread_mutex_unlock(&s_dma_mutex);
-}
-
-uint32_t dma_status_get(char (&cause)[DMA_CAUSE_SIZE])
-{
-    pthread_mutex_lock(&s_dma_mutex);
-    uint32_t status = s_dma.status;
-    (void)text_set(cause, s_dma.cause);
-    pthread_mutex_unlock(&s_dma_mutex);
-    return status;
-}
-
-// Tells the device what changed. Without a device link the change is forgotten all the same.
-static void device_notify(void)
-{
-    pthread_mutex_lock(&s_dma_mutex);
-    bool pending = s_dma.notify_pending;
-    s_dma.notify_pending = false;
-    pthread_mutex_unlock(&s_dma_mutex);
-    if (pending)
-        dma_status_send("online-status-notify");
-}
 
 void on_enable_init_alarm(int)
 {
@@ -171,13 +114,13 @@ static void services_start(void)
     s_init_fail_count = 0;
     pthread_mutex_lock(&s_bring_up_mutex);
     g_init_done = 1;
-    dma_status_change(DMA_ONLINE, DMA_CAUSE_CLEAR);
+    dma_status_set(DMA_ONLINE, DMA_CAUSE_CLEAR);
     log_info("Init cfg successfully, start the services ...");
     timer_restart_locked(&s_udp_detection_timer, UDP_DETECTION_PERIOD_S);
     service_status_reset();
     timer_restart_locked(&s_run_status_timer, RUN_STATUS_PERIOD_S);
     pthread_mutex_unlock(&s_bring_up_mutex);
-    device_notify();
+    dma_status_notify();
 }
 
 // The fifth failure in a row: everything is read again, and the retries become rarer.
@@ -194,7 +137,7 @@ static void settings_give_up(void)
 
 static void pass_failed(void)
 {
-    device_notify();
+    dma_status_notify();
     s_init_fail_count++;
     if (s_init_fail_count > FAILURES_MAX)
         settings_give_up();
@@ -228,13 +171,13 @@ void device_init_pass(void)
     heartbeat_reset();
     g_enable_init_flag = 0;
     if ((!g_init_done && settings_take() != 0) || device_link_open() != 0) {
-        dma_status_change(DMA_PLUGIN_INIT_FAILED, DMA_CAUSE_CLEAR);
+        dma_status_set(DMA_PLUGIN_INIT_FAILED, DMA_CAUSE_CLEAR);
         pass_failed();
         return;
     }
     (void)nm_sign_init();
     if (nm_activate() != 0) {
-        dma_status_change(DMA_ACTIVATION_FAILED, DMA_CAUSE_KEEP); // activation has set the cause
+        dma_status_set(DMA_ACTIVATION_FAILED, DMA_CAUSE_KEEP); // activation has set the cause
         log_warn("Device active failed!");
         pass_failed();
         return;

@@ -16,24 +16,8 @@
 extern std::atomic<uint8_t> g_enable_init_flag; // 1: main runs a pass in its next turn
 extern std::atomic<uint8_t> g_init_done;        // 1 after a successful activation
 
-enum DmaStatus : uint32_t {
-    DMA_OFFLINE = 0,
-    DMA_PLUGIN_INIT_FAILED = 1,
-    DMA_CENTER_REQUEST_FAILED = 2, // known to the device, set by nobody
-    DMA_ACTIVATION_FAILED = 3,
-    DMA_ONLINE = 4,
-};
-constexpr size_t DMA_CAUSE_SIZE = 128;
-
 // One pass; main thread only.
 void device_init_pass(void);
-
-// Cause that is told with the DMA status; a change (of the uncut text) marks the device notification pending. Null: an
-// error line. Any thread.
-void set_dma_cause(const char *cause);
-
-// Copies the cause, returns the status. Any thread.
-uint32_t dma_status_get(char (&cause)[DMA_CAUSE_SIZE]);
 
 // Back to waiting, with a pass in 10 s: closes every connection but the device's, stops both timers, disables the
 // service report. Nothing when not online. Any thread; takes no long lock (the NM post lock may be held by the caller).

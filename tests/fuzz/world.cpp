@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "device/dma_status.h"
 #include "nm/device_init.h"
 #include "nm/init_cfg_internal.h"
 #include "runtime/plugin_info.h"
