@@ -11,6 +11,8 @@
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
 #include "nm/device_init.h"
+#include "nm/heartbeat.h"
+#include "nm/init_cfg.h"
 #include "nm/nm_msg.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_web.h"
@@ -25,6 +27,7 @@
 #include "runtime/work_thread.h"
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
+#include "transport/nm_post.h"
 
 constexpr int LOOP_PAUSE_MS = 10;
 constexpr int THREAD_EXIT_POLL_MS = 2;
@@ -236,6 +239,16 @@ static void print_build_banner(void)
     log_info("~~~~~~~~ COMMIT_ID: %s ~~~~~~~~\n", PLUGIN_COMMIT_ID);
 }
 
+// The calls that go up, against the direction of the includes: a module below leaves to one above what it cannot know.
+static void upward_calls_register(void)
+{
+    // A heartbeat's answer may restart the bring-up or fetch a command of NM.
+    nm_post_heartbeat_answered_set(heartbeat_answered);
+    // The device asks for a reload of the init cfg, which NM's session reads, and for a service report.
+    static const DevMsgCalls k_dev_msg_calls = {reload_init_cfg, service_status_device_request};
+    dev_msg_calls_set(&k_dev_msg_calls);
+}
+
 // What the modules need before a thread runs. 0, or -1 without a descriptor (errno set).
 static int modules_init(void)
 {
@@ -279,6 +292,7 @@ static int process_start(void)
         log_error("Read config file failed!");
         return -1;
     }
+    upward_calls_register();
     if (modules_init() != 0) {
         doorbell_missing_log();
         return -1;

@@ -8,19 +8,15 @@
 
 #include "device/dev_msg_send.h"
 #include "device/dma_status.h"
-#include "nm/device_init.h"
-#include "nm/init_cfg.h"
-#include "nm/nm_msg.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "status/service_status.h"
 #include "transport/conn_registry.h"
 #include "transport/field_extract.h"
-#include "transport/http_client.h"
-#include "transport/nm_sign.h"
+#include "transport/nm_post.h"
+#include "transport/nm_wait.h"
 
 constexpr size_t FIELD_SIZE = 512;       // "type", "sessionid", "error"
 constexpr size_t NM_ANSWER_SIZE = 10240; // fixed by nm_send_device_response
@@ -54,8 +50,15 @@ struct DevMsgRow {
     bool wants_payload;
 };
 
+static DevMsgCalls s_calls; // set at start-up, before any message
+
 // When the running post to NM began: milliseconds on the monotonic clock, wraps; 0: none runs.
 static std::atomic<uint32_t> s_post_begin_ms{0};
+
+void dev_msg_calls_set(const DevMsgCalls *calls)
+{
+    s_calls = *calls;
+}
 
 static uint32_t post_clock_ms(void)
 {
@@ -166,12 +169,12 @@ static void online_status_answer(DevMsg *, const char *)
 
 static void service_report_request(DevMsg *, const char *)
 {
-    service_status_device_request();
+    s_calls.service_report_wanted();
 }
 
 static void init_cfg_reload(DevMsg *, const char *)
 {
-    reload_init_cfg();
+    s_calls.init_cfg_changed();
 }
 
 static const DevMsgRow k_dev_msgs[] = {

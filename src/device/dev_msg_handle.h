@@ -5,6 +5,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+// What the device asks for and the modules above carry out. Set at start-up.
+struct DevMsgCalls {
+    void (*init_cfg_changed)(void);      // "init-cfg-changed"
+    void (*service_report_wanted)(void); // "service-status"
+};
+void dev_msg_calls_set(const DevMsgCalls *calls);
+
 // Handles one message. text is NUL-ended content in the message area of area_size bytes, which may be rewritten.
 void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size);
 

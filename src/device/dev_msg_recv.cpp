@@ -6,12 +6,12 @@
 
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_send.h"
-#include "nm/device_init.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
+#include "transport/nm_wait.h"
 
 constexpr int RECV_WAIT_MS = 200;
 constexpr int HANDLE_PAUSE_MS = 5;

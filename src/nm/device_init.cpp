@@ -17,6 +17,7 @@
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
 #include "transport/nm_sign.h"
+#include "transport/nm_wait.h"
 
 constexpr int32_t UDP_DETECTION_PERIOD_S = 6;
 constexpr int32_t RUN_STATUS_PERIOD_S = 120;
@@ -27,7 +28,6 @@ static const int k_retry_delays_ms[RETRY_STAGE_LAST + 1] = {10000, 30000, 120000
 
 std::atomic<uint8_t> g_enable_init_flag{1};
 std::atomic<uint8_t> g_init_done{0};
-std::atomic<uint32_t> g_restart_count{0};
 static std::atomic<uint8_t> s_identity_outdated{0}; // the init cfg has changed since a pass read it
 static_assert(std::atomic<uint8_t>::is_always_lock_free, "stored by the alarm's handler");
 
@@ -158,7 +158,7 @@ static void device_link_read(void)
 // Activates with the NM that this pass has read; ends early when the device or NM is another one by now. 0, or not.
 static int nm_activate(void)
 {
-    CallOff before = wait_call_off_set({&g_restart_count, g_restart_count}); // first: later changes are seen by it
+    CallOff before = nm_wait_begin(); // first: later changes are seen by it
     WaitStep step_before = wait_step_set(device_link_read);
     int result = s_identity_outdated ? -1 : device_activate();
     wait_step_set(step_before);
@@ -185,15 +185,6 @@ void device_init_pass(void)
     services_start();
     if (s_identity_outdated)
         restart_device_init();
-}
-
-void nm_waits_call_off(void)
-{
-    CallOff own = wait_call_off_set({nullptr, 0});
-    g_restart_count++;
-    if (own.counter == &g_restart_count)
-        own.value++;
-    wait_call_off_set(own);
 }
 
 void device_identity_changed(void)

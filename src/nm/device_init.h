@@ -28,13 +28,6 @@ void restart_device_init(void);
 // wait for the old NM any longer and is followed by the restart. Any thread but main.
 void device_identity_changed(void);
 
-// Rises when what still waits for the last NM has to end: with every restart, with a changed identity and with a new
-// address, port or method of NM. The call-off (wait_call_off_set) of whatever waits for NM.
-extern std::atomic<uint32_t> g_restart_count;
-
-// Calls off what waits for the last NM, the caller's own work excepted. Any thread.
-void nm_waits_call_off(void);
-
 // SIGALRM: asks for a pass. Signal context.
 void on_enable_init_alarm(int signal_number);
 

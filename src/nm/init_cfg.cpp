@@ -12,6 +12,7 @@
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "transport/field_extract.h"
+#include "transport/nm_wait.h"
 #include "transport/socket.h"
 
 constexpr size_t CFG_FILE_MAX = 10240;                 // bytes; a longer file is cut

@@ -17,13 +17,11 @@
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/field_extract.h"
-#include "transport/nm_sign.h"
+#include "transport/nm_post.h"
 
 constexpr int TABLE_SIZE = 64;
 constexpr size_t TABLE_TYPE_SIZE = 32;
 constexpr size_t STATUS_FILE_SIZE = 10240; // at most; also the room for NM's answer, which nobody reads
-
-pthread_mutex_t g_nm_post_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 struct NmMsgEntry {
     NmMsgHandler handler; // null: free
@@ -63,16 +61,8 @@ static const NmMsgRow k_nm_msgs[] = {
     NM_MSG("snapshot", nm_msg_forwarding),
 };
 
-void nm_uri_build(char (&path)[NM_URI_SIZE], const char *tail)
-{
-    PluginInfo info;
-    plugin_info_get(&info);
-    (void)text_fmt(path, "/dev-api/%s%s%s", info.dev_sn, tail ? "/" : "", tail ? tail : "");
-}
-
 int nm_msg_table_init(void)
 {
-    pthread_mutex_init(&g_nm_post_mutex, nullptr);
     for (const NmMsgRow &row : k_nm_msgs)
         (void)nm_msg_register(row.type, row.handler, row.handler_name);
     return dev_msg_recv_init();

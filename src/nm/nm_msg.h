@@ -2,22 +2,13 @@
 // need no module of their own. Commands run on the thread that made the handshake and may overlap.
 #pragma once
 
-#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 
-constexpr size_t NM_URI_SIZE = 512;
 constexpr size_t NM_PAYLOAD_SIZE = 5120; // a command is at most one byte shorter
 constexpr size_t NM_TYPE_SIZE = 512;
 
 typedef int (*NmMsgHandler)(uintptr_t context, const char *answer, const char *payload, uint32_t payload_len);
-
-// Serialises the report posts to NM on the kept connection with their answer handling. A long lock: taken with
-// wait_lock. Never held together with dev_msg_mutex.
-extern pthread_mutex_t g_nm_post_mutex;
-
-// NM's path for a message of this device: "/dev-api/<serial number>", and a slash and tail unless tail is null.
-void nm_uri_build(char (&path)[NM_URI_SIZE], const char *tail);
 
 // Fills the table and makes the two mutexes (this one and dev_msg_mutex). Start-up, before any NM traffic; the table is
 // only read afterwards. dev_msg_recv_init's result.

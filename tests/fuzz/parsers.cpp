@@ -14,6 +14,7 @@
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
 #include "nm/activation.h"
+#include "nm/init_cfg.h"
 #include "nm/init_cfg_internal.h"
 #include "nm/nm_msg.h"
 #include "remote/remote_telnet.h"
@@ -27,6 +28,7 @@
 #include "runtime/wait.h"
 #include "sim_tls.h"
 #include "status/metrics.h"
+#include "status/service_status.h"
 #include "status/service_status_internal.h"
 #include "transport/field_extract.h"
 #include "transport/http_client.h"
@@ -295,6 +297,8 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     require(freopen("/dev/null", "w", stdout));
     log_mute();
     nm_msg_table_init();
+    static const DevMsgCalls k_calls = {reload_init_cfg, service_status_device_request};
+    dev_msg_calls_set(&k_calls);
     return 0;
 }
 

@@ -19,6 +19,7 @@
 #include "sim_tls.h"
 #include "support.h"
 #include "transport/conn_registry.h"
+#include "transport/nm_post.h"
 #include "transport/nm_sign.h"
 
 // As the process does at start-up.
