@@ -12,8 +12,8 @@
 #include "device/dev_msg_recv.h"
 #include "nm/device_init.h"
 #include "nm/heartbeat.h"
-#include "nm/init_cfg.h"
-#include "nm/nm_msg.h"
+#include "nm/nm_msg_table.h"
+#include "nm/nm_session.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_web.h"
 #include "runtime/log.h"
@@ -252,7 +252,8 @@ static void upward_calls_register(void)
 // What the modules need before a thread runs. 0, or -1 without a descriptor (errno set).
 static int modules_init(void)
 {
-    if (nm_msg_table_init() != 0 || remote_web_init() != 0 || remote_telnet_init() != 0)
+    nm_msg_table_init();
+    if (dev_msg_recv_init() != 0 || remote_web_init() != 0 || remote_telnet_init() != 0)
         return -1;
     return service_status_init();
 }

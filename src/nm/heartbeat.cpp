@@ -5,7 +5,7 @@
 #include <strings.h>
 
 #include "nm/activation.h"
-#include "nm/device_init.h"
+#include "nm/nm_session.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"

@@ -6,7 +6,6 @@
 #include <string.h>
 #include <strings.h>
 
-#include "nm/device_init.h"
 #include "runtime/file_util.h"
 #include "runtime/log.h"
 #include "runtime/stop.h"
@@ -446,20 +445,10 @@ int init_cfg_compare(void)
     return result;
 }
 
-static void redirection_forget(void)
+void init_cfg_redirection_forget(void)
 {
     PluginInfoEdit edit;
     plugin_info_edit_begin(&edit);
     int_set(&edit, &edit.next.nm_redirected, 0);
     plugin_info_edit_commit(&edit);
-}
-
-void reload_init_cfg(void)
-{
-    redirection_forget();
-    int compared = init_cfg_compare();
-    if (compared == 1)
-        device_identity_changed();
-    else if (compared == 0)
-        (void)init_cfg_parse();
 }

@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 #include "device/dma_status.h"
-#include "nm/device_init.h"
 #include "nm/init_cfg_internal.h"
+#include "nm/nm_session.h"
 #include "runtime/plugin_info.h"
 #include "runtime/plugin_info_internal.h"
 #include "runtime/stop.h"
