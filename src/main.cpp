@@ -11,8 +11,11 @@
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
 #include "nm/device_init.h"
+#include "nm/heartbeat.h"
 #include "nm/init_cfg.h"
 #include "nm/nm_msg.h"
+#include "nm/nm_msg_table.h"
+#include "nm/nm_session.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_web.h"
 #include "runtime/log.h"
@@ -26,6 +29,7 @@
 #include "runtime/work_thread.h"
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
+#include "transport/nm_post.h"
 
 constexpr int LOOP_PAUSE_MS = 10;
 constexpr int THREAD_EXIT_POLL_MS = 2;
@@ -237,10 +241,21 @@ static void print_build_banner(void)
     log_info("~~~~~~~~ COMMIT_ID: %s ~~~~~~~~\n", PLUGIN_COMMIT_ID);
 }
 
+// The calls that go up, against the direction of the includes: a module below leaves to one above what it cannot know.
+static void upward_calls_register(void)
+{
+    // A heartbeat's answer may restart the bring-up or fetch a command of NM.
+    nm_post_heartbeat_answered_set(heartbeat_answered);
+    // The device asks for a reload of the init cfg, which NM's session reads, and for a service report.
+    static const DevMsgCalls k_dev_msg_calls = {reload_init_cfg, service_status_device_request};
+    dev_msg_calls_set(&k_dev_msg_calls);
+}
+
 // What the modules need before a thread runs. 0, or -1 without a descriptor (errno set).
 static int modules_init(void)
 {
-    if (nm_msg_table_init() != 0 || remote_web_init() != 0 || remote_telnet_init() != 0)
+    nm_msg_table_init();
+    if (dev_msg_recv_init() != 0 || remote_web_init() != 0 || remote_telnet_init() != 0)
         return -1;
     return service_status_init();
 }
@@ -279,6 +294,7 @@ static int process_start(void)
         log_error("Read config file failed!");
         return -1;
     }
+    upward_calls_register();
     if (modules_init() != 0) {
         doorbell_missing_log();
         return -1;

@@ -7,19 +7,16 @@
 #include <string.h>
 
 #include "device/dev_msg_send.h"
-#include "nm/device_init.h"
-#include "nm/init_cfg.h"
-#include "nm/nm_msg.h"
+#include "device/dma_status.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
-#include "status/service_status.h"
 #include "transport/conn_registry.h"
 #include "transport/field_extract.h"
-#include "transport/http_client.h"
-#include "transport/nm_sign.h"
+#include "transport/nm_post.h"
+#include "transport/nm_wait.h"
 
 constexpr size_t FIELD_SIZE = 512;       // "type", "sessionid", "error"
 constexpr size_t NM_ANSWER_SIZE = 10240; // fixed by nm_send_device_response
@@ -53,8 +50,15 @@ struct DevMsgRow {
     bool wants_payload;
 };
 
+static DevMsgCalls s_calls; // set at start-up, before any message
+
 // When the running post to NM began: milliseconds on the monotonic clock, wraps; 0: none runs.
 static std::atomic<uint32_t> s_post_begin_ms{0};
+
+void dev_msg_calls_set(const DevMsgCalls *calls)
+{
+    s_calls = *calls;
+}
 
 static uint32_t post_clock_ms(void)
 {
@@ -165,12 +169,12 @@ static void online_status_answer(DevMsg *, const char *)
 
 static void service_report_request(DevMsg *, const char *)
 {
-    service_status_device_request();
+    s_calls.service_report_wanted();
 }
 
 static void init_cfg_reload(DevMsg *, const char *)
 {
-    reload_init_cfg();
+    s_calls.init_cfg_changed();
 }
 
 static const DevMsgRow k_dev_msgs[] = {
@@ -297,14 +301,6 @@ static int verdict_read(const char *type, const char *response, AckVerdict *verd
     return 0;
 }
 
-// Sends a text and logs it. The text may have been cut: its own length counts.
-static void text_to_device(const char *type, const char *text)
-{
-    size_t len = strlen(text);
-    (void)dev_frame_send(text, (uint32_t)len);
-    log_info("Send '%s' to device, payload_len: %d, content: %s", type, (int)len, text);
-}
-
 int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const char *response, int32_t response_len)
 {
     if (!type) {
@@ -331,37 +327,6 @@ int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const c
         (void)text_fmt(text,
                        "{\t\"sessionid\":\"%s\",\t\"type\":\"%s\",\t\"result\":%s,\t\"cause\":\"%s\",\t\"ver\":\"%s\"}",
                        verdict.sessionid, row->ack, verdict.result, verdict.cause, "");
-    text_to_device(row->ack, text);
+    dev_text_send(row->ack, text);
     return 0;
-}
-
-static const char *dma_status_text(uint32_t status)
-{
-    static const char *const k_texts[] = {"offline", "plugin_initialization_failed", "device_center_request_failed",
-                                          "device_activation_failed", "online"};
-    static_assert(sizeof(k_texts) / sizeof(k_texts[0]) == DMA_ONLINE + 1, "one text per status");
-    if (status <= DMA_ONLINE)
-        return k_texts[status];
-    log_warn("Undefined device DMA status: %d!", (int)status);
-    return k_texts[DMA_OFFLINE];
-}
-
-void dma_status_send(const char *type)
-{
-    if (!type) {
-        log_error("type is NULL!");
-        return;
-    }
-    if (!conn_is_connected(DEV_TCP)) {
-        log_warn("The device TCP connection is lost!");
-        return;
-    }
-    char cause[DMA_CAUSE_SIZE];
-    uint32_t status = dma_status_get(cause);
-    PluginInfo info;
-    plugin_info_get(&info);
-    char text[DEV_TEXT_SIZE];
-    (void)text_fmt(text, "{\t\"type\":\"%s\",\t\"result\":\"%s\",\t\"cause\":\"%s\",\t\"ver\":\"%s\"}", type,
-                   dma_status_text(status), cause, info.plugin_version);
-    text_to_device(type, text);
 }

@@ -1,9 +1,16 @@
 // dev_msg_handle.h - what the device says: results, alarms, port lists and call records go to NM, questions are
-// answered, requests are carried out. Thread dev_msg_handle, one message at a time; dma_status_send any thread.
+// answered, requests are carried out. Thread dev_msg_handle, one message at a time.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
+
+// What the device asks for and the modules above carry out. Set at start-up.
+struct DevMsgCalls {
+    void (*init_cfg_changed)(void);      // "init-cfg-changed"
+    void (*service_report_wanted)(void); // "service-status"
+};
+void dev_msg_calls_set(const DevMsgCalls *calls);
 
 // Handles one message. text is NUL-ended content in the message area of area_size bytes, which may be rewritten.
 void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size);
@@ -11,9 +18,6 @@ void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size);
 // Acknowledges a message of the given type to the device by NM's response (null: none). 0 when an ack was sent, else
 // -1.
 int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const char *response, int32_t response_len);
-
-// Tells the device the DMA status in a message of the given type. Warns without a device link.
-void dma_status_send(const char *type);
 
 // 1 when the message being handled has waited for NM longer than the time-outs of a post allow: in a TLS handshake that
 // NM does not answer, and that only NM or a call-off ends. Any thread.

@@ -6,12 +6,12 @@
 
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_send.h"
-#include "nm/device_init.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
+#include "transport/nm_wait.h"
 
 constexpr int RECV_WAIT_MS = 200;
 constexpr int HANDLE_PAUSE_MS = 5;
@@ -35,7 +35,6 @@ static WaitBell s_bell; // rung when bytes were added
 
 int dev_msg_recv_init(void)
 {
-    pthread_mutex_init(&s_dev_msg_mutex, nullptr);
     return wait_bell_init(&s_bell);
 }
 
@@ -60,12 +59,12 @@ int dev_msg_buffer_init(void)
     return 1;
 }
 
-int dev_msg_buffer_ready(void)
+bool dev_msg_has_buffer(void)
 {
     pthread_mutex_lock(&s_dev_msg_mutex);
-    int ready = s_buffer.data && s_buffer.msg;
+    bool has_buffer = s_buffer.data;
     pthread_mutex_unlock(&s_dev_msg_mutex);
-    return ready;
+    return has_buffer;
 }
 
 void free_device_buffers(void)
@@ -82,12 +81,12 @@ static uint32_t pending_locked(void)
     return s_buffer.write_pos - s_buffer.read_pos;
 }
 
-// 1 when what is pending begins with a frame whose rest is still to come.
-static int frame_is_incomplete_locked(void)
+// What is pending begins with a frame whose rest is still to come.
+static bool is_frame_incomplete_locked(void)
 {
     uint32_t pending = pending_locked();
     if (pending < FRAME_LOOK_MIN)
-        return 1;
+        return true;
     uint32_t length = le32_get(s_buffer.data + s_buffer.read_pos);
     return length <= s_buffer.msg_capacity - DEV_FRAME_HEADER_SIZE && length > pending - DEV_FRAME_HEADER_SIZE;
 }
@@ -101,7 +100,7 @@ static uint32_t make_room_locked(void)
         return s_buffer.msg_capacity;
     uint32_t pending = pending_locked();
     bool full = pending > s_buffer.capacity - s_buffer.msg_capacity;
-    if (full && !frame_is_incomplete_locked())
+    if (full && !is_frame_incomplete_locked())
         return 0;
     if (pending != 0)
         memmove(s_buffer.data, s_buffer.data + s_buffer.read_pos, pending);
@@ -110,33 +109,33 @@ static uint32_t make_room_locked(void)
     return full ? s_buffer.capacity - pending : s_buffer.msg_capacity;
 }
 
-// The receive does not wait (the socket is non-blocking), so it may stay under the short lock. Returns 1 when bytes
-// were added.
+// The receive does not wait (the socket is non-blocking), so it may stay under the short lock. 0 when bytes were added,
+// else -1 (logged).
 static int recv_locked(const SocketConn *conn)
 {
     uint32_t room = make_room_locked();
     if (room == 0) {
         log_warn("The device message buffer is full! Wait a moment ...");
-        return 0;
+        return -1;
     }
     int received = conn_recv(conn, s_buffer.data + s_buffer.write_pos, room);
     if (received < 1) {
         log_warn("Receive error from: %s:%s, len: %d!", conn->remote_ip, conn->remote_port, received);
-        return 0;
+        return -1;
     }
     log_debug("Receive device message from: %s:%s, len:%d", conn->remote_ip, conn->remote_port, received);
     s_buffer.write_pos += (uint32_t)received;
-    return 1;
+    return 0;
 }
 
 // The device says that it has another init cfg, but the thread that would hear it hangs at the NM of the old one.
-static int reload_waits(void)
+static bool has_reload_waiting(void)
 {
     static const char k_type[] = "\"init-cfg-changed\"";
     if (!dev_msg_is_stuck())
-        return 0;
+        return false;
     pthread_mutex_lock(&s_dev_msg_mutex);
-    int found =
+    bool found =
         s_buffer.data && memmem(s_buffer.data + s_buffer.read_pos, pending_locked(), k_type, sizeof(k_type) - 1);
     pthread_mutex_unlock(&s_dev_msg_mutex);
     return found;
@@ -144,17 +143,17 @@ static int reload_waits(void)
 
 void dev_msg_recv(void)
 {
-    if (reload_waits())
+    if (has_reload_waiting())
         nm_waits_call_off();
-    if (!poll_conn_readable(DEV_TCP, RECV_WAIT_MS) || !conn_check(DEV_TCP) || !dev_msg_buffer_ready())
+    if (!poll_conn_readable(DEV_TCP, RECV_WAIT_MS) || !conn_check(DEV_TCP) || !dev_msg_has_buffer())
         return;
     SocketConn conn;
     if (conn_hold(DEV_TCP, &conn)) {
         log_debug("Device msg come");
         pthread_mutex_lock(&s_dev_msg_mutex);
-        int added = recv_locked(&conn);
+        int result = recv_locked(&conn);
         pthread_mutex_unlock(&s_dev_msg_mutex);
-        if (added)
+        if (result == 0)
             wait_bell_ring(&s_bell);
     }
     conn_drop(&conn);
@@ -168,10 +167,11 @@ static void consume_locked(uint32_t count)
         s_buffer.read_pos = s_buffer.write_pos = 0;
 }
 
-// Cuts the next frame into the message area. Returns 1 with the content's length, 0 when there is nothing to hand over.
-static int frame_cut_locked(uint32_t *content_len)
+// Takes the next frame out of the buffer into the message area. Returns its content's length, 0 when there is nothing
+// to hand over.
+static uint32_t frame_take_locked(void)
 {
-    if (!s_buffer.data || !s_buffer.msg || pending_locked() < FRAME_LOOK_MIN)
+    if (!s_buffer.data || pending_locked() < FRAME_LOOK_MIN)
         return 0;
     uint32_t length = le32_get(s_buffer.data + s_buffer.read_pos);
     if (length > s_buffer.msg_capacity - DEV_FRAME_HEADER_SIZE) {
@@ -186,25 +186,18 @@ static int frame_cut_locked(uint32_t *content_len)
     memcpy(s_buffer.msg, content, length);
     s_buffer.msg[length] = '\0'; // within the area by the bound above; hides what an earlier message left
     consume_locked(DEV_FRAME_HEADER_SIZE + length);
-    *content_len = length;
-    return length > 0;
+    return length;
 }
 
 void dev_msg_get(void)
 {
-    uint32_t length = 0;
     pthread_mutex_lock(&s_dev_msg_mutex);
-    int cut = frame_cut_locked(&length);
+    uint32_t length = frame_take_locked();
     char *msg = s_buffer.msg;
     uint32_t msg_capacity = s_buffer.msg_capacity;
     pthread_mutex_unlock(&s_dev_msg_mutex);
-    if (!cut)
-        return;
-    if (!msg || msg_capacity == 0) {
-        log_warn("Receive device message: null!");
-        return;
-    }
-    dev_msg_dispatch(msg, length, msg_capacity);
+    if (length > 0)
+        dev_msg_dispatch(msg, length, msg_capacity);
 }
 
 void dev_msg_handle_turn(void)
@@ -215,5 +208,5 @@ void dev_msg_handle_turn(void)
     if (pending < FRAME_LOOK_MIN)
         (void)wait_bell(&s_bell, -1);
     dev_msg_get();
-    wait_cadence_ms(HANDLE_PAUSE_MS); // after a cut wait too: the loop ends on the exit flag, which comes later
+    wait_cadence_ms(HANDLE_PAUSE_MS); // after a stop too: the loop ends on the exit flag, which comes later
 }

@@ -37,6 +37,13 @@ int dev_frame_send(const void *text, uint32_t len)
     return result;
 }
 
+void dev_text_send(const char *type, const char *text)
+{
+    size_t len = strlen(text);
+    (void)dev_frame_send(text, (uint32_t)len);
+    log_info("Send '%s' to device, payload_len: %d, content: %s", type, (int)len, text);
+}
+
 void dev_object_send(const char *type, const char *key, const char *object_text)
 {
     if (!conn_is_connected(DEV_TCP)) {

@@ -7,7 +7,7 @@
 #include <strings.h>
 
 #include "device/dev_msg_send.h"
-#include "nm/device_init.h"
+#include "device/dma_status.h"
 #include "nm/nm_msg.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
@@ -15,7 +15,8 @@
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "transport/field_extract.h"
-#include "transport/nm_sign.h"
+#include "transport/nm_post.h"
+#include "transport/nm_wait.h"
 #include "transport/resolve.h"
 
 constexpr size_t ANSWER_SIZE = 10240;
@@ -146,7 +147,7 @@ static int answer_handle(const cJSON *root, const char *dev_sn)
 static cJSON *activation_post(const PluginInfo *info, char *body, char *rsp)
 {
     char path[NM_PATH_SIZE];
-    (void)text_fmt(path, "/dev-api/%s/active", info->dev_sn);
+    nm_uri_format(path, sizeof(path), info->dev_sn, "active");
     (void)text_format(body, BODY_SIZE,
                       "{\n\t\"deviceSn\":\"%s\",\n\t\"ptype\":\"%s\",\n\t\"category\":\"%s\",\n\t\"pname\":\"%s\",\n"
                       "\t\"pversion\":\"%s\",\n\t\"mac\":\"%s\",\n\t\"localIp\":\"%s\",\n\t\"platformName\":\"%s\",\n"
@@ -250,7 +251,7 @@ static char *handshake_post(void)
     plugin_info_get(&info);
     char path[NM_PATH_SIZE];
     char body[ID_TEXT_SIZE + 32];
-    (void)text_fmt(path, "/dev-api/%s/handshake", info.dev_sn);
+    nm_uri_format(path, sizeof(path), info.dev_sn, "handshake");
     (void)text_fmt(body, "{\n\"ver\":\"%s\"\n}", info.protocol_version);
     log_debug("Sending handshake req...");
     if (nm_http_post(path, body, rsp, ANSWER_SIZE) >= 0)

@@ -1,152 +1,39 @@
 #include "nm/device_init.h"
 
-#include <pthread.h>
-#include <string.h>
+#include <atomic>
 
-#include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
+#include "device/dma_status.h"
 #include "nm/activation.h"
 #include "nm/heartbeat.h"
 #include "nm/init_cfg.h"
+#include "nm/nm_session.h"
 #include "runtime/log.h"
 #include "runtime/plugin_config.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
-#include "runtime/timer.h"
 #include "runtime/wait.h"
 #include "status/metrics.h"
-#include "status/service_status.h"
 #include "transport/conn_registry.h"
 #include "transport/connect.h"
 #include "transport/nm_sign.h"
+#include "transport/nm_wait.h"
 
-constexpr int32_t UDP_DETECTION_PERIOD_S = 6;
-constexpr int32_t RUN_STATUS_PERIOD_S = 120;
-constexpr int RESTART_DELAY_MS = 10000;
 constexpr int32_t FAILURES_MAX = 4; // one more reads config.ini again and raises the retry stage
-constexpr int32_t RETRY_STAGE_LAST = 2;
-static const int k_retry_delays_ms[RETRY_STAGE_LAST + 1] = {10000, 30000, 120000};
 
-std::atomic<uint8_t> g_enable_init_flag{1};
-std::atomic<uint8_t> g_init_done{0};
-std::atomic<uint32_t> g_restart_count{0};
-static std::atomic<uint8_t> s_identity_outdated{0}; // the init cfg has changed since a pass read it
-static_assert(std::atomic<uint8_t>::is_always_lock_free, "stored by the alarm's handler");
-
-static int32_t s_init_fail_count;               // main thread only; since the last success or forced re-read
-static std::atomic<int32_t> s_init_retry_stage; // survives a success: a flapping device keeps its long delay
-
-// Bring-up lock, short: g_init_done's way to 1 and both timer records.
-static pthread_mutex_t s_bring_up_mutex = PTHREAD_MUTEX_INITIALIZER;
-static PluginTimer s_udp_detection_timer = {0, UDP_DETECTION_PERIOD_S, 0, udp_handler};
-static PluginTimer s_run_status_timer = {0, RUN_STATUS_PERIOD_S, 0, run_status_handler};
-
-// What the device is told about us. Short lock.
-static pthread_mutex_t s_dma_mutex = PTHREAD_MUTEX_INITIALIZER;
-static struct {
-    uint32_t status;
-    char cause[DMA_CAUSE_SIZE];
-    bool notify_pending; // status or cause changed since the device was told
-} s_dma;
-
-enum DmaCauseRule { DMA_CAUSE_CLEAR, DMA_CAUSE_KEEP };
-
-static void dma_status_change(DmaStatus status, DmaCauseRule cause_rule)
-{
-    pthread_mutex_lock(&s_dma_mutex);
-    if (s_dma.status != status) {
-        s_dma.status = status;
-        s_dma.notify_pending = true;
-        if (cause_rule == DMA_CAUSE_CLEAR)
-            s_dma.cause[0] = '\0';
-    }
-    pthread_mutex_unlock(&s_dma_mutex);
-}
-
-void set_dma_cause(const char *cause)
-{
-    if (!cause) {
-        log_error("new_cause is NULL!");
-        return;
-    }
-    pthread_mutex_lock(&s_dma_mutex);
-    if (strcmp(s_dma.cause, cause) != 0) { // a cause too long to be kept whole differs every time
-        (void)text_set(s_dma.cause, cause);
-        s_dma.notify_pending = true;
-    }
-    pthread_mutex_unlock(&s_dma_mutex);
-}
-
-uint32_t dma_status_get(char (&cause)[DMA_CAUSE_SIZE])
-{
-    pthread_mutex_lock(&s_dma_mutex);
-    uint32_t status = s_dma.status;
-    (void)text_set(cause, s_dma.cause);
-    pthread_mutex_unlock(&s_dma_mutex);
-    return status;
-}
-
-// Tells the device what changed. Without a device link the change is forgotten all the same.
-static void device_notify(void)
-{
-    pthread_mutex_lock(&s_dma_mutex);
-    bool pending = s_dma.notify_pending;
-    s_dma.notify_pending = false;
-    pthread_mutex_unlock(&s_dma_mutex);
-    if (pending)
-        dma_status_send("online-status-notify");
-}
-
-void on_enable_init_alarm(int)
-{
-    g_enable_init_flag = 1;
-}
-
-static void pass_arm(int delay_ms)
-{
-    log_debug("Start timer for 'enable_init_flag', len: %d ms", delay_ms);
-    (void)start_alarm_timer(delay_ms, on_enable_init_alarm);
-}
-
-static void timer_restart_locked(PluginTimer *timer, int32_t period_s)
-{
-    stop_timer(timer);
-    timer->seconds = period_s;
-    timer->milliseconds = 0;
-    start_timer(timer);
-}
-
-void udp_detection_period_set(int32_t period_s)
-{
-    pthread_mutex_lock(&s_bring_up_mutex);
-    if (period_s != s_udp_detection_timer.seconds) {
-        log_info("Changing UDP detection interval from: %d to %d.", s_udp_detection_timer.seconds, period_s);
-        timer_restart_locked(&s_udp_detection_timer, period_s);
-    }
-    pthread_mutex_unlock(&s_bring_up_mutex);
-}
-
-void run_status_period_set(int32_t period_s)
-{
-    pthread_mutex_lock(&s_bring_up_mutex);
-    if (period_s != s_run_status_timer.seconds) {
-        log_info("Change the device system status report interval from: %d to %d.", s_run_status_timer.seconds,
-                 period_s);
-        timer_restart_locked(&s_run_status_timer, period_s);
-    }
-    pthread_mutex_unlock(&s_bring_up_mutex);
-}
+static std::atomic<bool> s_identity_outdated{false}; // the init cfg has changed since a pass read it
+static int32_t s_init_fail_count;                    // main thread only; since the last success or forced re-read
 
 // Reads the init cfg and sees to the message buffers. 0, or -1 (logged).
 static int settings_take(void)
 {
     log_info("Device initializing...");
-    s_identity_outdated = 0;
+    s_identity_outdated = false;
     if (init_cfg_parse() != 0) {
         log_error("Parsing init cfg failed!");
         return -1;
     }
-    return dev_msg_buffer_ready() || dev_msg_buffer_init() ? 0 : -1;
+    return dev_msg_has_buffer() || dev_msg_buffer_init() ? 0 : -1;
 }
 
 // Keeps a device link that works or makes a new one. 0, or -1 (logged).
@@ -166,21 +53,6 @@ static int device_link_open(void)
     return -1;
 }
 
-// Online. One step under the lock: a restart comes either before all of it or stops both timers after it.
-static void services_start(void)
-{
-    s_init_fail_count = 0;
-    pthread_mutex_lock(&s_bring_up_mutex);
-    g_init_done = 1;
-    dma_status_change(DMA_ONLINE, DMA_CAUSE_CLEAR);
-    log_info("Init cfg successfully, start the services ...");
-    timer_restart_locked(&s_udp_detection_timer, UDP_DETECTION_PERIOD_S);
-    service_status_reset();
-    timer_restart_locked(&s_run_status_timer, RUN_STATUS_PERIOD_S);
-    pthread_mutex_unlock(&s_bring_up_mutex);
-    device_notify();
-}
-
 // The fifth failure in a row: everything is read again, and the retries become rarer.
 static void settings_give_up(void)
 {
@@ -189,20 +61,19 @@ static void settings_give_up(void)
     g_init_done = 0;
     if (!read_plugin_config())
         log_warn("Read config file failed!");
-    if (s_init_retry_stage < RETRY_STAGE_LAST)
-        s_init_retry_stage++;
+    nm_session_retry_slow_down();
 }
 
 static void pass_failed(void)
 {
-    device_notify();
+    dma_status_notify();
     s_init_fail_count++;
     if (s_init_fail_count > FAILURES_MAX)
         settings_give_up();
     if (s_identity_outdated)
-        s_init_retry_stage = 0; // the restart that is due
+        nm_session_retry_reset(); // the restart that is due
     log_warn("Init config failed, re-initialize!");
-    pass_arm(k_retry_delays_ms[s_init_retry_stage]);
+    nm_session_retry_arm();
 }
 
 // The receive step of a main thread that waits for NM: a device that is to be moved away from a silent NM says so on
@@ -216,7 +87,7 @@ static void device_link_read(void)
 // Activates with the NM that this pass has read; ends early when the device or NM is another one by now. 0, or not.
 static int nm_activate(void)
 {
-    CallOff before = wait_call_off_set({&g_restart_count, g_restart_count}); // first: later changes are seen by it
+    CallOff before = nm_wait_begin(); // first: later changes are seen by it
     WaitStep step_before = wait_step_set(device_link_read);
     int result = s_identity_outdated ? -1 : device_activate();
     wait_step_set(step_before);
@@ -229,51 +100,37 @@ void device_init_pass(void)
     heartbeat_reset();
     g_enable_init_flag = 0;
     if ((!g_init_done && settings_take() != 0) || device_link_open() != 0) {
-        dma_status_change(DMA_PLUGIN_INIT_FAILED, DMA_CAUSE_CLEAR);
+        dma_status_set(DMA_PLUGIN_INIT_FAILED, DMA_CAUSE_CLEAR);
         pass_failed();
         return;
     }
     (void)nm_sign_init();
     if (nm_activate() != 0) {
-        dma_status_change(DMA_ACTIVATION_FAILED, DMA_CAUSE_KEEP); // activation has set the cause
+        dma_status_set(DMA_ACTIVATION_FAILED, DMA_CAUSE_KEEP); // activation has set the cause
         log_warn("Device active failed!");
         pass_failed();
         return;
     }
-    services_start();
+    s_init_fail_count = 0;
+    nm_session_open(udp_handler, run_status_handler);
+    dma_status_notify();
     if (s_identity_outdated)
         restart_device_init();
 }
 
-void nm_waits_call_off(void)
+static void identity_changed(void)
 {
-    CallOff own = wait_call_off_set({nullptr, 0});
-    g_restart_count++;
-    if (own.counter == &g_restart_count)
-        own.value++;
-    wait_call_off_set(own);
-}
-
-void device_identity_changed(void)
-{
-    s_identity_outdated = 1; // before the rest: a pass that ends in between sees it
-    nm_waits_call_off();     // offline the restart does nothing
+    s_identity_outdated = true; // before the rest: a pass that ends in between sees it
+    nm_waits_call_off();        // offline the restart does nothing
     restart_device_init();
 }
 
-void restart_device_init(void)
+void reload_init_cfg(void)
 {
-    if (!g_init_done.exchange(0))
-        return; // offline, or another thread restarts already
-    g_restart_count++;
-    s_init_retry_stage = 0;
-    conn_remove_all_but_device();
-    pass_arm(RESTART_DELAY_MS);
-    pthread_mutex_lock(&s_bring_up_mutex);
-    if (!g_init_done) { // else the closing above took so long that the next pass has put everything right
-        stop_timer(&s_udp_detection_timer);
-        stop_timer(&s_run_status_timer);
-        service_status_disable();
-    }
-    pthread_mutex_unlock(&s_bring_up_mutex);
+    init_cfg_redirection_forget();
+    int compared = init_cfg_compare();
+    if (compared == 1)
+        identity_changed();
+    else if (compared == 0)
+        (void)init_cfg_parse();
 }

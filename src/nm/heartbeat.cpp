@@ -5,8 +5,7 @@
 #include <strings.h>
 
 #include "nm/activation.h"
-#include "nm/device_init.h"
-#include "nm/nm_msg.h"
+#include "nm/nm_session.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
@@ -15,9 +14,8 @@
 #include "transport/conn_registry.h"
 #include "transport/connect.h"
 #include "transport/field_extract.h"
-#include "transport/http_client.h"
+#include "transport/nm_wait.h"
 
-constexpr size_t ANSWER_SIZE = 512;
 constexpr size_t UDP_ANSWER_SIZE = 128;
 constexpr size_t HEARTBEAT_BODY_SIZE = 128;
 constexpr int UDP_ANSWER_WAIT_MS = 1000;
@@ -30,9 +28,6 @@ static std::atomic<int32_t> s_http_nonresponse_count;
 // One heartbeat exchange at a time: overlapping ones would read each other's answers and count twice.
 static std::atomic<bool> s_exchange_running;
 static thread_local bool t_owns_exchange;
-
-static const char *const k_report_tails[] = {"heartbeat", "runstatus", "working/services", "callhistory"};
-static_assert(sizeof(k_report_tails) / sizeof(k_report_tails[0]) == REPORT_TYPE_COUNT, "one path per report type");
 
 enum HeartbeatAnswer { ANSWER_OTHER, ANSWER_ACTIVE, ANSWER_ACK, ANSWER_REC };
 
@@ -107,47 +102,19 @@ static HeartbeatAnswer http_answer_read(const char *answer)
     return result;
 }
 
-// Posts under the NM post lock, which the caller holds. Returns what the result of tx_nms_message is to be; *answer is
-// ANSWER_ACK when a handshake has to follow once the lock is released.
-static int post_locked(uint32_t type, const char *path, const char *body, HeartbeatAnswer *answer)
+int heartbeat_answered(const char *answer, HeartbeatAfter *after)
 {
-    char rsp[ANSWER_SIZE] = {};
-    int len = http_post_nm(path, body, rsp, sizeof(rsp));
-    if (wait_is_cut())
-        return -1; // neither an answer nor a miss
-    if (len < 0) {
-        if (type == REPORT_HEARTBEAT)
-            http_miss_count();
+    if (!answer) {
+        http_miss_count();
         return -1;
     }
-    log_debug("Post http message to nm result, len: %d, rsp: %s", len, rsp);
-    if (type != REPORT_HEARTBEAT)
-        return 0;
     s_http_nonresponse_count = 0;
-    *answer = http_answer_read(rsp);
-    if (*answer == ANSWER_REC)
+    HeartbeatAnswer word = http_answer_read(answer);
+    if (word == ANSWER_REC)
         restart_asked_by_nm();
-    return *answer == ANSWER_OTHER ? -1 : 0;
-}
-
-int tx_nms_message(uint32_t type, const char *body, size_t len)
-{
-    if (!body || len == 0)
-        return -1;
-    if (type >= REPORT_TYPE_COUNT) {
-        log_warn("Undefined tx nms message type: %d", (int)type);
-        return -1;
-    }
-    char path[NM_URI_SIZE];
-    nm_uri_build(path, k_report_tails[type]);
-    if (wait_lock(&g_nm_post_mutex) != WAIT_READY)
-        return -1;
-    HeartbeatAnswer answer = ANSWER_OTHER;
-    int result = post_locked(type, path, body, &answer);
-    wait_unlock(&g_nm_post_mutex);
-    if (answer == ANSWER_ACK)
-        handshake_run();
-    return result;
+    if (word == ANSWER_ACK)
+        *after = handshake_run; // its commands may post again: not under the lock
+    return word == ANSWER_OTHER ? -1 : 0;
 }
 
 // Sends the body and waits for NM's datagram on a held UDP connection. Answers that come too late stay in the socket:
@@ -249,7 +216,7 @@ static void heartbeat(void)
 
 void udp_handler(PluginTimer *)
 {
-    CallOff before = wait_call_off_set({&g_restart_count, g_restart_count});
+    CallOff before = nm_wait_begin();
     work_thread_set_name("udp_handler");
     if (!conn_check(DEV_TCP)) {
         log_warn("Device TCP connection lost! Re-initialize device...");

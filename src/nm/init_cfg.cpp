@@ -6,14 +6,15 @@
 #include <string.h>
 #include <strings.h>
 
-#include "nm/device_init.h"
 #include "runtime/file_util.h"
 #include "runtime/log.h"
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "transport/field_extract.h"
 #include "transport/interface.h"
+#include "transport/nm_wait.h"
 #include "transport/resolve.h"
+#include "transport/socket.h"
 
 constexpr size_t CFG_FILE_MAX = 10240;                 // bytes; a longer file is cut
 constexpr int32_t DEV_MSG_SIZE_MIN = 4096;             // bytes
@@ -446,20 +447,10 @@ int init_cfg_compare(void)
     return result;
 }
 
-static void redirection_forget(void)
+void init_cfg_redirection_forget(void)
 {
     PluginInfoEdit edit;
     plugin_info_edit_begin(&edit);
     int_set(&edit, &edit.next.nm_redirected, 0);
     plugin_info_edit_commit(&edit);
-}
-
-void reload_init_cfg(void)
-{
-    redirection_forget();
-    int compared = init_cfg_compare();
-    if (compared == 1)
-        device_identity_changed();
-    else if (compared == 0)
-        (void)init_cfg_parse();
 }

@@ -17,6 +17,5 @@ int init_cfg_parse_log(void);
 // read or parsed. Changes nothing and ends nothing.
 int init_cfg_compare(void);
 
-// The device says that it changed the file (dev_msg_handle): forget a redirection; then restart the bring-up when the
-// identity differs, take the other values again when it does not.
-void reload_init_cfg(void);
+// Ends a redirection: the next reading takes NM's method, host and port from the file again.
+void init_cfg_redirection_forget(void);

@@ -1,15 +1,11 @@
 #include "nm/nm_msg.h"
+#include "nm/nm_msg_internal.h"
 
 #include <cjson/cJSON.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "device/dev_msg_recv.h"
 #include "device/dev_msg_send.h"
-#include "nm/heartbeat.h"
-#include "nm/report_strategy.h"
-#include "remote/remote_telnet.h"
-#include "remote/remote_web.h"
 #include "runtime/file_util.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
@@ -17,70 +13,22 @@
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/field_extract.h"
-#include "transport/nm_sign.h"
+#include "transport/nm_post.h"
 
+constexpr size_t TYPE_SIZE = 512;
 constexpr int TABLE_SIZE = 64;
 constexpr size_t TABLE_TYPE_SIZE = 32;
 constexpr size_t STATUS_FILE_SIZE = 10240; // at most; also the room for NM's answer, which nobody reads
-
-pthread_mutex_t g_nm_post_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 struct NmMsgEntry {
     NmMsgHandler handler; // null: free
     char type[TABLE_TYPE_SIZE];
 };
-static NmMsgEntry s_table[TABLE_SIZE]; // written at start-up only, so read without a lock
-
-struct NmMsgRow {
-    const char *type;
-    NmMsgHandler handler;
-    const char *handler_name;
-};
-#define NM_MSG(type, handler)   \
-    {                           \
-        type, handler, #handler \
-    }
-static const NmMsgRow k_nm_msgs[] = {
-    NM_MSG("upgrade", nm_msg_forwarding),
-    NM_MSG("backup", nm_msg_forwarding),
-    NM_MSG("reboot", nm_msg_forwarding),
-    NM_MSG("reset", nm_msg_forwarding),
-    NM_MSG("log", nm_msg_forwarding),
-    NM_MSG("provision", nm_msg_forwarding),
-    NM_MSG("auto_provision", nm_msg_forwarding),
-    NM_MSG("dev-info", nm_dev_query_handle),
-    NM_MSG("dev-status", nm_dev_query_handle),
-    NM_MSG("port-info", nm_port_query_handle),
-    NM_MSG("port-status", nm_port_query_handle),
-    NM_MSG("remote-web", remote_web_req_handle),
-    NM_MSG("remote-telnet", remote_telnet_req_handle),
-    NM_MSG("trigger", udp_detection_interval_handle),
-    NM_MSG("device-status", nm_dev_status_control_handle),
-    NM_MSG("ping", nm_msg_forwarding),
-    NM_MSG("traceroute", nm_msg_forwarding),
-    NM_MSG("tcpdump", nm_msg_forwarding),
-    NM_MSG("sync-config", nm_msg_forwarding),
-    NM_MSG("snapshot", nm_msg_forwarding),
-};
-
-void nm_uri_build(char (&path)[NM_URI_SIZE], const char *tail)
-{
-    PluginInfo info;
-    plugin_info_get(&info);
-    (void)text_fmt(path, "/dev-api/%s%s%s", info.dev_sn, tail ? "/" : "", tail ? tail : "");
-}
-
-int nm_msg_table_init(void)
-{
-    pthread_mutex_init(&g_nm_post_mutex, nullptr);
-    for (const NmMsgRow &row : k_nm_msgs)
-        (void)nm_msg_register(row.type, row.handler, row.handler_name);
-    return dev_msg_recv_init();
-}
+static NmMsgEntry nm_msg_table[TABLE_SIZE]; // written at start-up only, so read without a lock
 
 int nm_msg_register(const char *type, NmMsgHandler handler, const char *handler_name)
 {
-    for (NmMsgEntry &entry : s_table) {
+    for (NmMsgEntry &entry : nm_msg_table) {
         if (entry.handler)
             continue;
         (void)text_set(entry.type, type);
@@ -95,7 +43,7 @@ int nm_msg_register(const char *type, NmMsgHandler handler, const char *handler_
 // Free entries have an empty type, as a payload without a type has: the handler decides first.
 static NmMsgHandler handler_find(const char *type)
 {
-    for (const NmMsgEntry &entry : s_table) {
+    for (const NmMsgEntry &entry : nm_msg_table) {
         if (entry.handler && strcmp(entry.type, type) == 0)
             return entry.handler;
     }
@@ -115,7 +63,7 @@ int nm_msg_process(uintptr_t context, const char *answer)
         return 0;
     }
     log_info("Payload: %s", payload);
-    char type[NM_TYPE_SIZE] = {};
+    char type[TYPE_SIZE] = {};
     if (nm_msg_type_parse(payload, type, sizeof(type)) != 0) {
         log_warn("msg_type_parse failed, no matching for 'type'");
         return -1;
@@ -208,6 +156,14 @@ int nm_msg_forwarding(uintptr_t, const char *, const char *payload, uint32_t pay
     return 0;
 }
 
+// A status file that the device keeps up to date and NM asks for.
+struct StatusFile {
+    const char *name; // in the log lines
+    char (PluginInfo::*path)[PATH_TEXT_SIZE];
+    const char *uri_tail;
+    bool is_logged; // with its content
+};
+
 // Reads a status file whole into fresh text (caller frees). Null when nothing was read.
 static char *status_file_read(const char *path)
 {
@@ -219,57 +175,49 @@ static char *status_file_read(const char *path)
 }
 
 // Posts a status file's text to NM; the answer is not looked at. Negative on failure.
-static int status_post(const char *path_tail, const char *body)
+static int status_post(const char *uri_tail, const char *body)
 {
     char *answer = (char *)calloc(1, STATUS_FILE_SIZE);
     if (!answer)
         return -1;
     char path[NM_URI_SIZE];
-    nm_uri_build(path, path_tail);
+    nm_uri_build(path, uri_tail);
     int result = nm_http_post(path, body, answer, STATUS_FILE_SIZE);
     free(answer);
     return result;
 }
 
-int nm_dev_query_handle(uintptr_t, const char *, const char *, uint32_t)
+static int status_file_post(const StatusFile *file)
 {
-    log_info("Querying dev status...");
+    log_info("Querying %s status...", file->name);
     PluginInfo info;
     plugin_info_get(&info);
-    char *text = status_file_read(info.device_path);
+    char *text = status_file_read(info.*file->path);
     if (!text) {
-        log_warn("Querying dev status failed!");
+        log_warn("Querying %s status failed!", file->name);
         return -1;
     }
-    log_info("Querying dev status successfully.");
-    log_info("Dev status query response: %s", text);
-    int result = status_post(nullptr, text);
+    log_info("Querying %s status successfully.", file->name);
+    if (file->is_logged)
+        log_info("Dev status query response: %s", text);
+    int result = status_post(file->uri_tail, text);
     free(text);
     if (result < 0 && wait_is_cut())
         return 0; // asked to stop: NM refused nothing
     if (result < 0)
-        log_warn("Posting dev status failed!, ret = %d", result);
-    log_info("Posting dev status successfully"); // after a failed post too: readers of the logs know the pair
+        log_warn("Posting %s status failed!, ret = %d", file->name, result);
+    log_info("Posting %s status successfully", file->name); // after a failed post too: log readers expect the pair
     return 0;
+}
+
+int nm_dev_query_handle(uintptr_t, const char *, const char *, uint32_t)
+{
+    static const StatusFile k_file = {"dev", &PluginInfo::device_path, nullptr, true};
+    return status_file_post(&k_file);
 }
 
 int nm_port_query_handle(uintptr_t, const char *, const char *, uint32_t)
 {
-    log_info("Querying port status...");
-    PluginInfo info;
-    plugin_info_get(&info);
-    char *text = status_file_read(info.port_path);
-    if (!text) {
-        log_warn("Querying port status failed!");
-        return -1;
-    }
-    log_info("Querying port status successfully.");
-    int result = status_post("port", text);
-    free(text);
-    if (result < 0 && wait_is_cut())
-        return 0; // asked to stop: NM refused nothing
-    if (result < 0)
-        log_warn("Posting port status failed!, ret = %d", result);
-    log_info("Posting port status successfully"); // after a failed post too
-    return 0;
+    static const StatusFile k_file = {"port", &PluginInfo::port_path, "port", false};
+    return status_file_post(&k_file);
 }

@@ -1,40 +1,18 @@
-// nm_msg.h - NM's commands: the table from type to handler, cutting the command out of an answer, and the handlers that
-// need no module of their own. Commands run on the thread that made the handshake and may overlap.
+// nm_msg.h - NM's commands: the table from type to handler, extracting the command from an answer, and the handlers
+// that need no module of their own. Commands run on the thread that made the handshake and may overlap.
 #pragma once
 
-#include <pthread.h>
-#include <stddef.h>
 #include <stdint.h>
-
-constexpr size_t NM_URI_SIZE = 512;
-constexpr size_t NM_PAYLOAD_SIZE = 5120; // a command is at most one byte shorter
-constexpr size_t NM_TYPE_SIZE = 512;
 
 typedef int (*NmMsgHandler)(uintptr_t context, const char *answer, const char *payload, uint32_t payload_len);
 
-// Serialises the report posts to NM on the kept connection with their answer handling. A long lock: taken with
-// wait_lock. Never held together with dev_msg_mutex.
-extern pthread_mutex_t g_nm_post_mutex;
-
-// NM's path for a message of this device: "/dev-api/<serial number>", and a slash and tail unless tail is null.
-void nm_uri_build(char (&path)[NM_URI_SIZE], const char *tail);
-
-// Fills the table and makes the two mutexes (this one and dev_msg_mutex). Start-up, before any NM traffic; the table is
-// only read afterwards. dev_msg_recv_init's result.
-int nm_msg_table_init(void);
-
-// Adds one type to the first free of the 64 entries. 0, or -1 (logged) when the table is full.
+// Adds one type to the first free of the 64 entries of the table. 0, or -1 (logged) when it is full. Start-up; the
+// table is only read afterwards.
 int nm_msg_register(const char *type, NmMsgHandler handler, const char *handler_name);
 
 // Runs the command of an NM answer. 0 on success and for an empty payload, -1 (logged) for a bad answer or an unknown
 // type, else the handler's result.
 int nm_msg_process(uintptr_t context, const char *answer);
-
-// The payload's text (the last child's of "payload"), untouched buffer when there is none. 0, or -1 (logged).
-int nm_payload_extract(const char *answer, char *buf, size_t buf_cap, uint32_t *payload_len);
-
-// The payload's "type", empty when there is none. 0, or -1 (logged).
-int nm_msg_type_parse(const char *payload, char *buf, size_t buf_cap);
 
 // Handlers: pass the command on to the device as one frame (always 0); post the device's or the ports' status file
 // (0 once the file was read, else -1).

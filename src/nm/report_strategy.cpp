@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include "device/dev_msg_send.h"
-#include "nm/device_init.h"
+#include "nm/nm_session.h"
 #include "runtime/log.h"
 #include "status/service_status.h"
 #include "transport/field_extract.h"

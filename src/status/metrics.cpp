@@ -15,12 +15,12 @@
 
 #include <atomic>
 
-#include "nm/device_init.h"
-#include "nm/heartbeat.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
+#include "transport/nm_post.h"
+#include "transport/nm_wait.h"
 
 constexpr int CPU_SAMPLE_GAP_MS = 1000;
 constexpr int IFACE_RECORDS = 16;       // at most so many addresses are looked at
@@ -451,7 +451,7 @@ void run_status_handler(PluginTimer *timer)
     static std::atomic<uint8_t> s_reporting{0};
     if (s_reporting.exchange(1))
         return;
-    CallOff before = wait_call_off_set({&g_restart_count, g_restart_count});
+    CallOff before = nm_wait_begin();
     report_run_status();
     (void)wait_call_off_set(before);
     s_reporting = 0;

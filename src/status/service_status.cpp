@@ -9,14 +9,14 @@
 
 #include <atomic>
 
-#include "nm/device_init.h"
-#include "nm/heartbeat.h"
 #include "runtime/file_util.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "status/service_status_internal.h"
+#include "transport/nm_post.h"
+#include "transport/nm_wait.h"
 
 constexpr int POLL_PAUSE_MS = 200;
 constexpr int TURN_PAUSE_MS = 5;
@@ -285,7 +285,7 @@ static void run_from(ServiceState from, int truncate)
 {
     if (!state_move(from, SERVICE_RUNNING))
         return;
-    CallOff before = wait_call_off_set({&g_restart_count, g_restart_count});
+    CallOff before = nm_wait_begin();
     service_status_report(truncate);
     wait_call_off_set(before);
     s_state = SERVICE_IDLE;

@@ -4,8 +4,6 @@
 #include <string.h>
 
 #include "runtime/log.h"
-#include "runtime/plugin_info.h"
-#include "runtime/stop.h"
 #include "runtime/text.h"
 
 static const char k_salt[] = "Qol.Vetrix@2019";
@@ -33,7 +31,7 @@ int nm_sign_init(void)
     return (int)strlen(info->header_ptype);
 }
 
-static void fill_from(const PluginInfo *info, char (&headers)[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE])
+void nm_headers_fill(const PluginInfo *info, char (&headers)[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE])
 {
     memset(headers, 0, sizeof(headers));
     (void)text_fmt(headers[0], "%s: %s", "secretKey", info->header_secret_key);
@@ -46,31 +44,6 @@ int nm_fill_headers(char (&headers)[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE])
 {
     PluginInfo info;
     plugin_info_get(&info);
-    fill_from(&info, headers);
+    nm_headers_fill(&info, headers);
     return NM_HEADER_COUNT;
-}
-
-int nm_http_post(const char *path, const char *body, char *rsp, size_t rsp_cap)
-{
-    PluginInfo nm;
-    plugin_info_get(&nm);
-    char headers[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE];
-    fill_from(&nm, headers);
-    return http_post_private(&nm, path, headers, NM_HEADER_COUNT, body, rsp, rsp_cap);
-}
-
-int nm_send_device_response(const char *path, const char *msg, char *rsp, size_t rsp_cap, int *rsp_len)
-{
-    char headers[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE];
-    nm_fill_headers(headers);
-    log_info("Sending device response to NM, uri: %s, header: %s,%s, msg: %s", path, headers[0], headers[1], msg);
-    int result = nm_http_post(path, msg, rsp, rsp_cap);
-    if (result < 0) {
-        if (!stop_requested()) // else NM refused nothing
-            log_warn("Sending device response to NM failed. response: %s", rsp);
-        return 0;
-    }
-    *rsp_len = result;
-    log_info("Receive response from NM, len: %d, content: %s", result, rsp);
-    return 1;
 }

@@ -1,9 +1,8 @@
-// nm_sign.h - the four identity headers of every request to NM, and posting a device's answer with them.
+// nm_sign.h - the four identity headers of every request to NM.
 // Any thread; nm_sign_init main thread, once per bring-up pass.
 #pragma once
 
-#include <stddef.h>
-
+#include "runtime/plugin_info.h"
 #include "transport/http_client.h"
 
 constexpr int NM_HEADER_COUNT = 4;
@@ -14,9 +13,5 @@ int nm_sign_init(void);
 // Fills the slots: secretKey, pver, deviceSn, ptype. Returns NM_HEADER_COUNT.
 int nm_fill_headers(char (&headers)[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE]);
 
-// Posts to NM's path with the four headers on a connection of its own. As http_request, without its own lines.
-int nm_http_post(const char *path, const char *body, char *rsp, size_t rsp_cap);
-
-// Posts a device's message and logs both ways. rsp has 10240 bytes, zeroed. 1 when NM answered (its length in
-// *rsp_len), else 0.
-int nm_send_device_response(const char *path, const char *msg, char *rsp, size_t rsp_cap, int *rsp_len);
+// The same from settings that the caller has read.
+void nm_headers_fill(const PluginInfo *info, char (&headers)[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE]);

@@ -14,8 +14,10 @@
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
 #include "nm/activation.h"
+#include "nm/device_init.h"
 #include "nm/init_cfg_internal.h"
 #include "nm/nm_msg.h"
+#include "nm/nm_msg_table.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_telnet_internal.h"
 #include "remote/remote_web.h"
@@ -28,6 +30,7 @@
 #include "runtime/wait.h"
 #include "sim_tls.h"
 #include "status/metrics.h"
+#include "status/service_status.h"
 #include "status/service_status_internal.h"
 #include "transport/connect.h"
 #include "transport/field_extract.h"
@@ -297,6 +300,8 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     require(freopen("/dev/null", "w", stdout));
     log_mute();
     nm_msg_table_init();
+    static const DevMsgCalls k_calls = {reload_init_cfg, service_status_device_request};
+    dev_msg_calls_set(&k_calls);
     return 0;
 }
 

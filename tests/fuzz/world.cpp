@@ -11,8 +11,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "nm/device_init.h"
+#include "device/dma_status.h"
 #include "nm/init_cfg_internal.h"
+#include "nm/nm_session.h"
 #include "runtime/plugin_info.h"
 #include "runtime/plugin_info_internal.h"
 #include "runtime/stop.h"

@@ -1,6 +1,6 @@
 #include "nm/activation.h"
 
-#include "nm/device_init.h"
+#include "device/dma_status_internal.h"
 #include "peers.h"
 
 TEST(activation, answers)

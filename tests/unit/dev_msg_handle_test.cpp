@@ -2,7 +2,7 @@
 
 #include <future>
 
-#include "nm/device_init.h"
+#include "nm/nm_session.h"
 #include "peers.h"
 #include "runtime/stop_internal.h"
 

@@ -4,7 +4,8 @@
 
 #include "device/dev_msg_recv.h"
 #include "device_files.h"
-#include "nm/nm_msg.h"
+#include "nm/nm_msg_table.h"
+#include "nm/nm_session.h"
 #include "peers.h"
 
 // A working directory with both input files, NM, and a listening device.

@@ -1,7 +1,7 @@
 #include "nm/heartbeat.h"
 
-#include "nm/device_init.h"
-#include "nm/nm_msg.h"
+#include "nm/nm_msg_table.h"
+#include "nm/nm_session.h"
 #include "peers.h"
 
 // While one exchange waits for its answer, a further expiry sends nothing; one that lost its bring-up counts nothing.

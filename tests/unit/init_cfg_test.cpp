@@ -2,7 +2,6 @@
 #include "nm/init_cfg_internal.h"
 
 #include "device_files.h"
-#include "nm/device_init.h"
 #include "runtime/plugin_info_internal.h"
 #include "support.h"
 

@@ -1,4 +1,5 @@
 #include "nm/nm_msg.h"
+#include "nm/nm_msg_internal.h"
 
 #include "support.h"
 

@@ -20,6 +20,7 @@
 #include "support.h"
 #include "transport/conn_registry.h"
 #include "transport/connect.h"
+#include "transport/nm_post.h"
 #include "transport/nm_sign.h"
 
 // As the process does at start-up.
