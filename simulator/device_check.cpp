@@ -42,16 +42,13 @@ std::string device_check_frame(const std::string &text, std::string *type)
 {
     JsonTree root(cJSON_ParseWithOpts(text.c_str(), nullptr, 0), cJSON_Delete);
     *type = json_text(root.get(), "type");
-    if (type->empty()) {
+    if (type->empty())
         return "no JSON object with a type";
-    }
     for (const FrameLayout &row : k_layouts) {
-        if (*type != row.type) {
+        if (*type != row.type)
             continue;
-        }
-        if (json_refill(row.layout, root.get(), row.keys) != text) {
+        if (json_refill(row.layout, root.get(), row.keys) != text)
             return "not laid out as agreed";
-        }
         return text.size() > k_own_max ? "longer than 506 bytes" : "";
     }
     return check_command(text, root.get());

@@ -45,17 +45,15 @@ static long long now_ms()
 
 static void say(DeviceSim *device, const std::string &line)
 {
-    if (device->options.print) {
+    if (device->options.print)
         device->options.print(line);
-    }
 }
 
 std::string device_frame_bytes(unsigned length, const std::string &text)
 {
     std::string bytes;
-    for (int shift = 0; shift < 32; shift += 8) {
+    for (int shift = 0; shift < 32; shift += 8)
         bytes += (char)(length >> shift & 0xff);
-    }
     return bytes + text;
 }
 
@@ -66,9 +64,8 @@ static bool write_now(DeviceSim *device, const std::string &bytes)
 
 static void link_close(DeviceSim *device, const std::string &why)
 {
-    if (!device->link) {
+    if (!device->link)
         return;
-    }
     evbuffer *output = bufferevent_get_output(device->link);
     evbuffer_unfreeze(output, 1); // what was sent just before still goes out, as far as the socket takes it
     evbuffer_write(output, bufferevent_getfd(device->link));
@@ -85,9 +82,8 @@ static std::string auto_answer(const std::string &result, const std::string &com
 {
     JsonTree answer = json_parse(result);
     JsonTree asked = json_parse(command);
-    if (!answer || !asked) {
+    if (!answer || !asked)
         return result;
-    }
     cJSON_DeleteItemFromObjectCaseSensitive(answer.get(), "sessionid");
     cJSON_AddStringToObject(answer.get(), "sessionid", json_text(asked.get(), "sessionid").c_str());
     char *print = cJSON_PrintUnformatted(answer.get());
@@ -100,9 +96,8 @@ static void frame_keep_locked(DeviceSim *device, const DeviceFrame &frame)
 {
     device->frames.push_back(frame);
     device->counts[""]++;
-    if (!frame.type.empty()) {
+    if (!frame.type.empty())
         device->counts[frame.type]++;
-    }
     device->changed.notify_all();
 }
 
@@ -119,9 +114,8 @@ static void frame_received(DeviceSim *device, const std::string &text)
     {
         std::lock_guard<std::mutex> guard(device->lock);
         auto rule = device->auto_answers.find(frame.type);
-        if (rule != device->auto_answers.end()) {
+        if (rule != device->auto_answers.end())
             answer = auto_answer(rule->second, text);
-        }
         frame.conn = device->conn_count;
         frame_keep_locked(device, frame);
     }
@@ -136,9 +130,8 @@ static bool frame_take(DeviceSim *device)
 {
     evbuffer *input = bufferevent_get_input(device->link);
     unsigned char head[4];
-    if (evbuffer_copyout(input, head, sizeof(head)) < (ev_ssize_t)sizeof(head)) {
+    if (evbuffer_copyout(input, head, sizeof(head)) < (ev_ssize_t)sizeof(head))
         return false;
-    }
     const unsigned length = head[0] | head[1] << 8 | head[2] << 16 | (unsigned)head[3] << 24;
     if (length > k_frame_max) {
         DeviceFrame frame;
@@ -150,14 +143,13 @@ static bool frame_take(DeviceSim *device)
         link_close(device, "WRONG: " + frame.wrong);
         return false;
     }
-    if (evbuffer_get_length(input) < 4 + (size_t)length) {
+    if (evbuffer_get_length(input) < 4 + (size_t)length)
         return false;
-    }
     std::string text(length, '\0');
     evbuffer_drain(input, 4);
     evbuffer_remove(input, &text[0], length);
     frame_received(device, text);
-    return device->link != nullptr;
+    return device->link;
 }
 
 static void on_read(bufferevent *, void *arg)
@@ -168,9 +160,8 @@ static void on_read(bufferevent *, void *arg)
 
 static void on_event(bufferevent *, short what, void *arg)
 {
-    if (what & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) {
+    if (what & (BEV_EVENT_EOF | BEV_EVENT_ERROR))
         link_close((DeviceSim *)arg, what & BEV_EVENT_EOF ? "closed by the agent" : "reset");
-    }
 }
 
 static void on_accept(evconnlistener *, evutil_socket_t fd, sockaddr *, int, void *arg)
@@ -191,19 +182,16 @@ static void on_accept(evconnlistener *, evutil_socket_t fd, sockaddr *, int, voi
 
 static bool listen_now(DeviceSim *device)
 {
-    if (device->listener) {
+    if (device->listener)
         return true;
-    }
     const int fd = sim_listen_tcp(device->options.ip, &device->options.port);
-    if (fd < 0) {
+    if (fd < 0)
         return false;
-    }
-    if (device->options.recv_buffer > 0) { // connections inherit it
+    if (device->options.recv_buffer > 0) // connections inherit it
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &device->options.recv_buffer, sizeof(int));
-    }
     device->listener = evconnlistener_new(sim_loop_base(device->loop), on_accept, device,
                                           LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, fd);
-    return device->listener != nullptr;
+    return device->listener;
 }
 
 DeviceSim *device_sim_start(const DeviceOptions &options)
@@ -221,9 +209,8 @@ DeviceSim *device_sim_start(const DeviceOptions &options)
 
 void device_sim_stop(DeviceSim *device)
 {
-    if (!device) {
+    if (!device)
         return;
-    }
     device_sim_absent(device);
     sim_loop_stop(device->loop);
     delete device;
@@ -267,9 +254,8 @@ bool device_sim_send_raw(DeviceSim *device, const std::string &bytes)
 
 static void send_byte(DeviceSim *device, const std::string &bytes, size_t at, int pause_ms)
 {
-    if (at < bytes.size() && write_now(device, bytes.substr(at, 1))) {
+    if (at < bytes.size() && write_now(device, bytes.substr(at, 1)))
         sim_loop_after(device->loop, pause_ms, [=] { send_byte(device, bytes, at + 1, pause_ms); });
-    }
 }
 
 bool device_sim_send_slowly(DeviceSim *device, const std::string &text, int pause_ms)
@@ -277,7 +263,7 @@ bool device_sim_send_slowly(DeviceSim *device, const std::string &text, int paus
     const std::string bytes = device_frame_bytes((unsigned)text.size(), text);
     bool linked = false;
     sim_loop_call(device->loop, [&] {
-        linked = device->link != nullptr;
+        linked = device->link;
         send_byte(device, bytes, 0, pause_ms);
     });
     return linked;
@@ -286,20 +272,18 @@ bool device_sim_send_slowly(DeviceSim *device, const std::string &text, int paus
 void device_sim_auto_answer(DeviceSim *device, const std::string &type, const std::string &result)
 {
     std::lock_guard<std::mutex> guard(device->lock);
-    if (result.empty()) {
+    if (result.empty())
         device->auto_answers.erase(type);
-    } else {
+    else
         device->auto_answers[type] = result;
-    }
 }
 
 void device_sim_set_reading(DeviceSim *device, bool reading)
 {
     sim_loop_call(device->loop, [=] {
         device->reading = reading;
-        if (device->link) {
+        if (device->link)
             (reading ? bufferevent_enable : bufferevent_disable)(device->link, EV_READ);
-        }
     });
 }
 
@@ -351,9 +335,8 @@ DeviceFrame device_sim_frame(DeviceSim *device, const std::string &type, int ind
     for (const DeviceFrame &frame : device_sim_frames(device)) {
         if (type.empty() || frame.type == type) {
             found = frame;
-            if (index-- == 0) {
+            if (index-- == 0)
                 return found;
-            }
         }
     }
     return index < 0 ? found : DeviceFrame();
@@ -377,9 +360,8 @@ std::string device_sim_wrong(DeviceSim *device)
 {
     std::string wrong;
     for (const DeviceFrame &frame : device_sim_frames(device)) {
-        if (!frame.wrong.empty()) {
+        if (!frame.wrong.empty())
             wrong += frame.time + " frame '" + frame.type + "': " + frame.wrong + "\n";
-        }
     }
     return wrong;
 }

@@ -28,11 +28,10 @@ bool json_keys_are(const cJSON *object, const std::string &keys)
     const cJSON *member = object ? object->child : nullptr;
     for (std::string key; words >> key;) {
         const bool optional = key[0] == '?';
-        if (member && key.substr(optional) == member->string) {
+        if (member && key.substr(optional) == member->string)
             member = member->next;
-        } else if (!optional) {
+        else if (!optional)
             return false;
-        }
     }
     return cJSON_IsObject(object) && !member;
 }
@@ -45,9 +44,8 @@ std::string json_refill(const std::string &layout, const cJSON *object, const st
     for (std::string key; words >> key;) {
         const cJSON *member = cJSON_GetObjectItemCaseSensitive(object, key.c_str());
         size_t at = layout.find("%K", from);
-        if (!member || at == std::string::npos) {
+        if (!member || at == std::string::npos)
             return "";
-        }
         result += layout.substr(from, at - from) + (cJSON_IsString(member) ? member->valuestring : json_print(member));
         from = at + 2;
     }
@@ -61,9 +59,8 @@ std::string json_one_line(const std::string &text, size_t max)
         char code[8];
         snprintf(code, sizeof(code), "\\x%02x", c);
         line += c == '\n' ? "\\n" : c == '\t' ? "\\t" : c == '\r' ? "\\r" : c < ' ' ? code : std::string(1, (char)c);
-        if (line.size() > max) {
+        if (line.size() > max)
             return line.substr(0, max) + " ...";
-        }
     }
     return line;
 }

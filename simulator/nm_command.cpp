@@ -21,17 +21,15 @@ static cJSON *command(const std::string &type)
 
 static void add_if_set(cJSON *object, const char *key, int value)
 {
-    if (value >= 0) {
+    if (value >= 0)
         cJSON_AddNumberToObject(object, key, value);
-    }
 }
 
 std::string nm_command_forward(const std::string &type, const std::string &session)
 {
     cJSON *root = command(type);
-    if (!session.empty()) {
+    if (!session.empty())
         cJSON_AddStringToObject(root, "sessionid", session.c_str());
-    }
     return print_and_free(root);
 }
 

@@ -37,9 +37,8 @@ static void add_redirection(cJSON *result, const NmActivation &activation)
 static std::string activation_body(const NmSim &nm)
 {
     const NmActivation &activation = nm.activation;
-    if (activation.status != 200 && activation.status != 201 && activation.status != 304) {
+    if (activation.status != 200 && activation.status != 201 && activation.status != 304)
         return refusal_body(activation.status, activation.error);
-    }
     cJSON *root = cJSON_CreateObject();
     cJSON_AddNumberToObject(root, "status", activation.status);
     cJSON *result = cJSON_AddObjectToObject(root, "result");
@@ -65,9 +64,8 @@ static std::string word_locked(NmSim *nm)
 static std::string handshake_body_locked(NmSim *nm, NmFaultKind fault)
 {
     const bool arrives = fault == NM_FAULT_NONE || fault == NM_FAULT_TWO_SEGMENTS || fault == NM_FAULT_CHUNKED;
-    if (nm->commands.empty() || !arrives) {
+    if (nm->commands.empty() || !arrives)
         return "{\"status\":200,\"result\":{\"payload\":[]}}";
-    }
     const std::string command = nm->commands.front();
     nm->commands.pop_front();
     return "{\"status\":200,\"result\":{\"payload\":[" + command + "]}}";
@@ -79,21 +77,18 @@ static std::string session_body(const std::string &body)
     cJSON *root = cJSON_CreateObject();
     cJSON_AddNumberToObject(root, "status", 200);
     cJSON *result = cJSON_AddObjectToObject(root, "result");
-    if (cJSON_HasObjectItem(message.get(), "sessionid")) {
+    if (cJSON_HasObjectItem(message.get(), "sessionid"))
         cJSON_AddStringToObject(result, "sessionid", json_text(message.get(), "sessionid").c_str());
-    }
     return body_of_json(root);
 }
 
 static std::string good_body_locked(NmSim *nm, const std::string &name, const HttpRequest &request,
                                     const NmFault &fault)
 {
-    if (name == "active") {
+    if (name == "active")
         return activation_body(*nm);
-    }
-    if (name == "handshake") {
+    if (name == "handshake")
         return handshake_body_locked(nm, fault.kind);
-    }
     if (name == "heartbeat") {
         const std::string word = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
         return "{\"status\":200,\"result\":\"" + word + "\"}";
@@ -104,16 +99,13 @@ static std::string good_body_locked(NmSim *nm, const std::string &name, const Ht
 NmFault nm_fault_take_locked(NmSim *nm, const std::string &name)
 {
     auto found = nm->faults.find(name);
-    if (found == nm->faults.end() && name != "udp" && name != "accept") {
+    if (found == nm->faults.end() && name != "udp" && name != "accept")
         found = nm->faults.find("");
-    }
-    if (found == nm->faults.end()) {
+    if (found == nm->faults.end())
         return NmFault();
-    }
     const NmFault fault = found->second;
-    if (fault.times > 0 && --found->second.times == 0) {
+    if (fault.times > 0 && --found->second.times == 0)
         nm->faults.erase(found);
-    }
     return fault;
 }
 
@@ -187,9 +179,8 @@ NmReply nm_reply_datagram_locked(NmSim *nm)
 {
     const NmFault fault = nm_fault_take_locked(nm, "udp");
     NmReply reply;
-    if (fault.kind != NM_FAULT_SILENCE) {
+    if (fault.kind != NM_FAULT_SILENCE)
         reply.bytes = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
-    }
     reply.shown = reply.bytes.empty() ? "nothing" : reply.bytes;
     reply.delay_ms = fault.delay_ms;
     reply.twice = fault.kind == NM_FAULT_TWICE;

@@ -28,9 +28,8 @@ static void conn_write_later(NmSim *nm, int id, int delay_ms, const std::string 
 {
     sim_loop_after(nm->loop, delay_ms, [nm, id, bytes] {
         auto found = nm->conns.find(id);
-        if (found != nm->conns.end()) {
+        if (found != nm->conns.end())
             bufferevent_write(found->second->bev, bytes.data(), bytes.size());
-        }
     });
 }
 
@@ -40,14 +39,12 @@ static void conn_answer(NmConn *conn, const NmReply &reply)
         conn_close(conn, false);
         return;
     }
-    if (!reply.bytes.empty() && reply.delay_ms == 0) {
+    if (!reply.bytes.empty() && reply.delay_ms == 0)
         bufferevent_write(conn->bev, reply.bytes.data(), reply.bytes.size());
-    } else if (!reply.bytes.empty()) {
+    else if (!reply.bytes.empty())
         conn_write_later(conn->nm, conn->id, reply.delay_ms, reply.bytes);
-    }
-    if (!reply.second.empty()) {
+    if (!reply.second.empty())
         conn_write_later(conn->nm, conn->id, reply.delay_ms + 30, reply.second);
-    }
 }
 
 // Takes one request out of what has come. False when there is no whole one (or the connection is gone).
@@ -56,16 +53,14 @@ static bool conn_serve_one(NmConn *conn)
     NmSim *nm = conn->nm;
     evbuffer *input = bufferevent_get_input(conn->bev);
     const size_t length = evbuffer_get_length(input);
-    if (length == 0) {
+    if (length == 0)
         return false;
-    }
     HttpRequest http;
     NmRequest request;
     const char *bytes = (const char *)evbuffer_pullup(input, -1);
     const int taken = http_request_cut(std::string(bytes, length), &http, &request.wrong);
-    if (taken == 0) {
+    if (taken == 0)
         return false;
-    }
     request.name = taken < 0 ? "?" : nm_request_name(http.path);
     request.line = http.line;
     request.headers = http.headers;
@@ -96,9 +91,8 @@ static void on_read(bufferevent *, void *arg)
 
 static void on_event(bufferevent *, short what, void *arg)
 {
-    if (what & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) {
+    if (what & (BEV_EVENT_EOF | BEV_EVENT_ERROR))
         conn_close((NmConn *)arg, false);
-    }
 }
 
 static void on_accept(evconnlistener *, evutil_socket_t fd, sockaddr *, int, void *arg)
@@ -134,19 +128,17 @@ static void on_accept(evconnlistener *, evutil_socket_t fd, sockaddr *, int, voi
 bool nm_serve_start(NmSim *nm)
 {
     int fd = sim_listen_tcp(nm->options.ip, &nm->options.port);
-    if (fd < 0) {
+    if (fd < 0)
         return false;
-    }
     nm->listener = evconnlistener_new(sim_loop_base(nm->loop), on_accept, nm,
                                       LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0, fd);
-    return nm->listener != nullptr;
+    return nm->listener;
 }
 
 void nm_serve_drop(NmSim *nm, bool reset)
 {
-    while (!nm->conns.empty()) {
+    while (!nm->conns.empty())
         conn_close(nm->conns.begin()->second, reset);
-    }
 }
 
 void nm_serve_stop(NmSim *nm)
@@ -161,9 +153,8 @@ void nm_serve_stop(NmSim *nm)
 static void udp_send(NmSim *nm, const sockaddr_in &to, const NmReply &reply)
 {
     const int fd = reply.stranger ? nm->udp_stranger : nm->udp;
-    for (int i = 0; i < (reply.twice ? 2 : 1) && fd >= 0; i++) {
+    for (int i = 0; i < (reply.twice ? 2 : 1) && fd >= 0; i++)
         (void)sendto(fd, reply.bytes.data(), reply.bytes.size(), 0, (const sockaddr *)&to, sizeof(to));
-    }
 }
 
 static void on_datagram(evutil_socket_t fd, short, void *arg)
@@ -173,9 +164,8 @@ static void on_datagram(evutil_socket_t fd, short, void *arg)
     sockaddr_in from = {};
     socklen_t from_len = sizeof(from);
     const ssize_t length = recvfrom(fd, buffer, sizeof(buffer), 0, (sockaddr *)&from, &from_len);
-    if (length < 0) {
+    if (length < 0)
         return; // an ICMP error of an earlier answer
-    }
     NmRequest request;
     request.name = "udp";
     request.body.assign(buffer, (size_t)length);
@@ -186,14 +176,12 @@ static void on_datagram(evutil_socket_t fd, short, void *arg)
         reply = nm_reply_datagram_locked(nm);
     }
     nm_record(nm, request, reply.shown);
-    if (reply.bytes.empty()) {
+    if (reply.bytes.empty())
         return;
-    }
-    if (reply.delay_ms == 0) {
+    if (reply.delay_ms == 0)
         udp_send(nm, from, reply);
-    } else {
+    else
         sim_loop_after(nm->loop, reply.delay_ms, [nm, from, reply] { udp_send(nm, from, reply); });
-    }
 }
 
 bool nm_udp_start(NmSim *nm)
@@ -201,9 +189,8 @@ bool nm_udp_start(NmSim *nm)
     int stranger_port = 0;
     nm->udp = sim_bind_udp(nm->options.ip, &nm->options.udp_port);
     nm->udp_stranger = sim_bind_udp(nm->options.ip, &stranger_port);
-    if (nm->udp < 0) {
+    if (nm->udp < 0)
         return false;
-    }
     nm->udp_event = event_new(sim_loop_base(nm->loop), nm->udp, EV_READ | EV_PERSIST, on_datagram, nm);
     return event_add(nm->udp_event, nullptr) == 0;
 }
@@ -215,9 +202,8 @@ void nm_udp_stop(NmSim *nm)
         nm->udp_event = nullptr;
     }
     for (int *fd : {&nm->udp, &nm->udp_stranger}) {
-        if (*fd >= 0) {
+        if (*fd >= 0)
             close(*fd);
-        }
         *fd = -1;
     }
 }

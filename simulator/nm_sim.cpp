@@ -16,9 +16,8 @@ static long long now_ms()
 
 void nm_say(NmSim *nm, const std::string &line)
 {
-    if (nm->options.print) {
+    if (nm->options.print)
         nm->options.print(line);
-    }
 }
 
 // One line for the request, then what its body tells to somebody who watches.
@@ -43,9 +42,8 @@ void nm_record(NmSim *nm, NmRequest request, const std::string &shown)
 {
     request.time = sim_clock();
     request.at_ms = now_ms();
-    if (nm->options.print) {
+    if (nm->options.print)
         say_request(nm, request, shown);
-    }
     std::lock_guard<std::mutex> guard(nm->lock);
     nm->counts[request.name]++;
     nm->transcript.push_back(std::move(request));
@@ -69,9 +67,8 @@ NmSim *nm_sim_start(const NmOptions &options)
 
 void nm_sim_stop(NmSim *nm)
 {
-    if (!nm) {
+    if (!nm)
         return;
-    }
     nm_sim_absent(nm);
     sim_loop_stop(nm->loop);
     SSL_CTX_free(nm->ssl_context);
@@ -179,9 +176,8 @@ NmRequest nm_sim_request(NmSim *nm, const std::string &name, int index)
     for (const NmRequest &request : nm_sim_transcript(nm)) {
         if (request.name == name) {
             found = request;
-            if (index-- == 0) {
+            if (index-- == 0)
                 return found;
-            }
         }
     }
     return index < 0 ? found : NmRequest();
@@ -205,9 +201,8 @@ std::string nm_sim_wrong(NmSim *nm)
 {
     std::string wrong;
     for (const NmRequest &request : nm_sim_transcript(nm)) {
-        if (!request.wrong.empty()) {
+        if (!request.wrong.empty())
             wrong += request.time + " " + request.name + ": " + request.wrong + "\n";
-        }
     }
     return wrong;
 }

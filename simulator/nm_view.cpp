@@ -15,9 +15,8 @@ static const cJSON *find_interface(const cJSON *root, const std::string &name)
     const cJSON *item;
     cJSON_ArrayForEach(item, member(member(root, "basic"), "interface"))
     {
-        if (json_text(item, "ifname") == name) {
+        if (json_text(item, "ifname") == name)
             return item;
-        }
     }
     return nullptr;
 }
@@ -25,9 +24,8 @@ static const cJSON *find_interface(const cJSON *root, const std::string &name)
 // kbit/s between two reports; "-" without an earlier one.
 static std::string rate(const cJSON *now, const cJSON *before, const char *key, long long elapsed_ms)
 {
-    if (!before || elapsed_ms <= 0) {
+    if (!before || elapsed_ms <= 0)
         return "-";
-    }
     const double bytes = strtod(json_text(now, key).c_str(), nullptr) - strtod(json_text(before, key).c_str(), nullptr);
     char text[32];
     snprintf(text, sizeof(text), "%.1f", bytes * 8 / (double)elapsed_ms);

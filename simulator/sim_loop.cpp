@@ -65,9 +65,8 @@ void sim_loop_stop(SimLoop *loop)
 {
     sim_loop_after(loop, 0, [loop] { event_base_loopbreak(loop->base); });
     loop->thread.join();
-    for (SimTimer *timer : loop->timers) {
+    for (SimTimer *timer : loop->timers)
         timer_free(timer);
-    }
     event_base_free(loop->base);
     delete loop;
 }
@@ -111,14 +110,12 @@ static int bind_socket(int type, const std::string &ip, int *port)
     sockaddr_in addr = {};
     addr.sin_family = AF_INET;
     addr.sin_port = htons((uint16_t)*port);
-    if (inet_pton(AF_INET, ip.c_str(), &addr.sin_addr) != 1) {
+    if (inet_pton(AF_INET, ip.c_str(), &addr.sin_addr) != 1)
         return -1;
-    }
     int fd = socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const int on = 1;
-    if (type == SOCK_STREAM) {
+    if (type == SOCK_STREAM)
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    }
     socklen_t len = sizeof(addr);
     if (bind(fd, (sockaddr *)&addr, len) != 0 || getsockname(fd, (sockaddr *)&addr, &len) != 0) {
         close(fd);

@@ -73,14 +73,14 @@ void TelnetTunnelSim::paused()
         init_due_ = false;
         init_send();
         pause_start();
-    } else if (client_ != nullptr) {
+    } else if (client_) {
         bufferevent_enable(client_, EV_READ);
     }
 }
 
 void TelnetTunnelSim::on_pause(int, short, void *self)
 {
-    static_cast<TelnetTunnelSim *>(self)->paused();
+    ((TelnetTunnelSim *)self)->paused();
 }
 
 void TelnetTunnelSim::agent_ready()
@@ -112,23 +112,21 @@ void TelnetTunnelSim::agent_data(evbuffer *in)
 {
     std::string bytes(evbuffer_get_length(in), '\0');
     evbuffer_remove(in, &bytes[0], bytes.size());
-    if (client_ != nullptr) {
+    if (client_)
         bufferevent_write(client_, bytes.data(), bytes.size());
-    }
     update([&] {
         stats_.bytes_in += bytes.size();
-        if (client_ == nullptr) {
+        if (!client_) {
             stats_.held += bytes;
-            if (stats_.held.size() > k_held_max) {
+            if (stats_.held.size() > k_held_max)
                 stats_.held.erase(0, stats_.held.size() - k_held_max);
-            }
         }
     });
 }
 
 void TelnetTunnelSim::keys_send()
 {
-    if (agent_ != nullptr && evbuffer_get_length(bufferevent_get_output(agent_)) < k_output_high) {
+    if (agent_ && evbuffer_get_length(bufferevent_get_output(agent_)) < k_output_high) {
         evbuffer *in = bufferevent_get_input(client_);
         std::string keys(evbuffer_get_length(in), '\0');
         evbuffer_remove(in, &keys[0], keys.size());
@@ -138,24 +136,22 @@ void TelnetTunnelSim::keys_send()
 
 void TelnetTunnelSim::agent_drained()
 {
-    if (client_ != nullptr) {
+    if (client_)
         keys_send();
-    }
 }
 
 void TelnetTunnelSim::agent_gone()
 {
     event_del(pause_);
     init_due_ = false;
-    if (client_ != nullptr) { // the device's last words
+    if (client_) // the device's last words
         evbuffer_write(bufferevent_get_output(client_), bufferevent_getfd(client_));
-    }
     client_end();
 }
 
 void TelnetTunnelSim::client_end()
 {
-    if (client_ != nullptr) {
+    if (client_) {
         bufferevent_free(client_);
         client_ = nullptr;
         update([this] { stats_.client = false; });
@@ -164,19 +160,19 @@ void TelnetTunnelSim::client_end()
 
 void TelnetTunnelSim::on_client_read(bufferevent *, void *self)
 {
-    static_cast<TelnetTunnelSim *>(self)->keys_send();
+    ((TelnetTunnelSim *)self)->keys_send();
 }
 
 void TelnetTunnelSim::on_client_event(bufferevent *, short, void *self)
 {
-    auto *sim = static_cast<TelnetTunnelSim *>(self);
+    auto *sim = (TelnetTunnelSim *)self;
     sim->keys_send();
     sim->client_end();
 }
 
 void TelnetTunnelSim::client_accepted(int fd)
 {
-    if (!authenticated_ || client_ != nullptr) {
+    if (!authenticated_ || client_) {
         close(fd);
         return;
     }
@@ -186,18 +182,15 @@ void TelnetTunnelSim::client_accepted(int fd)
     const bool fresh = session_used_;
     update([&] {
         stats_.client = true;
-        if (!fresh) {
+        if (!fresh)
             bufferevent_write(client_, stats_.held.data(), stats_.held.size());
-        }
         stats_.held.clear();
     });
     session_used_ = true;
-    if (fresh) {
+    if (fresh)
         init_send();
-    }
-    if (fresh) {
+    if (fresh)
         pause_start();
-    } else if (!event_pending(pause_, EV_TIMEOUT, nullptr)) { // else its end lets the keys through
+    else if (!event_pending(pause_, EV_TIMEOUT, nullptr)) // else its end lets the keys through
         bufferevent_enable(client_, EV_READ);
-    }
 }

@@ -14,28 +14,25 @@ static const size_t k_browser_read_max = 64 * 1024;   // bytes held for a browse
 
 std::string web_header(uint8_t type, uint64_t id, uint32_t length)
 {
-    std::string header(reinterpret_cast<const char *>(k_magic), sizeof(k_magic));
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        header.push_back(static_cast<char>(length >> shift));
-    }
-    header.push_back(static_cast<char>(type));
-    for (int shift = 56; shift >= 0; shift -= 8) {
-        header.push_back(static_cast<char>(id >> shift));
-    }
+    std::string header((const char *)k_magic, sizeof(k_magic));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        header.push_back((char)(length >> shift));
+    header.push_back((char)type);
+    for (int shift = 56; shift >= 0; shift -= 8)
+        header.push_back((char)(id >> shift));
     return header;
 }
 
 std::string web_frame(uint8_t type, uint64_t id, const std::string &payload)
 {
-    return web_header(type, id, static_cast<uint32_t>(payload.size())) + payload;
+    return web_header(type, id, (uint32_t)payload.size()) + payload;
 }
 
 static uint64_t big_endian(const unsigned char *bytes, int count)
 {
     uint64_t value = 0;
-    for (int i = 0; i < count; i++) {
+    for (int i = 0; i < count; i++)
         value = value << 8 | bytes[i];
-    }
     return value;
 }
 
@@ -87,25 +84,23 @@ void WebTunnelSim::agent_gone()
 
 void WebTunnelSim::agent_data(evbuffer *in)
 {
-    while (agent_ != nullptr && frame_take(in)) {
+    while (agent_ && frame_take(in)) {
     }
 }
 
 bool WebTunnelSim::frame_take(evbuffer *in)
 {
     unsigned char header[k_web_header_size];
-    if (evbuffer_copyout(in, header, sizeof(header)) < static_cast<ev_ssize_t>(sizeof(header))) {
+    if (evbuffer_copyout(in, header, sizeof(header)) < (ev_ssize_t)sizeof(header))
         return false;
-    }
-    const auto length = static_cast<uint32_t>(big_endian(header + 4, 4));
+    const auto length = (uint32_t)big_endian(header + 4, 4);
     if (memcmp(header, k_magic, sizeof(k_magic)) != 0 || length > k_frame_in_max) {
         problem("frame: wrong magic or a length of " + std::to_string(length));
         agent_drop();
         return false;
     }
-    if (evbuffer_get_length(in) < sizeof(header) + length) {
+    if (evbuffer_get_length(in) < sizeof(header) + length)
         return false;
-    }
     std::string payload(length, '\0');
     evbuffer_drain(in, sizeof(header));
     evbuffer_remove(in, &payload[0], length);
@@ -128,9 +123,8 @@ void WebTunnelSim::frame_handle(uint8_t type, uint64_t id, const std::string &pa
     } else if (type == WEB_FRAME_DEV_DESTROY && payload.empty()) {
         update([&] { stats_.ids[id].dev_destroys++; });
         auto browser = browsers_.find(id);
-        if (browser != browsers_.end()) {
+        if (browser != browsers_.end())
             browser_finish(browser->second.get());
-        }
     } else {
         problem("frame: type " + std::to_string(type) + " with " + std::to_string(payload.size()) + " bytes");
     }
@@ -139,17 +133,15 @@ void WebTunnelSim::frame_handle(uint8_t type, uint64_t id, const std::string &pa
 void WebTunnelSim::response(uint64_t id, const std::string &payload)
 {
     auto browser = browsers_.find(id);
-    if (browser != browsers_.end()) {
+    if (browser != browsers_.end())
         bufferevent_write(browser->second->bev, payload.data(), payload.size());
-    }
     update([&] {
         WebIdStats &of_id = stats_.ids[id];
         of_id.bytes_in += payload.size();
-        of_id.frame_sizes.push_back(static_cast<uint32_t>(payload.size()));
-        stats_.frame_in_max = std::max(stats_.frame_in_max, static_cast<uint32_t>(payload.size()));
-        if (!of_id.browser) {
+        of_id.frame_sizes.push_back((uint32_t)payload.size());
+        stats_.frame_in_max = std::max(stats_.frame_in_max, (uint32_t)payload.size());
+        if (!of_id.browser)
             of_id.data += payload;
-        }
     });
 }
 
@@ -157,7 +149,7 @@ void WebTunnelSim::response(uint64_t id, const std::string &payload)
 void WebTunnelSim::requests_send(Browser *browser)
 {
     evbuffer *in = bufferevent_get_input(browser->bev);
-    while (agent_ != nullptr && evbuffer_get_length(in) > 0 &&
+    while (agent_ && evbuffer_get_length(in) > 0 &&
            evbuffer_get_length(bufferevent_get_output(agent_)) < k_output_high) {
         std::string payload(std::min<size_t>(evbuffer_get_length(in), k_web_payload_max), '\0');
         evbuffer_remove(in, &payload[0], payload.size());
@@ -168,26 +160,23 @@ void WebTunnelSim::requests_send(Browser *browser)
 
 void WebTunnelSim::agent_drained()
 {
-    for (auto &entry : browsers_) {
+    for (auto &entry : browsers_)
         requests_send(entry.second.get());
-    }
 }
 
 void WebTunnelSim::browser_finish(Browser *browser)
 {
     browser->closing = true;
     bufferevent_disable(browser->bev, EV_READ);
-    if (evbuffer_get_length(bufferevent_get_output(browser->bev)) == 0) {
+    if (evbuffer_get_length(bufferevent_get_output(browser->bev)) == 0)
         browser_end(browser);
-    }
 }
 
 void WebTunnelSim::browser_end(Browser *browser)
 {
     const uint64_t id = browser->id;
-    if (!browser->closing) {
+    if (!browser->closing)
         requests_send(browser);
-    }
     const bool present = authenticated_ && browser->connection == connection_;
     bufferevent_free(browser->bev);
     browsers_.erase(id);
@@ -195,28 +184,26 @@ void WebTunnelSim::browser_end(Browser *browser)
         stats_.open_browsers--;
         stats_.ids[id].web_destroyed = true;
     });
-    if (present) {
+    if (present)
         agent_send(web_frame(WEB_FRAME_WEB_DESTROY, id));
-    }
 }
 
 void WebTunnelSim::on_browser_read(bufferevent *, void *browser)
 {
-    auto *self = static_cast<Browser *>(browser);
+    auto *self = (Browser *)browser;
     self->sim->requests_send(self);
 }
 
 void WebTunnelSim::on_browser_written(bufferevent *, void *browser)
 {
-    auto *self = static_cast<Browser *>(browser);
-    if (self->closing) {
+    auto *self = (Browser *)browser;
+    if (self->closing)
         self->sim->browser_end(self);
-    }
 }
 
 void WebTunnelSim::on_browser_event(bufferevent *, short, void *browser)
 {
-    auto *self = static_cast<Browser *>(browser);
+    auto *self = (Browser *)browser;
     self->sim->browser_end(self);
 }
 
