@@ -78,7 +78,7 @@ static std::string wait_for(Box *box, const ConsoleLine &line)
 
 static std::string show(Box *box)
 {
-    for (const DeviceFrame &frame : device_sim_frames(box->device))
+    for (const DeviceFrame &frame : device_sim_transcript(box->device).all())
         printf("  %s %-22s %s\n", frame.time.c_str(), frame.type.c_str(), frame.wrong.c_str());
     fflush(stdout);
     return "";

@@ -14,12 +14,29 @@ std::string json_text(const cJSON *object, const char *key)
     return cJSON_IsString(item) ? item->valuestring : "";
 }
 
-std::string json_print(const cJSON *item)
+// Takes cJSON's text over.
+static std::string text_take(char *text)
 {
-    char *text = cJSON_Print(item);
     std::string result = text ? text : "";
     cJSON_free(text);
     return result;
+}
+
+std::string json_print(const cJSON *item)
+{
+    return text_take(cJSON_Print(item));
+}
+
+std::string json_print_plain(const cJSON *item)
+{
+    return text_take(cJSON_PrintUnformatted(item));
+}
+
+std::string json_print_and_delete(cJSON *root)
+{
+    std::string text = json_print_plain(root);
+    cJSON_Delete(root);
+    return text;
 }
 
 bool json_keys_are(const cJSON *object, const std::string &keys)

@@ -83,7 +83,7 @@ static std::string queue_status_period(NmSim *nm, const ConsoleLine &line)
 static std::string show_counts(NmSim *nm)
 {
     std::map<std::string, int> counts;
-    for (const NmRequest &request : nm_sim_transcript(nm))
+    for (const NmRequest &request : nm_sim_transcript(nm).all())
         counts[request.name]++;
     for (const auto &row : counts)
         printf("  %-20s %d\n", row.first.c_str(), row.second);

@@ -44,11 +44,11 @@ static std::string tunnel_start(NmSim *nm, std::unique_ptr<Sim> *sim, const std:
 {
     TunnelSimOptions options;
     options.auth = fresh_auth(nm);
-    options.tls = nm_sim_https(nm);
+    options.tls = nm_sim_is_https(nm);
     options.client_port = (uint16_t)client_port;
     sim->reset(); // its ports are free again
     *sim = std::make_unique<Sim>(options);
-    if (!(*sim)->listening())
+    if (!(*sim)->is_listening())
         return "no port for the tunnel";
     queue_command(nm, type, "start", options.auth, (*sim)->command_port());
     console_print(type + ": local clients connect to 127.0.0.1:" + std::to_string((*sim)->client_port()));

@@ -63,9 +63,6 @@ std::string nm_view_run_status(const std::string &body, const std::string &previ
 std::string nm_view_services(const std::string &body)
 {
     JsonTree root = json_parse(body);
-    char *record = cJSON_PrintUnformatted(member(root.get(), "services"));
-    std::string line =
-        "  services of " + json_text(root.get(), "deviceSn") + ": " + json_one_line(record ? record : "", 400);
-    cJSON_free(record);
-    return line;
+    const std::string records = json_print_plain(member(root.get(), "services"));
+    return "  services of " + json_text(root.get(), "deviceSn") + ": " + json_one_line(records, 400);
 }

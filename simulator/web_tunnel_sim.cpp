@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 static const unsigned char k_magic[4] = {0x00, 0x00, 0xDD, 0xCC};
-static const uint32_t k_frame_in_max = 1024 * 1024;   // the agent's own bound of a response payload
-static const uint64_t k_id_base = 0xA500000000000000; // ids differ in the last bytes, behind a row of NUL bytes
-static const size_t k_browser_read_max = 64 * 1024;   // bytes held for a browser that the agent cannot keep up with
+constexpr uint32_t FRAME_IN_MAX = 1024 * 1024;   // bytes; the agent's own bound of a response payload
+constexpr uint64_t ID_BASE = 0xA500000000000000; // ids differ in the last bytes only, after a row of NUL bytes
+constexpr size_t BROWSER_READ_MAX = 64 * 1024;   // bytes read ahead from a browser when the agent is slower
 
 std::string web_header(uint8_t type, uint64_t id, uint32_t length)
 {
@@ -36,7 +36,7 @@ static uint64_t big_endian(const unsigned char *bytes, int count)
     return value;
 }
 
-WebTunnelSim::WebTunnelSim(const TunnelSimOptions &options) : TunnelSim(options)
+WebTunnelSim::WebTunnelSim(const TunnelSimOptions &options) : TunnelSimWith(options)
 {
     open(options);
 }
@@ -47,22 +47,10 @@ WebTunnelSim::~WebTunnelSim()
     sim_loop_call(loop_, [this] { agent_gone(); });
 }
 
-WebTunnelStats WebTunnelSim::stats()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return stats_;
-}
-
-bool WebTunnelSim::wait(int wait_ms, const std::function<bool(const WebTunnelStats &)> &predicate)
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    return wait_locked(lock, wait_ms, [&] { return predicate(stats_); });
-}
-
 uint64_t WebTunnelSim::id_new(bool browser)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    const uint64_t id = k_id_base | ++ids_used_;
+    const uint64_t id = ID_BASE | ++ids_used_;
     stats_.ids[id].browser = browser;
     return id;
 }
@@ -77,24 +65,24 @@ void WebTunnelSim::agent_gone()
     connection_++;
     for (auto it = browsers_.begin(); it != browsers_.end();) {
         Browser *browser = it->second.get();
-        ++it; // the end of a browser takes it off the map
+        ++it; // a browser that ends leaves the map
         browser_finish(browser);
     }
 }
 
 void WebTunnelSim::agent_data(evbuffer *in)
 {
-    while (agent_ && frame_take(in)) {
+    while (agent_ && frame_extract(in)) {
     }
 }
 
-bool WebTunnelSim::frame_take(evbuffer *in)
+bool WebTunnelSim::frame_extract(evbuffer *in)
 {
     unsigned char header[k_web_header_size];
     if (evbuffer_copyout(in, header, sizeof(header)) < (ev_ssize_t)sizeof(header))
         return false;
     const auto length = (uint32_t)big_endian(header + 4, 4);
-    if (memcmp(header, k_magic, sizeof(k_magic)) != 0 || length > k_frame_in_max) {
+    if (memcmp(header, k_magic, sizeof(k_magic)) != 0 || length > FRAME_IN_MAX) {
         problem("frame: wrong magic or a length of " + std::to_string(length));
         agent_drop();
         return false;
@@ -145,12 +133,11 @@ void WebTunnelSim::response(uint64_t id, const std::string &payload)
     });
 }
 
-// Frames from what the browser has sent, as far as the agent keeps up.
+// Sends what the browser has sent, in frames, as long as the agent keeps up.
 void WebTunnelSim::requests_send(Browser *browser)
 {
     evbuffer *in = bufferevent_get_input(browser->bev);
-    while (agent_ && evbuffer_get_length(in) > 0 &&
-           evbuffer_get_length(bufferevent_get_output(agent_)) < k_output_high) {
+    while (agent_ && evbuffer_get_length(in) > 0 && evbuffer_get_length(bufferevent_get_output(agent_)) < OUTPUT_HIGH) {
         std::string payload(std::min<size_t>(evbuffer_get_length(in), k_web_payload_max), '\0');
         evbuffer_remove(in, &payload[0], payload.size());
         agent_send(web_frame(WEB_FRAME_REQ, browser->id, payload));
@@ -217,7 +204,7 @@ void WebTunnelSim::client_accepted(int fd)
     const uint64_t id = id_new(true);
     auto browser = std::make_unique<Browser>(Browser{this, id, connection_, bev, false});
     bufferevent_setcb(bev, on_browser_read, on_browser_written, on_browser_event, browser.get());
-    bufferevent_setwatermark(bev, EV_READ, 0, k_browser_read_max);
+    bufferevent_setwatermark(bev, EV_READ, 0, BROWSER_READ_MAX);
     bufferevent_enable(bev, EV_READ | EV_WRITE);
     browsers_[id] = std::move(browser);
     update([this] { stats_.open_browsers++; });

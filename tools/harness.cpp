@@ -32,12 +32,6 @@ struct AgentConsole {
     bool ended = true;  // the pipe's other end is closed
 };
 
-long long monotonic_ms()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
 // Takes colour sequences out: escape, bracket, digits and semicolons, m. *inside carries over between reads.
 static std::string without_colours(const char *bytes, size_t length, bool *inside)
 {
@@ -188,13 +182,7 @@ int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms)
 
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value)
 {
-    for (auto &row : *rows) {
-        if (row.first == key) {
-            row.second = value;
-            return;
-        }
-    }
-    rows->emplace_back(key, value);
+    device_cfg_set(rows, key, value); // rows of the same kind
 }
 
 // Rows of one section stand together, whatever their order in the table.

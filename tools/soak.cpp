@@ -145,8 +145,8 @@ static void frame_locked(const DeviceFrame &frame)
 
 static void account()
 {
-    const std::vector<DeviceFrame> frames = device_sim_take(s_stage->device);
-    const std::vector<NmRequest> requests = nm_sim_take(s_stage->nm);
+    const std::vector<DeviceFrame> frames = device_sim_transcript(s_stage->device).take();
+    const std::vector<NmRequest> requests = nm_sim_transcript(s_stage->nm).take();
     std::lock_guard<std::mutex> guard(s_lock);
     std::for_each(requests.begin(), requests.end(), request_locked);
     std::for_each(frames.begin(), frames.end(), frame_locked);
