@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <spawn.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -103,6 +105,8 @@ int client_connect(int port)
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     time_limits_set(fd);
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     sockaddr_in addr = loopback(port);
     if (connect(fd, (sockaddr *)&addr, sizeof(addr)) != 0) {
         close(fd);

@@ -5,6 +5,8 @@
 #include <event2/event.h>
 #include <unistd.h>
 
+#include "sim_socket.h"
+
 static const char k_result_true[] = "{\"result\":\"true\"}";
 static const char k_result_false[] = "{\"result\":\"false\"}";
 static const char k_init[] = "{\"type\":\"INIT\"}";
@@ -164,7 +166,7 @@ void TelnetTunnelSim::client_accepted(int fd)
         close(fd);
         return;
     }
-    client_ = bufferevent_socket_new(sim_loop_base(loop_), fd, BEV_OPT_CLOSE_ON_FREE);
+    client_ = sim_conn_open(loop_, fd, nullptr);
     bufferevent_setcb(client_, on_client_read, nullptr, on_client_event, this);
     bufferevent_setwatermark(client_, EV_READ, 0, KEYS_MAX);
     const bool fresh = session_used_; // the session in use is an earlier client's

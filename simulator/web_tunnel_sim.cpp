@@ -7,6 +7,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "sim_socket.h"
+
 static const unsigned char k_magic[4] = {0x00, 0x00, 0xDD, 0xCC};
 constexpr uint32_t FRAME_IN_MAX = 1024 * 1024;   // bytes; the agent's own bound of a response payload
 constexpr uint64_t ID_BASE = 0xA500000000000000; // ids differ in the last bytes only, after a row of NUL bytes
@@ -200,7 +202,7 @@ void WebTunnelSim::client_accepted(int fd)
         close(fd);
         return;
     }
-    bufferevent *bev = bufferevent_socket_new(sim_loop_base(loop_), fd, BEV_OPT_CLOSE_ON_FREE);
+    bufferevent *bev = sim_conn_open(loop_, fd, nullptr);
     const uint64_t id = id_new(true);
     auto browser = std::make_unique<Browser>(Browser{this, id, connection_, bev, false});
     bufferevent_setcb(bev, on_browser_read, on_browser_written, on_browser_event, browser.get());

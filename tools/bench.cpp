@@ -2,13 +2,10 @@
 // bench [TEXT ...]: only rows whose name contains one of the texts.
 #include <algorithm>
 #include <atomic>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <stdexcept>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "tunnel_stage.h"
@@ -87,8 +84,6 @@ static std::string telnet_echo(bool https)
     start(&stage, https, nullptr, &echo);
     need(telnet_open(&stage), "tunnel open");
     int fd = client_connect(stage.telnet->client_port());
-    const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     need(fd_send(fd, "k") && fd_read(fd, 1) == "k", "echo"); // waits for NM's pause behind the set-up
     std::vector<long long> times_ms;
     for (int i = 0; i < 100; i++) {
