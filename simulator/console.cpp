@@ -48,9 +48,8 @@ void console_print(const std::string &line)
 
 static void print_help(const std::vector<ConsoleCommand> &commands)
 {
-    for (const ConsoleCommand &command : commands) {
+    for (const ConsoleCommand &command : commands)
         printf("  %-10s %-34s %s\n", command.word, command.arguments, command.help);
-    }
     printf("  %-10s %-34s %s\n  %-10s %-34s %s\n", "sleep", "MS", "wait", "quit", "", "end the program");
     fflush(stdout);
 }
@@ -67,14 +66,12 @@ static std::string run_line(const std::vector<ConsoleCommand> &commands, const s
     std::istringstream stream(text);
     std::string first;
     ConsoleLine line;
-    if (!(stream >> first) || first[0] == '#') {
+    if (!(stream >> first) || first[0] == '#')
         return "";
-    }
     std::getline(stream >> std::ws, line.rest);
     std::istringstream rest(line.rest);
-    for (std::string word; rest >> word;) {
+    for (std::string word; rest >> word;)
         line.words.push_back(word);
-    }
     if (first == "help") {
         print_help(commands);
         return "";
@@ -83,13 +80,11 @@ static std::string run_line(const std::vector<ConsoleCommand> &commands, const s
         s_quit = true;
         return "";
     }
-    if (first == "sleep") {
+    if (first == "sleep")
         return sleep_ms(line.number(0, 0));
-    }
     for (const ConsoleCommand &command : commands) {
-        if (first == command.word) {
+        if (first == command.word)
             return command.run(line);
-        }
     }
     return "unknown command '" + first + "' (help lists them)";
 }
@@ -126,18 +121,16 @@ static void run_typed(const std::vector<ConsoleCommand> &commands)
         pending.append(buffer, (size_t)length);
         for (size_t end; !s_quit && (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
             const std::string wrong = run_line(commands, pending.substr(0, end));
-            if (!wrong.empty()) {
+            if (!wrong.empty())
                 console_print(wrong);
-            }
         }
     }
 }
 
 int console_run(const std::vector<ConsoleCommand> &commands, const std::string &script)
 {
-    if (!script.empty() && run_script(commands, script) != 0) {
+    if (!script.empty() && run_script(commands, script) != 0)
         return 1;
-    }
     run_typed(commands);
     return 0;
 }
@@ -145,9 +138,8 @@ int console_run(const std::vector<ConsoleCommand> &commands, const std::string &
 std::string option_text(int argc, char **argv, const std::string &name, const std::string &missing)
 {
     for (int i = 1; i + 1 < argc; i++) {
-        if (name == argv[i]) {
+        if (name == argv[i])
             return argv[i + 1];
-        }
     }
     return missing;
 }
@@ -160,9 +152,8 @@ int option_number(int argc, char **argv, const std::string &name, int missing)
 bool option_given(int argc, char **argv, const std::string &name)
 {
     for (int i = 1; i < argc; i++) {
-        if (name == argv[i]) {
+        if (name == argv[i])
             return true;
-        }
     }
     return false;
 }

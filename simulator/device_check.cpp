@@ -4,8 +4,8 @@
 
 #include "json_text.h"
 
-static const size_t k_own_max = 506;      // bytes of a message of the agent itself
-static const size_t k_command_max = 5119; // bytes of a command of NM
+constexpr size_t OWN_MAX = 506;      // bytes of a message of the agent itself
+constexpr size_t COMMAND_MAX = 5119; // bytes of a command of NM
 
 struct FrameLayout {
     const char *type;
@@ -32,27 +32,23 @@ static const FrameLayout k_layouts[] = {
 
 static std::string check_command(const std::string &text, const cJSON *root)
 {
-    char *print = cJSON_PrintUnformatted(root);
-    const bool same = print && text == print;
-    cJSON_free(print);
-    return text.size() > k_command_max ? "command too long" : same ? "" : "command not in unformatted print";
+    if (text.size() > COMMAND_MAX)
+        return "command too long";
+    return text == json_print_plain(root) ? "" : "command not in unformatted print";
 }
 
 std::string device_check_frame(const std::string &text, std::string *type)
 {
     JsonTree root(cJSON_ParseWithOpts(text.c_str(), nullptr, 0), cJSON_Delete);
     *type = json_text(root.get(), "type");
-    if (type->empty()) {
+    if (type->empty())
         return "no JSON object with a type";
-    }
     for (const FrameLayout &row : k_layouts) {
-        if (*type != row.type) {
+        if (*type != row.type)
             continue;
-        }
-        if (json_refill(row.layout, root.get(), row.keys) != text) {
+        if (json_refill(row.layout, root.get(), row.keys) != text)
             return "not laid out as agreed";
-        }
-        return text.size() > k_own_max ? "longer than 506 bytes" : "";
+        return text.size() > OWN_MAX ? "longer than 506 bytes" : "";
     }
     return check_command(text, root.get());
 }

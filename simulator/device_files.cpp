@@ -11,9 +11,8 @@ static std::string quoted(const std::string &text)
 {
     std::string result = "\"";
     for (char c : text) {
-        if (c == '"' || c == '\\') {
+        if (c == '"' || c == '\\')
             result += '\\';
-        }
         result += c;
     }
     return result + "\"";
@@ -81,9 +80,8 @@ void device_cfg_remove(DeviceCfg *cfg, const std::string &key)
 std::string device_cfg_text(const DeviceCfg &cfg)
 {
     std::string text = "{";
-    for (const auto &row : cfg) {
+    for (const auto &row : cfg)
         text += (text.size() > 1 ? ",\n\t" : "\n\t") + quoted(row.first) + ": " + row.second;
-    }
     return text + "\n}\n";
 }
 
@@ -126,12 +124,10 @@ bool device_service_add(const std::string &path, const std::string &record)
         written = write(fd, bytes.data(), bytes.size()) == (ssize_t)bytes.size();
         set_lock(fd, F_UNLCK);
     }
-    if (!written) {
+    if (!written)
         fprintf(stderr, "cannot add to %s: %s\n", path.c_str(), strerror(errno));
-    }
-    if (fd >= 0) {
+    if (fd >= 0)
         close(fd);
-    }
     return written;
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <spawn.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -24,7 +26,7 @@ static sockaddr_in loopback(int port)
     sockaddr_in addr = {};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
+    addr.sin_port = htons((uint16_t)port);
     return addr;
 }
 
@@ -33,38 +35,33 @@ DeviceService::DeviceService(std::function<void(int fd)> serve, bool open_now, i
 {
     sockaddr_in addr = loopback(0);
     socklen_t len = sizeof(addr);
-    bind(listener_, reinterpret_cast<sockaddr *>(&addr), len);
-    getsockname(listener_, reinterpret_cast<sockaddr *>(&addr), &len);
+    bind(listener_, (sockaddr *)&addr, len);
+    getsockname(listener_, (sockaddr *)&addr, &len);
     port_ = ntohs(addr.sin_port);
     for (int option : {SO_RCVBUF, SO_SNDBUF}) { // accepted sockets inherit them
-        if (buffer_size != 0) {
+        if (buffer_size != 0)
             setsockopt(listener_, SOL_SOCKET, option, &buffer_size, sizeof(buffer_size));
-        }
     }
-    if (open_now) {
+    if (open_now)
         open();
-    }
 }
 
 DeviceService::~DeviceService()
 {
     shutdown(listener_, SHUT_RDWR);
-    if (acceptor_.joinable()) {
+    if (acceptor_.joinable())
         acceptor_.join();
-    }
     hang_up();
-    for (std::thread &thread : threads_) {
+    for (std::thread &thread : threads_)
         thread.join();
-    }
     close(listener_);
 }
 
 void DeviceService::hang_up()
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (int fd : serving_) {
+    for (int fd : serving_)
         shutdown(fd, SHUT_RDWR);
-    }
 }
 
 void DeviceService::open()
@@ -108,8 +105,10 @@ int client_connect(int port)
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     time_limits_set(fd);
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     sockaddr_in addr = loopback(port);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+    if (connect(fd, (sockaddr *)&addr, sizeof(addr)) != 0) {
         close(fd);
         return -1;
     }
@@ -121,10 +120,9 @@ bool fd_send(int fd, const std::string &bytes)
     size_t sent = 0;
     while (sent < bytes.size()) {
         ssize_t result = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (result <= 0) {
+        if (result <= 0)
             return false;
-        }
-        sent += static_cast<size_t>(result);
+        sent += (size_t)result;
     }
     return true;
 }
@@ -134,9 +132,8 @@ std::string fd_read(int fd, size_t size)
     std::string bytes(size, '\0');
     size_t got = 0;
     ssize_t result;
-    while (got < size && (result = recv(fd, &bytes[got], size - got, 0)) > 0) {
-        got += static_cast<size_t>(result);
-    }
+    while (got < size && (result = recv(fd, &bytes[got], size - got, 0)) > 0)
+        got += (size_t)result;
     bytes.resize(got);
     return bytes;
 }
@@ -145,9 +142,8 @@ std::string fd_read_line(int fd)
 {
     std::string line;
     std::string byte;
-    while ((byte = fd_read(fd, 1)) != "\n" && !byte.empty()) {
+    while ((byte = fd_read(fd, 1)) != "\n" && !byte.empty())
         line += byte;
-    }
     return line;
 }
 
@@ -177,7 +173,7 @@ std::string noise(size_t size, unsigned seed)
     uint32_t state = seed * 2654435761u + 1;
     for (char &byte : bytes) {
         state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>(state >> 24);
+        byte = (char)(state >> 24);
     }
     return bytes;
 }
@@ -199,18 +195,17 @@ void serve_web_files(int fd)
     unsigned seed = 1;
     unsigned step = 0;
     unsigned rest_ms = 0;
-    if (sscanf(line.c_str(), "+%u %u %u", &size, &step, &rest_ms) >= 1) {
+    if (sscanf(line.c_str(), "+%u %u %u", &size, &step, &rest_ms) >= 1)
         fd_send(fd, read_in_steps(fd, size, step == 0 ? size : step, rest_ms) == noise(size, seed) ? "ok" : "spoilt");
-    } else if (sscanf(line.c_str(), "%u %u", &size, &seed) == 2) {
+    else if (sscanf(line.c_str(), "%u %u", &size, &seed) == 2)
         fd_send(fd, noise(size, seed));
-    }
 }
 
 void serve_echo(int fd)
 {
     char bytes[4096];
     ssize_t got;
-    while ((got = recv(fd, bytes, sizeof(bytes), 0)) > 0 && fd_send(fd, std::string(bytes, static_cast<size_t>(got)))) {
+    while ((got = recv(fd, bytes, sizeof(bytes), 0)) > 0 && fd_send(fd, std::string(bytes, (size_t)got))) {
     }
 }
 
@@ -218,18 +213,16 @@ std::function<void(int fd)> serve_program(const std::vector<std::string> &words)
 {
     return [words](int fd) {
         std::vector<char *> argv;
-        for (const std::string &word : words) {
-            argv.push_back(const_cast<char *>(word.c_str()));
-        }
+        for (const std::string &word : words)
+            argv.push_back((char *)word.c_str());
         argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, fd, 0);
         posix_spawn_file_actions_adddup2(&actions, fd, 1);
         pid_t pid;
-        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0)
             waitpid(pid, nullptr, 0);
-        }
         posix_spawn_file_actions_destroy(&actions);
     };
 }

@@ -47,7 +47,7 @@ class DeviceService
 };
 
 // Blocking sockets with a time-out of k_socket_wait_ms on both ends of the tunnels.
-int client_connect(int port);
+int client_connect(int port); // with TCP_NODELAY, as browsers and telnet clients set it; -1 when refused
 bool fd_send(int fd, const std::string &bytes);
 std::string fd_read(int fd, size_t size); // fewer at an end or a time-out
 std::string fd_read_line(int fd);         // without its "\n"

@@ -36,9 +36,8 @@ static std::string write_cfg(Box *box)
 static std::string add_services(Box *box, int count)
 {
     for (int i = 0; i < count; i++) {
-        if (!device_service_add(box->dir + "/service", device_service_record(++box->records))) {
+        if (!device_service_add(box->dir + "/service", device_service_record(++box->records)))
             return "cannot write";
-        }
     }
     return "";
 }
@@ -79,9 +78,8 @@ static std::string wait_for(Box *box, const ConsoleLine &line)
 
 static std::string show(Box *box)
 {
-    for (const DeviceFrame &frame : device_sim_frames(box->device)) {
+    for (const DeviceFrame &frame : device_sim_transcript(box->device).all())
         printf("  %s %-22s %s\n", frame.time.c_str(), frame.type.c_str(), frame.wrong.c_str());
-    }
     fflush(stdout);
     return "";
 }
@@ -160,9 +158,8 @@ static void set_from_options(int argc, char **argv, DeviceCfg *cfg)
     for (int i = 1; i + 1 < argc; i++) {
         const std::string value = argv[i + 1];
         const size_t equals = value.find('=');
-        if (argv[i] == std::string("--set") && equals != std::string::npos) {
+        if (argv[i] == std::string("--set") && equals != std::string::npos)
             device_cfg_set(cfg, value.substr(0, equals), value.substr(equals + 1));
-        }
     }
 }
 
@@ -178,22 +175,19 @@ int main(int argc, char **argv)
     options.port = option_number(argc, argv, "--port", 0);
     options.print = console_print;
     box.device = device_sim_start(options);
-    if (!box.device) {
+    if (!box.device)
         return 1;
-    }
     box.cfg = device_cfg_default(box.dir, option_given(argc, argv, "--https"),
                                  option_number(argc, argv, "--nm-port", 0), device_sim_port(box.device));
     set_from_options(argc, argv, &box.cfg);
-    if (!device_write_all(box.dir, box.cfg)) {
+    if (!device_write_all(box.dir, box.cfg))
         return 1;
-    }
     console_print("the device listens on port " + std::to_string(device_sim_port(box.device)) + ", its init cfg is " +
                   box.dir + "/init");
     box.loop = sim_loop_start();
     std::vector<ConsoleCommand> commands = message_commands(&box);
-    for (const ConsoleCommand &command : box_commands(&box)) {
+    for (const ConsoleCommand &command : box_commands(&box))
         commands.push_back(command);
-    }
     const int status = console_run(commands, option_text(argc, argv, "--script", ""));
     sim_loop_stop(box.loop);
     device_sim_stop(box.device);

@@ -14,12 +14,29 @@ std::string json_text(const cJSON *object, const char *key)
     return cJSON_IsString(item) ? item->valuestring : "";
 }
 
-std::string json_print(const cJSON *item)
+// Takes cJSON's text over.
+static std::string text_take(char *text)
 {
-    char *text = cJSON_Print(item);
     std::string result = text ? text : "";
     cJSON_free(text);
     return result;
+}
+
+std::string json_print(const cJSON *item)
+{
+    return text_take(cJSON_Print(item));
+}
+
+std::string json_print_plain(const cJSON *item)
+{
+    return text_take(cJSON_PrintUnformatted(item));
+}
+
+std::string json_print_and_delete(cJSON *root)
+{
+    std::string text = json_print_plain(root);
+    cJSON_Delete(root);
+    return text;
 }
 
 bool json_keys_are(const cJSON *object, const std::string &keys)
@@ -28,11 +45,10 @@ bool json_keys_are(const cJSON *object, const std::string &keys)
     const cJSON *member = object ? object->child : nullptr;
     for (std::string key; words >> key;) {
         const bool optional = key[0] == '?';
-        if (member && key.substr(optional) == member->string) {
+        if (member && key.substr(optional) == member->string)
             member = member->next;
-        } else if (!optional) {
+        else if (!optional)
             return false;
-        }
     }
     return cJSON_IsObject(object) && !member;
 }
@@ -45,9 +61,8 @@ std::string json_refill(const std::string &layout, const cJSON *object, const st
     for (std::string key; words >> key;) {
         const cJSON *member = cJSON_GetObjectItemCaseSensitive(object, key.c_str());
         size_t at = layout.find("%K", from);
-        if (!member || at == std::string::npos) {
+        if (!member || at == std::string::npos)
             return "";
-        }
         result += layout.substr(from, at - from) + (cJSON_IsString(member) ? member->valuestring : json_print(member));
         from = at + 2;
     }
@@ -61,9 +76,8 @@ std::string json_one_line(const std::string &text, size_t max)
         char code[8];
         snprintf(code, sizeof(code), "\\x%02x", c);
         line += c == '\n' ? "\\n" : c == '\t' ? "\\t" : c == '\r' ? "\\r" : c < ' ' ? code : std::string(1, (char)c);
-        if (line.size() > max) {
+        if (line.size() > max)
             return line.substr(0, max) + " ...";
-        }
     }
     return line;
 }

@@ -17,6 +17,10 @@ std::string json_text(const cJSON *object, const char *key);
 // The formatted print.
 std::string json_print(const cJSON *item);
 
+// The print without blanks, in one line; "" for nullptr. The second one also deletes the tree.
+std::string json_print_plain(const cJSON *item);
+std::string json_print_and_delete(cJSON *root);
+
 // Whether the members of an object are these keys in this order; keys are separated by one blank. A key with "?" in
 // front may be missing.
 bool json_keys_are(const cJSON *object, const std::string &keys);

@@ -32,9 +32,8 @@ std::string nm_request_serial(const std::string &path)
 
 std::string nm_request_name(const std::string &path)
 {
-    if (path.compare(0, sizeof(k_prefix) - 1, k_prefix) != 0) {
+    if (path.compare(0, sizeof(k_prefix) - 1, k_prefix) != 0)
         return "?";
-    }
     size_t slash = path.find('/', sizeof(k_prefix) - 1);
     return slash == std::string::npos ? "device" : path.substr(slash + 1);
 }
@@ -57,9 +56,8 @@ std::string nm_signature(const std::string &serial)
 static bool all_text(const cJSON *object)
 {
     for (const cJSON *member = object->child; member; member = member->next) {
-        if (!cJSON_IsString(member)) {
+        if (!cJSON_IsString(member))
             return false;
-        }
     }
     return true;
 }
@@ -70,14 +68,12 @@ static bool has_form(const std::string &text, const std::string &form)
     size_t at = 0;
     for (char wanted : form) {
         if (wanted == '+') {
-            while (at + 1 < text.size() && isdigit((unsigned char)text[at]) && isdigit((unsigned char)text[at + 1])) {
+            while (at + 1 < text.size() && isdigit((unsigned char)text[at]) && isdigit((unsigned char)text[at + 1]))
                 at++;
-            }
-        } else if (at >= text.size() || (wanted == '0' ? !isdigit((unsigned char)text[at]) : text[at] != wanted)) {
+        } else if (at >= text.size() || (wanted == '0' ? !isdigit((unsigned char)text[at]) : text[at] != wanted))
             return false;
-        } else {
+        else
             at++;
-        }
     }
     return at == text.size();
 }
@@ -89,30 +85,25 @@ static std::string check_run_status(const std::string &body, const cJSON *root)
     const cJSON *board = cJSON_GetArrayItem(boards, 0);
     std::string wrong;
     if (!json_keys_are(root, "ver deviceSn basic") || !json_keys_are(basic, "datetime runtime board interface") ||
-        cJSON_GetArraySize(boards) != 1 || !json_keys_are(board, "name type cpuUsage memoryUsage diskUsage")) {
+        cJSON_GetArraySize(boards) != 1 || !json_keys_are(board, "name type cpuUsage memoryUsage diskUsage"))
         complain(&wrong, "members of the run status missing or out of order");
-    }
     if (!has_form(json_text(basic, "datetime"), "0000-00-00 00:00:00") ||
-        !has_form(json_text(basic, "runtime"), "+0:00:00")) {
+        !has_form(json_text(basic, "runtime"), "+0:00:00"))
         complain(&wrong, "bad datetime or runtime");
-    }
     for (const char *usage : {"cpuUsage", "memoryUsage", "diskUsage"}) {
-        if (!json_text(board, usage).empty() && !has_form(json_text(board, usage), "+0.00%")) {
+        if (!json_text(board, usage).empty() && !has_form(json_text(board, usage), "+0.00%"))
             complain(&wrong, std::string("bad ") + usage);
-        }
     }
     const cJSON *item;
     cJSON_ArrayForEach(item, cJSON_GetObjectItemCaseSensitive(basic, "interface"))
     {
         if (!json_keys_are(item, "ifname type ?vlanid ?mtu ?mac ipv4 ipv6 ?linkstatus ?linkSpeed ?rxbytes ?txbytes "
                                  "?rxpackets ?txpackets") ||
-            !all_text(item) || json_text(item, "type") != "Ethernet" || json_text(item, "ifname") == "lo") {
+            !all_text(item) || json_text(item, "type") != "Ethernet" || json_text(item, "ifname") == "lo")
             complain(&wrong, "bad interface " + json_text(item, "ifname"));
-        }
     }
-    if (json_print(root) != body) {
+    if (json_print(root) != body)
         complain(&wrong, "run status not in formatted print");
-    }
     return wrong;
 }
 
@@ -179,27 +170,22 @@ static const BodyCheck k_bodies[] = {
 static std::string check_body(const std::string &name, const std::string &body, const std::string &serial)
 {
     for (const BodyCheck &row : k_bodies) {
-        if (name != row.name) {
+        if (name != row.name)
             continue;
-        }
         JsonTree root = json_parse(body);
         std::string wrong;
-        if (!root) {
+        if (!root)
             return "body is no JSON";
-        }
-        if (row.layout && (json_refill(row.layout, root.get(), row.keys) != body || !all_text(root.get()))) {
+        if (row.layout && (json_refill(row.layout, root.get(), row.keys) != body || !all_text(root.get())))
             complain(&wrong, "body not laid out as agreed");
-        }
         if (row.check) {
             const std::string found = row.check(body, root.get());
-            if (!found.empty()) {
+            if (!found.empty())
                 complain(&wrong, found);
-            }
         }
         const cJSON *sn = cJSON_GetObjectItemCaseSensitive(root.get(), "deviceSn");
-        if (sn && json_text(root.get(), "deviceSn") != serial) {
+        if (sn && json_text(root.get(), "deviceSn") != serial)
             complain(&wrong, "deviceSn in the body is not that of the path");
-        }
         return wrong;
     }
     return "unknown path";
@@ -223,13 +209,11 @@ static std::string check_headers(const HttpRequest &request, const std::string &
     for (size_t i = 0; i < count || i < request.headers.size(); i++) {
         const std::string want = i < count ? expected[i] : "nothing";
         const std::string got = i < request.headers.size() ? request.headers[i] : "nothing";
-        if (got != want) {
+        if (got != want)
             complain(&wrong, "header " + std::to_string(i + 1) + " is '" + got + "', not '" + want + "'");
-        }
     }
-    if (http_header(request, "ptype").empty()) {
+    if (http_header(request, "ptype").empty())
         complain(&wrong, "no ptype");
-    }
     return wrong;
 }
 
@@ -237,17 +221,14 @@ std::string nm_check_request(const HttpRequest &request, const std::string &here
 {
     const std::string path_serial = nm_request_serial(request.path);
     std::string wrong;
-    if (request.method != "POST" || request.version != "HTTP/1.1") {
+    if (request.method != "POST" || request.version != "HTTP/1.1")
         complain(&wrong, "not a POST of HTTP/1.1: " + request.line);
-    }
-    if (path_serial.empty() || (!serial.empty() && path_serial != serial)) {
+    if (path_serial.empty() || (!serial.empty() && path_serial != serial))
         complain(&wrong, "serial number '" + path_serial + "' in the path");
-    }
     for (const std::string &found : {check_headers(request, here, path_serial),
                                      check_body(nm_request_name(request.path), request.body, path_serial)}) {
-        if (!found.empty()) {
+        if (!found.empty())
             complain(&wrong, found);
-        }
     }
     return wrong;
 }
@@ -257,8 +238,7 @@ std::string nm_check_datagram(const std::string &text, const std::string &serial
     JsonTree root = json_parse(text);
     const std::string sender = json_text(root.get(), "deviceSn");
     std::string wrong = check_body("heartbeat", text, sender);
-    if (!serial.empty() && sender != serial) {
+    if (!serial.empty() && sender != serial)
         complain(&wrong, "heartbeat of device '" + sender + "'");
-    }
     return wrong;
 }

@@ -1,16 +1,6 @@
 #include "nm_command.h"
 
-#include <cjson/cJSON.h>
-
-// Prints and frees the tree.
-static std::string print_and_free(cJSON *root)
-{
-    char *text = cJSON_PrintUnformatted(root);
-    std::string result = text ? text : "";
-    cJSON_free(text);
-    cJSON_Delete(root);
-    return result;
-}
+#include "json_text.h"
 
 static cJSON *command(const std::string &type)
 {
@@ -21,25 +11,23 @@ static cJSON *command(const std::string &type)
 
 static void add_if_set(cJSON *object, const char *key, int value)
 {
-    if (value >= 0) {
+    if (value >= 0)
         cJSON_AddNumberToObject(object, key, value);
-    }
 }
 
 std::string nm_command_forward(const std::string &type, const std::string &session)
 {
     cJSON *root = command(type);
-    if (!session.empty()) {
+    if (!session.empty())
         cJSON_AddStringToObject(root, "sessionid", session.c_str());
-    }
-    return print_and_free(root);
+    return json_print_and_delete(root);
 }
 
 std::string nm_command_trigger(int period_s)
 {
     cJSON *root = command("trigger");
     cJSON_AddNumberToObject(cJSON_AddObjectToObject(root, "param"), "period", period_s);
-    return print_and_free(root);
+    return json_print_and_delete(root);
 }
 
 std::string nm_command_device_status(const NmStrategy &strategy)
@@ -54,7 +42,7 @@ std::string nm_command_device_status(const NmStrategy &strategy)
         add_if_set(service, "period", strategy.period_s);
         add_if_set(service, "limit", strategy.limit_kib);
     }
-    return print_and_free(root);
+    return json_print_and_delete(root);
 }
 
 std::string nm_command_tunnel(const NmTunnel &tunnel)
@@ -67,5 +55,5 @@ std::string nm_command_tunnel(const NmTunnel &tunnel)
     cJSON_AddStringToObject(param, "token", tunnel.token.c_str());
     cJSON_AddNumberToObject(param, "key", tunnel.key);
     cJSON_AddStringToObject(param, "sessionid", tunnel.session.c_str());
-    return print_and_free(root);
+    return json_print_and_delete(root);
 }

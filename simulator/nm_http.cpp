@@ -29,9 +29,8 @@ static void split_lines(const std::string &head, HttpRequest *request)
 std::string http_header(const HttpRequest &request, const std::string &name)
 {
     for (const std::string &line : request.headers) {
-        if (line.compare(0, name.size() + 2, name + ": ") == 0) {
+        if (line.compare(0, name.size() + 2, name + ": ") == 0)
             return line.substr(name.size() + 2);
-        }
     }
     return "";
 }
@@ -59,9 +58,8 @@ int http_request_cut(const std::string &text, HttpRequest *request, std::string 
         *wrong = "bad Content-Length";
         return -1;
     }
-    if (text.size() - end - 4 < (size_t)length) {
+    if (text.size() - end - 4 < (size_t)length)
         return 0;
-    }
     request->body = text.substr(end + 4, (size_t)length);
     return (int)(end + 4 + (size_t)length);
 }

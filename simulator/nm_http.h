@@ -15,7 +15,7 @@ struct HttpRequest {
     std::string version;
 };
 
-// Cuts the first request out of text. Returns the bytes it took, 0 when it is not complete yet, -1 (with what is wrong
+// Extracts the first request of text. Returns its length in bytes, 0 when it is not complete yet, -1 (with the reason
 // in *wrong) for bytes that can never become a request.
 int http_request_cut(const std::string &text, HttpRequest *request, std::string *wrong);
 

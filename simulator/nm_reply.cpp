@@ -1,21 +1,13 @@
-#include "json_text.h"
-#include "nm_sim_internal.h"
+#include "nm_reply.h"
 
-static std::string body_of_json(cJSON *root)
-{
-    char *text = cJSON_PrintUnformatted(root);
-    std::string body = text ? text : "";
-    cJSON_free(text);
-    cJSON_Delete(root);
-    return body;
-}
+#include "json_text.h"
 
 static std::string refusal_body(int status, const std::string &error)
 {
     cJSON *root = cJSON_CreateObject();
     cJSON_AddNumberToObject(root, "status", status);
     cJSON_AddStringToObject(root, "error", error.c_str());
-    return body_of_json(root);
+    return json_print_and_delete(root);
 }
 
 static void add_redirection(cJSON *result, const NmActivation &activation)
@@ -37,9 +29,8 @@ static void add_redirection(cJSON *result, const NmActivation &activation)
 static std::string activation_body(const NmSim &nm)
 {
     const NmActivation &activation = nm.activation;
-    if (activation.status != 200 && activation.status != 201 && activation.status != 304) {
+    if (activation.status != 200 && activation.status != 201 && activation.status != 304)
         return refusal_body(activation.status, activation.error);
-    }
     cJSON *root = cJSON_CreateObject();
     cJSON_AddNumberToObject(root, "status", activation.status);
     cJSON *result = cJSON_AddObjectToObject(root, "result");
@@ -49,9 +40,10 @@ static std::string activation_body(const NmSim &nm)
         cJSON_AddStringToObject(result, "host", (activation.host.empty() ? nm.options.ip : activation.host).c_str());
         cJSON_AddNumberToObject(result, "port", activation.port == -2 ? nm.options.udp_port : activation.port);
     }
-    return body_of_json(root);
+    return json_print_and_delete(root);
 }
 
+// The heartbeat's result.
 static std::string word_locked(NmSim *nm)
 {
     if (nm->restart_wanted) {
@@ -61,13 +53,12 @@ static std::string word_locked(NmSim *nm)
     return nm->commands.empty() ? "ACTIVE" : "ack";
 }
 
-// Commands go out as they were queued, one per handshake; one that the fault keeps from arriving stays in the line.
+// One command per handshake, in the order queued. A command that would not arrive because of the fault stays queued.
 static std::string handshake_body_locked(NmSim *nm, NmFaultKind fault)
 {
     const bool arrives = fault == NM_FAULT_NONE || fault == NM_FAULT_TWO_SEGMENTS || fault == NM_FAULT_CHUNKED;
-    if (nm->commands.empty() || !arrives) {
+    if (nm->commands.empty() || !arrives)
         return "{\"status\":200,\"result\":{\"payload\":[]}}";
-    }
     const std::string command = nm->commands.front();
     nm->commands.pop_front();
     return "{\"status\":200,\"result\":{\"payload\":[" + command + "]}}";
@@ -79,21 +70,18 @@ static std::string session_body(const std::string &body)
     cJSON *root = cJSON_CreateObject();
     cJSON_AddNumberToObject(root, "status", 200);
     cJSON *result = cJSON_AddObjectToObject(root, "result");
-    if (cJSON_HasObjectItem(message.get(), "sessionid")) {
+    if (cJSON_HasObjectItem(message.get(), "sessionid"))
         cJSON_AddStringToObject(result, "sessionid", json_text(message.get(), "sessionid").c_str());
-    }
-    return body_of_json(root);
+    return json_print_and_delete(root);
 }
 
 static std::string good_body_locked(NmSim *nm, const std::string &name, const HttpRequest &request,
                                     const NmFault &fault)
 {
-    if (name == "active") {
+    if (name == "active")
         return activation_body(*nm);
-    }
-    if (name == "handshake") {
+    if (name == "handshake")
         return handshake_body_locked(nm, fault.kind);
-    }
     if (name == "heartbeat") {
         const std::string word = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
         return "{\"status\":200,\"result\":\"" + word + "\"}";
@@ -104,81 +92,74 @@ static std::string good_body_locked(NmSim *nm, const std::string &name, const Ht
 NmFault nm_fault_take_locked(NmSim *nm, const std::string &name)
 {
     auto found = nm->faults.find(name);
-    if (found == nm->faults.end() && name != "udp" && name != "accept") {
+    if (found == nm->faults.end() && name != "udp" && name != "accept")
         found = nm->faults.find("");
-    }
-    if (found == nm->faults.end()) {
+    if (found == nm->faults.end())
         return NmFault();
-    }
     const NmFault fault = found->second;
-    if (fault.times > 0 && --found->second.times == 0) {
+    if (fault.times > 0 && --found->second.times == 0)
         nm->faults.erase(found);
-    }
     return fault;
 }
 
-static void apply_fault(const NmFault &fault, const std::string &body, NmReply *reply)
+static std::string padded(const std::string &body)
+{
+    return body.substr(0, body.size() - 1) + ",\"pad\":\"" + std::string(4000, 'x') + "\"}";
+}
+
+// The answer to send when body is the good one's.
+static std::string answer_of_fault(const NmFault &fault, const std::string &body)
 {
     const std::string good = http_answer(200, body);
-    reply->bytes = good;
-    reply->shown = body;
     switch (fault.kind) {
     case NM_FAULT_NONE:
     case NM_FAULT_WORD:
     case NM_FAULT_TWICE:
     case NM_FAULT_STRANGER:
-        return;
-    case NM_FAULT_SILENCE:
-        reply->bytes.clear();
-        break;
-    case NM_FAULT_REFUSE:
-        reply->bytes = http_answer(200, refusal_body(500, fault.text));
-        break;
-    case NM_FAULT_STATUS:
-        reply->bytes = http_answer(404, "");
-        break;
-    case NM_FAULT_JUNK:
-        reply->bytes = "\x16\x03no such thing as an answer\r\n\r\n{";
-        break;
-    case NM_FAULT_CLOSE:
-        reply->bytes.clear();
-        reply->close = true;
-        break;
-    case NM_FAULT_HALF:
-        reply->bytes = good.substr(0, good.size() / 2);
-        break;
     case NM_FAULT_TWO_SEGMENTS:
-        reply->bytes = good.substr(0, good.size() - body.size() / 2);
-        reply->second = good.substr(reply->bytes.size());
-        break;
+        return good;
+    case NM_FAULT_SILENCE:
+    case NM_FAULT_CLOSE:
+        return "";
+    case NM_FAULT_REFUSE:
+        return http_answer(200, refusal_body(500, fault.text));
+    case NM_FAULT_STATUS:
+        return http_answer(404, "");
+    case NM_FAULT_JUNK:
+        return "\x16\x03no such thing as an answer\r\n\r\n{";
+    case NM_FAULT_HALF:
+        return good.substr(0, good.size() / 2);
     case NM_FAULT_LONG:
-        reply->bytes =
-            http_answer(200, body.substr(0, body.size() - 1) + ",\"pad\":\"" + std::string(4000, 'x') + "\"}");
-        break;
+        return http_answer(200, padded(body));
     case NM_FAULT_HTTP10:
-        reply->bytes = "HTTP/1.0" + good.substr(8);
-        break;
+        return "HTTP/1.0" + good.substr(8);
     case NM_FAULT_NO_JSON:
-        reply->bytes = http_answer(200, "no object here");
-        break;
+        return http_answer(200, "no object here");
     case NM_FAULT_EMPTY:
-        reply->bytes = http_answer(200, "");
-        break;
+        return http_answer(200, "");
     case NM_FAULT_CHUNKED:
-        reply->bytes = http_answer_chunked(body);
-        break;
+        return http_answer_chunked(body);
     case NM_FAULT_BODY:
-        reply->bytes = http_answer(200, fault.text);
-        break;
+        return http_answer(200, fault.text);
     }
-    reply->shown = "on purpose: " + (reply->bytes.empty() ? std::string("nothing") : reply->bytes);
+    return good;
 }
 
 NmReply nm_reply_request_locked(NmSim *nm, const std::string &name, const HttpRequest &request)
 {
     const NmFault fault = nm_fault_take_locked(nm, name);
+    const std::string body = good_body_locked(nm, name, request, fault);
     NmReply reply;
-    apply_fault(fault, good_body_locked(nm, name, request, fault), &reply);
+    reply.bytes = answer_of_fault(fault, body);
+    if (fault.kind == NM_FAULT_TWO_SEGMENTS) {
+        const size_t first = reply.bytes.size() - body.size() / 2;
+        reply.second = reply.bytes.substr(first);
+        reply.bytes.resize(first);
+    }
+    reply.shown = body;
+    if (reply.bytes != http_answer(200, body))
+        reply.shown = "on purpose: " + (reply.bytes.empty() ? "nothing" : reply.bytes);
+    reply.close = fault.kind == NM_FAULT_CLOSE;
     reply.delay_ms = fault.delay_ms;
     return reply;
 }
@@ -187,9 +168,8 @@ NmReply nm_reply_datagram_locked(NmSim *nm)
 {
     const NmFault fault = nm_fault_take_locked(nm, "udp");
     NmReply reply;
-    if (fault.kind != NM_FAULT_SILENCE) {
+    if (fault.kind != NM_FAULT_SILENCE)
         reply.bytes = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
-    }
     reply.shown = reply.bytes.empty() ? "nothing" : reply.bytes;
     reply.delay_ms = fault.delay_ms;
     reply.twice = fault.kind == NM_FAULT_TWICE;

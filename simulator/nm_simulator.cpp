@@ -31,18 +31,16 @@ static std::string set_fault(NmSim *nm, const ConsoleLine &line)
     auto kind = k_fault_words.find(line.word(1));
     if (kind == k_fault_words.end()) {
         std::string words;
-        for (const auto &row : k_fault_words) {
+        for (const auto &row : k_fault_words)
             words += " " + row.first;
-        }
         return "kinds of fault:" + words;
     }
     NmFault fault;
     fault.kind = kind->second;
     fault.times = line.number(2, -1);
     fault.delay_ms = line.number(3, 0);
-    for (size_t i = 4; i < line.words.size(); i++) {
+    for (size_t i = 4; i < line.words.size(); i++)
         fault.text += (i > 4 ? " " : "") + line.words[i];
-    }
     nm_sim_set_fault(nm, line.word(0) == "all" ? "" : line.word(0), fault);
     return "";
 }
@@ -85,12 +83,10 @@ static std::string queue_status_period(NmSim *nm, const ConsoleLine &line)
 static std::string show_counts(NmSim *nm)
 {
     std::map<std::string, int> counts;
-    for (const NmRequest &request : nm_sim_transcript(nm)) {
+    for (const NmRequest &request : nm_sim_transcript(nm).all())
         counts[request.name]++;
-    }
-    for (const auto &row : counts) {
+    for (const auto &row : counts)
         printf("  %-20s %d\n", row.first.c_str(), row.second);
-    }
     printf("  connections %d, commands waiting %d\n", nm_sim_connections(nm), nm_sim_queued(nm));
     const std::string wrong = nm_sim_wrong(nm);
     printf("%s", wrong.empty() ? "  nothing wrong\n" : wrong.c_str());
@@ -167,17 +163,15 @@ int main(int argc, char **argv)
     options.serial = option_text(argc, argv, "--serial", "");
     options.print = console_print;
     NmSim *nm = nm_sim_start(options);
-    if (!nm) {
+    if (!nm)
         return 1;
-    }
     console_print(std::string("NM listens on ") + (options.https ? "https" : "http") + "://" + options.ip + ":" +
                   std::to_string(nm_sim_port(nm)) + ", detection on UDP port " + std::to_string(nm_sim_udp_port(nm)));
     NmTunnels tunnels = {nm, option_number(argc, argv, "--web-port", 0), option_number(argc, argv, "--telnet-port", 0),
                          nullptr, nullptr};
     std::vector<ConsoleCommand> commands = device_commands(nm, &tunnels);
-    for (const ConsoleCommand &command : own_commands(nm)) {
+    for (const ConsoleCommand &command : own_commands(nm))
         commands.push_back(command);
-    }
     const int status = console_run(commands, option_text(argc, argv, "--script", ""));
     tunnels.web.reset();
     tunnels.telnet.reset();

@@ -44,13 +44,12 @@ static std::string tunnel_start(NmSim *nm, std::unique_ptr<Sim> *sim, const std:
 {
     TunnelSimOptions options;
     options.auth = fresh_auth(nm);
-    options.tls = nm_sim_https(nm);
+    options.tls = nm_sim_is_https(nm);
     options.client_port = (uint16_t)client_port;
     sim->reset(); // its ports are free again
     *sim = std::make_unique<Sim>(options);
-    if (!(*sim)->listening()) {
+    if (!(*sim)->is_listening())
         return "no port for the tunnel";
-    }
     queue_command(nm, type, "start", options.auth, (*sim)->command_port());
     console_print(type + ": local clients connect to 127.0.0.1:" + std::to_string((*sim)->client_port()));
     return "";
@@ -59,9 +58,8 @@ static std::string tunnel_start(NmSim *nm, std::unique_ptr<Sim> *sim, const std:
 template <typename Sim> static std::string tunnel_wait(Sim *sim, const std::string &type, int seconds)
 {
     const bool stands = sim->wait(seconds * 1000, [](const TunnelStats &stats) { return stats.authenticated; });
-    for (const std::string &problem : sim->stats().problems) {
+    for (const std::string &problem : sim->stats().problems)
         console_print(type + ": WRONG: " + problem);
-    }
     console_print(type + (stands ? ": the tunnel stands" : ": the agent did not come"));
     return stands ? "" : "no tunnel";
 }
@@ -71,15 +69,12 @@ static std::string tunnel_line(NmSim *nm, std::unique_ptr<Sim> *sim, const std::
                                const ConsoleLine &line)
 {
     const std::string action = line.word(0);
-    if (action == "start") {
+    if (action == "start")
         return tunnel_start(nm, sim, type, client_port);
-    }
-    if (!*sim) {
+    if (!*sim)
         return "not started";
-    }
-    if (action == "wait") {
+    if (action == "wait")
         return tunnel_wait(sim->get(), type, line.number(1, 30));
-    }
     queue_command(nm, type, "stop", TunnelAuth{"", "", "none", 0, "none"}, (*sim)->command_port());
     return "";
 }

@@ -15,9 +15,8 @@ static const cJSON *find_interface(const cJSON *root, const std::string &name)
     const cJSON *item;
     cJSON_ArrayForEach(item, member(member(root, "basic"), "interface"))
     {
-        if (json_text(item, "ifname") == name) {
+        if (json_text(item, "ifname") == name)
             return item;
-        }
     }
     return nullptr;
 }
@@ -25,9 +24,8 @@ static const cJSON *find_interface(const cJSON *root, const std::string &name)
 // kbit/s between two reports; "-" without an earlier one.
 static std::string rate(const cJSON *now, const cJSON *before, const char *key, long long elapsed_ms)
 {
-    if (!before || elapsed_ms <= 0) {
+    if (!before || elapsed_ms <= 0)
         return "-";
-    }
     const double bytes = strtod(json_text(now, key).c_str(), nullptr) - strtod(json_text(before, key).c_str(), nullptr);
     char text[32];
     snprintf(text, sizeof(text), "%.1f", bytes * 8 / (double)elapsed_ms);
@@ -65,9 +63,6 @@ std::string nm_view_run_status(const std::string &body, const std::string &previ
 std::string nm_view_services(const std::string &body)
 {
     JsonTree root = json_parse(body);
-    char *record = cJSON_PrintUnformatted(member(root.get(), "services"));
-    std::string line =
-        "  services of " + json_text(root.get(), "deviceSn") + ": " + json_one_line(record ? record : "", 400);
-    cJSON_free(record);
-    return line;
+    const std::string records = json_print_plain(member(root.get(), "services"));
+    return "  services of " + json_text(root.get(), "deviceSn") + ": " + json_one_line(records, 400);
 }

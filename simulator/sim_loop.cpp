@@ -1,13 +1,10 @@
 #include "sim_loop.h"
 
-#include <arpa/inet.h>
 #include <event2/event.h>
 #include <event2/thread.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
@@ -65,9 +62,8 @@ void sim_loop_stop(SimLoop *loop)
 {
     sim_loop_after(loop, 0, [loop] { event_base_loopbreak(loop->base); });
     loop->thread.join();
-    for (SimTimer *timer : loop->timers) {
+    for (SimTimer *timer : loop->timers)
         timer_free(timer);
-    }
     event_base_free(loop->base);
     delete loop;
 }
@@ -106,43 +102,6 @@ void sim_loop_after(SimLoop *loop, int delay_ms, std::function<void()> fn)
     event_add(timer->ev, &delay);
 }
 
-static int bind_socket(int type, const std::string &ip, int *port)
-{
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons((uint16_t)*port);
-    if (inet_pton(AF_INET, ip.c_str(), &addr.sin_addr) != 1) {
-        return -1;
-    }
-    int fd = socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    if (type == SOCK_STREAM) {
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    }
-    socklen_t len = sizeof(addr);
-    if (bind(fd, (sockaddr *)&addr, len) != 0 || getsockname(fd, (sockaddr *)&addr, &len) != 0) {
-        close(fd);
-        return -1;
-    }
-    *port = ntohs(addr.sin_port);
-    return fd;
-}
-
-int sim_listen_tcp(const std::string &ip, int *port)
-{
-    int fd = bind_socket(SOCK_STREAM, ip, port);
-    if (fd >= 0 && listen(fd, 64) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-int sim_bind_udp(const std::string &ip, int *port)
-{
-    return bind_socket(SOCK_DGRAM, ip, port);
-}
-
 std::string sim_clock()
 {
     timeval now;
@@ -154,4 +113,10 @@ std::string sim_clock()
     snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
              (int)(now.tv_usec / 1000));
     return text;
+}
+
+long long monotonic_ms()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }

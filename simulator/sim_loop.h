@@ -9,6 +9,9 @@
 struct event_base;
 struct SimLoop;
 
+// Takes a line for each event of a simulator, on its loop thread; empty: nothing is printed.
+using SimPrint = std::function<void(const std::string &line)>;
+
 // Starts the thread. Never null: a loop that cannot start ends the program with a message.
 SimLoop *sim_loop_start();
 
@@ -24,10 +27,7 @@ void sim_loop_call(SimLoop *loop, const std::function<void()> &fn);
 // Runs fn on the loop thread after delay_ms (0: on the next turn). Any thread.
 void sim_loop_after(SimLoop *loop, int delay_ms, std::function<void()> fn);
 
-// A listening or bound socket on ip, port 0 for any free one; the port in force goes to *port. Non-blocking.
-// -1 when the address is taken or is none.
-int sim_listen_tcp(const std::string &ip, int *port);
-int sim_bind_udp(const std::string &ip, int *port);
-
 // "14:03:07.042", local time.
 std::string sim_clock();
+
+long long monotonic_ms();

@@ -5,15 +5,17 @@
 #include <event2/event.h>
 #include <unistd.h>
 
+#include "sim_socket.h"
+
 static const char k_result_true[] = "{\"result\":\"true\"}";
 static const char k_result_false[] = "{\"result\":\"false\"}";
 static const char k_init[] = "{\"type\":\"INIT\"}";
-static const timeval k_pause = {0, 50 * 1000}; // keeps two messages out of one read of the agent
-static const size_t k_held_max = 1024 * 1024;
-static const size_t k_keys_max = 64 * 1024; // bytes held for a client that the agent cannot keep up with
+static const timeval k_pause = {0, 50 * 1000}; // so that the agent reads two messages one by one
+constexpr size_t HELD_MAX = 1024 * 1024;       // bytes
+constexpr size_t KEYS_MAX = 64 * 1024;         // bytes read ahead from a client when the agent is slower
 
 TelnetTunnelSim::TelnetTunnelSim(const TunnelSimOptions &options, TelnetAnswers answers)
-    : TunnelSim(options), answers_(answers), pause_(event_new(sim_loop_base(loop_), -1, 0, on_pause, this))
+    : TunnelSimWith(options), answers_(answers), pause_(event_new(sim_loop_base(loop_), -1, 0, on_pause, this))
 {
     open(options);
 }
@@ -25,18 +27,6 @@ TelnetTunnelSim::~TelnetTunnelSim()
         agent_gone();
         event_free(pause_);
     });
-}
-
-TelnetTunnelStats TelnetTunnelSim::stats()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return stats_;
-}
-
-bool TelnetTunnelSim::wait(int wait_ms, const std::function<bool(const TelnetTunnelStats &)> &predicate)
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    return wait_locked(lock, wait_ms, [&] { return predicate(stats_); });
 }
 
 std::string TelnetTunnelSim::take_held()
@@ -66,27 +56,27 @@ void TelnetTunnelSim::pause_start()
     event_add(pause_, &k_pause);
 }
 
-// The agent has read what was sent before: the control message, or the client's keys, may follow.
-void TelnetTunnelSim::paused()
+// The agent has read what was sent before: now the control message, or the client's keys.
+void TelnetTunnelSim::pause_ended()
 {
     if (init_due_) {
         init_due_ = false;
         init_send();
         pause_start();
-    } else if (client_ != nullptr) {
+    } else if (client_) {
         bufferevent_enable(client_, EV_READ);
     }
 }
 
 void TelnetTunnelSim::on_pause(int, short, void *self)
 {
-    static_cast<TelnetTunnelSim *>(self)->paused();
+    ((TelnetTunnelSim *)self)->pause_ended();
 }
 
 void TelnetTunnelSim::agent_ready()
 {
     session_used_ = false;
-    update([this] { stats_.held.clear(); }); // of a session that is gone
+    update([this] { stats_.held.clear(); }); // belongs to an earlier session
     switch (answers_) {
     case TELNET_ANSWER_SEPARATE:
         agent_send(k_result_true);
@@ -112,23 +102,21 @@ void TelnetTunnelSim::agent_data(evbuffer *in)
 {
     std::string bytes(evbuffer_get_length(in), '\0');
     evbuffer_remove(in, &bytes[0], bytes.size());
-    if (client_ != nullptr) {
+    if (client_)
         bufferevent_write(client_, bytes.data(), bytes.size());
-    }
     update([&] {
         stats_.bytes_in += bytes.size();
-        if (client_ == nullptr) {
+        if (!client_) {
             stats_.held += bytes;
-            if (stats_.held.size() > k_held_max) {
-                stats_.held.erase(0, stats_.held.size() - k_held_max);
-            }
+            if (stats_.held.size() > HELD_MAX)
+                stats_.held.erase(0, stats_.held.size() - HELD_MAX);
         }
     });
 }
 
 void TelnetTunnelSim::keys_send()
 {
-    if (agent_ != nullptr && evbuffer_get_length(bufferevent_get_output(agent_)) < k_output_high) {
+    if (agent_ && evbuffer_get_length(bufferevent_get_output(agent_)) < OUTPUT_HIGH) {
         evbuffer *in = bufferevent_get_input(client_);
         std::string keys(evbuffer_get_length(in), '\0');
         evbuffer_remove(in, &keys[0], keys.size());
@@ -138,24 +126,22 @@ void TelnetTunnelSim::keys_send()
 
 void TelnetTunnelSim::agent_drained()
 {
-    if (client_ != nullptr) {
+    if (client_)
         keys_send();
-    }
 }
 
 void TelnetTunnelSim::agent_gone()
 {
     event_del(pause_);
     init_due_ = false;
-    if (client_ != nullptr) { // the device's last words
+    if (client_) // the device's last bytes still go out, as far as the socket takes them
         evbuffer_write(bufferevent_get_output(client_), bufferevent_getfd(client_));
-    }
     client_end();
 }
 
 void TelnetTunnelSim::client_end()
 {
-    if (client_ != nullptr) {
+    if (client_) {
         bufferevent_free(client_);
         client_ = nullptr;
         update([this] { stats_.client = false; });
@@ -164,40 +150,37 @@ void TelnetTunnelSim::client_end()
 
 void TelnetTunnelSim::on_client_read(bufferevent *, void *self)
 {
-    static_cast<TelnetTunnelSim *>(self)->keys_send();
+    ((TelnetTunnelSim *)self)->keys_send();
 }
 
 void TelnetTunnelSim::on_client_event(bufferevent *, short, void *self)
 {
-    auto *sim = static_cast<TelnetTunnelSim *>(self);
+    auto *sim = (TelnetTunnelSim *)self;
     sim->keys_send();
     sim->client_end();
 }
 
 void TelnetTunnelSim::client_accepted(int fd)
 {
-    if (!authenticated_ || client_ != nullptr) {
+    if (!authenticated_ || client_) {
         close(fd);
         return;
     }
-    client_ = bufferevent_socket_new(sim_loop_base(loop_), fd, BEV_OPT_CLOSE_ON_FREE);
+    client_ = sim_conn_open(loop_, fd, nullptr);
     bufferevent_setcb(client_, on_client_read, nullptr, on_client_event, this);
-    bufferevent_setwatermark(client_, EV_READ, 0, k_keys_max);
-    const bool fresh = session_used_;
+    bufferevent_setwatermark(client_, EV_READ, 0, KEYS_MAX);
+    const bool fresh = session_used_; // the session in use is an earlier client's
     update([&] {
         stats_.client = true;
-        if (!fresh) {
+        if (!fresh)
             bufferevent_write(client_, stats_.held.data(), stats_.held.size());
-        }
         stats_.held.clear();
     });
     session_used_ = true;
     if (fresh) {
         init_send();
-    }
-    if (fresh) {
         pause_start();
-    } else if (!event_pending(pause_, EV_TIMEOUT, nullptr)) { // else its end lets the keys through
+    } else if (!event_pending(pause_, EV_TIMEOUT, nullptr)) { // otherwise the pause's end enables reading
         bufferevent_enable(client_, EV_READ);
     }
 }

@@ -1,5 +1,6 @@
-// telnet_tunnel_sim.h - NM's end of the remote-telnet tunnel: answers the authentication, says "INIT", then relays one
-// telnet client at a time. A client after the first has "INIT" sent again, so it gets a fresh session of the device.
+// telnet_tunnel_sim.h - NM's end of the remote-telnet tunnel: answers the authentication, sends the control message
+// "INIT", then relays one telnet client at a time. For each client after the first "INIT" is sent again, so that the
+// agent opens a fresh session of the device.
 #pragma once
 
 #include "tunnel_sim.h"
@@ -15,10 +16,10 @@ enum TelnetAnswers {
 struct TelnetTunnelStats : TunnelStats {
     uint32_t inits = 0; // control messages sent
     bool client = false;
-    std::string held; // came without a client; the next one gets it (the newest 1 MiB)
+    std::string held; // received while there was no client; the next one gets it (the newest 1 MiB)
 };
 
-class TelnetTunnelSim : public TunnelSim
+class TelnetTunnelSim : public TunnelSimWith<TelnetTunnelStats>
 {
   public:
     TelnetTunnelSim(const TunnelSimOptions &options, TelnetAnswers answers = TELNET_ANSWER_SEPARATE);
@@ -28,35 +29,27 @@ class TelnetTunnelSim : public TunnelSim
     void send_init(); // the control message, at any time
     std::string take_held();
 
-    TelnetTunnelStats stats();
-    bool wait(int wait_ms, const std::function<bool(const TelnetTunnelStats &)> &predicate);
-
   protected:
     void agent_ready() override;
     void agent_data(evbuffer *in) override;
     void agent_drained() override;
     void agent_gone() override;
     void client_accepted(int fd) override;
-    TunnelStats &common() override
-    {
-        return stats_;
-    }
 
   private:
     void init_send();
-    void paused();
     void pause_start();
+    void pause_ended();
     void client_end();
     void keys_send();
     static void on_pause(int fd, short what, void *self);
     static void on_client_read(bufferevent *bev, void *self);
     static void on_client_event(bufferevent *bev, short what, void *self);
 
-    TelnetTunnelStats stats_; // under mutex_
-    // loop thread only
+    // Loop thread only.
     TelnetAnswers answers_;
     struct event *pause_;
     bufferevent *client_ = nullptr;
     bool init_due_ = false;     // at the end of the pause
-    bool session_used_ = false; // a client has had the device's present session
+    bool session_used_ = false; // a client has used the device's present session
 };

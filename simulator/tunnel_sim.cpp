@@ -1,24 +1,19 @@
 #include "tunnel_sim.h"
 
-#include <arpa/inet.h>
-#include <cjson/cJSON.h>
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/bufferevent_ssl.h>
 #include <event2/event.h>
-#include <event2/listener.h>
-#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include "json_text.h"
+#include "sim_socket.h"
 #include "sim_tls.h"
 
-static const size_t k_auth_max = 10240;     // the agent builds the text in a buffer of that size
-static const int k_rate_ticks = 20;         // a second, of a slow reader
-static const timeval k_auth_wait = {10, 0}; // a connection that stays silent for longer is turned away
+constexpr size_t AUTH_MAX = 4096;           // bytes: four texts of 511, a number and the frame are fewer
+constexpr int RATE_TICKS = 20;              // of a slow reader, in a second
+static const timeval k_auth_wait = {10, 0}; // a connection that stays silent for longer is closed
 
 static std::string auth_text(const TunnelAuth &auth)
 {
@@ -37,55 +32,28 @@ static std::string auth_fields_check(const cJSON *json, const TunnelAuth &expect
                  {"sessionid", expected.sessionid}};
     for (const auto &text : texts) {
         const cJSON *item = cJSON_GetObjectItemCaseSensitive(json, text.name);
-        if (!cJSON_IsString(item)) {
+        if (!cJSON_IsString(item))
             return std::string("authentication: no text \"") + text.name + "\"";
-        }
-        if (text.value != item->valuestring) {
+        if (text.value != item->valuestring)
             return std::string("authentication: \"") + text.name + "\" is \"" + item->valuestring + "\", not \"" +
                    text.value + "\"";
-        }
     }
     const cJSON *key = cJSON_GetObjectItemCaseSensitive(json, "key");
-    if (!cJSON_IsNumber(key) || key->valuedouble != expected.key) {
+    if (!cJSON_IsNumber(key) || key->valuedouble != expected.key)
         return "authentication: \"key\" is not the bare number " + std::to_string(expected.key);
-    }
     return "";
 }
 
-std::string tunnel_auth_check(const std::string &text, const TunnelAuth &expected)
+// Empty when text is the authentication expected, byte by byte; else the first thing that is wrong with it.
+static std::string auth_check(const std::string &text, const TunnelAuth &expected)
 {
-    cJSON *json = cJSON_Parse(text.c_str());
-    if (json == nullptr) {
+    const JsonTree json = json_parse(text);
+    if (!json)
         return "authentication: not JSON: " + text;
-    }
-    std::string wrong = auth_fields_check(json, expected);
-    cJSON_Delete(json);
-    if (wrong.empty() && text != auth_text(expected)) {
-        wrong = "authentication: right fields, other layout: " + text;
-    }
+    const std::string wrong = auth_fields_check(json.get(), expected);
+    if (wrong.empty() && text != auth_text(expected))
+        return "authentication: right fields, other layout: " + text;
     return wrong;
-}
-
-static uint16_t listener_port(evconnlistener *listener)
-{
-    sockaddr_in addr = {};
-    socklen_t len = sizeof(addr);
-    getsockname(evconnlistener_get_fd(listener), reinterpret_cast<sockaddr *>(&addr), &len);
-    return ntohs(addr.sin_port);
-}
-
-static evconnlistener *listener_open(event_base *base, const std::string &address, int port, evconnlistener_cb taken,
-                                     void *context)
-{
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (inet_pton(AF_INET, address.c_str(), &addr.sin_addr) != 1) {
-        return nullptr;
-    }
-    return evconnlistener_new_bind(base, taken, context,
-                                   LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE | LEV_OPT_CLOSE_ON_EXEC, 64,
-                                   reinterpret_cast<sockaddr *>(&addr), sizeof(addr));
 }
 
 TunnelSim::TunnelSim(const TunnelSimOptions &options)
@@ -96,21 +64,17 @@ TunnelSim::TunnelSim(const TunnelSimOptions &options)
 void TunnelSim::open(const TunnelSimOptions &options)
 {
     const int beyond_command = options.tls ? 1 : 0;
-    const int agent_port = options.command_port == 0 ? 0 : options.command_port + beyond_command;
+    int agent_port = options.command_port == 0 ? 0 : options.command_port + beyond_command;
+    int client_port = options.client_port;
     sim_loop_call(loop_, [&] {
-        agent_listener_ = listener_open(sim_loop_base(loop_), options.address, agent_port, on_agent, this);
-        client_listener_ = listener_open(sim_loop_base(loop_), options.address, options.client_port, on_client, this);
-        if (agent_listener_ != nullptr && options.receive_buffer != 0) { // accepted sockets inherit it
-            setsockopt(evconnlistener_get_fd(agent_listener_), SOL_SOCKET, SO_RCVBUF, &options.receive_buffer,
-                       sizeof(options.receive_buffer));
-        }
+        agent_listener_ =
+            sim_listener_open(loop_, options.address, &agent_port, options.receive_buffer, on_agent, this);
+        client_listener_ = sim_listener_open(loop_, options.address, &client_port, 0, on_client, this);
     });
-    if (agent_listener_ != nullptr) {
-        command_port_ = static_cast<uint16_t>(listener_port(agent_listener_) - beyond_command);
-    }
-    if (client_listener_ != nullptr) {
-        client_port_ = listener_port(client_listener_);
-    }
+    if (agent_listener_)
+        command_port_ = (uint16_t)(agent_port - beyond_command);
+    if (client_listener_)
+        client_port_ = (uint16_t)client_port;
 }
 
 TunnelSim::~TunnelSim()
@@ -122,12 +86,8 @@ TunnelSim::~TunnelSim()
 void TunnelSim::close_all()
 {
     sim_loop_call(loop_, [this] {
-        for (evconnlistener **listener : {&agent_listener_, &client_listener_}) {
-            if (*listener != nullptr) {
-                evconnlistener_free(*listener);
-                *listener = nullptr;
-            }
-        }
+        sim_listener_close(&agent_listener_);
+        sim_listener_close(&client_listener_);
         agent_drop();
     });
 }
@@ -145,9 +105,8 @@ void TunnelSim::send_bytes(const std::string &bytes)
 void TunnelSim::stall_reading(bool stall)
 {
     sim_loop_call(loop_, [&] {
-        if (agent_ != nullptr) {
+        if (agent_)
             stall ? bufferevent_disable(agent_, EV_READ) : bufferevent_enable(agent_, EV_READ);
-        }
     });
 }
 
@@ -155,9 +114,9 @@ void TunnelSim::read_slowly(int bytes_per_s)
 {
     sim_loop_call(loop_, [&] {
         rate_clear();
-        if (agent_ != nullptr && bytes_per_s != 0) {
-            const timeval tick = {0, 1000000 / k_rate_ticks};
-            const auto of_tick = static_cast<size_t>(bytes_per_s / k_rate_ticks);
+        if (agent_ && bytes_per_s != 0) {
+            const timeval tick = {0, 1000000 / RATE_TICKS};
+            const auto of_tick = (size_t)(bytes_per_s / RATE_TICKS);
             rate_ = ev_token_bucket_cfg_new(of_tick, of_tick, EV_RATE_LIMIT_MAX, EV_RATE_LIMIT_MAX, &tick);
             bufferevent_set_rate_limit(agent_, rate_);
         }
@@ -166,7 +125,7 @@ void TunnelSim::read_slowly(int bytes_per_s)
 
 void TunnelSim::rate_clear()
 {
-    if (rate_ != nullptr) {
+    if (rate_) {
         bufferevent_set_rate_limit(agent_, nullptr);
         ev_token_bucket_cfg_free(rate_);
         rate_ = nullptr;
@@ -176,19 +135,13 @@ void TunnelSim::rate_clear()
 size_t TunnelSim::unsent()
 {
     size_t size = 0;
-    sim_loop_call(loop_, [&] { size = agent_ != nullptr ? evbuffer_get_length(bufferevent_get_output(agent_)) : 0; });
+    sim_loop_call(loop_, [&] { size = agent_ ? evbuffer_get_length(bufferevent_get_output(agent_)) : 0; });
     return size;
 }
 
 void TunnelSim::close_agent(bool reset)
 {
-    sim_loop_call(loop_, [&] {
-        if (agent_ != nullptr && reset) {
-            const linger at_once = {1, 0};
-            setsockopt(bufferevent_getfd(agent_), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
-        }
-        agent_drop();
-    });
+    sim_loop_call(loop_, [&] { agent_drop(reset); });
 }
 
 void TunnelSim::set_mute(bool mute)
@@ -198,12 +151,7 @@ void TunnelSim::set_mute(bool mute)
 
 void TunnelSim::stop_listening()
 {
-    sim_loop_call(loop_, [this] {
-        if (agent_listener_ != nullptr) {
-            evconnlistener_free(agent_listener_);
-            agent_listener_ = nullptr;
-        }
-    });
+    sim_loop_call(loop_, [this] { sim_listener_close(&agent_listener_); });
 }
 
 void TunnelSim::problem(const std::string &text)
@@ -214,23 +162,21 @@ void TunnelSim::problem(const std::string &text)
 // A copy by reference: the bytes stay one chunk of the output and so leave in one write.
 void TunnelSim::agent_send(const std::string &bytes)
 {
-    if (agent_ == nullptr || bytes.empty()) {
+    if (!agent_ || bytes.empty())
         return;
-    }
     auto *copy = new std::string(bytes);
     evbuffer_add_reference(
         bufferevent_get_output(agent_), copy->data(), copy->size(),
-        [](const void *, size_t, void *text) { delete static_cast<std::string *>(text); }, copy);
+        [](const void *, size_t, void *text) { delete (std::string *)text; }, copy);
     update([&] { common().bytes_out += bytes.size(); });
 }
 
-void TunnelSim::agent_drop()
+void TunnelSim::agent_drop(bool reset)
 {
-    if (agent_ == nullptr) {
+    if (!agent_)
         return;
-    }
     rate_clear();
-    bufferevent_free(agent_);
+    sim_conn_close(agent_, reset);
     agent_ = nullptr;
     authenticated_ = false;
     update([this] {
@@ -244,16 +190,16 @@ void TunnelSim::agent_authenticate(evbuffer *in)
 {
     const evbuffer_ptr end = evbuffer_search(in, "", 1, nullptr);
     if (end.pos < 0) {
-        if (evbuffer_get_length(in) > k_auth_max) {
-            problem("authentication: no NUL in " + std::to_string(k_auth_max) + " bytes");
+        if (evbuffer_get_length(in) > AUTH_MAX) {
+            problem("authentication: no NUL in " + std::to_string(AUTH_MAX) + " bytes");
             agent_drop();
         }
         return;
     }
-    std::string text(static_cast<size_t>(end.pos), '\0');
+    std::string text((size_t)end.pos, '\0');
     evbuffer_remove(in, &text[0], text.size());
     evbuffer_drain(in, 1);
-    const std::string wrong = tunnel_auth_check(text, auth_);
+    const std::string wrong = auth_check(text, auth_);
     update([&] { common().auth_text = text; });
     if (!wrong.empty()) {
         problem(wrong);
@@ -268,51 +214,38 @@ void TunnelSim::agent_authenticate(evbuffer *in)
 
 void TunnelSim::on_read(bufferevent *bev, void *self)
 {
-    auto *sim = static_cast<TunnelSim *>(self);
+    auto *sim = (TunnelSim *)self;
     evbuffer *in = bufferevent_get_input(bev);
-    if (!sim->authenticated_) {
+    if (!sim->authenticated_)
         sim->agent_authenticate(in);
-    }
-    if (sim->authenticated_ && evbuffer_get_length(in) > 0) {
+    if (sim->authenticated_ && evbuffer_get_length(in) > 0)
         sim->agent_data(in);
-    }
 }
 
 void TunnelSim::on_written(bufferevent *, void *self)
 {
-    static_cast<TunnelSim *>(self)->agent_drained();
+    ((TunnelSim *)self)->agent_drained();
 }
 
 void TunnelSim::on_event(bufferevent *bev, short what, void *self)
 {
-    auto *sim = static_cast<TunnelSim *>(self);
-    if (what & BEV_EVENT_CONNECTED) {
+    auto *sim = (TunnelSim *)self;
+    if (what & BEV_EVENT_CONNECTED)
         return;
-    }
     unsigned long fault = bufferevent_get_openssl_error(bev);
-    if (fault != 0 && !sim->authenticated_) {
+    if (fault != 0 && !sim->authenticated_)
         sim->problem(std::string("TLS: ") + ERR_error_string(fault, nullptr));
-    }
     sim->agent_drop();
 }
 
 void TunnelSim::agent_accepted(int fd)
 {
-    agent_drop(); // a new start: the agent has given the old connection up
-    const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    if (tls_ != nullptr && !mute_) {
-        agent_ = bufferevent_openssl_socket_new(sim_loop_base(loop_), fd, SSL_new(tls_), BUFFEREVENT_SSL_ACCEPTING,
-                                                BEV_OPT_CLOSE_ON_FREE);
-        bufferevent_openssl_set_allow_dirty_shutdown(agent_, 1);
-    } else {
-        agent_ = bufferevent_socket_new(sim_loop_base(loop_), fd, BEV_OPT_CLOSE_ON_FREE);
-    }
+    agent_drop(); // the agent has opened the tunnel anew
+    agent_ = sim_conn_open(loop_, fd, mute_ ? nullptr : tls_);
     bufferevent_setcb(agent_, on_read, on_written, on_event, this);
-    bufferevent_setwatermark(agent_, EV_WRITE, k_output_high / 2, 0);
-    if (!mute_) {
+    bufferevent_setwatermark(agent_, EV_WRITE, OUTPUT_HIGH / 2, 0);
+    if (!mute_)
         bufferevent_set_timeouts(agent_, &k_auth_wait, nullptr);
-    }
     bufferevent_enable(agent_, mute_ ? EV_WRITE : EV_READ | EV_WRITE);
     update([this] {
         common().connects++;
@@ -322,12 +255,12 @@ void TunnelSim::agent_accepted(int fd)
 
 void TunnelSim::on_agent(evconnlistener *, int fd, sockaddr *, int, void *self)
 {
-    static_cast<TunnelSim *>(self)->agent_accepted(fd);
+    ((TunnelSim *)self)->agent_accepted(fd);
 }
 
 void TunnelSim::on_client(evconnlistener *, int fd, sockaddr *, int, void *self)
 {
-    auto *sim = static_cast<TunnelSim *>(self);
+    auto *sim = (TunnelSim *)self;
     sim->update([sim] { sim->common().clients++; });
     sim->client_accepted(fd);
 }

@@ -1,12 +1,11 @@
-// tunnel_sim.h - NM's end of a tunnel: a port that the agent connects to and one on which local people connect. What
-// both tunnels have in common; web_tunnel_sim.h and telnet_tunnel_sim.h add what goes through them. Threads: each
-// instance has a loop thread; every public call is for any other thread.
+// tunnel_sim.h - NM's end of a tunnel: one port for the agent and one for local clients (browsers, telnet). This is
+// what both tunnels have in common; web_tunnel_sim.h and telnet_tunnel_sim.h add the traffic. Threads: each instance
+// has a loop thread; every public call is for other threads. The callbacks run on the loop thread.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <stdint.h>
 #include <string>
@@ -20,7 +19,7 @@ struct ev_token_bucket_cfg;
 struct evconnlistener;
 typedef struct ssl_ctx_st SSL_CTX;
 
-// What the agent has to present right after connecting.
+// The authentication that the agent has to send right after connecting.
 struct TunnelAuth {
     std::string ver = "0.1";
     std::string device_sn;
@@ -31,28 +30,25 @@ struct TunnelAuth {
 
 struct TunnelSimOptions {
     TunnelAuth auth;
-    bool tls = false;  // as with an NM reached over https: the agent comes to command_port + 1 and speaks TLS
-    bool mute = false; // takes the agent's connection and never reads or answers, not even a TLS greeting
+    bool tls = false;  // as with an NM reached over https: the agent connects to command_port + 1, with TLS
+    bool mute = false; // accepts the agent's connection and never reads from it, so TLS never starts
     std::string address = "127.0.0.1";
-    uint16_t command_port = 0; // the port that NM's command names; 0: a free one
-    uint16_t client_port = 0;  // for browsers or telnet clients; 0: a free one
-    int receive_buffer = 0;    // bytes, of the agent's connections; 0: the system's default
+    uint16_t command_port = 0; // the port in NM's command; 0: a free one
+    uint16_t client_port = 0;  // for local clients; 0: a free one
+    int receive_buffer = 0;    // SO_RCVBUF of the agent's connections, bytes; 0: the system's default
 };
 
 struct TunnelStats {
     uint32_t connects = 0; // agent connections accepted so far
-    uint32_t closes = 0;   // of these: ended by either side
+    uint32_t closes = 0;   // of these: closed, by either side
     bool connected = false;
     bool authenticated = false;
-    std::string auth_text; // as received last, without its NUL
+    std::string auth_text; // the last one received, without its NUL
     uint32_t clients = 0;  // local connections accepted so far
-    uint64_t bytes_in = 0; // from the agent, behind the authentication
+    uint64_t bytes_in = 0; // from the agent, after the authentication
     uint64_t bytes_out = 0;
-    std::vector<std::string> problems; // whatever the agent did wrong, in order
+    std::vector<std::string> problems; // what the agent did wrong, in order
 };
-
-// Empty when text is what expected asks for, byte by byte; else the first thing that is wrong with it.
-std::string tunnel_auth_check(const std::string &text, const TunnelAuth &expected);
 
 class TunnelSim
 {
@@ -61,7 +57,8 @@ class TunnelSim
     TunnelSim(const TunnelSim &) = delete;
     TunnelSim &operator=(const TunnelSim &) = delete;
 
-    bool listening() const
+    // Whether both ports are open; false when one was taken.
+    bool is_listening() const
     {
         return command_port_ != 0 && client_port_ != 0;
     }
@@ -77,15 +74,15 @@ class TunnelSim
     // What the next connection has to present.
     void expect(const TunnelAuth &auth);
 
-    // These go to the agent's connection and do nothing without one. A text given to send_bytes leaves in one write,
-    // over TLS in one record up to 16,384 bytes.
+    // These act on the agent's connection and do nothing without one. What is given to send_bytes leaves in one write;
+    // with TLS, in one record up to 16,384 bytes.
     void send_bytes(const std::string &bytes);
     void stall_reading(bool stall);
-    void read_slowly(int bytes_per_s);    // 0: as fast as it can
-    size_t unsent();                      // bytes that the agent's kernel has not taken from us
-    void close_agent(bool reset = false); // what has not left yet is lost; reset: RST instead of an orderly end
+    void read_slowly(int bytes_per_s);    // 0: without a limit
+    size_t unsent();                      // bytes queued here, which the socket has not taken yet
+    void close_agent(bool reset = false); // what has not left yet is lost; reset: with RST
 
-    // As the option mute, for the agent's further connections.
+    // The option mute, for the agent's further connections.
     void set_mute(bool mute);
 
     // Refuses the agent's further connections; the present one stays.
@@ -94,24 +91,24 @@ class TunnelSim
   protected:
     explicit TunnelSim(const TunnelSimOptions &options);
 
-    // The heirs' constructors call open last and their destructors close_all first: the loop calls the virtuals in
-    // between.
+    // A derived class calls open at the end of its constructor and close_all at the start of its destructor: in between
+    // the loop thread makes virtual calls.
     void open(const TunnelSimOptions &options);
     void close_all();
 
-    // On the loop thread.
     virtual void agent_ready() = 0;            // its authentication was right
     virtual void agent_data(evbuffer *in) = 0; // takes what it can from in
-    virtual void agent_drained() = 0;          // the output is below half of k_output_high
+    virtual void agent_drained() = 0;          // the output is down to half of OUTPUT_HIGH
     virtual void agent_gone() = 0;             // the connection has ended; agent_ is null
-    virtual void client_accepted(int fd) = 0;  // takes the descriptor over
-    virtual TunnelStats &common() = 0;         // under mutex_
+    virtual void client_accepted(int fd) = 0;  // owns the descriptor
+    virtual TunnelStats &common() = 0;         // the caller holds mutex_
 
+    // Loop thread.
     void agent_send(const std::string &bytes);
-    void agent_drop(); // ends the agent's connection
+    void agent_drop(bool reset = false); // closes the agent's connection
     void problem(const std::string &text);
 
-    // Changes the statistics and wakes whoever waits for them.
+    // Changes the statistics and wakes those who wait for them. Loop thread.
     template <typename Change> void update(Change change)
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -119,12 +116,8 @@ class TunnelSim
         changed_.notify_all();
     }
 
-    template <typename Predicate> bool wait_locked(std::unique_lock<std::mutex> &lock, int wait_ms, Predicate predicate)
-    {
-        return changed_.wait_for(lock, std::chrono::milliseconds(wait_ms), predicate);
-    }
-
-    static constexpr size_t k_output_high = 256 * 1024; // waiting for the agent: clients are not read beyond that
+    // Bytes queued for the agent; with more, clients are not read.
+    static constexpr size_t OUTPUT_HIGH = 256 * 1024;
 
     SimLoop *loop_;
     std::mutex mutex_; // guards the statistics
@@ -150,4 +143,32 @@ class TunnelSim
     evconnlistener *client_listener_ = nullptr;
     uint16_t command_port_ = 0;
     uint16_t client_port_ = 0;
+};
+
+// A tunnel end with statistics of its own.
+template <typename Stats> class TunnelSimWith : public TunnelSim
+{
+  public:
+    Stats stats()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stats_;
+    }
+
+    // Waits until holds is true of the statistics; false when it is not within wait_ms.
+    bool wait(int wait_ms, const std::function<bool(const Stats &)> &holds)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::milliseconds(wait_ms), [&] { return holds(stats_); });
+    }
+
+  protected:
+    using TunnelSim::TunnelSim;
+
+    TunnelStats &common() override
+    {
+        return stats_;
+    }
+
+    Stats stats_; // guarded by mutex_
 };

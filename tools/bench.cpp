@@ -2,13 +2,10 @@
 // bench [TEXT ...]: only rows whose name contains one of the texts.
 #include <algorithm>
 #include <atomic>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <stdexcept>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "tunnel_stage.h"
@@ -17,9 +14,8 @@ static const int k_idle_s = 20; // observed for the idle figures
 
 static void need(bool holds, const char *what)
 {
-    if (!holds) {
+    if (!holds)
         throw std::runtime_error(what);
-    }
 }
 
 static std::string number(double value, int digits)
@@ -50,12 +46,11 @@ static double web_throughput(bool https, unsigned ids, unsigned size)
         browsers.emplace_back(
             [&, i] { got += answer_of(port, std::to_string(size) + " " + std::to_string(i) + "\n").size(); });
     }
-    for (std::thread &browser : browsers) {
+    for (std::thread &browser : browsers)
         browser.join();
-    }
-    const double seconds = static_cast<double>(monotonic_ms() - begin_ms) / 1000;
+    const double seconds = (double)(monotonic_ms() - begin_ms) / 1000;
     need(got == uint64_t(ids) * size, "all bytes");
-    return static_cast<double>(got) / 1024 / seconds;
+    return (double)got / 1024 / seconds;
 }
 
 static double web_upload(unsigned size)
@@ -67,7 +62,7 @@ static double web_upload(unsigned size)
     const std::string request = "+" + std::to_string(size) + "\n" + noise(size, 1);
     const long long begin_ms = monotonic_ms();
     need(answer_of(stage.web->client_port(), request) == "ok", "all bytes");
-    return size / 1024.0 / (static_cast<double>(monotonic_ms() - begin_ms) / 1000);
+    return size / 1024.0 / ((double)(monotonic_ms() - begin_ms) / 1000);
 }
 
 static std::string k_per_s(double value)
@@ -89,8 +84,6 @@ static std::string telnet_echo(bool https)
     start(&stage, https, nullptr, &echo);
     need(telnet_open(&stage), "tunnel open");
     int fd = client_connect(stage.telnet->client_port());
-    const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     need(fd_send(fd, "k") && fd_read(fd, 1) == "k", "echo"); // waits for NM's pause behind the set-up
     std::vector<long long> times_ms;
     for (int i = 0; i < 100; i++) {
@@ -127,7 +120,7 @@ static long long sum_of(const std::string &command, const std::string &label)
     long long sum = 0;
     FILE *lines = popen(command.c_str(), "r");
     char line[256];
-    while (fgets(line, sizeof(line), lines) != nullptr) {
+    while (fgets(line, sizeof(line), lines)) {
         sum += label.compare(0, label.size(), line, strnlen(line, label.size())) == 0
                    ? strtoll(line + label.size(), nullptr, 10)
                    : 0;
@@ -149,13 +142,13 @@ static long long switches(int pid)
 
 static double processor_ms(int pid)
 {
-    return static_cast<double>(sum_of("cat " + tasks_of(pid) + "schedstat", "")) / 1e6;
+    return (double)sum_of("cat " + tasks_of(pid) + "schedstat", "") / 1e6;
 }
 
 static std::string private_memory(int pid)
 {
     const std::string command = "sed -n 's/^Private_[A-Za-z]*://p' /proc/" + std::to_string(pid) + "/smaps_rollup";
-    return number(static_cast<double>(sum_of(command, "")) / 1024, 2) + " MiB";
+    return number((double)sum_of(command, "") / 1024, 2) + " MiB";
 }
 
 static std::string idle()
@@ -168,7 +161,7 @@ static std::string idle()
     const long long switches_before = switches(pid);
     sleep(k_idle_s);
     const double share = (processor_ms(pid) - before_ms) / (k_idle_s * 10);
-    const auto wakes = static_cast<double>(switches(pid) - switches_before);
+    const auto wakes = (double)(switches(pid) - switches_before);
     return number(share, 3) + " % of a core, " + number(wakes / k_idle_s, 1) + " wake-ups/s";
 }
 
@@ -228,7 +221,7 @@ static std::string stripped_size()
     const std::string command = std::string("strip -o ") + copy + " " + PLUGIN_BINARY + " && stat -c %s " + copy;
     const long long size = sum_of(command, "");
     unlink(copy.c_str());
-    return number(static_cast<double>(size) / 1024, 0) + " KiB";
+    return number((double)size / 1024, 0) + " KiB";
 }
 
 // Downloads: one frame of 10 KiB each 10 ms and slot. Reads of 32 KiB end in a short frame, so they come to about 800
@@ -259,9 +252,8 @@ static const struct {
 static bool wanted(const char *name, int argc, char **argv)
 {
     for (int i = 1; i < argc; i++) {
-        if (strstr(name, argv[i]) != nullptr) {
+        if (strstr(name, argv[i]))
             return true;
-        }
     }
     return argc < 2;
 }
@@ -271,9 +263,8 @@ int main(int argc, char **argv)
     int failures = 0;
     printf("%-30s %-50s %s\n", "what", "measured", "bound");
     for (const auto &row : k_rows) {
-        if (!wanted(row.name, argc, argv)) {
+        if (!wanted(row.name, argc, argv))
             continue;
-        }
         std::string result;
         try {
             result = row.measure();

@@ -32,24 +32,17 @@ struct AgentConsole {
     bool ended = true;  // the pipe's other end is closed
 };
 
-long long monotonic_ms()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
 // Takes colour sequences out: escape, bracket, digits and semicolons, m. *inside carries over between reads.
 static std::string without_colours(const char *bytes, size_t length, bool *inside)
 {
     std::string text;
     for (size_t i = 0; i < length; i++) {
-        if (bytes[i] == '\033') {
+        if (bytes[i] == '\033')
             *inside = true;
-        } else if (!*inside) {
+        else if (!*inside)
             text += bytes[i];
-        } else if (bytes[i] == 'm') {
+        else if (bytes[i] == 'm')
             *inside = false;
-        }
     }
     return text;
 }
@@ -75,9 +68,8 @@ static std::vector<std::string> command_words()
 {
     std::istringstream stream(PLUGIN_RUNNER);
     std::vector<std::string> words;
-    for (std::string word; stream >> word;) {
+    for (std::string word; stream >> word;)
         words.push_back(word);
-    }
     words.push_back(PLUGIN_BINARY);
     return words;
 }
@@ -94,33 +86,28 @@ static void run_agent(const AgentProcess &agent, std::vector<char *> &arguments,
         setrlimit(RLIMIT_NOFILE, &limit);
         close(STDIN_FILENO); // the dynamic loader wants one; the agent puts /dev/null there
     }
-    if (chdir(agent.dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0) {
+    if (chdir(agent.dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0)
         execvp(arguments[0], arguments.data());
-    }
     _exit(127);
 }
 
 bool agent_start(AgentProcess *agent)
 {
     int ends[2];
-    if (agent->pid > 0 || pipe2(ends, O_CLOEXEC) != 0) {
+    if (agent->pid > 0 || pipe2(ends, O_CLOEXEC) != 0)
         return false;
-    }
     std::vector<std::string> words = command_words();
     std::vector<char *> arguments;
-    for (std::string &word : words) {
+    for (std::string &word : words)
         arguments.push_back(&word[0]);
-    }
     arguments.push_back(nullptr);
     agent->status = -1;
     agent->pid = fork();
-    if (agent->pid == 0) {
+    if (agent->pid == 0)
         run_agent(*agent, arguments, ends[1]);
-    }
     close(ends[1]);
-    if (!agent->console) {
+    if (!agent->console)
         agent->console = new AgentConsole;
-    }
     agent->seen = agent->console->output.size();
     agent->console->ended = false;
     agent->console->reader = std::thread(read_console, agent->console, ends[0]);
@@ -129,9 +116,8 @@ bool agent_start(AgentProcess *agent)
 
 std::string agent_output(const AgentProcess &agent)
 {
-    if (!agent.console) {
+    if (!agent.console)
         return "";
-    }
     std::lock_guard<std::mutex> guard(agent.console->lock);
     return agent.console->output;
 }
@@ -155,9 +141,8 @@ bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms
         at = console->output.find(text, agent->seen);
         return at != std::string::npos || console->ended;
     });
-    if (at == std::string::npos) {
+    if (at == std::string::npos)
         return false;
-    }
     agent->seen = at + text.size();
     return true;
 }
@@ -165,9 +150,8 @@ bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms
 // After the console has ended the process has at most its last instructions to do.
 int agent_wait_exit(AgentProcess *agent, int timeout_ms)
 {
-    if (agent->pid <= 0) {
+    if (agent->pid <= 0)
         return agent->status;
-    }
     const long long until = monotonic_ms() + timeout_ms;
     {
         std::unique_lock<std::mutex> guard(agent->console->lock);
@@ -176,9 +160,8 @@ int agent_wait_exit(AgentProcess *agent, int timeout_ms)
     }
     int status = 0;
     while (waitpid(agent->pid, &status, WNOHANG) != agent->pid) {
-        if (monotonic_ms() > until) {
+        if (monotonic_ms() > until)
             return -1;
-        }
         poll(nullptr, 0, 1);
     }
     agent->pid = -1;
@@ -199,13 +182,7 @@ int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms)
 
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value)
 {
-    for (auto &row : *rows) {
-        if (row.first == key) {
-            row.second = value;
-            return;
-        }
-    }
-    rows->emplace_back(key, value);
+    device_cfg_set(rows, key, value); // rows of the same kind
 }
 
 // Rows of one section stand together, whatever their order in the table.
@@ -216,9 +193,8 @@ static std::string config_text(const ConfigRows &rows)
         text += "[" + std::string(section) + "]\n";
         for (const auto &row : rows) {
             const size_t colon = row.first.find(':');
-            if (row.first.substr(0, colon) == section) {
+            if (row.first.substr(0, colon) == section)
                 text += row.first.substr(colon + 1) + " = " + row.second + "\n";
-            }
         }
     }
     return text;
@@ -296,16 +272,13 @@ static void remove_dir(const std::string &path)
     DIR *dir = opendir(path.c_str());
     for (dirent *entry; dir && (entry = readdir(dir));) {
         const std::string name = entry->d_name;
-        if (name == "." || name == "..") {
+        if (name == "." || name == "..")
             continue;
-        }
-        if (unlink((path + "/" + name).c_str()) != 0) {
+        if (unlink((path + "/" + name).c_str()) != 0)
             remove_dir(path + "/" + name);
-        }
     }
-    if (dir) {
+    if (dir)
         closedir(dir);
-    }
     rmdir(path.c_str());
 }
 
@@ -314,9 +287,8 @@ static void sanitizer_check(const std::string &output)
 {
     for (const char *mark : {"AddressSanitizer", "ThreadSanitizer", "runtime error: "}) {
         const size_t at = output.find(mark);
-        if (at != std::string::npos) {
+        if (at != std::string::npos)
             ADD_FAILURE() << output.substr(at, 4000);
-        }
     }
 }
 
@@ -333,9 +305,8 @@ Stage::~Stage()
     delete agent.console;
     device_sim_stop(device);
     nm_sim_stop(nm);
-    if (!agent.dir.empty()) {
+    if (!agent.dir.empty())
         remove_dir(agent.dir);
-    }
 }
 
 std::string file_text(const std::string &path)
@@ -386,12 +357,10 @@ int proc_descriptors(int pid)
 {
     DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
     int count = -2; // "." and ".."
-    while (dir && readdir(dir)) {
+    while (dir && readdir(dir))
         count++;
-    }
-    if (dir) {
+    if (dir)
         closedir(dir);
-    }
     return count;
 }
 
@@ -401,9 +370,8 @@ int proc_cpu_ms(int pid)
     std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 2)));
     std::string skipped;
     long long user = 0, system = 0;
-    for (int i = 3; i < 14; i++) { // fields 3 to 13 stand before the two times
+    for (int i = 3; i < 14; i++) // fields 3 to 13 stand before the two times
         fields >> skipped;
-    }
     fields >> user >> system;
     return (int)((user + system) * 1000 / sysconf(_SC_CLK_TCK));
 }
@@ -417,9 +385,8 @@ int black_hole_port(std::vector<int> *descriptors)
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     descriptors->push_back(listener);
     if (bind(listener, (sockaddr *)&addr, length) != 0 || listen(listener, 0) != 0 ||
-        getsockname(listener, (sockaddr *)&addr, &length) != 0) {
+        getsockname(listener, (sockaddr *)&addr, &length) != 0)
         return -1;
-    }
     for (int i = 0; i < 8; i++) { // the queue of nobody's accept fills up; from then on the kernel drops what comes
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         descriptors->push_back(fd);

@@ -83,7 +83,6 @@ int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms = k_wait_m
 // Waits for an end by itself. Same result.
 int agent_wait_exit(AgentProcess *agent, int timeout_ms = k_wait_ms);
 
-long long monotonic_ms();
 int proc_threads(int pid);
 int proc_descriptors(int pid);
 int proc_rss_kib(int pid);

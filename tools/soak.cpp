@@ -57,7 +57,7 @@ static int s_problems;
 
 static void say(const std::string &line)
 {
-    printf("%6.1f s  %s\n", static_cast<double>(monotonic_ms() - s_begin_ms) / 1000, line.c_str());
+    printf("%6.1f s  %s\n", (double)(monotonic_ms() - s_begin_ms) / 1000, line.c_str());
     fflush(stdout);
 }
 
@@ -110,19 +110,16 @@ static Result *result_locked(const std::string &text, const char *mark)
 static void request_locked(const NmRequest &request)
 {
     s_counts["NM " + request.name]++;
-    if (!request.wrong.empty()) {
+    if (!request.wrong.empty())
         problem_locked(request.name + ": " + request.wrong);
-    }
     const bool alarm = request.name == "alarm";
-    if (!alarm && request.name.find("Result") == std::string::npos) {
+    if (!alarm && request.name.find("Result") == std::string::npos)
         return;
-    }
     Result *result = result_locked(request.body, alarm ? "\"id\":\t" : "\"sessionid\":\"");
     if (result && ++result->arrivals == 1) {
         s_counts["arrived"]++;
-        if (request.name != result->name || request.body != result->body) {
+        if (request.name != result->name || request.body != result->body)
             problem_locked("changed on its way to NM: " + result->body.substr(0, 100));
-        }
         result->body.clear();
     }
 }
@@ -130,9 +127,8 @@ static void request_locked(const NmRequest &request)
 static void frame_locked(const DeviceFrame &frame)
 {
     s_counts["device " + frame.type]++;
-    if (!frame.wrong.empty()) {
+    if (!frame.wrong.empty())
         problem_locked(frame.type + ": " + frame.wrong);
-    }
     if (frame.type == "online-status-notify") {
         s_online = frame.text.find("\"online\"") != std::string::npos;
     } else if (frame.type == "reboot") {
@@ -149,8 +145,8 @@ static void frame_locked(const DeviceFrame &frame)
 
 static void account()
 {
-    const std::vector<DeviceFrame> frames = device_sim_take(s_stage->device);
-    const std::vector<NmRequest> requests = nm_sim_take(s_stage->nm);
+    const std::vector<DeviceFrame> frames = device_sim_transcript(s_stage->device).take();
+    const std::vector<NmRequest> requests = nm_sim_transcript(s_stage->nm).take();
     std::lock_guard<std::mutex> guard(s_lock);
     std::for_each(requests.begin(), requests.end(), request_locked);
     std::for_each(frames.begin(), frames.end(), frame_locked);
@@ -159,8 +155,8 @@ static void account()
 static int waiting()
 {
     std::lock_guard<std::mutex> guard(s_lock);
-    return static_cast<int>(std::count_if(s_results.begin(), s_results.end(),
-                                          [](const auto &row) { return row.second.acks == 0 && !row.second.cut; }));
+    return (int)std::count_if(s_results.begin(), s_results.end(),
+                              [](const auto &row) { return row.second.acks == 0 && !row.second.cut; });
 }
 
 // The device link is about to be cut: what is on its way may get lost, and a frame may stay behind in pieces.
@@ -183,13 +179,12 @@ static void account_judge()
     for (const auto &row : s_results) {
         const Result &result = row.second;
         const std::string what = result.name + " " + std::to_string(row.first);
-        if (result.arrivals > 1 || result.acks > 1) {
+        if (result.arrivals > 1 || result.acks > 1)
             problem_locked(what + ": twice at NM, or acknowledged twice");
-        } else if (result.ack_true && result.arrivals == 0) {
+        else if (result.ack_true && result.arrivals == 0)
             problem_locked(what + ": acknowledged, but NM has not got it");
-        } else if (result.acks == 0 && !result.cut) {
+        else if (result.acks == 0 && !result.cut)
             problem_locked(what + ": no ack, " + (result.arrivals > 0 ? "though NM has got it" : "lost"));
-        }
         s_counts["lost by a cut"] += result.acks == 0 && result.arrivals == 0 && result.cut;
     }
 }
@@ -202,10 +197,10 @@ static std::string result_make(int number, Random *random, Result *result)
     static const char *const k_kinds[][2] = {
         {"upgrade-result", "upgradeResult"}, {"cfg-result", "cfgResult"}, {"backup-result", "backupResult"}};
     const std::string id = std::to_string(number);
-    const auto depth = static_cast<size_t>(pick(random, 1, k_depth_max));
+    const auto depth = (size_t)pick(random, 1, k_depth_max);
     const std::string nest = std::string(depth, '[') + std::string(depth, ']');
     const int most = pick(random, 0, 9) == 0 ? k_result_max - 2 * k_depth_max - 200 : 2000;
-    std::string data = noise(static_cast<size_t>(pick(random, 0, most)), (*random)());
+    std::string data = noise((size_t)pick(random, 0, most), (*random)());
     std::transform(data.begin(), data.end(), data.begin(), [](unsigned char byte) { return '0' + byte % 43; });
     if (pick(random, 0, 4) == 0) {
         result->name = "alarm";
@@ -237,18 +232,16 @@ static void resynchronise()
 {
     const std::string ping = std::string(65536, ' ') + "{\"type\":\"ping\"}";
     const int pongs = device_sim_count(s_stage->device, "pong");
-    if (device_sim_send(s_stage->device, ping) && device_sim_wait_for(s_stage->device, "pong", pongs + 1, 1000)) {
+    if (device_sim_send(s_stage->device, ping) && device_sim_wait_for(s_stage->device, "pong", pongs + 1, 1000))
         s_torn = false;
-    }
     pause_ms(300);
 }
 
 static void service_record_add(int n)
 {
     const std::string path = s_stage->agent.dir + "/service";
-    if (n % 20 == 0) {
+    if (n % 20 == 0)
         device_write_file(path, ""); // in timing mode it is the device that empties it
-    }
     device_service_add(path, device_service_record(n));
 }
 
@@ -256,9 +249,8 @@ static void device_run(unsigned seed)
 {
     Random random(seed);
     for (int n = 1; s_traffic; n++) {
-        while (s_traffic && (s_torn || waiting() >= k_waiting_max)) {
+        while (s_traffic && (s_torn || waiting() >= k_waiting_max))
             s_torn ? resynchronise() : pause_ms(20);
-        }
         result_send(n, &random);
         if (n % 5 == 0 && !s_torn) {
             device_sim_send(s_stage->device, "{\"type\":\"call-history\",\"payload\":[" + std::to_string(n) + "]}");
@@ -281,11 +273,10 @@ static bool calm_since(int epoch)
 static bool judge_piece(const std::string &what, const std::string &whole, const std::string &got, int epoch)
 {
     const auto differs = std::mismatch(got.begin(), got.end(), whole.begin(), whole.end());
-    if (differs.first != got.end()) {
+    if (differs.first != got.end())
         problem(what + ": wrong from byte " + std::to_string(differs.first - got.begin()) + " on");
-    } else if (got != whole && calm_since(epoch)) {
+    else if (got != whole && calm_since(epoch))
         problem(what + ": " + std::to_string(got.size()) + " of " + std::to_string(whole.size()) + " bytes");
-    }
     count((got == whole ? "whole " : "cut ") + what);
     return got == whole;
 }
@@ -294,8 +285,7 @@ static void download(int size, unsigned seed)
 {
     const int epoch = s_epoch;
     const std::string request = std::to_string(size) + " " + std::to_string(seed) + "\n";
-    judge_piece("download", noise(static_cast<size_t>(size), seed), answer_of(s_stage->web->client_port(), request),
-                epoch);
+    judge_piece("download", noise((size_t)size, seed), answer_of(s_stage->web->client_port(), request), epoch);
 }
 
 // The device takes the first half, and rests for that long before the second.
@@ -303,7 +293,7 @@ static void upload(int size, int rest_ms)
 {
     const int epoch = s_epoch;
     const std::string request = "+" + std::to_string(size) + " " + std::to_string(size / 2 + 1) + " " +
-                                std::to_string(rest_ms) + "\n" + noise(static_cast<size_t>(size), 1);
+                                std::to_string(rest_ms) + "\n" + noise((size_t)size, 1);
     const std::string answer = answer_of(s_stage->web->client_port(), request);
     // The device's service finds a cut upload spoilt too, and may get that answer through.
     judge_piece("upload", "ok", answer == "spoilt" && !calm_since(epoch) ? "" : answer, epoch);
@@ -324,7 +314,7 @@ static void page_reload(Random *random)
         const int size = pick(random, 1, 30000);
         after.push_back(client_connect(s_stage->web->client_port()));
         fd_send(after.back(), std::to_string(size) + " " + std::to_string(i) + "\n");
-        whole.push_back(noise(static_cast<size_t>(size), static_cast<unsigned>(i)));
+        whole.push_back(noise((size_t)size, (unsigned)i));
     }
     std::for_each(before.begin(), before.end(), close);
     for (size_t i = 0; i < after.size(); i++) {
@@ -346,9 +336,8 @@ static void web_burst(Random *random)
         i % 3 == 1 ? browsers.emplace_back(upload, size, seed % 4 == 0 ? k_rest_ms : 0)
                    : browsers.emplace_back(download, size, seed);
     }
-    for (std::thread &browser : browsers) {
+    for (std::thread &browser : browsers)
         browser.join();
-    }
 }
 
 static void telnet_burst(Random *random)
@@ -358,13 +347,12 @@ static void telnet_burst(Random *random)
     bool whole = true;
     for (int i = 0; i < 20 && whole; i++) {
         const std::string keys =
-            noise(static_cast<size_t>(pick(random, 1, i == 10 ? 30000 : 3000)), (*random)()); // a paste among them
+            noise((size_t)pick(random, 1, i == 10 ? 30000 : 3000), (*random)()); // a paste among them
         whole = judge_piece("echo", keys, fd_send(fd, keys) ? fd_read(fd, keys.size()) : "", epoch);
     }
     close(fd);
-    if (!whole) {
+    if (!whole)
         s_stage->telnet->close_agent(); // a session in the middle of an answer is of no use to the next client
-    }
 }
 
 static bool telnet_ready()
@@ -395,17 +383,15 @@ static void tunnel_run(const TunnelUse &use, unsigned seed)
     Random random(seed);
     while (s_traffic) {
         int epoch = s_epoch;
-        if (!use.open() && calm_since(epoch)) {
+        if (!use.open() && calm_since(epoch))
             problem(std::string(use.name) + " tunnel does not open");
-        }
         for (int i = pick(&random, 2, 12); i > 0 && s_traffic && use.stands(); i--) {
             use.burst(&random);
             pause_ms(pick(&random, 0, 1000));
         }
         epoch = s_epoch;
-        if (!use.close() && calm_since(epoch)) {
+        if (!use.close() && calm_since(epoch))
             problem(std::string(use.name) + " tunnel does not close");
-        }
         pause_ms(pick(&random, 0, 3000));
     }
 }
@@ -428,18 +414,16 @@ static void nm_restarts(int duration_ms)
 {
     nm_sim_absent(s_stage->nm);
     pause_ms(duration_ms);
-    if (!nm_sim_return(s_stage->nm)) {
+    if (!nm_sim_return(s_stage->nm))
         problem("NM cannot listen again");
-    }
 }
 
 static void device_restarts(int duration_ms)
 {
     cut_device([] { device_sim_absent(s_stage->device); });
     pause_ms(duration_ms);
-    if (!device_sim_return(s_stage->device)) {
+    if (!device_sim_return(s_stage->device))
         problem("the device cannot listen again");
-    }
 }
 
 static void device_drops_in_frame(int)
@@ -553,12 +537,11 @@ static void faults_run(unsigned seed, long long end_ms)
     while (monotonic_ms() < end_ms) {
         if (left.empty()) {
             std::copy_if(std::begin(k_faults), std::end(k_faults), std::back_inserter(left),
-                         [](const Fault &fault) { return strstr(fault.name, s_only) != nullptr; });
+                         [](const Fault &fault) { return strstr(fault.name, s_only); });
             std::shuffle(left.begin(), left.end(), random);
         }
-        if (left.empty()) {
+        if (left.empty())
             return; // none has the text
-        }
         const Fault fault = left.back();
         left.pop_back();
         s_epoch += !fault.harmless;
@@ -566,9 +549,8 @@ static void faults_run(unsigned seed, long long end_ms)
         say(std::string("fault: ") + fault.name);
         fault.run(pick(&random, 2000, 12000));
         nm_sets_periods();
-        if (!command_passes(k_return_ms / 2) && !command_passes(k_return_ms / 2)) { // the first may meet an ending link
+        if (!command_passes(k_return_ms / 2) && !command_passes(k_return_ms / 2)) // the first may meet an ending link
             problem(std::string("not back after: ") + fault.name);
-        }
         s_epoch += !fault.harmless;
         pause_ms(pick(&random, 2000, 12000)); // the longest pieces of calm traffic need some
     }
@@ -597,9 +579,8 @@ static void progress(const Usage &usage)
     std::string line = "results";
     {
         std::lock_guard<std::mutex> guard(s_lock);
-        for (const char *name : {"sent", "arrived", "acked true", "acked false", "cut"}) {
+        for (const char *name : {"sent", "arrived", "acked true", "acked false", "cut"})
             line += std::string(" ") + name + " " + std::to_string(s_counts[name]) + ",";
-        }
     }
     say(line + " " + usage_text(usage));
 }
@@ -639,14 +620,12 @@ static void join_all(std::vector<std::thread> *threads)
 {
     std::atomic<bool> joined{false};
     std::thread joiner([&] {
-        for (std::thread &thread : *threads) {
+        for (std::thread &thread : *threads)
             thread.join();
-        }
         joined = true;
     });
-    for (; !joined; pause_ms(20)) {
+    for (; !joined; pause_ms(20))
         account();
-    }
     joiner.join();
 }
 
@@ -663,9 +642,8 @@ static bool start(bool https, const DeviceService &files, const DeviceService &e
     s_stage->options.tls = https;
     s_stage->web = std::make_unique<WebTunnelSim>(s_stage->options);
     s_stage->telnet = std::make_unique<TelnetTunnelSim>(s_stage->options);
-    if (!agent_start(&s_stage->agent) || !device_sim_wait_for(s_stage->device, "online-status-notify", 1, k_wait_ms)) {
+    if (!agent_start(&s_stage->agent) || !device_sim_wait_for(s_stage->device, "online-status-notify", 1, k_wait_ms))
         return false;
-    }
     nm_sets_periods();
     return nm_sim_wait_for(s_stage->nm, "runstatus", 2, k_wait_ms); // the periods are in force
 }
@@ -712,9 +690,8 @@ static void stop_check()
 static void counts_say()
 {
     std::string line;
-    for (const auto &row : s_counts) {
+    for (const auto &row : s_counts)
         line += (line.empty() ? "" : ", ") + row.first + " " + std::to_string(row.second);
-    }
     say(line);
 }
 
@@ -730,7 +707,7 @@ static int soak(double minutes, unsigned seed, bool https)
         return 1;
     }
     const Usage idle = usage_now();
-    const long long end_ms = s_begin_ms + static_cast<long long>(minutes * 60000);
+    const long long end_ms = s_begin_ms + (long long)(minutes * 60000);
     std::vector<std::thread> threads;
     threads.emplace_back(device_run, seed);
     threads.emplace_back(tunnel_run, k_web_use, seed + 1);
@@ -753,7 +730,7 @@ static int soak(double minutes, unsigned seed, bool https)
 int main(int argc, char **argv)
 {
     const double minutes = argc > 1 ? atof(argv[1]) : 5;
-    const unsigned seed = argc > 2 ? static_cast<unsigned>(strtoul(argv[2], nullptr, 10)) : std::random_device()();
+    const unsigned seed = argc > 2 ? (unsigned)strtoul(argv[2], nullptr, 10) : std::random_device()();
     const bool https = argc > 3 && strcmp(argv[3], "https") == 0;
     s_only = argc > 4 ? argv[4] : "";
     printf("%.1f minutes, seed %u, %s\n", minutes, seed, https ? "https" : "http");

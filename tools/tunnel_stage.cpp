@@ -14,7 +14,7 @@ TunnelStage::TunnelStage()
 TunnelStage::~TunnelStage()
 {
     if (web && telnet) {
-        EXPECT_EQ(tunnel_problems(*this), "");
+        EXPECT_EQ("", tunnel_problems(*this));
     }
 }
 
@@ -23,16 +23,13 @@ bool tunnel_stage_start(TunnelStage *stage, bool https, const DeviceService *web
     const ConfigRows wanted = stage->config;
     stage_prepare(stage, https);
     config_set(&stage->config, "plugin_config:log_level", "7");
-    for (const auto &row : wanted) {
+    for (const auto &row : wanted)
         config_set(&stage->config, row.first, row.second);
-    }
     device_cfg_set_text(&stage->cfg, "dev-sn", stage->options.auth.device_sn);
-    if (web != nullptr) {
+    if (web)
         device_cfg_set(&stage->cfg, "web_port", std::to_string(web->port()));
-    }
-    if (telnet != nullptr) {
+    if (telnet)
         device_cfg_set(&stage->cfg, "telnet_port", std::to_string(telnet->port()));
-    }
     stage_write(*stage);
     stage->options.tls = https;
     stage->web = std::make_unique<WebTunnelSim>(stage->options);
@@ -91,9 +88,8 @@ bool telnet_close(TunnelStage *stage)
 void web_request(WebTunnelSim *web, uint64_t id, const std::string &bytes)
 {
     std::string frames;
-    for (size_t at = 0; at < bytes.size(); at += 8000) {
+    for (size_t at = 0; at < bytes.size(); at += 8000)
         frames += web_frame(WEB_FRAME_REQ, id, bytes.substr(at, 8000));
-    }
     web->send_bytes(frames);
 }
 
@@ -112,12 +108,10 @@ bool web_data_is(WebTunnelSim *web, uint64_t id, const std::string &expected)
 std::string tunnel_problems(const TunnelStage &stage)
 {
     std::string all;
-    for (const auto &problem : stage.web->stats().problems) {
+    for (const auto &problem : stage.web->stats().problems)
         all += "web: " + problem + "\n";
-    }
-    for (const auto &problem : stage.telnet->stats().problems) {
+    for (const auto &problem : stage.telnet->stats().problems)
         all += "telnet: " + problem + "\n";
-    }
     return all;
 }
 
@@ -125,9 +119,8 @@ bool eventually(const std::function<bool()> &holds, int wait_ms)
 {
     const long long end_ms = monotonic_ms() + wait_ms;
     while (!holds()) {
-        if (monotonic_ms() > end_ms) {
+        if (monotonic_ms() > end_ms)
             return false;
-        }
         poll(nullptr, 0, 20);
     }
     return true;

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "harness.h"
+#include "sim_socket.h"
 
 // Stands between agent and NM and passes bytes on until a limit is met; one connection at a time.
 struct Relay {

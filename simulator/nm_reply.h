@@ -1,0 +1,24 @@
+// nm_reply.h - what NM answers: the good answer, or what a fault makes of it.
+// Both calls use up faults, commands and the wish for a restart. The caller holds the instance's lock.
+#pragma once
+
+#include <string>
+
+#include "nm_http.h"
+#include "nm_state.h"
+
+struct NmReply {
+    std::string bytes;  // empty: nothing is sent
+    std::string second; // sent 30 ms after bytes
+    int delay_ms = 0;
+    bool close = false;    // close the connection instead
+    bool twice = false;    // datagrams
+    bool stranger = false; // datagrams: from the other port
+    std::string shown;     // for the printed line
+};
+
+NmReply nm_reply_request_locked(NmSim *nm, const std::string &name, const HttpRequest &request);
+NmReply nm_reply_datagram_locked(NmSim *nm);
+
+// The fault in force for a name ("accept" for a connection), used up by one.
+NmFault nm_fault_take_locked(NmSim *nm, const std::string &name);

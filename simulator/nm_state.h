@@ -1,0 +1,42 @@
+// nm_state.h - one instance of the simulated NM, shared by nm_serve (sockets), nm_reply (answers), nm_record
+// (transcript) and nm_sim (the calls from other threads). Nobody else includes it.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "nm_types.h"
+
+struct bufferevent;
+struct evconnlistener;
+struct event;
+struct NmConn;
+
+struct NmSim {
+    NmOptions options; // port and udp_port: those in force
+    SimLoop *loop = nullptr;
+    SSL_CTX *ssl_context = nullptr; // nullptr: plain HTTP
+
+    // Loop thread only.
+    evconnlistener *listener = nullptr;
+    std::map<int, NmConn *> conns; // by number
+    int udp = -1;
+    int udp_stranger = -1; // the same ip, another port
+    event *udp_event = nullptr;
+    NmRequest last_run_status;
+
+    NmTranscript transcript;
+
+    std::mutex lock; // guards everything below
+    std::condition_variable changed;
+    NmActivation activation;
+    std::map<std::string, NmFault> faults;
+    std::deque<std::string> commands;
+    bool restart_wanted = false;
+    int conn_count = 0; // connections accepted so far
+};
