@@ -12,9 +12,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# Behind the compiler's own headers: the sysroot holds no C library.
+# Before the compiler's own directories: one of them is the build machine's /usr/include, whose libevent has other widths.
+# The sysroot holds no C library, so it hides nothing of the compiler's.
 set(CMAKE_CXX_FLAGS_INIT
-    "-idirafter ${armhf_sysroot}/usr/include -idirafter ${armhf_sysroot}/usr/include/arm-linux-gnueabihf")
+    "-isystem ${armhf_sysroot}/usr/include -isystem ${armhf_sysroot}/usr/include/arm-linux-gnueabihf")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-L${armhf_libraries} -Wl,-rpath-link,${armhf_libraries}")
 
 set(CMAKE_CROSSCOMPILING_EMULATOR

@@ -68,14 +68,9 @@ struct ConfigKey {
     size_t offset;
     size_t size;
 };
-#define CONFIG_INT(key, value, set)             \
-    {                                           \
-        key, set, value, nullptr, nullptr, 0, 0 \
-    }
-#define CONFIG_TEXT(key, value, no_file, field)                                                 \
-    {                                                                                           \
-        key, nullptr, 0, value, no_file, offsetof(PluginInfo, field), sizeof(PluginInfo::field) \
-    }
+#define CONFIG_INT(key, value, set) (ConfigKey{key, set, value, nullptr, nullptr, 0, 0})
+#define CONFIG_TEXT(key, value, no_file, field) \
+    (ConfigKey{key, nullptr, 0, value, no_file, offsetof(PluginInfo, field), sizeof(PluginInfo::field)})
 
 #define LOOPBACK "127.0.0.1"
 #define ANY_IP "0.0.0.0"
