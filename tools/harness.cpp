@@ -127,6 +127,14 @@ bool text_has(const std::string &text, const std::string &part)
     return text.find(part) != std::string::npos;
 }
 
+int text_count(const std::string &text, const std::string &part)
+{
+    int count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
+        count++;
+    return count;
+}
+
 bool agent_has_log(const AgentProcess &agent, const std::string &text)
 {
     return text_has(agent_output(agent), text);
@@ -362,6 +370,33 @@ int proc_descriptors(int pid)
     if (dir)
         closedir(dir);
     return count;
+}
+
+bool eventually(const std::function<bool()> &holds, int wait_ms)
+{
+    const long long end_ms = monotonic_ms() + wait_ms;
+    while (!holds()) {
+        if (monotonic_ms() > end_ms) {
+            return false;
+        }
+        poll(nullptr, 0, 20);
+    }
+    return true;
+}
+
+std::pair<int, int> proc_usage_at_rest(int pid)
+{
+    std::pair<int, int> least = {proc_descriptors(pid), proc_threads(pid)};
+    for (int i = 0; i < 50; i++) {
+        poll(nullptr, 0, 20);
+        least = {std::min(least.first, proc_descriptors(pid)), std::min(least.second, proc_threads(pid))};
+    }
+    return least;
+}
+
+bool proc_usage_returns(int pid, const std::pair<int, int> &idle)
+{
+    return eventually([&] { return proc_descriptors(pid) <= idle.first && proc_threads(pid) <= idle.second; });
 }
 
 int proc_cpu_ms(int pid)

@@ -3,6 +3,7 @@
 // behind.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -70,6 +71,7 @@ bool agent_start(AgentProcess *agent);
 bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms = k_wait_ms);
 bool agent_has_log(const AgentProcess &agent, const std::string &text); // anywhere so far
 bool text_has(const std::string &text, const std::string &part);
+int text_count(const std::string &text, const std::string &part);
 std::string agent_output(const AgentProcess &agent); // everything so far, without colours
 // Under the thread sanitizer about one signal in 300 that comes while the agent starts never reaches its handler: none
 // pending, none blocked. There agent_stop sends it again; the agent takes the first and ignores the rest.
@@ -83,8 +85,15 @@ int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms = k_wait_m
 // Waits for an end by itself. Same result.
 int agent_wait_exit(AgentProcess *agent, int timeout_ms = k_wait_ms);
 
+// Waits for what no event tells, such as a count in /proc.
+bool eventually(const std::function<bool()> &holds, int wait_ms = k_wait_ms);
+
 int proc_threads(int pid);
 int proc_descriptors(int pid);
+// Descriptors and threads, the least of each within a second: a heartbeat that comes in between does not count.
+std::pair<int, int> proc_usage_at_rest(int pid);
+// Waits until both are back to what an idle agent uses.
+bool proc_usage_returns(int pid, const std::pair<int, int> &idle);
 int proc_rss_kib(int pid);
 int proc_private_kib(int pid); // written pages that are its own
 bool proc_rss_counts();        // false under an emulator or a sanitizer, whose own memory grows

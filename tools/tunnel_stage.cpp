@@ -1,7 +1,6 @@
 #include "tunnel_stage.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 
 TunnelStage::TunnelStage()
 {
@@ -113,15 +112,4 @@ std::string tunnel_problems(const TunnelStage &stage)
     for (const auto &problem : stage.telnet->stats().problems)
         all += "telnet: " + problem + "\n";
     return all;
-}
-
-bool eventually(const std::function<bool()> &holds, int wait_ms)
-{
-    const long long end_ms = monotonic_ms() + wait_ms;
-    while (!holds()) {
-        if (monotonic_ms() > end_ms)
-            return false;
-        poll(nullptr, 0, 20);
-    }
-    return true;
 }

@@ -37,6 +37,3 @@ bool web_data_is(WebTunnelSim *web, uint64_t id, const std::string &expected);
 
 // What NM's tunnel ends found wrong, one line each.
 std::string tunnel_problems(const TunnelStage &stage);
-
-// Waits for what no event tells, such as a count in /proc.
-bool eventually(const std::function<bool()> &holds, int wait_ms = k_wait_ms);

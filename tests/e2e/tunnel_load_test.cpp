@@ -17,7 +17,8 @@ static std::string destroys(const std::vector<uint64_t> &ids)
 
 static bool device_closed(WebTunnelSim *web, uint64_t id)
 {
-    return web->wait(k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).dev_destroys > 0; });
+    return web->wait(
+        k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).dev_destroys > 0; });
 }
 
 // NM takes 4 KB a second (over TLS 20, for it takes a record at once): room for a frame does not get free within 2 s,
@@ -113,13 +114,16 @@ TEST(TunnelLoad, NothingStaysBehindAnId)
     enum When { DESTROYED_WAITING, DESTROYED_SERVED, NM_LOST };
     for (When when : {DESTROYED_WAITING, DESTROYED_SERVED, NM_LOST}) {
         SCOPED_TRACE(when);
+        const int before = device.accepted();
         std::vector<uint64_t> ten;
         for (int i = 0; i < 10; i++) {
             ten.push_back(web_ask(web, "ten\n"));
             ASSERT_TRUE(web_data_is(web, ten[i], "ten"));
         }
         const uint64_t eleventh = web_ask(web, "eleventh\n");
-        ASSERT_TRUE(agent_wait_log(&stage.agent, "Wait a moment for resource!"));
+        ASSERT_TRUE(agent_wait_log(&stage.agent, "no resource, handle directly") &&
+                    agent_wait_log(&stage.agent, "Wait a moment for resource!"));
+        EXPECT_EQ(before + 10, device.accepted());
         if (when == DESTROYED_WAITING)
             web->send_bytes(destroys({eleventh}));
         if (when == NM_LOST)

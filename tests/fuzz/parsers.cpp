@@ -1,8 +1,6 @@
 // The parsers that read what peers and files say, one target each: fuzz_parsers --target=NAME. Built with libFuzzer by
 // the fuzz preset, else run over the files of corpus/NAME as a test.
 #include <errno.h>
-#include <fcntl.h>
-#include <iniparser.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,12 +23,9 @@
 #include "remote/web_request.h"
 #include "remote/web_response.h"
 #include "runtime/log.h"
-#include "runtime/plugin_config.h"
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
 #include "sim_tls.h"
-#include "status/metrics.h"
-#include "status/service_status.h"
 #include "status/service_status_internal.h"
 #include "transport/connect.h"
 #include "transport/field_extract.h"
@@ -83,8 +78,7 @@ static void device_frames(const Input &in)
     plugin_info_edit_begin(&edit);
     edit.next.max_dev_msg_size = 128;
     edit.next.dev_msg_buffer_size = 160;
-    plugin_info_edit_mark(&edit, &edit.next.max_dev_msg_size, sizeof(int32_t));
-    plugin_info_edit_mark(&edit, &edit.next.dev_msg_buffer_size, sizeof(int32_t));
+    plugin_info_edit_mark(&edit, &edit.next, sizeof(edit.next));
     plugin_info_edit_commit(&edit);
     (void)dev_msg_buffer_init();
     for (size_t turns = 0; world_bytes_left() > 0; turns++) {
@@ -97,10 +91,16 @@ static void device_frames(const Input &in)
     free_device_buffers();
 }
 
+// Without the thread of the device side.
+static void web_start()
+{
+    require(web_pool_open() == 0 && web_request_open() == 0);
+    require(remote_web_req_handle(0, k_start, k_start, sizeof(k_start) - 1) == 0);
+}
+
 static void web_frames(const Input &)
 {
-    require(web_pool_open() == 0 && web_request_open() == 0); // without the thread of the device side
-    require(remote_web_req_handle(0, k_start, k_start, sizeof(k_start) - 1) == 0);
+    web_start();
     while (conn_is_connected(REMOTE_WEB_SERVER) && !wait_is_cut())
         remote_web_turn();
     (void)remote_web_req_handle(0, k_stop, k_stop, sizeof(k_stop) - 1);
@@ -138,8 +138,7 @@ static void web_response(const Input &in)
     memcpy(knobs, in.data, in.size < sizeof(knobs) ? in.size : sizeof(knobs));
     g_http_rsp_len = 1 + 16 * knobs[1];
     g_http_forward_len = 16 * (int8_t)knobs[2];
-    require(web_pool_open() == 0 && web_request_open() == 0);
-    require(remote_web_req_handle(0, k_start, k_start, sizeof(k_start) - 1) == 0);
+    web_start();
     s_sent.clear();
     for (s_open_slots = 0; s_open_slots <= knobs[0] % WEB_SLOT_COUNT; s_open_slots++) {
         SocketConn device = tcp_connect("127.0.0.1", "2", nullptr, nullptr, 0, 0);
@@ -229,25 +228,6 @@ static void init_cfg(const Input &in)
     require(len == 0 || info.plugin_log_path[len - 1] == '/');
 }
 
-static int say_nothing(const char *, ...)
-{
-    return 0;
-}
-
-// The file's name is fixed, so it gets a directory of its own.
-static void config_ini(const Input &in)
-{
-    static char directory[] = "/dev/shm/fuzz.XXXXXX";
-    static int before = open(".", O_RDONLY | O_CLOEXEC);
-    iniparser_set_error_callback(say_nothing);
-    require(mkdtemp(directory) && chdir(directory) == 0);
-    FILE *file = fopen("./config.ini", "w");
-    require(file && fwrite(in.data, 1, in.size, file) == in.size && fclose(file) == 0);
-    (void)read_plugin_config();
-    require(unlink("./config.ini") == 0 && fchdir(before) == 0 && rmdir(directory) == 0);
-    memset(strchr(directory, '.') + 1, 'X', 6);
-}
-
 static void record_check(const char *record, void *)
 {
     require(record[0] != '\0' && strlen(record) < SERVICE_RECORD_SIZE);
@@ -261,17 +241,6 @@ static void service_file(const Input &in)
     close(fd);
 }
 
-static void proc_texts(const Input &in)
-{
-    FILE *stream = fmemopen((void *)in.text, in.size + 1, "r");
-    uint64_t total, idle;
-    int32_t total_kb, free_kb;
-    metrics_cpu_parse(stream, &total, &idle);
-    rewind(stream);
-    metrics_mem_parse(stream, &total_kb, &free_kb);
-    fclose(stream);
-}
-
 static const struct Target {
     const char *name;
     void (*run)(const Input &in);
@@ -281,8 +250,7 @@ static const struct Target {
     {"http_response", http_response, false, false}, {"activation", activation, false, true},
     {"nm_command", nm_command, false, false},       {"device_frames", device_frames, true, false},
     {"web_frames", web_frames, true, true},         {"telnet_setup", telnet_setup, true, true},
-    {"init_cfg", init_cfg, false, false},           {"config_ini", config_ini, false, false},
-    {"service_file", service_file, false, false},   {"proc_texts", proc_texts, false, false},
+    {"init_cfg", init_cfg, false, false},           {"service_file", service_file, false, false},
     {"web_response", web_response, true, true},     {"tls_records", tls_records, false, false},
 };
 static const Target *s_target;
