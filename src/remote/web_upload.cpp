@@ -413,7 +413,7 @@ static void waiting_turn(void)
 static int upload_send(Upload *upload, const WebSlot *slot)
 {
     if (wait_fd(slot->conn.socket_fd, upload->send_events, 0) == WAIT_TIMEOUT)
-        return conn_is_stuck(&slot->conn, &upload->progress, slot->closing ? STUCK_AFTER_2_S : STUCK_IF_SILENT) ? -1
+        return conn_is_stuck(&slot->conn, &upload->progress, slot->closing ? NM_PATIENCE_MS : DEVICE_PATIENCE_MS) ? -1
                                                                                                                 : 0;
     upload->progress = {};
     ByteQueue *queue = &upload->queue;

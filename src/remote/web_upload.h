@@ -1,7 +1,7 @@
 // web_upload.h - a remote-web tunnel's direction from NM to the device, behind the records: each msg_id's bytes go to
 // its own device connection as fast as the device takes them, and no msg_id waits for another one. Bytes that a device
 // does not take at once wait in the queue of its slot; a msg_id for which no slot is free waits in a list, in the order
-// of arrival. A device that takes none of its bytes is given up after 2 s, after 30 s when its kernel still answers.
+// of arrival. A device that takes none of its bytes is given up (conn_is_stuck).
 // After bytes of a msg_id were lost, what follows within 500 ms is dropped too, so that the middle of a request never
 // reaches the device as a request of its own.
 // Everything belongs to whoever holds the tunnel's command lock. Blocks: 2 s at most in a connect to the device.

@@ -357,8 +357,7 @@ int conn_check(ConnectionType type)
 // tcp_state_get without its wait: a full send buffer is judged by its progress.
 static int state_by_progress(ConnectionType type, const SocketConn *conn, SendProgress *progress)
 {
-    StuckRule rule = k_types[type].to_nm ? STUCK_AFTER_2_S : STUCK_IF_SILENT;
-    bool stuck = conn_is_stuck(conn, progress, rule);
+    bool stuck = conn_is_stuck(conn, progress, k_types[type].to_nm ? NM_PATIENCE_MS : DEVICE_PATIENCE_MS);
     if (wait_fd(conn->socket_fd, POLLIN | POLLOUT, 0) != WAIT_READY)
         return stuck ? TCP_STATE_TIMEOUT : TCP_STATE_ESTABLISHED;
     int state = tcp_state_get(conn->socket_fd);

@@ -65,8 +65,7 @@ void conn_remove_all_but_device(void);
 int conn_check(ConnectionType type);
 
 // conn_check for a connection that a relay sends on: never waits. A full send buffer alone proves nothing; the
-// connection is dead when its peer has acknowledged no byte for 2 s (towards the device: 30 s if its kernel still
-// answers).
+// connection is dead when its peer is stuck (liveness.h).
 bool conn_check_progress(ConnectionType type, SendProgress *progress);
 
 // The test of conn_check, which closes nothing. 1 or 0, a failure is logged.

@@ -11,11 +11,13 @@
 #include "runtime/text.h"
 #include "runtime/wait.h"
 #include "transport/conn_ref.h"
+#include "transport/liveness.h"
 #include "transport/tls.h"
 
 constexpr int RETRY_FAILED_MS = 100;
 constexpr int RETRY_SHORT_MS = 10;
-constexpr int SEND_PATIENCE_MS = 2000; // for a peer that takes no byte
+constexpr int SEND_PATIENCE_MS = 2000; // for a peer that takes no byte of a message
+constexpr int STREAM_LOOK_MS = 200;    // between two looks at a peer that takes no byte of a stream
 
 static bool can_send(const SocketConn *conn)
 {
@@ -229,16 +231,26 @@ static int message_part_send(const SocketConn *conn, const SendPart *part, bool 
     return result < 0 ? (int)part->len : result;
 }
 
+// Waits a while for room. False when NM, to which all streams go, is stuck or the wait was cut short.
+static bool room_is_coming(const SocketConn *conn, SendProgress *progress, short events)
+{
+    WaitResult result = wait_fd(conn->socket_fd, events, STREAM_LOOK_MS);
+    if (result == WAIT_TIMEOUT)
+        return !conn_is_stuck(conn, progress, NM_PATIENCE_MS);
+    return result == WAIT_READY;
+}
+
 // conn_send for one part of a SEND_STREAM.
 static int stream_part_send(const SocketConn *conn, const SendPart *part)
 {
     const char *bytes = (const char *)part->bytes;
+    SendProgress progress = {};
     for (size_t sent = 0; sent < part->len;) {
         short events;
         int some = conn_send_some(conn, bytes + sent, part->len - sent, &events);
         sent += some > 0 ? (size_t)some : 0;
         bool waits = some >= 0 && sent < part->len;
-        if (some < 0 || (waits && room_wait(conn->socket_fd, events) != 0)) {
+        if (some < 0 || (waits && !room_is_coming(conn, &progress, events))) {
             if (can_send(conn))
                 break_off(conn);
             return -1;

@@ -30,7 +30,8 @@ enum SendKind {
 // SEND_MESSAGE: each part first gets tcp_send's two attempts and log lines. Once a byte is accepted, the remainder is
 // sent silently.
 // SEND_STREAM: room in the send buffer is waited for from the start, silently.
-// Either way the peer has to take a byte every 2 s; otherwise, or on a stop, the connection is shut down and marked
+// The peer of a message has to take a byte every 2 s, that of a stream must not be stuck (liveness.h); otherwise, or on
+// a stop, the connection is shut down and marked
 // broken, so that a stream with bytes missing is never used again. Calling off the thread's work ends a SEND_STREAM
 // only, so that a called-off command does not cost a link that others share. Returns tcp_send's result for the last
 // part (its length when the remainder was sent silently), negative as soon as a part could not be sent whole. Empty

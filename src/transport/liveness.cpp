@@ -12,8 +12,7 @@
 #include "transport/tls.h"
 
 constexpr int LIVENESS_TIMEOUT_MS = 2000;
-constexpr int PATIENCE_MS = 2000;
-constexpr int ANSWERING_PATIENCE_MS = 30000;
+constexpr int SILENT_PATIENCE_MS = 2000;
 constexpr int UNANSWERED_PROBES_MAX = 1; // one may be in flight
 
 int tcp_state_get(int fd)
@@ -64,7 +63,7 @@ static bool is_answering(int fd)
     return info.tcpi_probes <= UNANSWERED_PROBES_MAX && info.tcpi_retransmits <= UNANSWERED_PROBES_MAX;
 }
 
-bool conn_is_stuck(const SocketConn *conn, SendProgress *progress, StuckRule rule)
+bool conn_is_stuck(const SocketConn *conn, SendProgress *progress, int patience_ms)
 {
     if (wait_fd(conn->socket_fd, POLLOUT, 0) != WAIT_TIMEOUT) {
         progress->full_since_ms = 0;
@@ -77,7 +76,5 @@ bool conn_is_stuck(const SocketConn *conn, SendProgress *progress, StuckRule rul
         progress->acknowledged = acknowledged;
     }
     int64_t full_ms = now_ms - progress->full_since_ms;
-    if (full_ms < PATIENCE_MS)
-        return false;
-    return rule == STUCK_AFTER_2_S || full_ms >= ANSWERING_PATIENCE_MS || !is_answering(conn->socket_fd);
+    return full_ms >= patience_ms || (full_ms >= SILENT_PATIENCE_MS && !is_answering(conn->socket_fd));
 }

@@ -23,11 +23,12 @@ struct SendProgress {
     uint32_t acknowledged; // bytes acknowledged by then; wraps
 };
 
-enum StuckRule {
-    STUCK_AFTER_2_S, // whatever the peer's kernel answers
-    STUCK_IF_SILENT, // 30 s while the peer's kernel answers window probes: only its program does not read
-};
+// How long a peer may take no byte while its kernel still answers window probes, so that only its program does not
+// read. NM: a program that reads 20 KB a second opens a window of 64 KiB every 3 s, and the sender's kernel may learn
+// that only with its next probe, 6.2 s after the window was closed. A device may erase its flash meanwhile.
+constexpr int NM_PATIENCE_MS = 7000;
+constexpr int DEVICE_PATIENCE_MS = 30000;
 
-// The send buffer of conn (held) is full and its peer has acknowledged no byte for as long as the rule allows. Never
-// waits: callers ask again and again.
-bool conn_is_stuck(const SocketConn *conn, SendProgress *progress, StuckRule rule);
+// The send buffer of conn (held) is full and its peer has acknowledged no byte for patience_ms, or for 2 s if its
+// kernel answers no longer. Never waits: callers ask again and again.
+bool conn_is_stuck(const SocketConn *conn, SendProgress *progress, int patience_ms);

@@ -84,10 +84,10 @@ static void link_flaps(Stage *stage)
     }
 }
 
-static void device_returns(Stage *stage)
+static void device_returns(Stage *stage, int links)
 {
     EXPECT_TRUE(device_sim_return(stage->device));
-    EXPECT_TRUE(device_sim_wait_connected(stage->device, 2, k_wait_ms));
+    EXPECT_TRUE(device_sim_wait_connected(stage->device, links, k_wait_ms));
 }
 
 // It is back, and its file is full: the next one is opened. An empty directory would wait for the next start.
@@ -148,11 +148,11 @@ static const Outage k_outages[] = {
      },
      nullptr},
     {"device's agent late", BEFORE, "Init config failed, re-initialize!",
-     [](Stage *s) { device_sim_absent(s->device); }, device_returns},
+     [](Stage *s) { device_sim_absent(s->device); }, [](Stage *s) { device_returns(s, 1); }},
     {"device link flaps", STARTED, "Device TCP connection lost! Re-initialize device...", link_flaps,
      [](Stage *s) { EXPECT_TRUE(device_sim_wait_connected(s->device, 3, k_wait_ms)); }},
     {"device's agent restarts", ONLINE, "Device TCP connection lost! Re-initialize device...",
-     [](Stage *s) { device_sim_absent(s->device); }, device_returns},
+     [](Stage *s) { device_sim_absent(s->device); }, [](Stage *s) { device_returns(s, 2); }},
     {"disk full", BEFORE, "Init cfg successfully", fill_disk, free_disk},
     {"log directory removed", ONLINE, "Fail to read log file property!",
      [](Stage *s) { EXPECT_EQ(2u, std::filesystem::remove_all(s->agent.dir + "/log")); }, bring_log_back},

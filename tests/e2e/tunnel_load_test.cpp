@@ -17,30 +17,29 @@ static std::string destroys(const std::vector<uint64_t> &ids)
 
 static bool device_closed(WebTunnelSim *web, uint64_t id)
 {
-    return web->wait(
-        k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).dev_destroys > 0; });
+    return web->wait(k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).dev_destroys > 0; });
 }
 
-// NM takes 4 KB a second (over TLS 20, for it takes a record at once): room for a frame does not get free within 2 s,
-// but NM is alive. Then it takes nothing, and is given up after 2 s of that.
+// NM takes 4 KB a second with a small buffer, or 20 over TLS with the system's, whose kernel then opens its window
+// every 6 s: no byte is taken for longer than 2 s, but NM is alive. Then it takes nothing, and is given up after 7 s of
+// that.
 static void slow_nm(bool https)
 {
     DeviceService files(serve_web_files);
     TunnelStage stage;
-    stage.options.receive_buffer = 4096;
+    stage.options.receive_buffer = https ? 0 : 4096;
     ASSERT_TRUE(tunnel_stage_start(&stage, https, &files, nullptr) && web_open(&stage));
     stage.web->read_slowly(https ? 20000 : 4000);
     const uint64_t id = web_ask(stage.web.get(), "3000000 7\n");
-    EXPECT_FALSE(agent_wait_log(&stage.agent, "connection lost", 12000));
+    EXPECT_FALSE(agent_wait_log(&stage.agent, "connection lost", 20000));
     const std::string data = stage.web->stats().ids.at(id).data;
-    EXPECT_GT(data.size(), 20000u);
+    EXPECT_GT(data.size(), 50000u);
     EXPECT_TRUE(data == noise(3000000, 7).substr(0, data.size()));
 
     const long long stalled_ms = monotonic_ms();
     stage.web->stall_reading(true);
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Server remote-web connection lost! Destroy tunnel now."));
-    EXPECT_GE(monotonic_ms() - stalled_ms, 500); // what it took last may lie a second back
-    EXPECT_LT(monotonic_ms() - stalled_ms, 10000);
+    EXPECT_LT(monotonic_ms() - stalled_ms, 12000);
 }
 
 TEST(TunnelLoad, SlowNmKeepsItsDownload)

@@ -162,7 +162,7 @@ TEST(Socket, PeerThatStopsReadingLosesTheConnection)
     } cases[] = {
         {"inside a frame", SEND_MESSAGE, false, false, false, true, 4000},
         {"before a frame", SEND_MESSAGE, true, false, false, false, 1000},
-        {"before stream bytes", SEND_STREAM, true, false, false, true, 4000},
+        {"before stream bytes", SEND_STREAM, true, false, false, true, 10000},
         {"inside a frame, stop", SEND_MESSAGE, false, true, false, true, 500},
         {"stream, called off", SEND_STREAM, false, false, true, true, 500},
     };
