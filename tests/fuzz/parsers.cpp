@@ -28,7 +28,7 @@
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
 #include "sim_tls.h"
-#include "status/metrics.h"
+#include "status/metrics_internal.h"
 #include "status/service_status.h"
 #include "status/service_status_internal.h"
 #include "transport/field_extract.h"
