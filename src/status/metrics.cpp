@@ -1,4 +1,5 @@
 #include "status/metrics.h"
+#include "status/metrics_internal.h"
 
 #include <arpa/inet.h>
 #include <linux/ethtool.h>
@@ -51,64 +52,60 @@ void metrics_cpu_parse(FILE *stream, uint64_t *total, uint64_t *idle)
     log_debug("Got dev cpu data: sum = %qu, idle = %qu", (Counter)*total, (Counter)*idle);
 }
 
-// Reads "name number"; the value is untouched when there is no number.
-static int mem_line_scan(const char *line, int32_t *value)
+// Reads the number of a line "name number". A line without one leaves the value.
+static void mem_line_scan(const char *line, int32_t *value)
 {
     char name[32];
     long long number;
     if (sscanf(line, "%31s %lld", name, &number) == 2)
         *value = saturate_i32(number);
-    return 1;
 }
 
 void metrics_mem_parse(FILE *stream, int32_t *total_kb, int32_t *free_kb)
 {
     *total_kb = 0;
     *free_kb = 0;
-    int has_total = 0;
-    int has_free = 0;
+    bool has_total = false;
+    bool has_free = false;
     char line[256];
     while (!(has_total && has_free) && fgets(line, sizeof(line), stream)) {
-        if (strcasestr(line, "MemTotal:"))
-            has_total = mem_line_scan(line, total_kb);
-        else if (strcasestr(line, "MemFree:")) // buffers and cache count as used
-            has_free = mem_line_scan(line, free_kb);
+        if (strcasestr(line, "MemTotal:")) {
+            has_total = true;
+            mem_line_scan(line, total_kb);
+        } else if (strcasestr(line, "MemFree:")) { // buffers and cache count as used
+            has_free = true;
+            mem_line_scan(line, free_kb);
+        }
     }
     log_debug("Got dev mem data: total = %d, free = %d", *total_kb, *free_kb);
 }
 
-void metrics_cpu_sample(uint64_t *total, uint64_t *idle)
+// Has the file's two values parsed; both 0 on failure (logged).
+template <typename T> static void sample(const char *path, void (*parse)(FILE *, T *, T *), T *first, T *second)
 {
-    if (!total || !idle) {
+    if (!first || !second) {
         log_error("Invalid params!");
         return;
     }
-    *total = 0;
-    *idle = 0;
-    FILE *stream = fopen("/proc/stat", "re");
+    *first = 0;
+    *second = 0;
+    FILE *stream = fopen(path, "re");
     if (!stream) {
         log_error("fopen failed!");
         return;
     }
-    metrics_cpu_parse(stream, total, idle);
+    parse(stream, first, second);
     fclose(stream);
+}
+
+void metrics_cpu_sample(uint64_t *total, uint64_t *idle)
+{
+    sample("/proc/stat", metrics_cpu_parse, total, idle);
 }
 
 void metrics_mem_sample(int32_t *total_kb, int32_t *free_kb)
 {
-    if (!total_kb || !free_kb) {
-        log_error("Invalid params!");
-        return;
-    }
-    *total_kb = 0;
-    *free_kb = 0;
-    FILE *stream = fopen("/proc/meminfo", "re");
-    if (!stream) {
-        log_error("fopen failed!");
-        return;
-    }
-    metrics_mem_parse(stream, total_kb, free_kb);
-    fclose(stream);
+    sample("/proc/meminfo", metrics_mem_parse, total_kb, free_kb);
 }
 
 int metrics_usage(char *cpu, size_t cpu_cap, char *mem, size_t mem_cap)
@@ -150,7 +147,8 @@ static int disk_blocks(const char *path, uint64_t *used, uint64_t *total)
     return 0;
 }
 
-static int log_blocks(uint64_t blocks)
+// For the log lines.
+static int blocks_shown(uint64_t blocks)
 {
     return saturate_i32((int64_t)blocks);
 }
@@ -164,7 +162,7 @@ void metrics_disk_usage(char *buf, size_t buf_cap)
     uint64_t used_sum = 0, total_sum = 0;
     if (info.disk_whitelist[0] == '\0') {
         if (disk_blocks("/", &used, &total) == 0)
-            log_debug("used:%d, total:%d", log_blocks(used), log_blocks(total));
+            log_debug("used:%d, total:%d", blocks_shown(used), blocks_shown(total));
         used_sum = used;
         total_sum = total;
     } else {
@@ -175,7 +173,7 @@ void metrics_disk_usage(char *buf, size_t buf_cap)
             (void)disk_blocks(path, &used, &total); // failed: the entry before counts again, NM expects it so
             used_sum += used;
             total_sum += total;
-            log_debug("%s used:%d, total:%d", path, log_blocks(used), log_blocks(total));
+            log_debug("%s used:%d, total:%d", path, blocks_shown(used), blocks_shown(total));
         }
     }
     if (total_sum > 0)
@@ -221,19 +219,19 @@ void metrics_iface_addr(const struct ifaddrs *list, const char *name, int family
 
 // A name is excluded where its occurrence in the list ends with an entry's end. What stands before it is not looked at,
 // so an entry that ends in the name excludes it too.
-int metrics_is_blacklisted(const char *blacklist, const char *name)
+bool metrics_is_blacklisted(const char *blacklist, const char *name)
 {
     size_t len = strlen(name);
     if (len == 0)
-        return 0;
+        return false;
     for (const char *hit = strstr(blacklist, name); hit; hit = strstr(hit + 1, name)) {
         if (hit[len] == '\0' || hit[len] == ':')
-            return 1;
+            return true;
     }
-    return 0;
+    return false;
 }
 
-// The kernel fills in a union: every question wants a request of its own.
+// The kernel overwrites the union, so each ioctl gets a fresh request.
 static struct ifreq iface_request(const char *name)
 {
     struct ifreq request = {};
@@ -402,7 +400,7 @@ static void basic_add_times(cJSON *basic)
     cJSON_AddStringToObject(basic, "runtime", text);
 }
 
-// -1 when the second between the processor samples was cut.
+// 0, or -1 when the second between the processor samples was cut short.
 static int basic_add_board(cJSON *basic)
 {
     char cpu[USAGE_TEXT_SIZE], mem[USAGE_TEXT_SIZE], disk[USAGE_TEXT_SIZE];
@@ -445,14 +443,13 @@ void report_run_status(void)
     cJSON_Delete(document);
 }
 
-void run_status_handler(PluginTimer *timer)
+void run_status_handler(PluginTimer *)
 {
-    (void)timer;
-    static std::atomic<uint8_t> s_reporting{0};
-    if (s_reporting.exchange(1))
+    static std::atomic<bool> s_reporting{false};
+    if (s_reporting.exchange(true))
         return;
     CallOff before = nm_wait_begin();
     report_run_status();
-    (void)wait_call_off_set(before);
-    s_reporting = 0;
+    wait_call_off_set(before);
+    s_reporting = false;
 }

@@ -27,7 +27,7 @@ constexpr int32_t DEFAULT_LIMIT_KIB = 100;
 
 static const char k_separator[] = {'\r', '\n', '\r', '\n'};
 
-// Record, version and serial number at their longest, and the frame around them: no envelope is ever cut.
+// Record, version and serial number at their longest, and the frame around them: no envelope is ever truncated.
 constexpr size_t ENVELOPE_SIZE = SERVICE_RECORD_SIZE + 2 * ID_TEXT_SIZE + 64;
 
 static void service_timer_handle(PluginTimer *timer);
@@ -35,7 +35,7 @@ static void service_timer_handle(PluginTimer *timer);
 // A short lock: nothing but s_settings and its timer is touched under it.
 static pthread_mutex_t s_lock = PTHREAD_MUTEX_INITIALIZER;
 static ServiceSettings s_settings = {
-    0, 0, SERVICE_IMMEDIATE, DEFAULT_LIMIT_KIB, {0, DEFAULT_PERIOD_S, 0, service_timer_handle}};
+    false, false, SERVICE_IMMEDIATE, DEFAULT_LIMIT_KIB, {0, DEFAULT_PERIOD_S, 0, service_timer_handle}};
 
 // Moves by compare-and-swap only: a request must not vanish, and a second run never starts.
 static std::atomic<uint32_t> s_state{SERVICE_IDLE};
@@ -89,14 +89,14 @@ static void service_timer_handle(PluginTimer *timer)
 static void timer_stop_locked(void)
 {
     stop_timer(&s_settings.timer);
-    s_settings.timer_running = 0;
+    s_settings.timer_running = false;
 }
 
 void service_status_reset(void)
 {
     pthread_mutex_lock(&s_lock);
     timer_stop_locked();
-    s_settings.enabled = 0;
+    s_settings.enabled = false;
     s_settings.mode = SERVICE_IMMEDIATE;
     s_settings.limit_kib = DEFAULT_LIMIT_KIB;
     s_settings.timer.seconds = DEFAULT_PERIOD_S;
@@ -104,7 +104,7 @@ void service_status_reset(void)
     (void)state_move(SERVICE_REQUESTED, SERVICE_IDLE);
 }
 
-static void enabled_set(uint8_t enabled)
+static void enabled_set(bool enabled)
 {
     pthread_mutex_lock(&s_lock);
     s_settings.enabled = enabled;
@@ -114,18 +114,18 @@ static void enabled_set(uint8_t enabled)
 
 void service_status_disable(void)
 {
-    enabled_set(0);
+    enabled_set(false);
 }
 
 void service_status_start(void)
 {
-    enabled_set(1);
+    enabled_set(true);
     report_request();
 }
 
 void service_status_stop(void)
 {
-    enabled_set(0);
+    enabled_set(false);
 }
 
 int32_t service_status_period_get(void)
@@ -173,40 +173,40 @@ void service_status_set_immediate(void)
 void service_status_device_request(void)
 {
     ServiceSettings settings = service_settings_get();
-    int asks = settings.mode == SERVICE_IMMEDIATE || settings.mode == SERVICE_IMMEDIATE_TIMING ||
-               settings.mode == SERVICE_IMMEDIATE_DELAY;
-    if (settings.enabled && asks)
+    bool is_immediate = settings.mode == SERVICE_IMMEDIATE || settings.mode == SERVICE_IMMEDIATE_TIMING ||
+                        settings.mode == SERVICE_IMMEDIATE_DELAY;
+    if (settings.enabled && is_immediate)
         report_request();
 }
 
-static bool mode_times(int32_t mode)
+static bool is_timed(int32_t mode)
 {
     return mode == SERVICE_TIMING || mode == SERVICE_IMMEDIATE_TIMING;
 }
 
-static bool mode_watches_size(int32_t mode)
+static bool is_by_size(int32_t mode)
 {
     return mode == SERVICE_DELAY || mode == SERVICE_IMMEDIATE_DELAY;
 }
 
-// Bytes up to a NUL count, as everywhere a text goes out. 1 when there was one to hand over.
+// Bytes up to a NUL count, as everywhere a text goes out. 0 when a record was handed over, else -1.
 static int record_emit(const char *bytes, size_t len, ServiceRecordSink sink, void *arg)
 {
     if (len >= sizeof(s_buf.record)) {
         log_error("Invalid param!");
-        return 0;
+        return -1;
     }
     memcpy(s_buf.record, bytes, len);
     s_buf.record[len] = '\0';
     if (s_buf.record[0] == '\0')
-        return 0;
+        return -1;
     sink(s_buf.record, arg);
-    return 1;
+    return 0;
 }
 
 // Hands over the records of s_buf.read's first len bytes that have their separator, moves the rest to the front and
-// returns its length, or -1 when a wait was cut.
-static ssize_t records_cut(size_t len, ServiceRecordSink sink, void *arg)
+// returns its length, or -1 when a wait was cut short.
+static ssize_t records_take(size_t len, ServiceRecordSink sink, void *arg)
 {
     char *rest = s_buf.read;
     char *end = s_buf.read + len;
@@ -214,7 +214,8 @@ static ssize_t records_cut(size_t len, ServiceRecordSink sink, void *arg)
     while ((separator = (char *)memmem(rest, (size_t)(end - rest), k_separator, sizeof(k_separator)))) {
         if (wait_is_cut())
             return -1;
-        if (record_emit(rest, (size_t)(separator - rest), sink, arg) && wait_sleep_ms(RECORD_PAUSE_MS) == WAIT_CUT)
+        int emitted = record_emit(rest, (size_t)(separator - rest), sink, arg);
+        if (emitted == 0 && wait_sleep_ms(RECORD_PAUSE_MS) == WAIT_CUT)
             return -1;
         rest = separator + sizeof(k_separator);
     }
@@ -236,14 +237,14 @@ void service_records_read(int fd, ServiceRecordSink sink, void *arg)
                 (void)record_emit(s_buf.read, len, sink, arg);
             return;
         }
-        ssize_t rest = records_cut(len + (size_t)got, sink, arg);
+        ssize_t rest = records_take(len + (size_t)got, sink, arg);
         if (rest < 0)
             return;
         len = (size_t)rest;
     }
 }
 
-// The record is JSON itself and goes in unquoted. What comes of the post is heartbeat's business.
+// The record is JSON itself and goes in unquoted. A failed post does not end the report.
 static void record_post(const char *record, void *arg)
 {
     (void)arg;
@@ -270,7 +271,7 @@ void service_status_report(int truncate)
     }
     if (lock_file(fd, F_WRLCK, FILE_LOCK_WAIT_MS) == 0) {
         service_records_read(fd, record_post, nullptr);
-        // After a cut run the file stays whole: it is reported again, by this process or the next one.
+        // After a run that was cut short the file stays: it is reported again, by this process or the next one.
         if (truncate && !wait_is_cut()) {
             int result = ftruncate(fd, 0);
             (void)result; // not emptied: reported again, nothing is lost
@@ -291,27 +292,22 @@ static void run_from(ServiceState from, int truncate)
     s_state = SERVICE_IDLE;
 }
 
-static void run_now(int truncate)
+void service_status_report_now(void)
 {
     ServiceState before = service_state_get(); // a run made now answers a request that came before it
     if (before != SERVICE_RUNNING)
-        run_from(before, truncate);
-}
-
-void service_status_report_now(void)
-{
-    run_now(mode_watches_size(service_settings_get().mode));
+        run_from(before, is_by_size(service_settings_get().mode));
 }
 
 // Starts or stops the timer as the settings want it, and returns the settings.
 static ServiceSettings timer_settle(void)
 {
     pthread_mutex_lock(&s_lock);
-    bool wanted = s_settings.enabled && mode_times(s_settings.mode);
+    bool wanted = s_settings.enabled && is_timed(s_settings.mode);
     if (wanted && !s_settings.timer_running) {
         stop_timer(&s_settings.timer);
         start_timer(&s_settings.timer);
-        s_settings.timer_running = 1;
+        s_settings.timer_running = true;
     } else if (!wanted && s_settings.timer_running) {
         timer_stop_locked();
     }
@@ -320,7 +316,7 @@ static ServiceSettings timer_settle(void)
     return copy;
 }
 
-static bool file_reached(int32_t limit_kib)
+static bool has_file_reached(int32_t limit_kib)
 {
     PluginInfo info;
     plugin_info_get(&info);
@@ -332,36 +328,26 @@ static bool file_reached(int32_t limit_kib)
     return (int64_t)st.st_size >= (int64_t)limit_kib * 1024;
 }
 
-// Answers whether the next step is due after the pause; otherwise not before the bell rings.
-static bool poll_step(void)
-{
-    ServiceSettings settings = timer_settle();
-    bool watches = settings.enabled && mode_watches_size(settings.mode);
-    if (watches && file_reached(settings.limit_kib)) {
-        run_now(1);
-        return true;
-    }
-    if (service_state_get() == SERVICE_REQUESTED) {
-        run_from(SERVICE_REQUESTED, mode_watches_size(settings.mode));
-        return true;
-    }
-    return watches;
-}
-
 void service_status_poll(void)
 {
-    (void)poll_step();
+    ServiceSettings settings = timer_settle();
+    if (settings.enabled && is_by_size(settings.mode) && has_file_reached(settings.limit_kib))
+        service_status_report_now();
+    else if (service_state_get() == SERVICE_REQUESTED)
+        run_from(SERVICE_REQUESTED, is_by_size(settings.mode));
     (void)wait_sleep_ms(POLL_PAUSE_MS);
+}
+
+// The next poll has something to do without the bell being rung: to watch the file, or to report.
+static bool has_work(void)
+{
+    ServiceSettings settings = service_settings_get();
+    return (settings.enabled && is_by_size(settings.mode)) || service_state_get() == SERVICE_REQUESTED;
 }
 
 void service_status_turn(void)
 {
-    // Nothing is begun while the process stops: every wait is cut then, and the step would repeat every 5 ms.
-    if (!wait_is_cut()) {
-        if (poll_step())
-            (void)wait_sleep_ms(POLL_PAUSE_MS);
-        else
-            (void)wait_bell(&s_bell, -1);
-    }
+    if (has_work() || wait_bell(&s_bell, -1) == WAIT_READY)
+        service_status_poll();
     wait_cadence_ms(TURN_PAUSE_MS);
 }

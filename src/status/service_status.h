@@ -30,20 +30,20 @@ void service_status_set_timing(ServiceReportMode mode, int32_t period_s);
 void service_status_set_delay(ServiceReportMode mode, int32_t limit_kib);
 void service_status_set_immediate(void);
 
-// The device asks for a report: heard when enabled and in mode 0, 3 or 4.
+// The device asks for a report. Honoured when reporting is enabled and the mode is one of the immediate ones.
 void service_status_device_request(void);
 
-// Reads the file and posts each record; empties the file afterwards when truncate is set and the run was not cut.
+// Reads the file and posts each record; empties the file afterwards when truncate is set and the run was not cut short.
 void service_status_report(int truncate);
 
-// Runs one report unless one is in progress.
+// Runs one report, with the truncate flag of the mode, unless one is in progress.
 void service_status_report_now(void);
 
 // One step of the reporting loop, ends with a pause of 200 ms.
 void service_status_poll(void);
 
-// One cycle of the thread dev_service_status_report: service_status_poll and 5 ms; rests while there is nothing to
-// watch.
+// One cycle of the thread dev_service_status_report: service_status_poll and 5 ms. Sleeps first, until a request or a
+// change of the settings, when no report is due and no file size is to be watched.
 void service_status_turn(void);
 
 // Creates the thread's doorbell; start-up, before the threads. 0, or -1 without a descriptor (errno set).

@@ -12,8 +12,8 @@ constexpr size_t SERVICE_RECORD_SIZE = 4096; // one byte stays free
 
 // What NM's strategy says, and the timer that follows from it.
 struct ServiceSettings {
-    uint8_t enabled;
-    uint8_t timer_running; // also set when the timer could not be started, so that this is not tried 5 times a second
+    bool enabled;
+    bool timer_running; // also set when the timer could not be started, so that this is not tried 5 times a second
     int32_t mode;          // ServiceReportMode
     int32_t limit_kib;     // size of the file that makes a report due in the delay modes
     PluginTimer timer;
@@ -23,7 +23,7 @@ ServiceSettings service_settings_get(void);
 enum ServiceState : uint32_t { SERVICE_IDLE = 0, SERVICE_REQUESTED = 1, SERVICE_RUNNING = 2 };
 ServiceState service_state_get(void);
 
-// Cuts what fd yields, up to its end, at each "\r\n\r\n" and hands every record (a text of 1 to 4095 characters) to
-// sink in order; 10 ms after each but a last one without a separator. Ends early when the wait is cut.
+// Splits what fd yields, up to its end, at each "\r\n\r\n" and hands every record (a text of 1 to 4095 characters) to
+// sink in order; 10 ms after each but a last one without a separator. Ends early when the wait is cut short.
 typedef void (*ServiceRecordSink)(const char *record, void *arg);
 void service_records_read(int fd, ServiceRecordSink sink, void *arg);

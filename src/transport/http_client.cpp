@@ -55,25 +55,21 @@ SocketConn http_address_connect(const char *address, const char *port, const cha
     return conn;
 }
 
-static SocketConn host_connect(const char *host, const char *port, const char *local_ip)
+SocketConn http_tcpclient_create(const char *host, const char *port)
 {
     SocketConn conn = {};
     char address[HOST_NAME_SIZE];
     (void)text_set(address, host);
-    if (resolve_host(address, sizeof(address)) == 0)
-        conn = http_address_connect(address, port, local_ip);
-    else if (address[0] == '\0')
+    if (resolve_host(address, sizeof(address)) == 0) {
+        PluginInfo info;
+        plugin_info_get(&info);
+        conn = http_address_connect(address, port, info.local_ip);
+    } else if (address[0] == '\0') {
         log_error("gethostbyname() failed: %s", address); // resolve_host says nothing about an empty name
+    }
     if (conn.socket_fd < 1)
         log_error("http_tcpclient_create failed!");
     return conn;
-}
-
-SocketConn http_tcpclient_create(const char *host, const char *port)
-{
-    PluginInfo info;
-    plugin_info_get(&info);
-    return host_connect(host, port, info.local_ip);
 }
 
 // Result and *json as http_parse_response.
@@ -200,7 +196,7 @@ static int request_run(const PluginInfo *info, const char *host, const char *por
         log_error("Invalid parameters!");
         return -1;
     }
-    SocketConn conn = host_connect(host, port, info->local_ip);
+    SocketConn conn = http_tcpclient_create(host, port);
     if (conn.socket_fd < 1)
         return -1;
     size_t len;

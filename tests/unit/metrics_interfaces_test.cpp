@@ -1,4 +1,4 @@
-#include "status/metrics.h"
+#include "status/metrics_internal.h"
 
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
