@@ -1,21 +1,20 @@
 #include "console.h"
 
-#include <csignal>
+#include <fstream>
+#include <mutex>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
+#include <sstream>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <mutex>
-#include <sstream>
-
 #include "sim_loop.h"
 
-static int s_signals = -1;  // signalfd of SIGINT and SIGTERM
-static bool s_quit = false; // main thread
+static int s_signals = -1; // signalfd of SIGINT and SIGTERM
+static bool s_quit = false;
 
 int ConsoleLine::number(size_t index, int missing) const
 {
@@ -25,6 +24,14 @@ int ConsoleLine::number(size_t index, int missing) const
 std::string ConsoleLine::word(size_t index, const std::string &missing) const
 {
     return index < words.size() ? words[index] : missing;
+}
+
+std::function<std::string(const ConsoleLine &line)> console_plain(std::function<void(const ConsoleLine &line)> fn)
+{
+    return [fn](const ConsoleLine &line) {
+        fn(line);
+        return std::string();
+    };
 }
 
 void console_init()
@@ -106,7 +113,7 @@ static int run_script(const std::vector<ConsoleCommand> &commands, const std::st
     return 0;
 }
 
-// Lines are cut by hand: a buffered reader would hide typed lines from poll.
+// Splits the input by itself: poll would not see lines in the buffer of a stream.
 static void run_typed(const std::vector<ConsoleCommand> &commands)
 {
     pollfd wait[2] = {{s_signals, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
@@ -115,7 +122,7 @@ static void run_typed(const std::vector<ConsoleCommand> &commands)
         char buffer[4096];
         const ssize_t length = wait[1].revents ? read(STDIN_FILENO, buffer, sizeof(buffer)) : 0;
         if (wait[1].revents && length <= 0) {
-            wait[1].fd = -1; // nobody types: wait for the signal
+            wait[1].fd = -1; // end of the input: wait for the signal only
             continue;
         }
         pending.append(buffer, (size_t)length);
@@ -127,15 +134,18 @@ static void run_typed(const std::vector<ConsoleCommand> &commands)
     }
 }
 
-int console_run(const std::vector<ConsoleCommand> &commands, const std::string &script)
+int console_run(const std::vector<std::vector<ConsoleCommand>> &groups, const std::string &script)
 {
+    std::vector<ConsoleCommand> commands;
+    for (const auto &group : groups)
+        commands.insert(commands.end(), group.begin(), group.end());
     if (!script.empty() && run_script(commands, script) != 0)
         return 1;
     run_typed(commands);
     return 0;
 }
 
-std::string option_text(int argc, char **argv, const std::string &name, const std::string &missing)
+std::string console_option(int argc, char **argv, const std::string &name, const std::string &missing)
 {
     for (int i = 1; i + 1 < argc; i++) {
         if (name == argv[i])
@@ -144,12 +154,12 @@ std::string option_text(int argc, char **argv, const std::string &name, const st
     return missing;
 }
 
-int option_number(int argc, char **argv, const std::string &name, int missing)
+int console_option_number(int argc, char **argv, const std::string &name, int missing)
 {
-    return atoi(option_text(argc, argv, name, std::to_string(missing)).c_str());
+    return atoi(console_option(argc, argv, name, std::to_string(missing)).c_str());
 }
 
-bool option_given(int argc, char **argv, const std::string &name)
+bool console_has_option(int argc, char **argv, const std::string &name)
 {
     for (int i = 1; i < argc; i++) {
         if (name == argv[i])

@@ -1,4 +1,4 @@
-// console.h - typed lines and scripts of the two simulator programs.
+// console.h - the command line, typed lines and scripts of the two simulator programs. Main thread, unless stated.
 #pragma once
 
 #include <functional>
@@ -6,10 +6,10 @@
 #include <vector>
 
 struct ConsoleLine {
-    std::vector<std::string> words; // behind the command's own word
+    std::vector<std::string> words; // after the command's own word
     std::string rest;               // the same as one text, for JSON
 
-    // The words as numbers and texts, with a value for missing ones.
+    // The index-th word as a number or a text; missing when there are fewer.
     int number(size_t index, int missing) const;
     std::string word(size_t index, const std::string &missing = "") const;
 };
@@ -21,18 +21,21 @@ struct ConsoleCommand {
     std::function<std::string(const ConsoleLine &line)> run; // returns what is wrong, "" when done
 };
 
-// Blocks the stop signals for this thread and those started later; call first of all in main.
+// The run of a command that cannot fail.
+std::function<std::string(const ConsoleLine &line)> console_plain(std::function<void(const ConsoleLine &line)> fn);
+
+// Blocks SIGINT and SIGTERM for this thread and those started later, and ignores SIGPIPE. Call it first in main.
 void console_init();
 
 // Prints a line with the local time in front. Any thread.
 void console_print(const std::string &line);
 
-// Runs the lines of the script (none for ""), then those typed, until "quit", SIGINT or SIGTERM; the end of the input
-// alone ends nothing. "help", "sleep MS" and "quit" are known to all. Returns the exit status: 1 when a line of the
-// script failed.
-int console_run(const std::vector<ConsoleCommand> &commands, const std::string &script);
+// Runs the lines of the script ("": none), then those of the standard input, until "quit", SIGINT or SIGTERM; the end
+// of the input alone does not end it. "help", "sleep MS" and "quit" are built in. Returns the exit status: 1 when the
+// script cannot be read or a line of it fails.
+int console_run(const std::vector<std::vector<ConsoleCommand>> &groups, const std::string &script);
 
-// The value behind an option ("--port", "8080"), missing when it is not given.
-std::string option_text(int argc, char **argv, const std::string &name, const std::string &missing);
-int option_number(int argc, char **argv, const std::string &name, int missing);
-bool option_given(int argc, char **argv, const std::string &name);
+// The value of an option ("--port 8080"), missing when it is not given; and whether it is given.
+std::string console_option(int argc, char **argv, const std::string &name, const std::string &missing);
+int console_option_number(int argc, char **argv, const std::string &name, int missing);
+bool console_has_option(int argc, char **argv, const std::string &name);

@@ -1,6 +1,6 @@
 #include "device_check.h"
 
-#include <cstdlib>
+#include <stdlib.h>
 
 #include "json_text.h"
 

@@ -1,8 +1,8 @@
-// device_check.h - the device's judgement of the frames that the agent sends.
+// device_check.h - checks the frames that the agent sends to the device. No state.
 #pragma once
 
 #include <string>
 
-// What is wrong with a frame's text, items joined with "; "; empty when it is right. *type: its "type", "" without one.
-// A type that is none of the agent's own messages is a command of NM handed on: one line of JSON without blanks.
+// What is wrong with a frame's text; "" when nothing is. *type: its "type", "" without one. Messages of the agent
+// itself have a fixed layout; every other type is a command that NM has sent, in one line of JSON without blanks.
 std::string device_check_frame(const std::string &text, std::string *type);

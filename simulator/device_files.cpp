@@ -1,11 +1,10 @@
 #include "device_files.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 
 static std::string quoted(const std::string &text)
 {
@@ -106,7 +105,7 @@ bool device_write_all(const std::string &dir, const DeviceCfg &cfg)
            device_write_file(dir + "/service", "");
 }
 
-// Whole-file record lock; waits for the agent's reader.
+// A record lock on the whole file. Waits for it.
 static bool set_lock(int fd, short type)
 {
     struct flock lock = {};

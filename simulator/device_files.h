@@ -8,23 +8,24 @@
 // The init cfg as rows of key and JSON text of the value ("\"http\"", "443"), in the order of the file.
 using DeviceCfg = std::vector<std::pair<std::string, std::string>>;
 
-// A whole init cfg of a device on loopback whose files live in dir; the device's agent listens on dev_port, NM on
-// nm_port. With https the file names the port before nm_port, because the agent goes to the next one.
+// A complete init cfg of a device on loopback whose files are in dir; the agent connects to it at dev_port. NM's port
+// in the file is nm_port, with https the one before it: the agent then adds 1.
 DeviceCfg device_cfg_default(const std::string &dir, bool https, int nm_port, int dev_port);
 
-// Sets a value; adds the row when there is none. value is JSON text; device_cfg_set_text quotes.
+// Sets a value, in a new row if there is none; value is JSON text, and device_cfg_set_text makes it from a plain text.
 void device_cfg_set(DeviceCfg *cfg, const std::string &key, const std::string &value);
 void device_cfg_set_text(DeviceCfg *cfg, const std::string &key, const std::string &text);
 void device_cfg_remove(DeviceCfg *cfg, const std::string &key);
 std::string device_cfg_text(const DeviceCfg &cfg);
 
-// Replaces the file in one step. False (with a message on stderr) when it cannot be written.
+// Replaces the file by a rename. False (with a message on stderr) when it cannot be written.
 bool device_write_file(const std::string &path, const std::string &text);
 
 // Writes init cfg, device status and port status into dir ("init", "device", "port") and an empty "service".
 bool device_write_all(const std::string &dir, const DeviceCfg &cfg);
 
-// Adds a record and its separator to a service status file, under the lock that the agent's reader takes too.
+// Appends a record and its separator to a service status file, under the record lock that the agent takes too. False
+// (with a message on stderr) when it cannot be written. Waits for the lock.
 bool device_service_add(const std::string &path, const std::string &record);
-// A typical record: a JSON object about service number n.
+// A typical record: a JSON object that describes service n.
 std::string device_service_record(int n);

@@ -1,5 +1,6 @@
-// device_service.h - services of a device for tests and measurements: its web server and telnet service, small ones
-// made here or real programs; and blocking sockets for the people at the other end.
+// device_service.h - for tests and measurements: the services of a device (its web server, its telnet service), and
+// blocking sockets for the clients at NM's end of the tunnels.
+// Threads: any, unless stated.
 #pragma once
 
 #include <condition_variable>
@@ -11,26 +12,26 @@
 #include <thread>
 #include <vector>
 
-const int k_socket_wait_ms = 40000; // of every blocking call below
+const int k_socket_wait_ms = 40000; // time limit of each send and receive below
 
-// A TCP service of the device on a free port of the loopback address. Each connection has a thread that runs serve and
-// closes it then; a service that is gone has ended all of them.
+// A TCP service on a free port of 127.0.0.1. Each connection has a thread that runs serve, then closes it. The
+// destructor ends all connections and waits for their threads.
 class DeviceService
 {
   public:
-    // buffer_size: of its sockets, each direction, in bytes; 0: the system's default.
+    // open: listen at once. buffer_size: of its sockets, bytes in each direction; 0: the system's default.
     explicit DeviceService(std::function<void(int fd)> serve, bool open = true, int buffer_size = 0);
     ~DeviceService();
     int port() const
     {
         return port_;
     }
-    void open(); // a service made with open false refuses connections until then
+    void open(); // once, for a service made with open false; it refuses connections until then
 
     // Waits until that many connections are being served. False after wait_ms.
     bool wait_serving(size_t count, int wait_ms = k_socket_wait_ms);
     int accepted(); // so far
-    void hang_up(); // ends every connection
+    void hang_up(); // shuts every connection down
 
   private:
     void accept_loop();
@@ -46,20 +47,23 @@ class DeviceService
     std::thread acceptor_;
 };
 
-// Blocking sockets with a time-out of k_socket_wait_ms on both ends of the tunnels.
+// Blocking sockets. client_connect goes to 127.0.0.1; the caller closes the descriptor.
 int client_connect(int port); // with TCP_NODELAY, as browsers and telnet clients set it; -1 when refused
 bool fd_send(int fd, const std::string &bytes);
-std::string fd_read(int fd, size_t size); // fewer at an end or a time-out
+std::string fd_read(int fd, size_t size); // fewer bytes at the end of the stream or the time limit
 std::string fd_read_line(int fd);         // without its "\n"
-std::string fd_read_all(int fd);
-std::string answer_of(int port, const std::string &request); // sends, reads to the end
+std::string fd_read_all(int fd);          // to the end of the stream
+// Connects, sends the request and reads to the end of the stream.
+std::string answer_of(int port, const std::string &request);
 
-// Bytes that look like nothing and differ by seed.
+// Pseudo-random bytes; the same for the same seed.
 std::string noise(size_t size, unsigned seed);
 
-// serve functions. web_files answers "<size> <seed>\n" with that much noise, and closes; with "+<size>\n" it takes that
-// many bytes and answers "ok" when they are noise of seed 1; "+<size> <step> <ms>\n": step bytes at a time, with rests
-// between them. echo sends back what comes.
+// Functions for DeviceService. serve_web_files reads one line and answers by it:
+//   "SIZE SEED"        sends noise(SIZE, SEED)
+//   "+SIZE"            reads SIZE bytes and answers "ok" when they are noise(SIZE, 1), else "spoilt"
+//   "+SIZE STEP MS"    the same, reading STEP bytes at a time with pauses of MS between them
+// serve_echo sends back what it reads.
 void serve_web_files(int fd);
 void serve_echo(int fd);
 // Runs a program with the connection as its standard input and output, as inetd does.

@@ -1,14 +1,13 @@
 #include "device_sim.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
-
-#include <chrono>
-#include <condition_variable>
-#include <cstdio>
 #include <map>
 #include <mutex>
+#include <stdio.h>
 
 #include "device_check.h"
 #include "json_text.h"

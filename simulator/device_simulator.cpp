@@ -1,7 +1,7 @@
-// device_simulator - a box to work against, steered by typed lines or a script. "help" lists the lines.
+// device_simulator - a simulated device, controlled by typed lines or a script. "help" lists them.
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
+#include <stdio.h>
+#include <stdlib.h>
 
 #include "console.h"
 #include "device_files.h"
@@ -18,9 +18,9 @@ struct Box {
     DeviceSim *device;
     std::string dir;
     DeviceCfg cfg;
-    SimLoop *loop;            // adds service records as time goes by
+    SimLoop *loop;            // for records added periodically
     std::atomic<int> records; // in the service file so far
-    std::atomic<int> keep_s;  // a record each so many seconds; 0: none
+    std::atomic<int> keep_s;  // period of adding a record, in seconds; 0: none
 };
 
 static std::string sent(bool done)
@@ -50,7 +50,7 @@ static void keep_adding(Box *box, int period_s)
     }
 }
 
-// part BYTES JSON: the first bytes of the frame, then the connection is dropped.
+// part BYTES JSON
 static std::string send_part(Box *box, const ConsoleLine &line)
 {
     const std::string text = line.rest.substr(line.rest.find(' ') + 1);
@@ -76,12 +76,11 @@ static std::string wait_for(Box *box, const ConsoleLine &line)
     return came ? "" : "nothing came";
 }
 
-static std::string show(Box *box)
+static void show(Box *box)
 {
     for (const DeviceFrame &frame : device_sim_transcript(box->device).all())
         printf("  %s %-22s %s\n", frame.time.c_str(), frame.type.c_str(), frame.wrong.c_str());
     fflush(stdout);
-    return "";
 }
 
 static std::vector<ConsoleCommand> message_commands(Box *box)
@@ -94,10 +93,7 @@ static std::vector<ConsoleCommand> message_commands(Box *box)
         {"say", "TYPE", "send a message that is only a type: ping, online-status, service-status, init-cfg-changed",
          [=](const ConsoleLine &line) { return sent(device_sim_send(device, "{\"type\":\"" + line.word(0) + "\"}")); }},
         {"answer", "TYPE JSON", "answer each command of that type from now on, with its session",
-         [=](const ConsoleLine &line) {
-             device_sim_auto_answer(device, line.word(0), rest_of(line));
-             return std::string();
-         }},
+         console_plain([=](const ConsoleLine &line) { device_sim_auto_answer(device, line.word(0), rest_of(line)); })},
         {"slow", "PAUSE_MS JSON", "send a message byte by byte",
          [=](const ConsoleLine &line) {
              return sent(device_sim_send_slowly(device, rest_of(line), line.number(0, 1)));
@@ -109,34 +105,35 @@ static std::vector<ConsoleCommand> message_commands(Box *box)
     };
 }
 
-static std::vector<ConsoleCommand> box_commands(Box *box)
+static std::vector<ConsoleCommand> connection_commands(Box *box)
 {
     DeviceSim *device = box->device;
-    auto plain = [](const std::function<void()> &fn) {
-        return [fn](const ConsoleLine &) {
-            fn();
-            return std::string();
-        };
-    };
     return {
         {"read", "on|off", "take what the agent sends, or leave it in the socket",
-         [=](const ConsoleLine &line) {
-             device_sim_set_reading(device, line.word(0) != "off");
-             return std::string();
-         }},
-        {"drop", "", "close the connection", plain([=] { device_sim_drop(device); })},
-        {"absent", "", "close it and listen no more", plain([=] { device_sim_absent(device); })},
-        {"return", "", "listen again", plain([=] { device_sim_return(device); })},
+         console_plain([=](const ConsoleLine &line) { device_sim_set_reading(device, line.word(0) != "off"); })},
+        {"drop", "", "close the connection", console_plain([=](const ConsoleLine &) { device_sim_drop(device); })},
+        {"absent", "", "close it and listen no more",
+         console_plain([=](const ConsoleLine &) { device_sim_absent(device); })},
+        {"return", "", "listen again", console_plain([=](const ConsoleLine &) { device_sim_return(device); })},
+        {"wait", "TYPE|connection [COUNT [SECONDS]]", "wait for frames, counted from the start",
+         [=](const ConsoleLine &line) { return wait_for(box, line); }},
+        {"show", "", "the frames so far", console_plain([=](const ConsoleLine &) { show(box); })},
+    };
+}
+
+static void keep(Box *box, int period_s)
+{
+    if (box->keep_s.exchange(period_s) != period_s)
+        keep_adding(box, period_s);
+}
+
+static std::vector<ConsoleCommand> file_commands(Box *box)
+{
+    return {
         {"service", "[COUNT]", "add records to the service status file",
          [=](const ConsoleLine &line) { return add_services(box, line.number(0, 1)); }},
         {"keep", "SECONDS", "add one each so many seconds from now on; 0 ends it",
-         [=](const ConsoleLine &line) {
-             const int period_s = line.number(0, 0);
-             if (box->keep_s.exchange(period_s) != period_s) {
-                 keep_adding(box, period_s);
-             }
-             return std::string();
-         }},
+         console_plain([=](const ConsoleLine &line) { keep(box, line.number(0, 0)); })},
         {"set", "KEY JSON", "change the init cfg (then: say init-cfg-changed)",
          [=](const ConsoleLine &line) {
              device_cfg_set(&box->cfg, line.word(0), line.rest.substr(line.rest.find(' ') + 1));
@@ -147,9 +144,6 @@ static std::vector<ConsoleCommand> box_commands(Box *box)
              device_cfg_remove(&box->cfg, line.word(0));
              return write_cfg(box);
          }},
-        {"wait", "TYPE|connection [COUNT [SECONDS]]", "wait for frames, counted from the start",
-         [=](const ConsoleLine &line) { return wait_for(box, line); }},
-        {"show", "", "the frames so far", [=](const ConsoleLine &) { return show(box); }},
     };
 }
 
@@ -166,29 +160,27 @@ static void set_from_options(int argc, char **argv, DeviceCfg *cfg)
 int main(int argc, char **argv)
 {
     console_init();
-    Box box = {nullptr, option_text(argc, argv, "--dir", ""), {}, nullptr, {0}, {0}};
-    if (option_given(argc, argv, "--help") || box.dir.empty()) {
+    Box box = {nullptr, console_option(argc, argv, "--dir", ""), {}, nullptr, {0}, {0}};
+    if (console_has_option(argc, argv, "--help") || box.dir.empty()) {
         printf("%s", k_usage);
         return box.dir.empty();
     }
     DeviceOptions options;
-    options.port = option_number(argc, argv, "--port", 0);
+    options.port = console_option_number(argc, argv, "--port", 0);
     options.print = console_print;
     box.device = device_sim_start(options);
     if (!box.device)
         return 1;
-    box.cfg = device_cfg_default(box.dir, option_given(argc, argv, "--https"),
-                                 option_number(argc, argv, "--nm-port", 0), device_sim_port(box.device));
+    box.cfg = device_cfg_default(box.dir, console_has_option(argc, argv, "--https"),
+                                 console_option_number(argc, argv, "--nm-port", 0), device_sim_port(box.device));
     set_from_options(argc, argv, &box.cfg);
     if (!device_write_all(box.dir, box.cfg))
         return 1;
     console_print("the device listens on port " + std::to_string(device_sim_port(box.device)) + ", its init cfg is " +
                   box.dir + "/init");
     box.loop = sim_loop_start();
-    std::vector<ConsoleCommand> commands = message_commands(&box);
-    for (const ConsoleCommand &command : box_commands(&box))
-        commands.push_back(command);
-    const int status = console_run(commands, option_text(argc, argv, "--script", ""));
+    const int status = console_run({message_commands(&box), connection_commands(&box), file_commands(&box)},
+                                   console_option(argc, argv, "--script", ""));
     sim_loop_stop(box.loop);
     device_sim_stop(box.device);
     return status;

@@ -1,7 +1,7 @@
 #include "json_text.h"
 
-#include <cstdio>
 #include <sstream>
+#include <stdio.h>
 
 JsonTree json_parse(const std::string &text)
 {
@@ -14,7 +14,7 @@ std::string json_text(const cJSON *object, const char *key)
     return cJSON_IsString(item) ? item->valuestring : "";
 }
 
-// Takes cJSON's text over.
+// Copies a text of cJSON's and frees it.
 static std::string text_take(char *text)
 {
     std::string result = text ? text : "";
@@ -39,10 +39,10 @@ std::string json_print_and_delete(cJSON *root)
     return text;
 }
 
-bool json_keys_are(const cJSON *object, const std::string &keys)
+bool json_has_keys(const cJSON *item, const std::string &keys)
 {
     std::istringstream words(keys);
-    const cJSON *member = object ? object->child : nullptr;
+    const cJSON *member = item ? item->child : nullptr;
     for (std::string key; words >> key;) {
         const bool optional = key[0] == '?';
         if (member && key.substr(optional) == member->string)
@@ -50,7 +50,7 @@ bool json_keys_are(const cJSON *object, const std::string &keys)
         else if (!optional)
             return false;
     }
-    return cJSON_IsObject(object) && !member;
+    return cJSON_IsObject(item) && !member;
 }
 
 std::string json_refill(const std::string &layout, const cJSON *object, const std::string &keys)

@@ -1,9 +1,8 @@
 #include "nm_check.h"
 
+#include <ctype.h>
 #include <openssl/evp.h>
-
-#include <cctype>
-#include <cstdio>
+#include <stdio.h>
 
 #include "json_text.h"
 
@@ -11,7 +10,8 @@ static const char k_salt[] = "Qol.Vetrix@2019";
 static const char k_protocol[] = "1.3";
 static const char k_prefix[] = "/dev-api/";
 
-// A body and how it is judged: a layout to be met byte for byte (with the keys in it), or a function.
+// How a body is checked: by a layout, byte for byte, with the keys in it, or by a function, or (both null) as JSON
+// only.
 struct BodyCheck {
     const char *name;
     const char *layout;
@@ -53,7 +53,7 @@ std::string nm_signature(const std::string &serial)
     return hex;
 }
 
-static bool all_text(const cJSON *object)
+static bool has_only_texts(const cJSON *object)
 {
     for (const cJSON *member = object->child; member; member = member->next) {
         if (!cJSON_IsString(member))
@@ -62,7 +62,7 @@ static bool all_text(const cJSON *object)
     return true;
 }
 
-// Each 0 of the form stands for a digit, "+" in front of it for one digit or more, everything else for itself.
+// In form 0 stands for one digit, +0 for one digit or more, everything else for itself.
 static bool has_form(const std::string &text, const std::string &form)
 {
     size_t at = 0;
@@ -84,8 +84,8 @@ static std::string check_run_status(const std::string &body, const cJSON *root)
     const cJSON *boards = cJSON_GetObjectItemCaseSensitive(basic, "board");
     const cJSON *board = cJSON_GetArrayItem(boards, 0);
     std::string wrong;
-    if (!json_keys_are(root, "ver deviceSn basic") || !json_keys_are(basic, "datetime runtime board interface") ||
-        cJSON_GetArraySize(boards) != 1 || !json_keys_are(board, "name type cpuUsage memoryUsage diskUsage"))
+    if (!json_has_keys(root, "ver deviceSn basic") || !json_has_keys(basic, "datetime runtime board interface") ||
+        cJSON_GetArraySize(boards) != 1 || !json_has_keys(board, "name type cpuUsage memoryUsage diskUsage"))
         complain(&wrong, "members of the run status missing or out of order");
     if (!has_form(json_text(basic, "datetime"), "0000-00-00 00:00:00") ||
         !has_form(json_text(basic, "runtime"), "+0:00:00"))
@@ -97,9 +97,9 @@ static std::string check_run_status(const std::string &body, const cJSON *root)
     const cJSON *item;
     cJSON_ArrayForEach(item, cJSON_GetObjectItemCaseSensitive(basic, "interface"))
     {
-        if (!json_keys_are(item, "ifname type ?vlanid ?mtu ?mac ipv4 ipv6 ?linkstatus ?linkSpeed ?rxbytes ?txbytes "
+        if (!json_has_keys(item, "ifname type ?vlanid ?mtu ?mac ipv4 ipv6 ?linkstatus ?linkSpeed ?rxbytes ?txbytes "
                                  "?rxpackets ?txpackets") ||
-            !all_text(item) || json_text(item, "type") != "Ethernet" || json_text(item, "ifname") == "lo")
+            !has_only_texts(item) || json_text(item, "type") != "Ethernet" || json_text(item, "ifname") == "lo")
             complain(&wrong, "bad interface " + json_text(item, "ifname"));
     }
     if (json_print(root) != body)
@@ -112,7 +112,7 @@ static std::string check_services(const std::string &body, const cJSON *root)
     const std::string head = "{\n\t\"ver\":\"" + json_text(root, "ver") + "\",\n\t\"deviceSn\":\"" +
                              json_text(root, "deviceSn") + "\",\n\t\"services\":";
     const bool framed = body.compare(0, head.size(), head) == 0 && body.compare(body.size() - 2, 2, "\n}") == 0;
-    return framed && json_keys_are(root, "ver deviceSn services") ? "" : "bad envelope of the services";
+    return framed && json_has_keys(root, "ver deviceSn services") ? "" : "bad envelope of the services";
 }
 
 static std::string check_alarm(const std::string &, const cJSON *root)
@@ -176,7 +176,7 @@ static std::string check_body(const std::string &name, const std::string &body, 
         std::string wrong;
         if (!root)
             return "body is no JSON";
-        if (row.layout && (json_refill(row.layout, root.get(), row.keys) != body || !all_text(root.get())))
+        if (row.layout && (json_refill(row.layout, root.get(), row.keys) != body || !has_only_texts(root.get())))
             complain(&wrong, "body not laid out as agreed");
         if (row.check) {
             const std::string found = row.check(body, root.get());
@@ -191,7 +191,7 @@ static std::string check_body(const std::string &name, const std::string &body, 
     return "unknown path";
 }
 
-// The header lines are fixed but for the values, order included.
+// The header lines and their order are fixed; only values differ.
 static std::string check_headers(const HttpRequest &request, const std::string &here, const std::string &serial)
 {
     const std::string expected[] = {

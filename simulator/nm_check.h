@@ -1,20 +1,21 @@
-// nm_check.h - NM's judgement of what the agent sends.
+// nm_check.h - checks the requests and datagrams that the agent sends to NM. No state.
 #pragma once
 
 #include <string>
 
 #include "nm_http.h"
 
-// The request's name: what follows the serial number in the path, "device" for the bare path, "?" for a foreign path.
+// The request's name: what follows the serial number in the path, "device" when nothing does, "?" for another path.
 std::string nm_request_name(const std::string &path);
-// The serial number in the path; "" for a foreign path.
+// The serial number in the path; "" for another path.
 std::string nm_request_serial(const std::string &path);
 
-// The signature that a device of that serial number must send.
+// The signature that a device of that serial number has to send, in hex.
 std::string nm_signature(const std::string &serial);
 
-// What is wrong with a request that came to the NM of that name ("127.0.0.1:8080"), items joined with "; "; empty when
-// it is right. serial: the one device served, empty for any.
+// What is wrong with a request, items joined with "; "; "" when nothing is. here: this NM's address as in the HOST
+// header
+// ("127.0.0.1:8080"). serial: the one device served; "": any.
 std::string nm_check_request(const HttpRequest &request, const std::string &here, const std::string &serial);
 
 // The same for the body of a heartbeat datagram.

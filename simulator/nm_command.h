@@ -3,10 +3,10 @@
 
 #include <string>
 
-// A command that the agent hands to the device as it is: "upgrade", "reboot", "ping", ... With session empty: no
-// session.
+// A command that the agent forwards to the device unchanged: "upgrade", "reboot", "ping", ... session "": none.
 std::string nm_command_forward(const std::string &type, const std::string &session);
 
+// A new heartbeat period.
 std::string nm_command_trigger(int period_s);
 
 struct NmStrategy {
@@ -16,6 +16,7 @@ struct NmStrategy {
     int period_s = -1;
     int limit_kib = -1;
 };
+// The run status period and the service report strategy.
 std::string nm_command_device_status(const NmStrategy &strategy);
 
 // Start or stop of a tunnel; type is "remote-web" or "remote-telnet".
@@ -23,7 +24,7 @@ struct NmTunnel {
     std::string type;
     std::string action = "start";
     std::string host = "127.0.0.1";
-    int port = 0; // as sent: over https the agent goes to the next one
+    int port = 0; // as sent; over https the agent connects to the next one
     std::string token = "token";
     int key = 1;
     std::string session = "session";

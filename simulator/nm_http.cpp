@@ -1,11 +1,11 @@
 #include "nm_http.h"
 
-#include <cctype>
-#include <cstdio>
-#include <cstdlib>
+#include <ctype.h>
+#include <stdio.h>
+#include <stdlib.h>
 
-static const size_t k_head_max = 16384;      // a request's header block
-static const long k_body_max = 11 * 1048576; // a device message has 10 MiB at most
+constexpr size_t HEAD_MAX = 16384;     // bytes of a request's header block
+constexpr int BODY_MAX = 11 * 1048576; // bytes; a device message has 10 MiB at most
 
 static void split_lines(const std::string &head, HttpRequest *request)
 {
@@ -46,7 +46,7 @@ int http_request_cut(const std::string &text, HttpRequest *request, std::string 
     size_t end = text.find("\r\n\r\n");
     if (end == std::string::npos) {
         *wrong = "header block without end";
-        return text.size() > k_head_max ? -1 : 0;
+        return text.size() > HEAD_MAX ? -1 : 0;
     }
     split_lines(text.substr(0, end), request);
     if (request->method.empty()) {
@@ -54,7 +54,7 @@ int http_request_cut(const std::string &text, HttpRequest *request, std::string 
         return -1;
     }
     const long length = strtol(http_header(*request, "Content-Length").c_str(), nullptr, 10);
-    if (length < 0 || length > k_body_max) {
+    if (length < 0 || length > BODY_MAX) {
         *wrong = "bad Content-Length";
         return -1;
     }

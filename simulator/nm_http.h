@@ -1,8 +1,7 @@
-// nm_http.h - HTTP as NM sees it: requests cut out of a byte stream with every line kept as it came, answers as one
-// text.
+// nm_http.h - HTTP as NM sees it: requests with every line kept as received, and whole answers. No state.
 #pragma once
 
-#include <cstddef>
+#include <stddef.h>
 #include <string>
 #include <vector>
 
@@ -19,9 +18,9 @@ struct HttpRequest {
 // in *wrong) for bytes that can never become a request.
 int http_request_cut(const std::string &text, HttpRequest *request, std::string *wrong);
 
-// The value of the header called name, exactly as written on the wire; "" when there is none.
+// The value of the header name, which has to be written exactly so; "" when there is none.
 std::string http_header(const HttpRequest &request, const std::string &name);
 
-// A whole answer with this body.
+// A whole answer with this body, the second one in one chunk and with status 200.
 std::string http_answer(int status, const std::string &body);
 std::string http_answer_chunked(const std::string &body);

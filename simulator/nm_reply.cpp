@@ -107,7 +107,7 @@ static std::string padded(const std::string &body)
     return body.substr(0, body.size() - 1) + ",\"pad\":\"" + std::string(4000, 'x') + "\"}";
 }
 
-// The answer to send when body is the good one's.
+// The answer sent under a fault; body is the one of a good answer.
 static std::string answer_of_fault(const NmFault &fault, const std::string &body)
 {
     const std::string good = http_answer(200, body);

@@ -1,5 +1,6 @@
 // nm_reply.h - what NM answers: the good answer, or what a fault makes of it.
-// Both calls use up faults, commands and the wish for a restart. The caller holds the instance's lock.
+// A call takes what it hands out: a command, the wish for a restart, one of the times of a fault. The caller holds the
+// instance's lock.
 #pragma once
 
 #include <string>
@@ -20,5 +21,5 @@ struct NmReply {
 NmReply nm_reply_request_locked(NmSim *nm, const std::string &name, const HttpRequest &request);
 NmReply nm_reply_datagram_locked(NmSim *nm);
 
-// The fault in force for a name ("accept" for a connection), used up by one.
+// The fault in force for a request of that name or a new connection ("accept"); counts as one of its times.
 NmFault nm_fault_take_locked(NmSim *nm, const std::string &name);

@@ -58,7 +58,7 @@ static std::string bytes_of(evbuffer *input)
     return bytes ? std::string(bytes, length) : "";
 }
 
-// The reply is decided before the request is recorded: whoever waits for the record finds the fault used up.
+// The reply is decided before the request is recorded: when a waiting thread finds the record, the fault is spent.
 static bool conn_serve(NmConn *conn, const HttpRequest &http, NmRequest *request)
 {
     NmSim *nm = conn->nm;
@@ -110,7 +110,7 @@ static void on_event(bufferevent *, short what, void *arg)
         conn_close((NmConn *)arg, false);
 }
 
-// Counts the connection; the fault for new connections is used up by it.
+// Counts the connection; *fault: the one in force for new connections.
 static NmConn *conn_new(NmSim *nm, NmFaultKind *fault)
 {
     std::lock_guard<std::mutex> guard(nm->lock);

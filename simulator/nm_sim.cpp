@@ -1,6 +1,6 @@
 #include "nm_sim.h"
 
-#include <cstdio>
+#include <stdio.h>
 
 #include "nm_serve.h"
 #include "nm_state.h"

@@ -1,6 +1,6 @@
-// nm_simulator - an NM to work against, steered by typed lines or a script. "help" lists the lines.
-#include <cstdio>
+// nm_simulator - a simulated NM, controlled by typed lines or a script. "help" lists them.
 #include <map>
+#include <stdio.h>
 
 #include "console.h"
 #include "nm_command.h"
@@ -100,24 +100,17 @@ static std::string wait_for(NmSim *nm, const ConsoleLine &line)
     return came ? "" : "nothing came";
 }
 
-// A command without more than one call behind it.
-static std::function<std::string(const ConsoleLine &)> plain(const std::function<void(const ConsoleLine &)> &fn)
-{
-    return [fn](const ConsoleLine &line) {
-        fn(line);
-        return std::string();
-    };
-}
-
 // What NM hands out to the device.
 static std::vector<ConsoleCommand> device_commands(NmSim *nm, NmTunnels *tunnels)
 {
     return {
-        {"send", "JSON", "queue a command", plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, line.rest); })},
+        {"send", "JSON", "queue a command",
+         console_plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, line.rest); })},
         {"forward", "TYPE [SESSION]", "queue upgrade, backup, reboot, reset, log, ping, ... for the device",
-         plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, nm_command_forward(line.word(0), line.word(1))); })},
+         console_plain(
+             [nm](const ConsoleLine &line) { nm_sim_queue(nm, nm_command_forward(line.word(0), line.word(1))); })},
         {"trigger", "SECONDS", "queue a new heartbeat period",
-         plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, nm_command_trigger(line.number(0, 6))); })},
+         console_plain([nm](const ConsoleLine &line) { nm_sim_queue(nm, nm_command_trigger(line.number(0, 6))); })},
         {"period", "SECONDS", "queue a new run status period",
          [nm](const ConsoleLine &line) { return queue_status_period(nm, line); }},
         {"strategy", "set|start|stop [MODE [PERIOD [KIB]]]", "queue a service report strategy",
@@ -127,7 +120,7 @@ static std::vector<ConsoleCommand> device_commands(NmSim *nm, NmTunnels *tunnels
         {"telnet", "start|stop|wait [SECONDS]", "the remote-telnet tunnel",
          [tunnels](const ConsoleLine &line) { return nm_tunnels_telnet(tunnels, line); }},
         {"rec", "", "ask for a new bring-up at the next heartbeat",
-         plain([nm](const ConsoleLine &) { nm_sim_ask_restart(nm); })},
+         console_plain([nm](const ConsoleLine &) { nm_sim_ask_restart(nm); })},
     };
 }
 
@@ -138,10 +131,11 @@ static std::vector<ConsoleCommand> own_commands(NmSim *nm)
          [nm](const ConsoleLine &line) { return set_activation(nm, line); }},
         {"fault", "NAME KIND [TIMES [DELAY_MS [TEXT]]]", "misbehave for active, heartbeat, ..., udp, accept or all",
          [nm](const ConsoleLine &line) { return set_fault(nm, line); }},
-        {"good", "", "end all misbehaviour", plain([nm](const ConsoleLine &) { nm_sim_clear_faults(nm); })},
-        {"absent", "", "close everything", plain([nm](const ConsoleLine &) { nm_sim_absent(nm); })},
-        {"return", "", "open it again", plain([nm](const ConsoleLine &) { nm_sim_return(nm); })},
-        {"drop", "", "reset the connections", plain([nm](const ConsoleLine &) { nm_sim_drop_connections(nm); })},
+        {"good", "", "end all misbehaviour", console_plain([nm](const ConsoleLine &) { nm_sim_clear_faults(nm); })},
+        {"absent", "", "close everything", console_plain([nm](const ConsoleLine &) { nm_sim_absent(nm); })},
+        {"return", "", "open it again", console_plain([nm](const ConsoleLine &) { nm_sim_return(nm); })},
+        {"drop", "", "reset the connections",
+         console_plain([nm](const ConsoleLine &) { nm_sim_drop_connections(nm); })},
         {"wait", "NAME [COUNT [SECONDS]]", "wait for requests, counted from the start",
          [nm](const ConsoleLine &line) { return wait_for(nm, line); }},
         {"show", "", "what came so far and what was wrong", [nm](const ConsoleLine &) { return show_counts(nm); }},
@@ -151,28 +145,26 @@ static std::vector<ConsoleCommand> own_commands(NmSim *nm)
 int main(int argc, char **argv)
 {
     console_init();
-    if (option_given(argc, argv, "--help")) {
+    if (console_has_option(argc, argv, "--help")) {
         printf("%s", k_usage);
         return 0;
     }
     NmOptions options;
-    options.https = option_given(argc, argv, "--https");
-    options.ip = option_text(argc, argv, "--ip", "127.0.0.1");
-    options.port = option_number(argc, argv, "--port", 0);
-    options.udp_port = option_number(argc, argv, "--udp-port", 0);
-    options.serial = option_text(argc, argv, "--serial", "");
+    options.https = console_has_option(argc, argv, "--https");
+    options.ip = console_option(argc, argv, "--ip", "127.0.0.1");
+    options.port = console_option_number(argc, argv, "--port", 0);
+    options.udp_port = console_option_number(argc, argv, "--udp-port", 0);
+    options.serial = console_option(argc, argv, "--serial", "");
     options.print = console_print;
     NmSim *nm = nm_sim_start(options);
     if (!nm)
         return 1;
     console_print(std::string("NM listens on ") + (options.https ? "https" : "http") + "://" + options.ip + ":" +
                   std::to_string(nm_sim_port(nm)) + ", detection on UDP port " + std::to_string(nm_sim_udp_port(nm)));
-    NmTunnels tunnels = {nm, option_number(argc, argv, "--web-port", 0), option_number(argc, argv, "--telnet-port", 0),
-                         nullptr, nullptr};
-    std::vector<ConsoleCommand> commands = device_commands(nm, &tunnels);
-    for (const ConsoleCommand &command : own_commands(nm))
-        commands.push_back(command);
-    const int status = console_run(commands, option_text(argc, argv, "--script", ""));
+    NmTunnels tunnels = {nm, console_option_number(argc, argv, "--web-port", 0),
+                         console_option_number(argc, argv, "--telnet-port", 0), nullptr, nullptr};
+    const int status =
+        console_run({device_commands(nm, &tunnels), own_commands(nm)}, console_option(argc, argv, "--script", ""));
     tunnels.web.reset();
     tunnels.telnet.reset();
     nm_sim_stop(nm);

@@ -2,12 +2,11 @@
 // (transcript) and nm_sim (the calls from other threads). Nobody else includes it.
 #pragma once
 
-#include <openssl/ssl.h>
-
 #include <condition_variable>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <openssl/ssl.h>
 #include <string>
 
 #include "nm_types.h"

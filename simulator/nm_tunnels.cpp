@@ -1,7 +1,7 @@
 #include "nm_tunnels.h"
 
-#include <cstdlib>
-#include <ctime>
+#include <stdlib.h>
+#include <time.h>
 
 #include "nm_check.h"
 #include "nm_command.h"
@@ -14,7 +14,7 @@ static std::string device_serial(NmSim *nm)
     return line.empty() ? "" : nm_request_serial(line.substr(from, line.rfind(' ') - from));
 }
 
-// Fresh for each tunnel, so that an agent that repeats an old authentication is found out.
+// New for each tunnel, so that an agent that repeats an old authentication is refused.
 static TunnelAuth fresh_auth(NmSim *nm)
 {
     static int s_count = 0;
@@ -46,7 +46,7 @@ static std::string tunnel_start(NmSim *nm, std::unique_ptr<Sim> *sim, const std:
     options.auth = fresh_auth(nm);
     options.tls = nm_sim_is_https(nm);
     options.client_port = (uint16_t)client_port;
-    sim->reset(); // its ports are free again
+    sim->reset(); // frees the ports of an earlier one
     *sim = std::make_unique<Sim>(options);
     if (!(*sim)->is_listening())
         return "no port for the tunnel";

@@ -1,7 +1,7 @@
 #include "nm_view.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <stdio.h>
+#include <stdlib.h>
 
 #include "json_text.h"
 

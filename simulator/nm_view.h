@@ -1,10 +1,11 @@
-// nm_view.h - reports as a person reads them.
+// nm_view.h - reports as text for a person who watches. No state.
 #pragma once
 
 #include <string>
 
-// A table of a run status: usages and interfaces, these with their rates since the previous report ("" for none).
+// A run status as a table: usages, and interfaces with their rates since the previous report, elapsed_ms ago ("":
+// none).
 std::string nm_view_run_status(const std::string &body, const std::string &previous, long long elapsed_ms);
 
-// One line for a record of the service report.
+// One line for a service report.
 std::string nm_view_services(const std::string &body);

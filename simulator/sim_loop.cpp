@@ -1,18 +1,17 @@
 #include "sim_loop.h"
 
-#include <event2/event.h>
-#include <event2/thread.h>
-#include <sys/time.h>
-
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
+#include <event2/event.h>
+#include <event2/thread.h>
 #include <mutex>
 #include <set>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/time.h>
 #include <thread>
+#include <time.h>
 
 struct SimTimer {
     SimLoop *loop;
@@ -47,7 +46,7 @@ static void timer_fire(evutil_socket_t, short, void *arg)
 SimLoop *sim_loop_start()
 {
     static const int s_threads_ready = evthread_use_pthreads();
-    signal(SIGPIPE, SIG_IGN); // a peer that goes away in the middle of an answer is no reason to end
+    signal(SIGPIPE, SIG_IGN); // a peer may close in the middle of an answer
     SimLoop *loop = new SimLoop;
     loop->base = event_base_new();
     if (s_threads_ready != 0 || !loop->base) {

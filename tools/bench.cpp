@@ -1,4 +1,4 @@
-// bench - measures the real binary against the simulators and prints a table. A row is a stage of its own.
+// bench - measures the real binary between the simulators and prints a table. Each row starts a stage of its own.
 // bench [TEXT ...]: only rows whose name contains one of the texts.
 #include <algorithm>
 #include <atomic>
@@ -10,7 +10,7 @@
 
 #include "tunnel_stage.h"
 
-static const int k_idle_s = 20; // observed for the idle figures
+constexpr int IDLE_S = 20; // how long the idle figures are observed
 
 static void need(bool holds, const char *what)
 {
@@ -31,7 +31,7 @@ static void start(TunnelStage *stage, bool https, const DeviceService *web, cons
     need(tunnel_stage_start(stage, https, web, telnet), "agent online");
 }
 
-// KiB/s over all ids, each loading size bytes.
+// KiB/s over all ids, each downloading size bytes.
 static double web_throughput(bool https, unsigned ids, unsigned size)
 {
     DeviceService files(serve_web_files);
@@ -76,7 +76,7 @@ static std::string median(std::vector<long long> times_ms)
     return std::to_string(times_ms[times_ms.size() / 2]) + " ms, worst " + std::to_string(times_ms.back()) + " ms";
 }
 
-// Median and worst of typed bytes coming back, the wire's delay being nothing.
+// From a typed byte to its echo, on a network without delay.
 static std::string telnet_echo(bool https)
 {
     DeviceService echo(serve_echo);
@@ -84,7 +84,7 @@ static std::string telnet_echo(bool https)
     start(&stage, https, nullptr, &echo);
     need(telnet_open(&stage), "tunnel open");
     int fd = client_connect(stage.telnet->client_port());
-    need(fd_send(fd, "k") && fd_read(fd, 1) == "k", "echo"); // waits for NM's pause behind the set-up
+    need(fd_send(fd, "k") && fd_read(fd, 1) == "k", "echo"); // waits until NM has passed the set-up
     std::vector<long long> times_ms;
     for (int i = 0; i < 100; i++) {
         const long long typed_ms = monotonic_ms();
@@ -114,7 +114,7 @@ static std::string term_to_end()
     return std::to_string(monotonic_ms() - begin_ms) + " ms";
 }
 
-// Sum over the lines that a command prints and that begin with label, of the number behind it.
+// Sum of the numbers after label, over the lines of a command's output that begin with it.
 static long long sum_of(const std::string &command, const std::string &label)
 {
     long long sum = 0;
@@ -134,7 +134,7 @@ static std::string tasks_of(int pid)
     return "/proc/" + std::to_string(pid) + "/task/*/";
 }
 
-// Times that the process has left the processor by itself, over all threads.
+// Voluntary context switches so far, of all threads.
 static long long switches(int pid)
 {
     return sum_of("cat " + tasks_of(pid) + "status", "voluntary_ctxt_switches:");
@@ -159,10 +159,10 @@ static std::string idle()
     const int pid = stage.agent.pid;
     const double before_ms = processor_ms(pid);
     const long long switches_before = switches(pid);
-    sleep(k_idle_s);
-    const double share = (processor_ms(pid) - before_ms) / (k_idle_s * 10);
+    sleep(IDLE_S);
+    const double share = (processor_ms(pid) - before_ms) / (IDLE_S * 10);
     const auto wakes = (double)(switches(pid) - switches_before);
-    return number(share, 3) + " % of a core, " + number(wakes / k_idle_s, 1) + " wake-ups/s";
+    return number(share, 3) + " % of a core, " + number(wakes / IDLE_S, 1) + " wake-ups/s";
 }
 
 static std::string memory_idle()
@@ -184,7 +184,7 @@ static std::string memory_in_tunnels()
     return private_memory(stage.agent.pid) + ", " + std::to_string(proc_threads(stage.agent.pid)) + " threads";
 }
 
-// From the last byte of the device's frame to NM's having the post.
+// From the device's frame sent to the post received by NM.
 static std::string result_latency()
 {
     Stage stage;
@@ -200,7 +200,7 @@ static std::string result_latency()
     return median(times_ms);
 }
 
-// From the handshake's arrival at NM, which answers it with the command, to the device's having the frame.
+// From the handshake received by NM, which answers it with the command, to the frame received by the device.
 static std::string command_latency()
 {
     Stage stage;
@@ -224,7 +224,7 @@ static std::string stripped_size()
     return number((double)size / 1024, 0) + " KiB";
 }
 
-// Downloads: one frame of 10 KiB each 10 ms and slot. Reads of 32 KiB end in a short frame, so they come to about 800
+// A download gets one frame of up to 10 KiB every 10 ms. Of 32 KiB read at once the last frame is short: about 800
 // KiB/s.
 static const struct {
     const char *name;

@@ -1,38 +1,37 @@
 #include "harness.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
-#include <csignal>
+#include <chrono>
+#include <condition_variable>
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
+#include <sstream>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <mutex>
-#include <sstream>
 #include <thread>
+#include <unistd.h>
 
 struct AgentConsole {
     std::thread reader;
     std::mutex lock; // guards what follows
     std::condition_variable changed;
     std::string output; // over all starts
-    bool ended = true;  // the pipe's other end is closed
+    bool ended = true;  // the agent's end of the pipe is closed
 };
 
-// Takes colour sequences out: escape, bracket, digits and semicolons, m. *inside carries over between reads.
+// Removes colour sequences (escape to "m"). *inside: whether a sequence is incomplete, from one read to the next.
 static std::string without_colours(const char *bytes, size_t length, bool *inside)
 {
     std::string text;
@@ -63,7 +62,7 @@ static void read_console(AgentConsole *console, int fd)
     console->changed.notify_all();
 }
 
-// The binary, behind the words of PLUGIN_RUNNER: the emulator of a cross build.
+// The binary, after the words of PLUGIN_RUNNER, which in a cross build start an emulator.
 static std::vector<std::string> command_words()
 {
     std::istringstream stream(PLUGIN_RUNNER);
@@ -84,7 +83,7 @@ static void run_agent(const AgentProcess &agent, std::vector<char *> &arguments,
     if (agent.descriptors_max > 0) {
         const rlimit limit = {(rlim_t)agent.descriptors_max, (rlim_t)agent.descriptors_max};
         setrlimit(RLIMIT_NOFILE, &limit);
-        close(STDIN_FILENO); // the dynamic loader wants one; the agent puts /dev/null there
+        close(STDIN_FILENO); // makes room for the dynamic loader; the agent opens /dev/null in its place
     }
     if (chdir(agent.dir.c_str()) == 0 && dup2(console, STDOUT_FILENO) >= 0 && dup2(console, STDERR_FILENO) >= 0)
         execvp(arguments[0], arguments.data());
@@ -155,7 +154,7 @@ bool agent_wait_log(AgentProcess *agent, const std::string &text, int timeout_ms
     return true;
 }
 
-// After the console has ended the process has at most its last instructions to do.
+// When the console has ended, the process ends within moments.
 int agent_wait_exit(AgentProcess *agent, int timeout_ms)
 {
     if (agent->pid <= 0)
@@ -193,7 +192,7 @@ void config_set(ConfigRows *rows, const std::string &key, const std::string &val
     device_cfg_set(rows, key, value); // rows of the same kind
 }
 
-// Rows of one section stand together, whatever their order in the table.
+// Groups the rows by section, whatever their order in the table.
 static std::string config_text(const ConfigRows &rows)
 {
     std::string text;
@@ -290,7 +289,7 @@ static void remove_dir(const std::string &path)
     rmdir(path.c_str());
 }
 
-// A sanitizer speaks on the agent's console, whatever the test looks at.
+// Sanitizers report on the agent's console; a report fails any test.
 static void sanitizer_check(const std::string &output)
 {
     for (const char *mark : {"AddressSanitizer", "ThreadSanitizer", "runtime error: "}) {
@@ -306,7 +305,7 @@ Stage::~Stage()
     sanitizer_check(agent_output(agent));
     if (testing::Test::HasFailure() && agent.console) {
         const std::string output = agent_output(agent);
-        fprintf(stderr, "--- the agent's console ends so:\n%s\n--- found wrong:\n%s---\n",
+        fprintf(stderr, "--- the end of the agent's console:\n%s\n--- found wrong:\n%s---\n",
                 output.substr(output.size() - std::min<size_t>(output.size(), 12000)).c_str(),
                 nm && device ? stage_wrong(*this).c_str() : "");
     }
@@ -405,7 +404,7 @@ int proc_cpu_ms(int pid)
     std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 2)));
     std::string skipped;
     long long user = 0, system = 0;
-    for (int i = 3; i < 14; i++) // fields 3 to 13 stand before the two times
+    for (int i = 3; i < 14; i++) // fields 3 to 13 are before the two times
         fields >> skipped;
     fields >> user >> system;
     return (int)((user + system) * 1000 / sysconf(_SC_CLK_TCK));
@@ -422,7 +421,7 @@ int black_hole_port(std::vector<int> *descriptors)
     if (bind(listener, (sockaddr *)&addr, length) != 0 || listen(listener, 0) != 0 ||
         getsockname(listener, (sockaddr *)&addr, &length) != 0)
         return -1;
-    for (int i = 0; i < 8; i++) { // the queue of nobody's accept fills up; from then on the kernel drops what comes
+    for (int i = 0; i < 8; i++) { // fill the queue of connections to accept; then the kernel drops new ones
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         descriptors->push_back(fd);
         (void)connect(fd, (sockaddr *)&addr, length);

@@ -18,21 +18,21 @@ struct TunnelStage : Stage {
     TunnelSimOptions options; // of both; tls as in https
 };
 
-// NM's tunnel ends on free ports, the agent online with heartbeats every second and debug lines. A service without a
-// port of interest: nullptr. stage->options and stage->config may hold rows already.
+// Starts NM's tunnel ends on free ports and the agent, online, with heartbeats every second and debug log lines. web
+// and telnet: the device's services; nullptr: none. What stage->options and stage->config hold before stays in force.
 bool tunnel_stage_start(TunnelStage *stage, bool https, const DeviceService *web, const DeviceService *telnet);
 
-bool web_command(TunnelStage *stage, const std::string &action); // returns when the agent has it
+bool web_command(TunnelStage *stage, const std::string &action); // returns when the agent has fetched it
 bool telnet_command(TunnelStage *stage, const std::string &action);
 bool web_open(TunnelStage *stage);    // "start", and waits for the authentication
 bool telnet_open(TunnelStage *stage); // "start", and waits for the relay
 bool web_close(TunnelStage *stage);   // "stop", and waits for the end of the connection
 bool telnet_close(TunnelStage *stage);
 
-// Request bytes of an id, in frames of 8,000 bytes at most; of a fresh one.
+// Sends request bytes of an id, in frames of 8,000 bytes at most; web_ask opens the id.
 void web_request(WebTunnelSim *web, uint64_t id, const std::string &bytes);
 uint64_t web_ask(WebTunnelSim *web, const std::string &bytes);
-// Waits until that is all that the device has answered to the id.
+// Waits until the response bytes of the id are expected, and nothing more.
 bool web_data_is(WebTunnelSim *web, uint64_t id, const std::string &expected);
 
 // What NM's tunnel ends found wrong, one line each.
