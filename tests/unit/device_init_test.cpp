@@ -97,3 +97,30 @@ TEST(DeviceInit, RestartsFromOtherThreads)
     EXPECT_EQ(log.count("Start timer for 'p_timer->handler', "), log.count("Stop timer, timerid"));
     world_end(&w);
 }
+
+// The device changes what it is at any moment of a pass, once the init cfg has been read: it does not stay online so,
+// and the wait for the next pass is the short one.
+TEST(DeviceInit, IdentityChangesDuringAPass)
+{
+    World w;
+    world_begin(&w);
+    std::ofstream("init") << "{";
+    for (int failure = 1; failure <= 5; failure++)
+        device_init_pass();
+    std::ofstream("init") << w.init_cfg;
+    LogLines log(2);
+    for (int i = 0; i < 300; i++) {
+        std::thread device([&] {
+            const int fd = accept(w.listener, nullptr, nullptr);
+            usleep((useconds_t)i * 5);
+            device_identity_changed();
+            close(fd);
+        });
+        device_init_pass();
+        device.join();
+        EXPECT_EQ(0, g_init_done) << i;
+        EXPECT_LE(alarm(0), 10u);
+        conn_remove_all();
+    }
+    world_end(&w);
+}

@@ -8,9 +8,12 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <fstream>
 #include <thread>
 #include <unistd.h>
 
+#include "runtime/wait.h"
 #include "support.h"
 
 // Interfaces of a network of its own; needs the right to make one.
@@ -24,11 +27,17 @@ static const char k_network[] =
     "ip -6 addr add fd00::1/64 dev nm0 nodad; ip addr add 10.9.2.1/32 dev nm0.100;"
     "ip addr add 10.9.3.1/24 dev nm1; ip addr add 10.9.4.1/24 dev m1; ip link set nm0 up";
 
+// What may be mounted so is of the calling thread only.
+static bool own_mounts()
+{
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
 // Of a thread that has left the process's network; empty when it may not.
 static std::string interfaces_in_own_network()
 {
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0 || system(k_network) != 0)
+    if (unshare(CLONE_NEWNET) != 0 || !own_mounts() || mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0 ||
+        system(k_network) != 0)
         return "";
     cJSON *array = cJSON_CreateArray();
     metrics_interfaces(array);
@@ -73,4 +82,35 @@ TEST(Metrics, InterfacesInTheKernelsOrder)
                         R"(,{"ifname":"nm2","type":"Ethernet","mtu":"1500","mac":"02:00:00:AA:BB:0E",)"
                         R"("ipv4":"10.9.5.1/30 ","ipv6":"","linkstatus":"down",)" +
                         bridge + counters + "]");
+}
+
+// Two samples of the processor a second apart; disks of 64 and 192 KiB, where one that fails repeats the one before.
+static void usage_with_own_mounts(std::string *usages)
+{
+    char cpu[32], mem[32], disk[32], dir[] = "/tmp/metrics_XXXXXX";
+    const std::string base = mkdtemp(dir), stat = base + "/stat", full = base + "/full", rest = base + "/rest";
+    std::ofstream(stat) << "cpu  10 0 0 30\n";
+    if (own_mounts() && mount(stat.c_str(), "/proc/stat", nullptr, MS_BIND, nullptr) == 0 &&
+        mkdir(full.c_str(), 0700) == 0 && mount("none", full.c_str(), "tmpfs", 0, "size=64k") == 0 &&
+        mkdir(rest.c_str(), 0700) == 0 && mount("none", rest.c_str(), "tmpfs", 0, "size=192k") == 0) {
+        std::ofstream(full + "/file") << std::string(32768, 'x');
+        info_edit([&](PluginInfo *next) {
+            (void)text_set(next->disk_whitelist, (full + ":/nowhere:" + rest).c_str());
+        });
+        metrics_disk_usage(disk, sizeof(disk));
+        std::thread work([&] { usleep(300000), std::ofstream(stat) << "cpu  85 0 0 55\n"; });
+        EXPECT_EQ(0, metrics_usage(cpu, sizeof(cpu), mem, sizeof(mem)));
+        work.join();
+        *usages = std::string(cpu) + " " + disk;
+    }
+    (void)!system(("umount " + full + " " + rest + "; rm -r " + base).c_str());
+}
+
+TEST(Metrics, Usages)
+{
+    std::string usages;
+    std::thread(usage_with_own_mounts, &usages).join();
+    if (usages.empty())
+        GTEST_SKIP() << "no mounts of its own here";
+    EXPECT_EQ("75.00% 20.00%", usages);
 }

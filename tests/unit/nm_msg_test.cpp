@@ -1,7 +1,7 @@
 #include "nm/nm_msg.h"
 #include "nm/nm_msg_internal.h"
 
-#include "support.h"
+#include "peers.h"
 
 static std::string answer_with(const std::string &payload)
 {
@@ -38,5 +38,38 @@ TEST(NmMsg, PayloadOfAnAnswer)
         EXPECT_EQ(nm_payload_extract(c.answer.c_str(), buf, sizeof(buf), &len), c.result);
         EXPECT_EQ(buf, c.payload);
         EXPECT_EQ(len, c.len);
+    }
+}
+
+static std::string nested(size_t depth)
+{
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+// Commands that cannot be carried out are told in a line; so is a status that NM does not take.
+TEST(NmMsg, CommandsThatFail)
+{
+    const struct {
+        std::string command;
+        const char *line;
+    } cases[] = {
+        {"{\"type\":1}", "Unknown msg: "},
+        {"{\"type\":" + nested(300) + "}", "Unknown msg: "},
+        {nested(1500), "parsing payload failed!"},
+        {"{\"type\":\"" + std::string(512, 't') + "\"}", "value_len: 512 not enough, needed matched_len: 513"},
+        {"{\"type\":\"remote-web\",\"param\":[]}", "Invalid port: -1!"},
+        {"{\"type\":\"device-status\",\"param\":3}", "Not found string value for key: action!"},
+        {"{\"type\":\"dev-info\"}", "Posting dev status failed!, ret = -1\n[INF] Posting dev status successfully\n"},
+        {"{\"type\":\"port-status\"}", "Querying port status failed!"},
+    };
+    nm_msg_table_init();
+    NmPeer nm;
+    nm.answer_set("A1", {""});
+    info_edit([](PluginInfo *next) { (void)text_set(next->device_path, "/etc/passwd"); });
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.command.substr(0, 60));
+        LogLines log;
+        (void)nm_msg_process(0, answer_with("[" + c.command + "]").c_str());
+        EXPECT_TRUE(log.has(c.line));
     }
 }

@@ -16,6 +16,7 @@
 
 #include "runtime/stop.h"
 #include "runtime/text.h"
+#include "runtime/wait.h"
 #include "sim_tls.h"
 #include "support.h"
 #include "transport/conn_registry.h"
@@ -89,6 +90,16 @@ inline std::string read_upto(int fd, size_t len)
     }
     data.resize(got);
     return data;
+}
+
+// Sends until the peer's and the own buffer stay full.
+inline void fill_buffers(int fd)
+{
+    std::string data(100000, 'x');
+    do {
+        while (send(fd, data.data(), data.size(), 0) > 0) {
+        }
+    } while (wait_fd(fd, POLLOUT, 300) == WAIT_READY);
 }
 
 inline void peer_send(int fd, const std::string &text)

@@ -12,10 +12,11 @@ static void enter_new_dir()
     ASSERT_EQ(0, chdir(mkdtemp(path)));
 }
 
-// Reads a config.ini of the given content over what is in force; returns what was logged and printed.
+// Reads a config.ini of the given content, if any, over what is in force; returns what was logged and printed.
 static std::string read_config(const char *content)
 {
-    std::ofstream("config.ini") << content;
+    if (content)
+        std::ofstream("config.ini") << content;
     LogLines log(6);
     EXPECT_EQ(1, read_plugin_config());
     return log.text();
@@ -39,6 +40,10 @@ TEST(PluginConfig, EveryKeyInOrder)
 {
     enter_new_dir();
     plugin_info_reset_for_test();
+    EXPECT_EQ("[WRN] ./config.ini is not found! Use default value!\n", read_config(nullptr));
+    PluginInfo info = info_now();
+    EXPECT_EQ("127.0.0.1:0 /tmp/deviceplugin/init", std::string(info.dev.remote_ip) + ":" + info.dev.remote_port + " " +
+                                                      info.init_cfg_path);
     EXPECT_EQ("[INF] Reading config file: ./config.ini ...\n"
               "[INF] Key: plugin_config:log_std is set to: 1\n"
               "[INF] Key: plugin_config:log_level is set to: 0x7\n"
@@ -61,7 +66,7 @@ TEST(PluginConfig, EveryKeyInOrder)
                                          "g_sleep_between_http_rsp_ms = 9.\n\n" LOCAL_END("web_to_nm", "4")
                                              LOCAL_END("telnet_to_nm", "5") LOCAL_END("udp_detection", "6"),
               read_config(k_full_config));
-    PluginInfo info = info_now();
+    info = info_now();
     EXPECT_STREQ("12345", info.dev.remote_port);
     EXPECT_STREQ("10.0.0.1", info.dev_web.remote_ip);
     EXPECT_STREQ("123.123.123.123", info.dev_telnet.remote_ip);

@@ -32,16 +32,6 @@ static void link_close(Link *link)
     close(link->peer);
 }
 
-// Sends until the peer's and the own buffer stay full.
-static void fill_buffers(int fd)
-{
-    std::string data(100000, 'x');
-    do {
-        while (send(fd, data.data(), data.size(), 0) > 0) {
-        }
-    } while (wait_fd(fd, POLLOUT, 300) == WAIT_READY);
-}
-
 TEST(Socket, ConnectFailuresSayWhatTheyAre)
 {
     std::string port, dead;
