@@ -13,6 +13,7 @@ struct World {
     char directory[32] = "/tmp/device_init_XXXXXX";
     NmPeer nm;
     std::string init_cfg;
+    int device_port;
     int listener;
 };
 
@@ -25,7 +26,8 @@ static void world_begin(World *w)
     w->nm.answer_set("active", {http_ok(R"({"status":200,"result":{"host":"127.0.0.1","port":9}})")});
     std::string device_port;
     w->listener = listen_socket(&device_port);
-    w->init_cfg = device_cfg_text(device_cfg_default(".", false, std::stoi(w->nm.peer.port), std::stoi(device_port)));
+    w->device_port = std::stoi(device_port);
+    w->init_cfg = device_cfg_text(device_cfg_default(".", false, std::stoi(w->nm.peer.port), w->device_port));
     std::ofstream("init") << w->init_cfg;
     std::ofstream("config.ini") << "[device_info]\ninit_cfg = ./init\n[plugin_config]\nlog_std = 1\nlog_level = 7\n";
     info_edit([](PluginInfo *next) { (void)text_set(next->init_cfg_path, "./init"); });
@@ -110,10 +112,13 @@ TEST(DeviceInit, IdentityChangesDuringAPass)
     std::ofstream("init") << w.init_cfg;
     LogLines log(2);
     for (int i = 0; i < 300; i++) {
+        DeviceCfg cfg = device_cfg_default(".", false, std::stoi(w.nm.peer.port), w.device_port);
+        device_cfg_set_text(&cfg, "pversion", std::to_string(i));
         std::thread device([&] {
             const int fd = accept(w.listener, nullptr, nullptr);
             usleep((useconds_t)i * 5);
-            device_identity_changed();
+            std::ofstream("init") << device_cfg_text(cfg);
+            reload_init_cfg();
             close(fd);
         });
         device_init_pass();

@@ -1,5 +1,6 @@
 #include "nm/nm_msg.h"
 #include "nm/nm_msg_internal.h"
+#include "nm/nm_msg_table.h"
 
 #include "peers.h"
 

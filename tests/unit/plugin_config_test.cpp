@@ -40,7 +40,7 @@ TEST(PluginConfig, EveryKeyInOrder)
 {
     enter_new_dir();
     plugin_info_reset_for_test();
-    EXPECT_EQ("[WRN] ./config.ini is not found! Use default value!\n", read_config(nullptr));
+    EXPECT_EQ("[WRN] FAILED with checking file: ./config.ini!\n[WRN] ./config.ini is not found! Use default value!\n", read_config(nullptr));
     PluginInfo info = info_now();
     EXPECT_EQ("127.0.0.1:0 /tmp/deviceplugin/init", std::string(info.dev.remote_ip) + ":" + info.dev.remote_port + " " +
                                                       info.init_cfg_path);
