@@ -414,7 +414,7 @@ static int upload_send(Upload *upload, const WebSlot *slot)
 {
     if (wait_fd(slot->conn.socket_fd, upload->send_events, 0) == WAIT_TIMEOUT)
         return conn_is_stuck(&slot->conn, &upload->progress, slot->closing ? NM_PATIENCE_MS : DEVICE_PATIENCE_MS) ? -1
-                                                                                                                : 0;
+                                                                                                                  : 0;
     upload->progress = {};
     ByteQueue *queue = &upload->queue;
     int sent = conn_send_some(&slot->conn, queue->bytes + queue->begin, byte_queue_len(queue), &upload->send_events);

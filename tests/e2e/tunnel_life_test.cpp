@@ -66,8 +66,7 @@ static void end_in_the_middle(bool stalled)
     for (int i = 0; i < 10; i++)
         stage.web->send_bytes(web_frame(WEB_FRAME_REQ, stage.web->open_id(), "GET"));
     ASSERT_TRUE(endless.wait_serving(11));
-    ASSERT_TRUE(stage.web->wait(
-        k_wait_ms, [](const WebTunnelStats &stats) { return stats.bytes_in > 500000; }));
+    ASSERT_TRUE(stage.web->wait(k_wait_ms, [](const WebTunnelStats &stats) { return stats.bytes_in > 500000; }));
     ASSERT_TRUE(stage.telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return stats.bytes_in > 500000; }));
     stage.web->stall_reading(stalled);
     stage.telnet->stall_reading(stalled);

@@ -8,8 +8,7 @@
 
 static bool held_is(TelnetTunnelSim *telnet, const std::string &expected)
 {
-    return telnet->wait(
-        k_wait_ms, [&](const TelnetTunnelStats &stats) { return stats.held == expected; });
+    return telnet->wait(k_wait_ms, [&](const TelnetTunnelStats &stats) { return stats.held == expected; });
 }
 
 TEST(TunnelTelnet, AnswersOfNm)
