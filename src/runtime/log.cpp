@@ -12,7 +12,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "runtime/plugin_info.h"
 #include "runtime/text.h"
 
 #define COLOUR_RESET "\033[0m"
@@ -27,6 +26,9 @@ static const LogLevel k_debug = {6, LOG_DEBUG, "[DBG] ", COLOUR_RESET};
 static const LogLevel k_info = {5, LOG_INFO, "[INF] ", "\033[0;36;40m"};
 static const LogLevel k_warn = {3, LOG_WARNING, "[WRN] ", "\033[1;4;31m"};
 static const LogLevel k_error = {2, LOG_ERR, "[ERR] ", "\033[1;4;33;41m"};
+
+std::atomic<int32_t> g_log_std{0};
+std::atomic<uint32_t> g_log_level{6};
 
 constexpr size_t PREFIX_SIZE = 256;
 constexpr size_t FORMAT_SIZE = 1024; // joined format, truncated to this; its expanded arguments never are

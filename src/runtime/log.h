@@ -6,8 +6,13 @@
 // of all. Nothing is allocated. Never called from a signal handler.
 #pragma once
 
+#include <atomic>
 #include <stdint.h>
 #include <stdio.h>
+
+// Settings of config.ini, stored as soon as they are read.
+extern std::atomic<int32_t> g_log_std;    // 1 console only, 0 log target only, else both
+extern std::atomic<uint32_t> g_log_level; // threshold, see below
 
 void log_debug(const char *fmt, ...) __attribute__((format(printf, 1, 2))); // g_log_level above 6: bytes and counts
 void log_info(const char *fmt, ...) __attribute__((format(printf, 1, 2)));  // above 5: what happened

@@ -7,8 +7,6 @@
 
 #include "runtime/log.h"
 
-std::atomic<int32_t> g_log_std{0};
-std::atomic<uint32_t> g_log_level{6};
 std::atomic<int32_t> g_http_rsp_len{32768};
 std::atomic<int32_t> g_http_forward_len{10240};
 std::atomic<int32_t> g_sleep_between_http_rsp_ms{100};

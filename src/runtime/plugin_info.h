@@ -115,8 +115,6 @@ template <size_t N> int plugin_info_edit_text(PluginInfoEdit *edit, char (&field
 }
 
 // Settings that are single words: atomics, stored as soon as they are read.
-extern std::atomic<int32_t> g_log_std;                   // 1 console only, 0 log target only, else both
-extern std::atomic<uint32_t> g_log_level;                // threshold, see log.h
 extern std::atomic<int32_t> g_http_rsp_len;              // bytes, read size on a device web connection
 extern std::atomic<int32_t> g_http_forward_len;          // bytes, largest payload of a response frame
 extern std::atomic<int32_t> g_sleep_between_http_rsp_ms; // read and logged only

@@ -40,10 +40,11 @@ TEST(PluginConfig, EveryKeyInOrder)
 {
     enter_new_dir();
     plugin_info_reset_for_test();
-    EXPECT_EQ("[WRN] FAILED with checking file: ./config.ini!\n[WRN] ./config.ini is not found! Use default value!\n", read_config(nullptr));
+    EXPECT_EQ("[WRN] FAILED with checking file: ./config.ini!\n[WRN] ./config.ini is not found! Use default value!\n",
+              read_config(nullptr));
     PluginInfo info = info_now();
-    EXPECT_EQ("127.0.0.1:0 /tmp/deviceplugin/init", std::string(info.dev.remote_ip) + ":" + info.dev.remote_port + " " +
-                                                      info.init_cfg_path);
+    EXPECT_EQ("127.0.0.1:0 /tmp/deviceplugin/init",
+              std::string(info.dev.remote_ip) + ":" + info.dev.remote_port + " " + info.init_cfg_path);
     EXPECT_EQ("[INF] Reading config file: ./config.ini ...\n"
               "[INF] Key: plugin_config:log_std is set to: 1\n"
               "[INF] Key: plugin_config:log_level is set to: 0x7\n"

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/log.h"
 #include "runtime/plugin_info.h"
 
 typedef std::vector<std::string> Texts;
