@@ -14,6 +14,7 @@
 #include "device/dma_status.h"
 #include "nm/init_cfg_internal.h"
 #include "nm/nm_session.h"
+#include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/plugin_info_internal.h"
 #include "runtime/stop.h"
