@@ -1,4 +1,5 @@
-// metrics.h - the run-status report: the device's processor, memory and disk usage and its interfaces, as NM wants them.
+// metrics.h - the run-status report: the device's processor, memory and disk usage and its interfaces, as NM wants
+// them.
 #pragma once
 
 #include "runtime/timer.h"

@@ -1,5 +1,5 @@
-// metrics_internal.h - the steps of the run-status report, for tests. Sources: /proc, /sys, statvfs, ioctls. The parsers
-// work on streams.
+// metrics_internal.h - the steps of the run-status report, for tests. Sources: /proc, /sys, statvfs, ioctls. The
+// parsers work on streams.
 #pragma once
 
 #include <cjson/cJSON.h>

@@ -14,8 +14,8 @@ constexpr size_t SERVICE_RECORD_SIZE = 4096; // one byte stays free
 struct ServiceSettings {
     bool enabled;
     bool timer_running; // also set when the timer could not be started, so that this is not tried 5 times a second
-    int32_t mode;          // ServiceReportMode
-    int32_t limit_kib;     // size of the file that makes a report due in the delay modes
+    int32_t mode;       // ServiceReportMode
+    int32_t limit_kib;  // size of the file that makes a report due in the delay modes
     PluginTimer timer;
 };
 ServiceSettings service_settings_get(void);

@@ -1,5 +1,6 @@
 #include "status/metrics_internal.h"
 
+#include <fstream>
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -9,7 +10,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <fstream>
 #include <thread>
 #include <unistd.h>
 
@@ -94,9 +94,8 @@ static void usage_with_own_mounts(std::string *usages)
         mkdir(full.c_str(), 0700) == 0 && mount("none", full.c_str(), "tmpfs", 0, "size=64k") == 0 &&
         mkdir(rest.c_str(), 0700) == 0 && mount("none", rest.c_str(), "tmpfs", 0, "size=192k") == 0) {
         std::ofstream(full + "/file") << std::string(32768, 'x');
-        info_edit([&](PluginInfo *next) {
-            (void)text_set(next->disk_whitelist, (full + ":/nowhere:" + rest).c_str());
-        });
+        info_edit(
+            [&](PluginInfo *next) { (void)text_set(next->disk_whitelist, (full + ":/nowhere:" + rest).c_str()); });
         metrics_disk_usage(disk, sizeof(disk));
         std::thread work([&] { usleep(300000), std::ofstream(stat) << "cpu  85 0 0 55\n"; });
         EXPECT_EQ(0, metrics_usage(cpu, sizeof(cpu), mem, sizeof(mem)));
