@@ -66,8 +66,10 @@ static void tunnels_are_stopped(int)
 
 static void nm_reads_slowly(int duration_ms)
 {
+    // Over TLS libevent's limit leaves the rest of a record in its session until more comes: not for a terminal.
+    const int screen_per_s = g_soak.stage->options.tls ? 0 : 20000;
     g_soak.stage->web->read_slowly(20000);
-    g_soak.stage->telnet->read_slowly(20000);
+    g_soak.stage->telnet->read_slowly(screen_per_s);
     soak_pause(duration_ms);
     g_soak.stage->web->read_slowly(0);
     g_soak.stage->telnet->read_slowly(0);
