@@ -48,8 +48,9 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //                                 |                      | else rests         |
 //   remote_telnet                 | remote_telnet_turn   | 5 ms in a tunnel,  | telnet relay
 //                                 |                      | else rests         |
-//   dev_service_status_report     | service_status_turn  | 205 ms, rests when | service reports and their timer
-//                                 |                      | not enabled        |
+//   dev_service_status_report     | service_status_turn  | 205 ms while it    | service reports and their timer
+//                                 |                      | watches the file's |
+//                                 |                      | size, else rests   |
 //   dev_msg_handle                | dev_msg_handle_turn  | 5 ms while bytes   | the message being handled, reload
 //                                 |                      | wait, else rests   | of the init cfg
 //   remote_web_msg_handle_thread  | in remote_web        | lives with a tunnel| device side of the remote-web tunnel
@@ -64,7 +65,7 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //   tunnel command -> NM post -> send order of a connection
 // Short locks never are, and no long lock is taken under one:
 //   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status
-//   -> dev_msg_mutex, timers -> log
+//   -> device message buffer, timers -> log
 // A restart of the bring-up may run under the NM post lock and takes no long lock itself.
 //
 // Whose wait is it? Every wait that a thread can make, how long it lasts by itself, and what ends it early:
@@ -121,13 +122,13 @@ static int start_work_threads(void)
     return 1;
 }
 
-static int have_work_threads_left(void)
+static bool is_every_thread_gone(void)
 {
     for (const WorkThread &thread : s_work_threads) {
         if (!thread.exited || !thread.gone)
-            return 0;
+            return false;
     }
-    return 1;
+    return true;
 }
 
 // Everything printed arrives; nothing is destroyed, for other threads may still be running.
@@ -147,7 +148,7 @@ static void stop_signals_ignore(void)
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-// Timer callbacks and the device side of a web tunnel leave by themselves; they are not worth more than this limit.
+// Timer callbacks and the device side of a web tunnel leave by themselves; we wait at most this long for them.
 static void late_threads_await(void)
 {
     int64_t end_ms = wait_now_ms() + LATE_THREADS_LIMIT_MS;
@@ -163,7 +164,7 @@ static void late_threads_await(void)
     stop_arm_deadline(); // again: another thread may have replaced the alarm
     log_info("SIG: %d is received, ready to exit!", status);
     g_exit_flag = 1;
-    while (!have_work_threads_left())
+    while (!is_every_thread_gone())
         wait_cadence_ms(THREAD_EXIT_POLL_MS);
     late_threads_await();
     printf("[%s:%d] Function: %s calling for exit, ret: %d\n", "main.cpp", 212, "sig_quit_handler", status);
@@ -178,7 +179,7 @@ static void late_threads_await(void)
 {
     stop_hold_begin();
     stop_request(0); // for its effects: all waits end, the deadline is armed
-    while (!have_work_threads_left())
+    while (!is_every_thread_gone())
         wait_cadence_ms(1000);
     late_threads_await();
     conn_remove_all();
@@ -244,6 +245,8 @@ static void print_build_banner(void)
 // The calls that go up, against the direction of the includes: a module below leaves to one above what it cannot know.
 static void upward_calls_register(void)
 {
+    // The device sets directory and limits of the log files in its init cfg.
+    log_settings_reader_set(init_cfg_parse_log);
     // A heartbeat's answer may restart the bring-up or fetch a command of NM.
     nm_post_heartbeat_answered_set(heartbeat_answered);
     // The device asks for a reload of the init cfg, which NM's session reads, and for a service report.
@@ -268,7 +271,7 @@ static void doorbell_missing_log(void)
     log_error("Create doorbell failed: %s!", error_text(errno).text);
 }
 
-// A box with 64 MiB is not to keep for ever what one large message took: large blocks go back to the system when they
+// On a 64 MiB device one large message must not enlarge the heap for good: large blocks go back to the system when they
 // are freed, and the threads share one heap instead of growing one each.
 static void memory_give_back(void)
 {
@@ -300,7 +303,6 @@ static int process_start(void)
         return -1;
     }
     plugin_version_set();
-    log_settings_reader_set(init_cfg_parse_log); // the init cfg holds them, and runtime includes nothing above it
     if (!log_init()) {
         log_error("Log initiating failed!");
         return -1;

@@ -1,4 +1,5 @@
 #include "device/dev_msg_handle.h"
+#include "device/dev_msg_handle_internal.h"
 
 #include <atomic>
 #include <cjson/cJSON.h>
@@ -65,7 +66,7 @@ static uint32_t post_clock_ms(void)
     return (uint32_t)wait_now_ms() | 1;
 }
 
-int dev_msg_is_stuck(void)
+bool dev_msg_is_stuck(void)
 {
     uint32_t begin_ms = s_post_begin_ms;
     return begin_ms != 0 && post_clock_ms() - begin_ms > POST_LIMIT_MS;
@@ -77,17 +78,17 @@ static void payload_free(DevMsg *msg)
     msg->payload = nullptr;
 }
 
-// Posts the text; 1 when NM answered, else 0. A restart of the bring-up ends the wait for NM, which has no end of its
-// own while a TLS handshake hangs. Only that wait: a restart leaves the device link alone, and what goes to the device
-// is sent whole.
+// Posts the text: 0 when NM answered, else -1 (logged). A restart of the bring-up ends the wait for NM, which has no
+// end of its own while a TLS handshake hangs. Only that wait: a restart leaves the device link alone, and what goes to
+// the device is sent whole.
 static int result_send(const DevMsg *msg, const char *path, char *answer, int *answer_len)
 {
     CallOff before = wait_call_off_set({&g_restart_count, msg->restart_count});
     s_post_begin_ms = post_clock_ms();
-    int answered = nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, answer_len);
+    bool has_answer = nm_send_device_response(path, msg->text, answer, NM_ANSWER_SIZE, answer_len);
     s_post_begin_ms = 0;
     wait_call_off_set(before);
-    return answered;
+    return has_answer ? 0 : -1;
 }
 
 // NM did not answer. When a restart was the reason, which may have come with a new device link, only the link that
@@ -107,7 +108,7 @@ static void result_post(DevMsg *msg, const char *path_tail)
     nm_uri_build(path, path_tail);
     char *answer = (char *)calloc(1, NM_ANSWER_SIZE);
     int answer_len = 0;
-    if (answer && result_send(msg, path, answer, &answer_len)) {
+    if (answer && result_send(msg, path, answer, &answer_len) == 0) {
         log_debug("Receive rsp from NM, rsp: %s", answer);
         (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, answer, answer_len);
     } else {
@@ -125,18 +126,23 @@ static void alarm_post(DevMsg *msg, const char *path_tail)
     result_post(msg, path_tail);
 }
 
-// One attempt: 1 when NM answered, 0 when it did not, -1 when the wait for the lock was cut.
-static int history_attempt(const char *path, const char *body)
+enum HistoryAttempt {
+    HISTORY_ANSWERED,
+    HISTORY_UNANSWERED,
+    HISTORY_CUT, // the wait for the lock was cut short
+};
+
+static HistoryAttempt history_attempt(const char *path, const char *body)
 {
     char answer[HISTORY_ANSWER_SIZE] = {};
     s_post_begin_ms = post_clock_ms();
     if (wait_lock(&g_nm_post_mutex) != WAIT_READY)
-        return -1;
+        return HISTORY_CUT;
     int len = http_post_nm(path, body, answer, sizeof(answer));
     if (len >= 0)
         log_debug("Post http message to nm result, len: %d, rsp: %s", len, answer);
     wait_unlock(&g_nm_post_mutex);
-    return len >= 0 ? 1 : 0;
+    return len >= 0 ? HISTORY_ANSWERED : HISTORY_UNANSWERED;
 }
 
 // A restart ends it, as it does a result's post.
@@ -146,7 +152,7 @@ static void history_post(DevMsg *msg, const char *path_tail)
     nm_uri_build(path, path_tail);
     CallOff before = wait_call_off_set({&g_restart_count, msg->restart_count});
     for (int attempt = 1; msg->payload && msg->payload[0] != '\0' && attempt <= HISTORY_ATTEMPTS; attempt++) {
-        if (history_attempt(path, msg->payload) != 0)
+        if (history_attempt(path, msg->payload) != HISTORY_UNANSWERED)
             break;
         if (attempt < HISTORY_ATTEMPTS && wait_sleep_ms(HISTORY_PAUSE_MS) == WAIT_CUT)
             break;
@@ -239,11 +245,11 @@ static const DevMsgRow *message_read(DevMsg *msg)
     const DevMsgRow *row = row_find(msg->type);
     if (!row)
         log_warn("Unknown notify type: %s!", msg->type);
-    int refused = row && row->wants_payload && payload_print(root, msg) != 0;
+    bool is_refused = row && row->wants_payload && payload_print(root, msg) != 0;
     cJSON_Delete(root);
-    if (refused && row->ack)
+    if (is_refused && row->ack)
         (void)dev_msg_ack(msg->sessionid, msg->msg_id, msg->type, nullptr, 0);
-    return refused ? nullptr : row;
+    return is_refused ? nullptr : row;
 }
 
 // A freed block goes back to the system by itself only from the heap's top, and the request of a large message is taken

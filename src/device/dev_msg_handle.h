@@ -15,10 +15,6 @@ void dev_msg_calls_set(const DevMsgCalls *calls);
 // Handles one message. text is NUL-ended content in the message area of area_size bytes, which may be rewritten.
 void dev_msg_dispatch(char *text, uint32_t len, uint32_t area_size);
 
-// Acknowledges a message of the given type to the device by NM's response (null: none). 0 when an ack was sent, else
-// -1.
-int dev_msg_ack(const char *sessionid, int32_t msg_id, const char *type, const char *response, int32_t response_len);
-
-// 1 when the message being handled has waited for NM longer than the time-outs of a post allow: in a TLS handshake that
-// NM does not answer, and that only NM or a call-off ends. Any thread.
-int dev_msg_is_stuck(void);
+// The message being handled has waited for NM longer than the time-outs of a post allow: in a TLS handshake that NM
+// does not answer, and that only NM or a call-off ends. Any thread.
+bool dev_msg_is_stuck(void);

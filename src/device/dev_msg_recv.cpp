@@ -1,4 +1,5 @@
 #include "device/dev_msg_recv.h"
+#include "device/dev_msg_recv_internal.h"
 
 #include <pthread.h>
 #include <stdlib.h>

@@ -18,8 +18,6 @@ void free_device_buffers(void);
 // One receive step, main thread: waits up to 200 ms for the device's bytes.
 void dev_msg_recv(void);
 
-// Hands at most one complete message to dev_msg_dispatch. Thread dev_msg_handle only.
-void dev_msg_get(void);
-
-// One cycle of the thread dev_msg_handle: sleeps until bytes are there, dev_msg_get, 5 ms pause.
+// One cycle of the thread dev_msg_handle: sleeps until bytes are there, hands at most one complete message to
+// dev_msg_dispatch, pauses 5 ms.
 void dev_msg_handle_turn(void);

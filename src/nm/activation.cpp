@@ -25,7 +25,8 @@ constexpr size_t NM_PATH_SIZE = ID_TEXT_SIZE + 32; // a serial number and what s
 
 enum ActivationStatus { ACTIVATION_OK = 200, ACTIVATION_OK_FORWARD = 201, ACTIVATION_REDIRECT = 304 };
 
-void redirection_to_device(const char *result_text)
+// Tells the device about a redirection; result_text is printed JSON, null when there was nothing to print.
+static void redirection_to_device(const char *result_text)
 {
     if (!result_text) {
         log_error("msg is NULL!");
@@ -69,7 +70,7 @@ static void redirection_take(const cJSON *target)
     plugin_info_edit_begin(&edit);
     PluginInfo *next = &edit.next;
     (void)plugin_info_edit_text(&edit, next->nm_ip, ip);
-    int is_complete = (uint32_t)port < 65536;
+    bool is_complete = (uint32_t)port < 65536;
     if (is_complete) {
         (void)text_fmt(next->nm_port, "%d", port + 1);
         plugin_info_edit_mark(&edit, next->nm_port, sizeof(next->nm_port));
@@ -83,7 +84,9 @@ static void redirection_take(const cJSON *target)
         log_info("Will redirect to the new NMS: %s", next->nm_ip);
 }
 
-void redirection_handle(const cJSON *root)
+// Takes the first "NMS" entry of the answer's redirection as the new NM, and forwards "result" to the device in any
+// case.
+static void redirection_handle(const cJSON *root)
 {
     const cJSON *result = cJSON_GetObjectItem(root, "result");
     const cJSON *target = redirection_find(cJSON_GetObjectItem(result, "redirection"));

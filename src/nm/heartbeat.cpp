@@ -135,27 +135,27 @@ static HeartbeatAnswer udp_exchange(const SocketConn *conn, const char *body, si
     return answer_word(answer);
 }
 
-// 1 when NM answered over UDP and was served, 0 when the message has to go over HTTP.
+// 0 when NM answered over UDP and was served, or when called off; -1 when the message has to go over HTTP.
 static int udp_post(const char *body, size_t len)
 {
     SocketConn conn;
     if (s_http_mode || !conn_hold(NM_UDP_DETECTION, &conn))
-        return 0;
+        return -1;
     HeartbeatAnswer answer = udp_exchange(&conn, body, len);
     conn_drop(&conn);
     if (wait_is_cut())
-        return 1; // called off: nothing more to do for it
-    if (answer == ANSWER_OTHER)
         return 0;
+    if (answer == ANSWER_OTHER)
+        return -1;
     if (answer == ANSWER_REC) {
         restart_asked_by_nm();
-        return 1;
+        return 0;
     }
     s_udp_nonresponse_count = 0;
     s_http_nonresponse_count = 0;
     if (answer == ANSWER_ACK)
         handshake_run();
-    return 1;
+    return 0;
 }
 
 // A beat without a UDP answer, whatever came of it over HTTP.
@@ -168,9 +168,10 @@ static void udp_miss_count(void)
     (void)conn_remove_if_connected(NM_UDP_DETECTION, 1);
 }
 
-void post_message_to_nm(uint32_t type, const char *body, size_t len)
+// Over UDP, then over HTTP unless UDP was answered.
+static void post_message_to_nm(uint32_t type, const char *body, size_t len)
 {
-    if (!body || len == 0 || udp_post(body, len))
+    if (!body || len == 0 || udp_post(body, len) == 0)
         return;
     (void)tx_nms_message(type, body, len);
     if (!s_http_mode && !wait_is_cut())
@@ -207,7 +208,7 @@ static void heartbeat(void)
     (void)text_set(nm.local_port, "0"); // any
     if (!s_http_mode && !conn_is_connected(NM_UDP_DETECTION) && udp_open(&nm) != 0)
         return;
-    char body[HEARTBEAT_BODY_SIZE]; // a long serial number goes out cut
+    char body[HEARTBEAT_BODY_SIZE]; // a long serial number goes out truncated
     (void)text_fmt(body, "{\n\t\"ver\":\"%s\",\n\t\"deviceSn\":\"%s\"\n}", info.protocol_version, info.dev_sn);
     log_debug("Sending UDP detection... [remote (%s:%s), local (%s:%s)]", nm.remote_ip, nm.remote_port, nm.local_ip,
               nm.local_port);

@@ -7,9 +7,6 @@
 #include "runtime/timer.h"
 #include "transport/nm_post.h"
 
-// Sends the message over UDP, then over HTTP unless UDP was answered. Any thread but main.
-void post_message_to_nm(uint32_t type, const char *body, size_t len);
-
 // What NM's answer over HTTP leads to (a HeartbeatAnswered of nm_post.h): counts, restarts the bring-up, has a
 // handshake run.
 int heartbeat_answered(const char *answer, HeartbeatAfter *after);

@@ -16,7 +16,7 @@
 #include "transport/resolve.h"
 #include "transport/socket.h"
 
-constexpr size_t CFG_FILE_MAX = 10240;                 // bytes; a longer file is cut
+constexpr size_t CFG_FILE_MAX = 10240;                 // bytes; what comes behind is not read
 constexpr int32_t DEV_MSG_SIZE_MIN = 4096;             // bytes
 constexpr int32_t DEV_MSG_SIZE_MAX = 10 * 1024 * 1024; // bytes, a message and the receive buffer alike
 constexpr int32_t LOG_FILES_MIN = 1;
@@ -130,8 +130,8 @@ static int host_read(const cJSON *root, char (&host)[ID_TEXT_SIZE])
     return resolve_host(host, sizeof(host));
 }
 
-// Method, host and port. 0; -1 when something is missing or wrong; *port_ok 0 when nothing behind may be read.
-static int nm_take(const cJSON *root, PluginInfoEdit *edit, int *port_ok)
+// Method, host and port. 0; -1 when something is missing or wrong; *is_port_ok false when nothing behind may be read.
+static int nm_take(const cJSON *root, PluginInfoEdit *edit, bool *is_port_ok)
 {
     PluginInfo *next = &edit->next;
     int_set(edit, &next->nm_redirected, 0); // goes with the three, should a redirection come in between
@@ -144,8 +144,8 @@ static int nm_take(const cJSON *root, PluginInfoEdit *edit, int *port_ok)
 
     int32_t port = -1;
     (void)json_get_int(root, "port", &port);
-    *port_ok = (uint32_t)port < 65536;
-    if (!*port_ok) {
+    *is_port_ok = (uint32_t)port < 65536;
+    if (!*is_port_ok) {
         log_error("Invalid port: %d!", port);
         return -1;
     }
@@ -187,8 +187,8 @@ static int local_ip_check(PluginInfoEdit *edit, const char *configured)
 static int interface_take(const cJSON *root, PluginInfoEdit *edit, int result)
 {
     char configured[ID_TEXT_SIZE];
-    int has_interface = text_take(root, "interface", edit, edit->next.interface) == 0;
-    int has_local_ip = json_get_string(root, "localIp", configured, sizeof(configured)) == 0;
+    bool has_interface = text_take(root, "interface", edit, edit->next.interface) == 0;
+    bool has_local_ip = json_get_string(root, "localIp", configured, sizeof(configured)) == 0;
     if (!has_interface || !has_local_ip)
         return -1;
     if (result != 0)
@@ -265,13 +265,10 @@ static void log_path_take(const cJSON *root, PluginInfoEdit *edit)
         path[len - 1] = '/'; // no room: still a directory, never the beginning of file names
 }
 
-// The three log keys. A missing limit takes the log path away: no log files with half a configuration.
+// The three log keys. A missing limit empties the log path: no log files with half a configuration. Always 0; the type
+// is that of cfg_take.
 static int log_keys_take(const cJSON *root, PluginInfoEdit *edit)
 {
-    if (!root) {
-        log_error("json is NULL!");
-        return -1;
-    }
     PluginInfo *next = &edit->next;
     log_path_take(root, edit);
 
@@ -295,9 +292,9 @@ static int cfg_take(const cJSON *root, PluginInfoEdit *edit)
 {
     int result = 0;
     if (!edit->next.nm_redirected) {
-        int port_ok;
-        result = nm_take(root, edit, &port_ok);
-        if (!port_ok)
+        bool is_port_ok;
+        result = nm_take(root, edit, &is_port_ok);
+        if (!is_port_ok)
             return -1;
     }
     result |= table_take(root, k_identity_keys, edit);
@@ -312,9 +309,9 @@ static int cfg_take(const cJSON *root, PluginInfoEdit *edit)
     return result | log_keys_take(root, edit);
 }
 
-// The file's tree; null (logged) when it cannot be read (*is_unreadable 1), parsed, or held in memory. The caller
+// The file's tree; null (logged) when it cannot be read (*is_unreadable), parsed, or held in memory. The caller
 // deletes it.
-static cJSON *cfg_load(int *is_unreadable)
+static cJSON *cfg_load(bool *is_unreadable)
 {
     PluginInfo info;
     plugin_info_get(&info);
@@ -336,7 +333,7 @@ static cJSON *cfg_load(int *is_unreadable)
 // The same for the two readers that cannot go on without the file: the process ends.
 static cJSON *cfg_load_or_stop(void)
 {
-    int is_unreadable;
+    bool is_unreadable;
     cJSON *root = cfg_load(&is_unreadable);
     if (is_unreadable)
         stop_process(0);
@@ -421,7 +418,7 @@ static int identity_compare(const cJSON *root, const PluginInfo *info)
     int host = host_compare(root, info);
     if (host > 0)
         return 1;
-    int is_missing = host < 0;
+    bool is_missing = host < 0;
     for (const IdentityKey &identity : k_compared_keys) {
         if (identity.needs_host && host < 0)
             continue;
@@ -429,14 +426,14 @@ static int identity_compare(const cJSON *root, const PluginInfo *info)
         if (compared > 0)
             return 1;
         if (compared < 0)
-            is_missing = 1;
+            is_missing = true;
     }
     return is_missing;
 }
 
 int init_cfg_compare(void)
 {
-    int is_unreadable;
+    bool is_unreadable;
     cJSON *root = cfg_load(&is_unreadable);
     if (!root)
         return -1;

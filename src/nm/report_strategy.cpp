@@ -1,5 +1,7 @@
 #include "nm/report_strategy.h"
+#include "nm/report_strategy_internal.h"
 
+#include <cjson/cJSON.h>
 #include <string.h>
 
 #include "device/dev_msg_send.h"
@@ -53,7 +55,8 @@ static int mode_apply(const char *name, int32_t period_s, int32_t limit_kib)
     return -1;
 }
 
-void service_strategy_apply(const cJSON *param)
+// Applies "systemPeriod" and "serviceStrategy" of the "param" object.
+static void service_strategy_apply(const cJSON *param)
 {
     if (!param) {
         log_error("param_json is NULL!");
@@ -69,7 +72,7 @@ void service_strategy_apply(const cJSON *param)
     char mode[128];
     int32_t period_s = service_status_period_get();
     int32_t limit_kib = service_status_limit_get();
-    int has_mode = json_get_string(strategy, "mode", mode, sizeof(mode)) == 0;
+    bool has_mode = json_get_string(strategy, "mode", mode, sizeof(mode)) == 0;
     (void)json_get_int(strategy, "period", &period_s); // absent: what is in force stays
     (void)json_get_int(strategy, "limit", &limit_kib);
     if (!has_mode || mode_apply(mode, period_s, limit_kib) != 0)
@@ -101,11 +104,8 @@ static int action_run(const char *action, const cJSON *param)
     return -1;
 }
 
-int nm_dev_status_control_handle(uintptr_t context, const char *answer, const char *payload, uint32_t payload_len)
+int nm_dev_status_control_handle(uintptr_t, const char *, const char *payload, uint32_t)
 {
-    (void)context;
-    (void)answer;
-    (void)payload_len;
     if (!payload) {
         log_error("payload is NULL!");
         return -1;

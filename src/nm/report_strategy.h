@@ -2,13 +2,6 @@
 // status is, and passing the strategy on to the device. Runs on the thread that made the handshake.
 #pragma once
 
-#include <cjson/cJSON.h>
 #include <stdint.h>
 
 int nm_dev_status_control_handle(uintptr_t context, const char *answer, const char *payload, uint32_t payload_len);
-
-// Applies "systemPeriod" and "serviceStrategy" of the "param" object.
-void service_strategy_apply(const cJSON *param);
-
-// Sends the strategy (printed JSON) to the device. Warns without a device link.
-void service_strategy_to_device(const char *strategy_text);

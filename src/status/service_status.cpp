@@ -347,7 +347,8 @@ static bool has_work(void)
 
 void service_status_turn(void)
 {
-    if (has_work() || wait_bell(&s_bell, -1) == WAIT_READY)
+    // Nothing begins while the process stops: every wait is cut short then, and the poll would repeat every 5 ms.
+    if (!wait_is_cut() && (has_work() || wait_bell(&s_bell, -1) == WAIT_READY))
         service_status_poll();
     wait_cadence_ms(TURN_PAUSE_MS);
 }

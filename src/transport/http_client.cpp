@@ -1,4 +1,5 @@
 #include "transport/http_client.h"
+#include "transport/http_client_internal.h"
 
 #include <errno.h>
 #include <poll.h>

@@ -24,10 +24,6 @@ int http_request(const char *host, const char *port, const char *path, const cha
 int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
                       int header_count, const char *body, char *rsp, size_t rsp_cap);
 
-// Extracts the JSON object from an answer. Its length with a fresh copy (caller frees) in *json; 0 for a 200 without a
-// usable object, -1 (logged) for a missing or non-200 status line, *json null in both cases.
-int http_parse_response(const char *text, char **json);
-
 // Resolves and connects; socket_fd below 1 on failure (logged). The caller owns the socket; no address list is kept.
 SocketConn http_tcpclient_create(const char *host, const char *port);
 

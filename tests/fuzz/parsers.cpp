@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include "device/dev_msg_handle.h"
+#include "device/dev_msg_handle_internal.h"
 #include "device/dev_msg_recv.h"
+#include "device/dev_msg_recv_internal.h"
 #include "nm/activation.h"
 #include "nm/device_init.h"
 #include "nm/init_cfg_internal.h"
@@ -29,7 +31,7 @@
 #include "status/service_status_internal.h"
 #include "transport/connect.h"
 #include "transport/field_extract.h"
-#include "transport/http_client.h"
+#include "transport/http_client_internal.h"
 #include "transport/tls.h"
 #include "world.h"
 

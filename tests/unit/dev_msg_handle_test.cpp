@@ -1,4 +1,5 @@
 #include "device/dev_msg_handle.h"
+#include "device/dev_msg_handle_internal.h"
 
 #include <future>
 

@@ -1,4 +1,5 @@
 #include "nm/report_strategy.h"
+#include "nm/report_strategy_internal.h"
 
 #include "peers.h"
 #include "status/service_status_internal.h"

@@ -172,3 +172,20 @@ TEST(ServiceStatus, PollFollowsTheMode)
     }
     unlink(path.c_str());
 }
+
+// A stop may take seconds (a name look-up): the thread neither reads the file nor logs meanwhile.
+TEST(ServiceStatus, NothingBeginsDuringAStop)
+{
+    unlink(service_file("").c_str());
+    service_status_reset();
+    service_status_set_delay(SERVICE_DELAY, 8);
+    service_status_start();
+    start_process_once();
+    stop_request(15);
+    LogLines log;
+    for (int turn = 0; turn < 3; turn++)
+        service_status_turn();
+    EXPECT_EQ("", log.text());
+    alarm(0); // the hard deadline
+    stop_reset_for_test();
+}
