@@ -17,6 +17,9 @@
 constexpr size_t HELD_MAX = 256 * 1024; // bytes in all queues, beyond which NM is read no further
 constexpr int WAIT_LINE_MS = 100;       // between two lines about msg_ids that wait for a slot
 constexpr int LOST_QUIET_MS = 500;      // without bytes of a lost msg_id, after which they count as a new stream
+// Of one send. A segment that fills the loopback's 64 KiB is acknowledged only after 40 ms, and the send buffer, which
+// is smaller, takes nothing until then.
+constexpr size_t SEND_MAX = 16384;
 constexpr int DEVICE_SEND_BUFFER_SIZE = 4096;
 constexpr int DEVICE_RECV_BUFFER_SIZE = 65536;
 
@@ -417,7 +420,8 @@ static int upload_send(Upload *upload, const WebSlot *slot)
                                                                                                                   : 0;
     upload->progress = {};
     ByteQueue *queue = &upload->queue;
-    int sent = conn_send_some(&slot->conn, queue->bytes + queue->begin, byte_queue_len(queue), &upload->send_events);
+    size_t len = byte_queue_len(queue) < SEND_MAX ? byte_queue_len(queue) : SEND_MAX;
+    int sent = conn_send_some(&slot->conn, queue->bytes + queue->begin, len, &upload->send_events);
     if (sent < 0)
         return -1;
     s_held -= (size_t)sent;
