@@ -6,6 +6,7 @@
 
 #include "runtime/file_util.h"
 #include "runtime/log.h"
+#include "runtime/options.h"
 #include "runtime/plugin_info.h"
 
 static const char k_path[] = "./config.ini";
@@ -180,6 +181,7 @@ int read_plugin_config(void)
     }
     log_info("Reading config file: %s ...", k_path);
     keys_read(dict);
+    options_read(dict);
     iniparser_freedict(dict);
     return 1;
 }

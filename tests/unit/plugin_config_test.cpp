@@ -2,6 +2,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "runtime/options.h"
 #include "runtime/plugin_config.h"
 #include "runtime/plugin_info_internal.h"
 #include "support.h"
@@ -105,5 +106,41 @@ TEST(PluginConfig, BufferLengthBounds)
         EXPECT_EQ(c.value, strcmp(c.key, "web_pf_recv_len") ? g_http_forward_len : g_http_rsp_len) << config;
         EXPECT_EQ(c.warning != nullptr, log.find("[WRN]") != std::string::npos) << log;
         EXPECT_NE(std::string::npos, log.find(c.warning ? c.warning : ""));
+    }
+}
+
+TEST(PluginConfig, OptionalKeys)
+{
+    enter_new_dir();
+    Options options;
+    options_get(&options);
+    EXPECT_EQ("  300", std::string(options.monitor.state_file) + " " + options.monitor.notify_socket + " " +
+                           std::to_string(options.monitor.stuck_s));
+    const struct {
+        std::string keys, log, state_file;
+        int stuck_s;
+    } rows[] = {
+        {"[monitor]\nstate_file = /run/s\nstuck_s = 0x20\n",
+         "[INF] Key: monitor:state_file is set to: /run/s\n[INF] Key: monitor:stuck_s is set to: 0x20\n", "/run/s", 32},
+        {"[monitor]\nstuck_s = 86400\n", "[INF] Key: monitor:stuck_s is set to: 86400\n", "", 86400},
+        {"[monitor]\nstuck_s = 0\n",
+         "[INF] Key: monitor:stuck_s is set to: 0\n"
+         "[ERR] Key: monitor:stuck_s is not a number from 1 to 86400, use default: 300!\n",
+         "", 300},
+        {"[monitor]\nstuck_s = 9s\n",
+         "[INF] Key: monitor:stuck_s is set to: 9s\n"
+         "[ERR] Key: monitor:stuck_s is not a number from 1 to 86400, use default: 300!\n",
+         "", 300},
+        {"[monitor]\nstate_file = /" + std::string(255, 'x') + "\n",
+         "[INF] Key: monitor:state_file is set to: /" + std::string(255, 'x') +
+             "\n[ERR] Key: monitor:state_file is longer than 255 bytes and ignored!\n",
+         "", 300},
+    };
+    for (const auto &row : rows) {
+        const std::string log = read_config(row.keys.c_str());
+        EXPECT_EQ(row.log, log.size() < row.log.size() ? log : log.substr(log.size() - row.log.size()));
+        options_get(&options);
+        EXPECT_EQ(row.state_file, options.monitor.state_file) << row.keys;
+        EXPECT_EQ(row.stuck_s, options.monitor.stuck_s) << row.keys;
     }
 }
