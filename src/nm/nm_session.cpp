@@ -4,6 +4,7 @@
 
 #include "device/dma_status.h"
 #include "runtime/log.h"
+#include "runtime/wait.h"
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
 #include "transport/nm_wait.h"
@@ -19,6 +20,7 @@ std::atomic<uint8_t> g_init_done{0};
 static_assert(std::atomic<uint8_t>::is_always_lock_free, "stored by the alarm's handler");
 
 static std::atomic<int32_t> s_retry_stage;
+static std::atomic<uint32_t> s_next_pass; // when the alarm comes, ms, wraps
 
 static void no_callback(PluginTimer *)
 {
@@ -38,12 +40,21 @@ static void on_enable_init_alarm(int)
 static void pass_arm(int delay_ms)
 {
     log_debug("Start timer for 'enable_init_flag', len: %d ms", delay_ms);
+    s_next_pass = (uint32_t)(wait_now_ms() + delay_ms);
     (void)start_alarm_timer(delay_ms, on_enable_init_alarm);
 }
 
 void nm_session_retry_arm(void)
 {
     pass_arm(k_retry_delays_ms[s_retry_stage]);
+}
+
+int nm_session_next_pass_ms(void)
+{
+    if (g_init_done || g_enable_init_flag)
+        return -1;
+    int32_t left_ms = (int32_t)(s_next_pass - (uint32_t)wait_now_ms());
+    return left_ms > 0 ? left_ms : -1;
 }
 
 void nm_session_retry_slow_down(void)

@@ -28,6 +28,9 @@ void restart_device_init(void);
 // A failed pass: arms the alarm for the next one, in 10, 30 or 120 s by the retry stage. Main thread.
 void nm_session_retry_arm(void);
 
+// Milliseconds until the next pass while one is armed; -1 while online, in a pass or due. Any thread.
+int nm_session_next_pass_ms(void);
+
 // The stage only rises with failures and only a restart resets it, so that a device that flaps keeps its long delay.
 void nm_session_retry_slow_down(void);
 void nm_session_retry_reset(void);

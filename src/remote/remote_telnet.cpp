@@ -10,6 +10,7 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_send.h"
@@ -336,6 +337,7 @@ static RelayResult relay_step(const SocketConn *nm, SocketConn *device)
     bool nm_ended = false; // an end stays readable; the liveness test of the next step deals with it
     RelayResult result = RELAY_ON;
     while (result == RELAY_ON && s_running && !wait_is_cut()) {
+        thread_watch_begin(); // the step lasts as long as bytes move
         ConnWant sides[2] = {side_want(nm, !nm_ended, &s_to_device, &s_to_nm),
                              side_want(device, true, &s_to_nm, &s_to_device)};
         if (conns_wait(sides, 2, RELAY_WAIT_MS) == 0)

@@ -12,6 +12,7 @@
 #include "remote/web_upload.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_wait.h"
@@ -177,6 +178,7 @@ static bool receive(const SocketConn *nm)
 // One turn of the receive loop; false when it is to be left.
 static bool receive_turn(const SocketConn *nm)
 {
+    thread_watch_begin(); // the turn of the thread lasts as long as the tunnel
     int readable = receive_wait(nm);
     if (wait_is_cut())
         return false;

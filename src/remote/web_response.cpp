@@ -10,6 +10,7 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/stop.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
 #include "transport/conn_registry.h"
@@ -210,6 +211,7 @@ static WaitResult slots_turn(Responses *all, const SocketConn *nm)
 static void responses_serve(Responses *all)
 {
     while (g_web_pool_generation == all->generation && !g_exit_flag) {
+        thread_watch_begin();
         SocketConn nm;
         WaitResult waited = WAIT_CUT;
         if (web_pool_nm_hold(all->generation, &nm)) {
@@ -249,6 +251,7 @@ static void *remote_web_msg_handle_thread(void *arg)
     } else {
         log_error("malloc error!");
     }
+    thread_watch_leave();
     s_running--;
     return nullptr;
 }
