@@ -67,8 +67,8 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 // Lock order, outermost first. Long locks are held over waits:
 //   tunnel command -> NM post -> send order of a connection
 // Short locks never are, and no long lock is taken under one:
-//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status
-//   -> device message buffer, timers -> log
+//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, options, DMA status,
+//   what modules tell of themselves -> device message buffer, timers, watched threads -> log
 // A restart of the bring-up may run under the NM post lock and takes no long lock itself.
 //
 // Whose wait is it? Every wait that a thread can make, how long it lasts by itself, and what ends it early:
@@ -326,7 +326,7 @@ static int process_start(void)
         log_error("Work threads start failed!");
         return -1;
     }
-    g_enable_init_flag = 1;
+    nm_session_begin();
     return 0;
 }
 
