@@ -1,5 +1,5 @@
 #include "runtime/options.h"
-#include "runtime/plugin_config_internal.h"
+#include "runtime/options_internal.h"
 
 #include <errno.h>
 #include <iniparser.h>
