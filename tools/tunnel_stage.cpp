@@ -31,6 +31,7 @@ bool tunnel_stage_start(TunnelStage *stage, bool https, const DeviceService *web
         device_cfg_set(&stage->cfg, "telnet_port", std::to_string(telnet->port()));
     stage_write(*stage);
     stage->options.tls = https;
+    stage->options.tls_files = stage->nm_options.tls;
     stage->web = std::make_unique<WebTunnelSim>(stage->options);
     stage->telnet = std::make_unique<TelnetTunnelSim>(stage->options);
     return agent_start(&stage->agent) && agent_wait_log(&stage->agent, "Init cfg successfully") &&
