@@ -172,7 +172,7 @@ static void tls_records(const Input &in)
     g_world_watch.peer = [] { (void)(SSL_is_init_finished(server) || SSL_accept(server)); };
     SocketConn conn = {};
     conn.socket_fd = ends[0];
-    conn.ssl = tls_init(ends[0]);
+    conn.ssl = tls_init(ends[0], nullptr);
     require(conn.ssl);
 
     BIO *wire = BIO_new(BIO_s_mem());
