@@ -31,6 +31,7 @@ static const OptionKey k_keys[] = {
     OPTION_TEXT("nm_tls:client_key", nm_tls.client_key),
     OPTION_INT("nm_tls:check_time", nm_tls.check_time, 1, 0, 1),
     OPTION_INT("nm_tls:handshake_timeout_s", nm_tls.handshake_timeout_s, 0, 0, 3600),
+    OPTION_INT("plugin_config:log_secrets", log_secrets, 1, 0, 1),
 };
 
 static const char k_strict_section[] = "nm_tls";
@@ -127,6 +128,7 @@ void options_read(const dictionary *dict)
 {
     Options next;
     options_fill(&next, dict);
+    g_log_secrets = next.log_secrets;
     pthread_mutex_lock(&s_lock);
     s_options = next;
     s_is_read = true;

@@ -28,6 +28,7 @@ struct NmTlsOptions {                   // [nm_tls]
 struct Options {
     MonitorOptions monitor;
     NmTlsOptions nm_tls;
+    int32_t log_secrets; // [plugin_config] 0 or 1, see g_log_secrets
 };
 
 // Replaces the options by those of the loaded file. Each key that is present gives one info line; a value that is too
