@@ -1,6 +1,7 @@
 #include "runtime/log_mask.h"
 
 #include <ctype.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -59,23 +60,28 @@ static bool is_line_end(const char *at)
     return *at == '\0' || *at == '\033' || (*at == '\n' && at[1] == '\0');
 }
 
-// A quoted value ends at a quote with as many backslashes before it as its first one has, and behind which the JSON
-// goes on: a value may have been written without escapes.
+// The backslashes before a quote at at, not before begin.
+static size_t backslashes_before(const char *begin, const char *at)
+{
+    size_t count = 0;
+    while (at - count > begin && at[-1 - (ptrdiff_t)count] == '\\')
+        count++;
+    return count;
+}
+
+// A value in quotes that have so many backslashes before them: none, or 1, 3, 7 in JSON within JSON. It ends at such a
+// quote that is not part of it, and behind which the JSON goes on: a value may have been written without escapes.
 static Span quoted_span(const char *quote, size_t backslashes)
 {
     Span span = {quote + 1, quote + 1};
-    for (;; span.end++) {
-        if (is_line_end(span.end))
-            return span;
-        if (*span.end != '"')
+    for (; !is_line_end(span.end); span.end++) {
+        if (*span.end != '"' || backslashes_before(span.begin, span.end) % (2 * backslashes + 2) != backslashes)
             continue;
-        const char *end = span.end;
-        while (end > span.begin && end[-1] == '\\')
-            end--;
         char next = *blanks_skip(span.end + 1);
-        if ((size_t)(span.end - end) == backslashes && strchr(",}]\\\033", next)) // strchr finds the NUL too
-            return {span.begin, end};
+        if (strchr(",}]\\\033", next)) // strchr finds the NUL too
+            return {span.begin, span.end - backslashes};
     }
+    return span;
 }
 
 // The value behind colon; empty when there is none to hide.
