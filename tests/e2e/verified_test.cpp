@@ -25,9 +25,10 @@ struct Certificates {
         const SimCert ca = sim_cert_make({"the CA", "", true});
         const SimCert other_ca = sim_cert_make({"another CA", "", true});
         write("ca", ca);
-        write("nm", sim_cert_make({"NM", "IP:127.0.0.1"}, &ca));
+        write("nm", sim_cert_make({"NM", "DNS:localhost"}, &ca));
+        write("tunnels", sim_cert_make({"tunnels of NM", "IP:127.0.0.1"}, &ca));
         write("device", sim_cert_make({"SN00000001", ""}, &ca));
-        write("stranger", sim_cert_make({"stranger", "IP:127.0.0.1"}, &other_ca));
+        write("stranger", sim_cert_make({"stranger", "DNS:localhost,IP:127.0.0.1"}, &other_ca));
     }
     ~Certificates()
     {
@@ -48,10 +49,12 @@ struct Certificates {
     }
 };
 
-// NM with its certificate, and an agent that verifies it.
+// NM, known by its name, with tunnel ends known by their address, and an agent that verifies them.
 static void verified(TunnelStage *stage, const Certificates &certs)
 {
     stage->nm_options.tls = certs.server("nm");
+    stage->options.tls_files = certs.server("tunnels");
+    device_cfg_set_text(&stage->cfg, "host", "localhost");
     config_set(&stage->config, "nm_tls:ca_file", certs.file("ca"));
     config_set(&stage->config, "nm_tls:client_cert", certs.file("device"));
     config_set(&stage->config, "nm_tls:client_key", certs.file("device.key"));
@@ -68,11 +71,10 @@ static void expect_ack(Stage *stage, const char *result)
     EXPECT_TRUE(text_has(ack, std::string("\"result\":") + result)) << ack;
 }
 
-static bool tunnel_start(TunnelStage *stage, const char *type, int port)
+static bool tunnel_start(TunnelStage *stage, const char *type, const char *host, int port)
 {
     const TunnelAuth &auth = stage->options.auth;
-    return stage_command(stage,
-                         nm_command_tunnel({type, "start", "127.0.0.1", port, auth.token, auth.key, auth.sessionid}));
+    return stage_command(stage, nm_command_tunnel({type, "start", host, port, auth.token, auth.key, auth.sessionid}));
 }
 
 static const char k_types[][16] = {"remote-web", "remote-telnet"};
@@ -92,11 +94,17 @@ template <class Sim> static void refuse_tunnel_end(TunnelStage *stage, const Cer
     TunnelSimOptions options = stage->options;
     options.tls_files = certs.server("stranger");
     Sim stranger(options);
-    EXPECT_TRUE(tunnel_start(stage, type, stranger.command_port()));
+    EXPECT_TRUE(tunnel_start(stage, type, "127.0.0.1", stranger.command_port()));
     EXPECT_TRUE(agent_wait_log(&stage->agent, "TLS with 127.0.0.1 refused: unable to get local issuer certificate, "
                                               "peer's certificate: /CN=stranger"));
     EXPECT_TRUE(stranger.wait(k_wait_ms, [](const TunnelStats &stats) { return stats.closes == 1; }));
     EXPECT_EQ("", stranger.stats().auth_text);
+    options.tls_files = certs.server("nm"); // of the same CA
+    Sim named(options);
+    EXPECT_TRUE(tunnel_start(stage, type, "127.0.0.1", named.command_port()));
+    EXPECT_TRUE(agent_wait_log(&stage->agent, "TLS with 127.0.0.1 refused: IP address mismatch"));
+    EXPECT_TRUE(tunnel_start(stage, type, "localhost", named.command_port()));
+    EXPECT_TRUE(named.wait(k_wait_ms, [](const TunnelStats &stats) { return stats.authenticated; }));
 }
 
 TEST(Verified, JoinsAndRefusesStrangers)
@@ -126,12 +134,12 @@ TEST(Verified, JoinsAndRefusesStrangers)
     NmSim *stranger = nm_sim_start(options);
     NmActivation redirection;
     redirection.status = 304;
-    redirection.redirect_ip = "127.0.0.1";
+    redirection.redirect_ip = "localhost";
     redirection.redirect_port = nm_sim_port(stranger) - 1;
     nm_sim_set_activation(stage.nm, redirection);
     nm_sim_ask_restart(stage.nm);
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Will redirect to the new NMS: 127.0.0.1"));
-    EXPECT_TRUE(agent_wait_log(&stage.agent, "TLS with 127.0.0.1 refused: unable to get local issuer certificate, "
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "TLS with localhost refused: unable to get local issuer certificate, "
                                              "peer's certificate: /CN=stranger"));
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Device active failed!"));
     EXPECT_EQ(0u, nm_sim_transcript(stranger).all().size());
@@ -261,17 +269,16 @@ static const struct {
     LineMode mode;
     const char *line;
 } k_attacks[] = {
-    {LINE_PLAIN, "TLS with 127.0.0.1 refused: wrong version number, peer's certificate: none"},
-    {LINE_RESET, "TLS with 127.0.0.1 refused: Connection reset by peer, peer's certificate: none"},
-    {LINE_STALL, "TLS with 127.0.0.1 refused: handshake_timeout_s is over, peer's certificate: none"},
+    {LINE_PLAIN, "refused: wrong version number, peer's certificate: none"},
+    {LINE_RESET, "refused: Connection reset by peer, peer's certificate: none"},
+    {LINE_STALL, "refused: handshake_timeout_s is over, peer's certificate: none"},
 };
 
 TEST(Verified, WhoeverCutsTheLineGetsNothing)
 {
     Certificates certs;
     TunnelStage stage;
-    verified(&stage, certs);
-    stage.options.tls_files = certs.server("nm");
+    stage.nm_options.tls = certs.server("nm");
     stage_prepare(&stage, true);
     verified(&stage, certs);
     config_set(&stage.config, "plugin_config:log_level", "7");
@@ -297,7 +304,7 @@ TEST(Verified, WhoeverCutsTheLineGetsNothing)
         for (const char *type : k_types) {
             SCOPED_TRACE(type);
             Line end(0, attack.mode);
-            EXPECT_TRUE(tunnel_start(&stage, type, end.port - 1));
+            EXPECT_TRUE(tunnel_start(&stage, type, "127.0.0.1", end.port - 1));
             EXPECT_TRUE(agent_wait_log(&stage.agent, attack.line));
             EXPECT_TRUE(eventually([&] { return end.attacked > 0; }));
             expect_nothing_in(end.captured(), stage);
