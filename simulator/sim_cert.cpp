@@ -33,6 +33,8 @@ static void subject_set(X509 *cert, const SimCertSpec &spec)
                                (const unsigned char *)spec.name.c_str(), -1, -1, 0);
     if (spec.is_ca)
         extension_add(cert, NID_basic_constraints, "critical,CA:TRUE");
+    if (!spec.usage.empty())
+        extension_add(cert, NID_ext_key_usage, spec.usage);
     if (!spec.alt_names.empty())
         extension_add(cert, NID_subject_alt_name, spec.alt_names);
 }

@@ -16,6 +16,7 @@ struct SimCertSpec {
     bool is_ca = false;
     long from_s = -24L * 3600; // valid from and to, from now on
     long to_s = 365L * 24 * 3600;
+    std::string usage = ""; // extendedKeyUsage; empty: any
 };
 
 // A certificate with a new key. issuer null: self-signed. Aborts with a message when the library fails.

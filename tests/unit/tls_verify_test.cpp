@@ -35,6 +35,8 @@ struct Certificates {
         make("self-signed", {"NM", names});
         make("of-other-ca", {"NM", names}, "other-ca");
         make("of-middle", {"NM", names}, "middle");
+        make("common-name", {"nm.test", ""}, "ca");
+        make("other-device", {"NM", names, false, -day_s, day_s, "clientAuth"}, "ca");
         make("device", {"SN00000001", ""}, "ca");
         write("with-middle", sim_cert_pem(made["of-middle"]) + sim_cert_pem(made["middle"]));
         write("with-middle.key", sim_key_pem(made["of-middle"]));
@@ -160,6 +162,9 @@ static const VerifyRow k_rows[] = {
      "TLS with 127.0.0.1 refused: IP address mismatch, peer's certificate: /CN=stranger\n"},
     {"an address, but only the name is certified", TLS, "name-only", "ca_file=<ca>", "127.0.0.1",
      "IP address mismatch" SUBJECT_NM},
+    {"its name is in the subject only", TLS, "common-name", "ca_file=<ca>", "nm.test", nullptr},
+    {"a device in NM's place", TLS, "other-device", "ca_file=<ca>", "nm.test",
+     "unsuitable certificate purpose" SUBJECT_NM},
     {"server_name is not the one", TLS, "right", "ca_file=<ca>\nserver_name=other.test", "nm.test",
      "hostname mismatch" SUBJECT_NM},
     {"nothing to expect", TLS, "right", "ca_file=<ca>", "", "no server name to expect" NO_SUBJECT},
