@@ -64,13 +64,13 @@ static void read_console(AgentConsole *console, int fd)
 }
 
 // The binary, after the words of PLUGIN_RUNNER, which in a cross build start an emulator.
-static std::vector<std::string> command_words()
+static std::vector<std::string> command_words(const std::string &binary)
 {
     std::istringstream stream(PLUGIN_RUNNER);
     std::vector<std::string> words;
     for (std::string word; stream >> word;)
         words.push_back(word);
-    words.push_back(PLUGIN_BINARY);
+    words.push_back(binary.empty() ? PLUGIN_BINARY : binary);
     return words;
 }
 
@@ -96,7 +96,7 @@ bool agent_start(AgentProcess *agent)
     int ends[2];
     if (agent->pid > 0 || pipe2(ends, O_CLOEXEC) != 0)
         return false;
-    std::vector<std::string> words = command_words();
+    std::vector<std::string> words = command_words(agent->binary);
     std::vector<char *> arguments;
     for (std::string &word : words)
         arguments.push_back(&word[0]);

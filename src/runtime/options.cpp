@@ -1,4 +1,5 @@
 #include "runtime/options.h"
+#include "runtime/plugin_config_internal.h"
 
 #include <errno.h>
 #include <iniparser.h>
@@ -21,6 +22,7 @@ struct OptionKey {
 #define OPTION_INT(key, field, fallback, min, max) (OptionKey{key, offsetof(Options, field), 0, fallback, min, max})
 
 static const OptionKey k_keys[] = {
+    OPTION_INT("plugin_config:start_spread_s", start_spread_s, 0, 0, 3600),
     OPTION_TEXT("monitor:state_file", monitor.state_file),
     OPTION_TEXT("monitor:notify_socket", monitor.notify_socket),
     OPTION_INT("monitor:stuck_s", monitor.stuck_s, 300, 1, 86400),
@@ -36,6 +38,15 @@ static const OptionKey k_keys[] = {
 
 static const char k_strict_section[] = "nm_tls";
 constexpr int STRICT_KEYS_MAX = 32;
+
+bool options_key_at(size_t index, ConfigKeyInfo *info)
+{
+    if (index >= sizeof(k_keys) / sizeof(k_keys[0]))
+        return false;
+    const OptionKey *key = &k_keys[index];
+    *info = {key->key, key->size == 0, key->size > 0 ? key->size - 1 : 0, key->fallback};
+    return true;
+}
 
 static pthread_mutex_t s_lock = PTHREAD_MUTEX_INITIALIZER; // short
 static Options s_options;                                  // under s_lock

@@ -26,6 +26,7 @@ struct NmTlsOptions {                   // [nm_tls]
 };
 
 struct Options {
+    int32_t start_spread_s; // [plugin_config] 0 to 3600, 0: none, see nm_session.h
     MonitorOptions monitor;
     NmTlsOptions nm_tls;
     int32_t log_secrets; // [plugin_config] 0 or 1, see g_log_secrets
