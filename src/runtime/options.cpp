@@ -36,6 +36,9 @@ static const OptionKey k_keys[] = {
     OPTION_INT("plugin_config:log_secrets", log_secrets, 1, 0, 1),
 };
 
+static const char k_strict_section[] = "nm_tls";
+constexpr int STRICT_KEYS_MAX = 32;
+
 bool options_key_at(size_t index, ConfigKeyInfo *info)
 {
     if (index >= sizeof(k_keys) / sizeof(k_keys[0]))
