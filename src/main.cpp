@@ -18,6 +18,7 @@
 #include "nm/nm_session.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_web.h"
+#include "remote/tunnel.h"
 #include "runtime/log.h"
 #include "runtime/log_file.h"
 #include "runtime/plugin_config.h"
@@ -64,7 +65,7 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 // Lock order, outermost first. Long locks are held over waits:
 //   tunnel command -> NM post -> send order of a connection
 // Short locks never are, and no long lock is taken under one:
-//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status
+//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, options, tunnel session, DMA status
 //   -> device message buffer, timers -> log
 // A restart of the bring-up may run under the NM post lock and takes no long lock itself.
 //
@@ -167,6 +168,7 @@ static void late_threads_await(void)
     while (!is_every_thread_gone())
         wait_cadence_ms(THREAD_EXIT_POLL_MS);
     late_threads_await();
+    tunnel_sessions_stop();
     printf("[%s:%d] Function: %s calling for exit, ret: %d\n", "main.cpp", 212, "sig_quit_handler", status);
     log_info("~~~~~~~~ Bye ~~~~~~~~\n");
     conn_remove_all();
@@ -182,6 +184,7 @@ static void late_threads_await(void)
     while (!is_every_thread_gone())
         wait_cadence_ms(1000);
     late_threads_await();
+    tunnel_sessions_stop();
     conn_remove_all();
     free_device_buffers();
     log_info("System exiting, ret: 0.");
@@ -280,6 +283,20 @@ static void memory_give_back(void)
     mallopt(M_ARENA_MAX, 1);
 }
 
+static int threads_start(void)
+{
+    // Nothing would notice later that no timer runs: the heartbeat is one.
+    if (timer_service_start() != 0) {
+        log_error("Timer service start failed!");
+        return -1;
+    }
+    if (!start_work_threads()) {
+        log_error("Work threads start failed!");
+        return -1;
+    }
+    return 0;
+}
+
 static int process_start(void)
 {
     memory_give_back();
@@ -308,15 +325,8 @@ static int process_start(void)
         return -1;
     }
     print_build_banner();
-    // Nothing would notice later that no timer runs: the heartbeat is one.
-    if (timer_service_start() != 0) {
-        log_error("Timer service start failed!");
+    if (threads_start() != 0)
         return -1;
-    }
-    if (!start_work_threads()) {
-        log_error("Work threads start failed!");
-        return -1;
-    }
     g_enable_init_flag = 1;
     return 0;
 }

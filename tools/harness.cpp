@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
@@ -195,15 +196,14 @@ void config_set(ConfigRows *rows, const std::string &key, const std::string &val
 // Groups the rows by section, whatever their order in the table.
 static std::string config_text(const ConfigRows &rows)
 {
-    std::string text;
-    for (const char *section : {"plugin_config", "device_info"}) {
-        text += "[" + std::string(section) + "]\n";
-        for (const auto &row : rows) {
-            const size_t colon = row.first.find(':');
-            if (row.first.substr(0, colon) == section)
-                text += row.first.substr(colon + 1) + " = " + row.second + "\n";
-        }
+    std::map<std::string, std::string> sections;
+    for (const auto &row : rows) {
+        const size_t colon = row.first.find(':');
+        sections[row.first.substr(0, colon)] += row.first.substr(colon + 1) + " = " + row.second + "\n";
     }
+    std::string text;
+    for (const auto &section : sections)
+        text += "[" + section.first + "]\n" + section.second;
     return text;
 }
 

@@ -7,6 +7,7 @@
 struct _dictionary_; // of iniparser
 
 constexpr int OPTION_PATH_SIZE = 256;
+constexpr int OPTION_HOSTS_SIZE = 1024;
 
 struct MonitorOptions {                // [monitor]
     char state_file[OPTION_PATH_SIZE]; // empty: none is written
@@ -14,12 +15,22 @@ struct MonitorOptions {                // [monitor]
     int32_t stuck_s;                   // 1 to 86400, 300: a thread longer in one unit of work is stuck
 };
 
+struct RemoteAccessOptions {             // [remote_access]
+    bool is_unusable;                    // a value or a key of the section is wrong: every tunnel is refused
+    int32_t web, telnet;                 // 1; 0: the tunnel is refused
+    char allow_hosts[OPTION_HOSTS_SIZE]; // permitted tunnel ends (remote/remote_policy.h); empty: any
+    int32_t idle_s, max_s;               // 0 to 31536000 (a year); 0: none
+    char audit_file[OPTION_PATH_SIZE];   // empty: none is written
+};
+
 struct Options {
     MonitorOptions monitor;
+    RemoteAccessOptions remote_access;
 };
 
 // Replaces the options by those of the loaded file. Each key that is present gives one info line; a value that is too
-// long or out of its bounds an error line, and its default.
+// long or out of its bounds an error line, and its default. In [remote_access] such a value, or a key that does not
+// exist, makes the section unusable (one more error line).
 void options_read(const struct _dictionary_ *dict);
 
 // The options in force: those of the file that was read last. Defaults before the first one.
