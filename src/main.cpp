@@ -21,8 +21,10 @@
 #include "remote/tunnel.h"
 #include "runtime/log.h"
 #include "runtime/log_file.h"
+#include "runtime/options.h"
 #include "runtime/plugin_config.h"
 #include "runtime/plugin_info.h"
+#include "runtime/sandbox.h"
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/timer.h"
@@ -283,6 +285,14 @@ static void memory_give_back(void)
     mallopt(M_ARENA_MAX, 1);
 }
 
+// Before the first thread, which inherits it. The log is open, so that the process can still say what failed.
+static int sandbox_start(void)
+{
+    Options options;
+    options_get(&options);
+    return sandbox_enter(options.sandbox);
+}
+
 static int threads_start(void)
 {
     // Nothing would notice later that no timer runs: the heartbeat is one.
@@ -325,7 +335,7 @@ static int process_start(void)
         return -1;
     }
     print_build_banner();
-    if (threads_start() != 0)
+    if (sandbox_start() != 0 || threads_start() != 0)
         return -1;
     g_enable_init_flag = 1;
     return 0;

@@ -35,6 +35,7 @@ static const OptionKey k_keys[] = {
     OPTION_INT("remote_access:idle_s", remote_access.idle_s, 0, 0, YEAR_S),
     OPTION_INT("remote_access:max_s", remote_access.max_s, 0, 0, YEAR_S),
     OPTION_TEXT("remote_access:audit_file", remote_access.audit_file),
+    OPTION_INT_BAD("plugin_config:sandbox", sandbox, 0, 0, 2, 1),
 };
 
 // A section whose mistakes must not read as keys that are absent.

@@ -26,6 +26,7 @@ struct RemoteAccessOptions {             // [remote_access]
 struct Options {
     MonitorOptions monitor;
     RemoteAccessOptions remote_access;
+    int32_t sandbox; // [plugin_config], 0 to 2 (runtime/sandbox.h); 0 by default, 1 for a bad value
 };
 
 // Replaces the options by those of the loaded file. Each key that is present gives one info line; a value that is too

@@ -183,3 +183,24 @@ TEST(PluginConfig, RemoteAccessFailsClosed)
                                   policy.allow_hosts + " " + policy.audit_file);
     }
 }
+
+// A level that is not understood is the one that takes the capabilities.
+TEST(PluginConfig, Sandbox)
+{
+    enter_new_dir();
+    const struct {
+        const char *keys;
+        int sandbox;
+    } rows[] = {
+        {"[plugin_config]\nlog_std = 1\n", 0},   {"[plugin_config]\nsandbox = 0\n", 0},
+        {"[plugin_config]\nsandbox = 2\n", 2},   {"[plugin_config]\nsandbox = 3\n", 1},
+        {"[plugin_config]\nsandbox = yes\n", 1},
+    };
+    for (const auto &row : rows) {
+        const std::string log = read_config(row.keys);
+        Options options;
+        options_get(&options);
+        EXPECT_EQ(row.sandbox, options.sandbox) << row.keys;
+        EXPECT_EQ(row.sandbox == 1 ? 1 : 0, count_of(log, "sandbox is not a number from 0 to 2, use default: 1!"));
+    }
+}
