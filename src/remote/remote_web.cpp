@@ -79,8 +79,7 @@ static int authenticate_locked(const TunnelRequest *request)
 
 static int start_locked(const TunnelRequest *request)
 {
-    tunnel_session_close(TUNNEL_WEB,
-                         TUNNEL_END_NM); // the one that stood until now is replaced, or ended by the attempt
+    tunnel_session_close(TUNNEL_WEB, TUNNEL_END_NM); // the one that stood until now is ended by the attempt
     if (!web_pool_is_open() && resources_set_up() != 0)
         return 0;
     if (tunnel_nm_half_create(REMOTE_WEB_SERVER, request) != 0)

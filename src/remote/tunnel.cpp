@@ -38,8 +38,8 @@ static pthread_mutex_t s_session_mutex = PTHREAD_MUTEX_INITIALIZER; // short
 static Session s_sessions[TUNNEL_TELNET + 1];                       // under s_session_mutex, by kind
 
 static const char *const k_kind_names[] = {"web", "telnet"}; // by TunnelKind
-static const char *const k_end_names[] = {"",    "nm",   "device",  "idle",
-                                          "max", "stop", "restart", "error"}; // by TunnelEnd
+// By TunnelEnd.
+static const char *const k_end_names[] = {"", "nm", "device", "idle", "max", "stop", "restart", "error"};
 static_assert(sizeof(k_end_names) / sizeof(k_end_names[0]) == TUNNEL_END_ERROR + 1, "one name per end");
 
 // 0 when registered, or when a TLS handshake was cut short; -1 (logged) without a connection. refusal: null, or nothing
@@ -343,8 +343,8 @@ TunnelEnd tunnel_half_ended_by(const SocketConn *half, TunnelEnd peer)
 {
     if (half->socket_fd < 1)
         return peer;
-    int state =
-        tcp_state_get(half->socket_fd); // after the test's shutdown: what the peer has said before stays visible
+    // The test has shut it down; whether the peer had closed its side before stays visible.
+    int state = tcp_state_get(half->socket_fd);
     bool ended_here =
         state == TCP_STATE_TIMEOUT || state == TCP_ESTABLISHED || state == TCP_FIN_WAIT1 || state == TCP_FIN_WAIT2;
     return ended_here ? TUNNEL_END_ERROR : peer;
