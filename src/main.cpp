@@ -19,10 +19,13 @@
 #include "nm/nm_session.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_web.h"
+#include "remote/tunnel.h"
 #include "runtime/log.h"
 #include "runtime/log_file.h"
+#include "runtime/options.h"
 #include "runtime/plugin_config.h"
 #include "runtime/plugin_info.h"
+#include "runtime/sandbox.h"
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/thread_watch.h"
@@ -67,8 +70,8 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 // Lock order, outermost first. Long locks are held over waits:
 //   tunnel command -> NM post -> send order of a connection
 // Short locks never are, and no long lock is taken under one:
-//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, options, DMA status,
-//   what modules tell of themselves -> device message buffer, timers, watched threads -> log
+//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, options, tunnel session,
+//   DMA status, what modules tell of themselves -> device message buffer, timers, watched threads -> log
 // A restart of the bring-up may run under the NM post lock and takes no long lock itself.
 //
 // Whose wait is it? Every wait that a thread can make, how long it lasts by itself, and what ends it early:
@@ -176,6 +179,7 @@ static void late_threads_await(void)
     while (!is_every_thread_gone())
         wait_cadence_ms(THREAD_EXIT_POLL_MS);
     late_threads_await();
+    tunnel_sessions_stop();
     printf("[%s:%d] Function: %s calling for exit, ret: %d\n", "main.cpp", 212, "sig_quit_handler", status);
     log_info("~~~~~~~~ Bye ~~~~~~~~\n");
     conn_remove_all();
@@ -191,6 +195,7 @@ static void late_threads_await(void)
     while (!is_every_thread_gone())
         wait_cadence_ms(1000);
     late_threads_await();
+    tunnel_sessions_stop();
     conn_remove_all();
     free_device_buffers();
     log_info("System exiting, ret: 0.");
@@ -289,6 +294,28 @@ static void memory_give_back(void)
     mallopt(M_ARENA_MAX, 1);
 }
 
+// Before the first thread, which inherits it. The log is open, so that the process can still say what failed.
+static int sandbox_start(void)
+{
+    Options options;
+    options_get(&options);
+    return sandbox_enter(options.sandbox);
+}
+
+static int threads_start(void)
+{
+    // Nothing would notice later that no timer runs: the heartbeat is one.
+    if (timer_service_start() != 0) {
+        log_error("Timer service start failed!");
+        return -1;
+    }
+    if (!start_work_threads()) {
+        log_error("Work threads start failed!");
+        return -1;
+    }
+    return 0;
+}
+
 static int process_start(void)
 {
     memory_give_back();
@@ -317,15 +344,8 @@ static int process_start(void)
         return -1;
     }
     print_build_banner();
-    // Nothing would notice later that no timer runs: the heartbeat is one.
-    if (timer_service_start() != 0) {
-        log_error("Timer service start failed!");
+    if (sandbox_start() != 0 || threads_start() != 0)
         return -1;
-    }
-    if (!start_work_threads()) {
-        log_error("Work threads start failed!");
-        return -1;
-    }
     nm_session_begin();
     return 0;
 }

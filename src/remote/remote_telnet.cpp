@@ -52,10 +52,10 @@ static void ways_clear(void)
     s_to_nm.len = s_to_nm.sent = 0;
 }
 
-static void tunnel_destroy_locked(void)
+static void tunnel_destroy_locked(TunnelEnd ended_by)
 {
     s_running = 0;
-    tunnel_facts_close(TUNNEL_TELNET);
+    tunnel_session_close(TUNNEL_TELNET, ended_by);
     half_tunnel_close(REMOTE_TELNET_SERVER, REMOTE_TELNET_DEVICE);
 }
 
@@ -179,27 +179,33 @@ static bool remote_telnet_auth(const TunnelRequest *request)
 
 static int start_locked(const TunnelRequest *request)
 {
+    tunnel_session_close(TUNNEL_TELNET, TUNNEL_END_NM); // the one that stood until now is ended by the attempt
     if (tunnel_nm_half_create(REMOTE_TELNET_SERVER, request) != 0) {
         log_warn("Create remote telnet tunnel to NM failed!");
         return -1;
     }
     if (!remote_telnet_auth(request)) {
         log_warn("Authentication/INIT failure!");
-        tunnel_destroy_locked();
+        tunnel_destroy_locked(TUNNEL_END_ERROR);
         return -1;
     }
     ways_clear();
-    tunnel_facts_open(TUNNEL_TELNET);
+    tunnel_session_open(TUNNEL_TELNET, request);
     s_running = 1;
     wait_bell_ring(&s_bell);
     log_info("Authentication/INIT sucessfully!"); // sic
     return 0;
 }
 
+static void stop_locked(void)
+{
+    tunnel_destroy_locked(TUNNEL_END_NM);
+}
+
 int remote_telnet_req_handle(uintptr_t, const char *, const char *payload, uint32_t)
 {
-    static const TunnelCommands k_commands = {&s_lock, "Remote telnet req is invalid!", "Remote telnet stopped",
-                                              start_locked, tunnel_destroy_locked};
+    static const TunnelCommands k_commands = {TUNNEL_TELNET,           &s_lock,      "Remote telnet req is invalid!",
+                                              "Remote telnet stopped", start_locked, stop_locked};
     return tunnel_command_handle(&k_commands, payload);
 }
 
@@ -238,7 +244,7 @@ static RelayResult way_send(RelayWay *way, const SocketConn *to)
     if (sent > 0)
         way->sent += (size_t)sent;
     if (sent > 0 && way == &s_to_nm)
-        tunnel_facts_add(TUNNEL_TELNET, 0, (uint64_t)sent, 0);
+        tunnel_session_count(TUNNEL_TELNET, 0, (uint64_t)sent, 0);
     return sent < 0 ? RELAY_DONE : RELAY_ON;
 }
 
@@ -253,13 +259,13 @@ static RelayResult way_begin(RelayWay *way, int len, const SocketConn *to)
 }
 
 // After a read that brought nothing: nothing was there, the side's end, or an error, which ends the tunnel.
-static RelayResult read_failed(const SocketConn *side, int len, int error)
+static RelayResult read_failed(const SocketConn *side, TunnelEnd peer, int len, int error)
 {
     if (len < 0 && error == EAGAIN)
         return RELAY_ON;
     if (len < 0) {
         log_warn("Broken tunnel from %s:%s, shutdown!", side->remote_ip, side->remote_port);
-        tunnel_destroy_locked();
+        tunnel_destroy_locked(tunnel_half_ended_by(side, peer));
         return RELAY_BROKEN;
     }
     log_warn("Receive error from %s:%s! len: %d", side->remote_ip, side->remote_port, len);
@@ -272,9 +278,9 @@ static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, bool *nm_e
     int len = conn_recv(nm, s_to_device.bytes, RELAY_CAP - 1);
     *nm_ended = len == 0;
     if (len < 1)
-        return read_failed(nm, len, errno);
+        return read_failed(nm, TUNNEL_END_NM, len, errno);
     log_debug("Receive remote-telnet message from NM, len: %d.", len);
-    tunnel_facts_add(TUNNEL_TELNET, (uint64_t)len, 0, 0);
+    tunnel_session_count(TUNNEL_TELNET, (uint64_t)len, 0, 0);
     s_to_device.bytes[len] = '\0';
     if (!remote_telnet_is_init(s_to_device.bytes))
         return way_begin(&s_to_device, len, device);
@@ -290,7 +296,7 @@ static int stream_send(const SocketConn *nm, const char *bytes, size_t len)
     SendPart part = {bytes, len};
     if (conn_send(nm, SEND_STREAM, &part, 1) < 0)
         return -1;
-    tunnel_facts_add(TUNNEL_TELNET, 0, len, 0);
+    tunnel_session_count(TUNNEL_TELNET, 0, len, 0);
     return 0;
 }
 
@@ -305,18 +311,27 @@ static void farewell_relay(const SocketConn *nm, const SocketConn *device)
     }
 }
 
+// Of a half to the device that is lost. A restart has closed NM's half before it.
+static TunnelEnd device_ended_by(const SocketConn *nm, const SocketConn *device)
+{
+    if (!conn_is_current(REMOTE_TELNET_SERVER, nm))
+        return TUNNEL_END_RESTART;
+    return tunnel_half_ended_by(device, TUNNEL_END_DEVICE);
+}
+
 // One read of the device's bytes, which go to NM.
 static RelayResult device_relay(const SocketConn *nm, const SocketConn *device)
 {
     if (!conn_check_progress(REMOTE_TELNET_DEVICE, &s_to_device.progress)) {
         log_warn("Remote telnet to Device is broken! Destroy tunnel!");
+        TunnelEnd ended_by = device_ended_by(nm, device);
         farewell_relay(nm, device);
-        tunnel_destroy_locked();
+        tunnel_destroy_locked(ended_by);
         return RELAY_DONE;
     }
     int len = conn_recv(device, s_to_nm.bytes, RELAY_CAP - 1);
     if (len < 1)
-        return read_failed(device, len, errno);
+        return read_failed(device, TUNNEL_END_DEVICE, len, errno);
     log_debug("Receive remote-telnet message from device, len: %d.", len);
     return way_begin(&s_to_nm, len, nm);
 }
@@ -331,12 +346,21 @@ static ConnWant side_want(const SocketConn *side, bool reads, const RelayWay *fr
     return want;
 }
 
+// A limit of the policy is reached.
+static bool is_overdue(void)
+{
+    TunnelEnd limit = tunnel_session_overdue(TUNNEL_TELNET);
+    if (limit != TUNNEL_END_NONE)
+        tunnel_destroy_locked(limit);
+    return limit != TUNNEL_END_NONE;
+}
+
 // One step on held halves: bytes go both ways, neither waiting for the other, until nothing has moved for 100 ms.
 static RelayResult relay_step(const SocketConn *nm, SocketConn *device)
 {
     bool nm_ended = false; // an end stays readable; the liveness test of the next step deals with it
     RelayResult result = RELAY_ON;
-    while (result == RELAY_ON && s_running && !wait_is_cut()) {
+    while (result == RELAY_ON && s_running && !wait_is_cut() && !is_overdue()) {
         thread_watch_begin(); // the step lasts as long as bytes move
         ConnWant sides[2] = {side_want(nm, !nm_ended, &s_to_device, &s_to_nm),
                              side_want(device, true, &s_to_nm, &s_to_device)};
@@ -361,20 +385,27 @@ static bool nm_half_reconnect(SocketConn *nm)
     return conn_reconnect(REMOTE_TELNET_SERVER) && conn_hold(REMOTE_TELNET_SERVER, nm);
 }
 
-// True when both halves are usable; else the tunnel is torn down, after the device's last bytes were delivered.
+// True when both halves are usable; else the tunnel is torn down, after the device's last bytes were delivered. A half
+// to NM that is no longer the entry was closed by a restart.
 static bool has_usable_halves(SocketConn *nm, const SocketConn *device)
 {
+    TunnelEnd ended_by = TUNNEL_END_RESTART;
+    bool is_current = conn_is_current(REMOTE_TELNET_SERVER, nm);
     if (!conn_check_progress(REMOTE_TELNET_SERVER, &s_to_nm.progress)) {
         log_info("NM remote-web connection lost! Destroy tunnel now."); // sic, although this is telnet
+        if (is_current)
+            ended_by = tunnel_half_ended_by(nm, TUNNEL_END_NM);
     } else if (!conn_check_progress(REMOTE_TELNET_DEVICE, &s_to_device.progress)) {
         log_info("Device remote-web connection lost! Destroy tunnel now."); // sic
+        ended_by = device_ended_by(nm, device);
         farewell_relay(nm, device);
     } else if (!conn_check_progress(REMOTE_TELNET_SERVER, &s_to_nm.progress) && !nm_half_reconnect(nm)) {
         log_warn("Remote telnet to NM is broken! Destroy tunnel!");
+        ended_by = TUNNEL_END_NM;
     } else {
         return true;
     }
-    tunnel_destroy_locked();
+    tunnel_destroy_locked(ended_by);
     return false;
 }
 

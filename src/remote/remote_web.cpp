@@ -32,6 +32,7 @@ static std::atomic<uint8_t> s_running{0}; // authentication sent and not stopped
 static uint8_t s_received[RECV_CAP];
 static size_t s_received_len;
 static int64_t s_received_ms;      // when NM last sent something
+static TunnelEnd s_ended_by;       // why the session has to end, once that is known
 static SendProgress s_nm_progress; // of the frames to NM
 
 int remote_web_init(void)
@@ -51,10 +52,10 @@ static int resources_set_up(void)
 }
 
 // Caller holds s_lock. Pool emptied, device connections and NM connection closed.
-static void remote_web_tunnel_destroy(void)
+static void remote_web_tunnel_destroy(TunnelEnd ended_by)
 {
     s_running = 0;
-    tunnel_facts_close(TUNNEL_WEB);
+    tunnel_session_close(TUNNEL_WEB, ended_by);
     web_pool_close();
     web_upload_close();
     if (conn_info_get(REMOTE_WEB_SERVER).status != DISCONNECTED)
@@ -71,20 +72,22 @@ static int authenticate_locked(const TunnelRequest *request)
         return -1;
     }
     s_received_len = 0;
-    tunnel_facts_open(TUNNEL_WEB); // before the device side may answer
+    s_ended_by = TUNNEL_END_NONE;
+    tunnel_session_open(TUNNEL_WEB, request); // before the device side may answer
     web_pool_nm_set(&nm);
     return 0;
 }
 
 static int start_locked(const TunnelRequest *request)
 {
+    tunnel_session_close(TUNNEL_WEB, TUNNEL_END_NM); // the one that stood until now is ended by the attempt
     if (!web_pool_is_open() && resources_set_up() != 0)
         return 0;
     if (tunnel_nm_half_create(REMOTE_WEB_SERVER, request) != 0)
         return 0;
     if (authenticate_locked(request) != 0) {
         log_warn("Sending remote-web authentication failed!");
-        remote_web_tunnel_destroy();
+        remote_web_tunnel_destroy(TUNNEL_END_ERROR);
         return -1;
     }
     s_running = 1;
@@ -92,10 +95,15 @@ static int start_locked(const TunnelRequest *request)
     return 0;
 }
 
+static void stop_locked(void)
+{
+    remote_web_tunnel_destroy(TUNNEL_END_NM);
+}
+
 int remote_web_req_handle(uintptr_t, const char *, const char *payload, uint32_t)
 {
-    static const TunnelCommands k_commands = {&s_lock, "Remote web req is invalid!", "Remote web stopped", start_locked,
-                                              remote_web_tunnel_destroy};
+    static const TunnelCommands k_commands = {TUNNEL_WEB,           &s_lock,      "Remote web req is invalid!",
+                                              "Remote web stopped", start_locked, stop_locked};
     return tunnel_command_handle(&k_commands, payload);
 }
 
@@ -125,17 +133,30 @@ static void frames_extract(void)
     s_received_len -= at;
 }
 
+// conn_check_progress, which notes why the connection of nm (held) is lost. An entry that is no longer nm was closed by
+// a restart.
+static bool nm_is_usable(const SocketConn *nm)
+{
+    bool is_current = conn_is_current(REMOTE_WEB_SERVER, nm);
+    if (conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress))
+        return true;
+    if (s_ended_by == TUNNEL_END_NONE)
+        s_ended_by = is_current ? tunnel_half_ended_by(nm, TUNNEL_END_NM) : TUNNEL_END_RESTART;
+    return false;
+}
+
 // After a read that brought nothing. False when the connection is at its end.
 static bool receive_failed(const SocketConn *nm, int len, int error)
 {
     log_warn("Receive error from: %s:%s, len: %d!", nm->remote_ip, nm->remote_port, len);
     web_request_flush();
-    if (!conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress))
+    if (!nm_is_usable(nm))
         return false;
     if (error == EAGAIN) {
         wait_sleep_ms(STUCK_PAUSE_MS);
         return true;
     }
+    s_ended_by = TUNNEL_END_NM;
     conn_remove_if_current(REMOTE_WEB_SERVER, nm, 1); // the TLS session ended, the socket below it did not
     return false;
 }
@@ -170,7 +191,7 @@ static bool receive(const SocketConn *nm)
         return receive_failed(nm, len, len < 0 ? errno : 0);
     log_debug("Receive remote-web message from: %s:%s, len:%d", nm->remote_ip, nm->remote_port, len);
     s_received_len += (size_t)len;
-    tunnel_facts_add(TUNNEL_WEB, (uint64_t)len, 0, 0);
+    tunnel_session_count(TUNNEL_WEB, (uint64_t)len, 0, 0);
     frames_extract();
     return true;
 }
@@ -188,17 +209,35 @@ static bool receive_turn(const SocketConn *nm)
     bool quiet = !readable && wait_now_ms() - s_received_ms >= QUIET_MS;
     if (quiet || web_request_due_ms() == 0)
         web_request_flush();
-    return readable || conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress);
+    return readable || nm_is_usable(nm);
 }
 
-// The receive loop on the NM side; leaves when the connection is gone or a command wants the lock, which the caller
-// holds.
-static void remote_web_data_handle_privately(void)
+// A limit of the policy is reached.
+static bool is_overdue(void)
+{
+    TunnelEnd limit = tunnel_session_overdue(TUNNEL_WEB);
+    if (limit != TUNNEL_END_NONE)
+        remote_web_tunnel_destroy(limit);
+    return limit != TUNNEL_END_NONE;
+}
+
+// The receive loop on the NM side; leaves when the connection is gone, a limit is reached or a command wants the lock,
+// which the caller holds.
+static void remote_web_data_handle_privately(const SocketConn *nm)
+{
+    while (!wait_is_cut() && !is_overdue() && receive_turn(nm)) {
+    }
+}
+
+static void data_handle_locked(void)
 {
     SocketConn nm;
-    if (conn_hold(REMOTE_WEB_SERVER, &nm)) {
-        while (!wait_is_cut() && receive_turn(&nm)) {
-        }
+    conn_hold(REMOTE_WEB_SERVER, &nm);
+    if (nm_is_usable(&nm)) {
+        remote_web_data_handle_privately(&nm);
+    } else {
+        log_info("Server remote-web connection lost! Destroy tunnel now.");
+        remote_web_tunnel_destroy(s_ended_by);
     }
     conn_drop(&nm);
 }
@@ -209,12 +248,8 @@ static void remote_web_poll(void)
     CallOff before;
     if (tunnel_try_lock(&s_lock, &before) != 0)
         return;
-    if (s_running && !conn_check_progress(REMOTE_WEB_SERVER, &s_nm_progress)) {
-        log_info("Server remote-web connection lost! Destroy tunnel now.");
-        remote_web_tunnel_destroy();
-    } else if (s_running) {
-        remote_web_data_handle_privately();
-    }
+    if (s_running)
+        data_handle_locked();
     tunnel_unlock(&s_lock, &before);
 }
 

@@ -20,11 +20,14 @@ int half_tunnel_create(ConnectionType type, const TunnelPeer *peer);
 // Closes both in the order given unless they are DISCONNECTED. Always 0.
 int half_tunnel_close(ConnectionType first, ConnectionType second);
 
+enum TunnelKind : uint8_t { TUNNEL_WEB = 0, TUNNEL_TELNET = 1 };
+
 // NM's request for a tunnel.
 struct TunnelRequest {
     char action[512];
-    char host[512]; // resolved
-    char name[512]; // host as NM named it, which is what its certificate says
+    char host[512];      // resolved: what is judged and connected to
+    char name[512];      // host as NM named it, which is what its certificate says
+    const char *refusal; // why the policy refuses the tunnel; null: it does not
     char port[PORT_TEXT_SIZE];
     ConnSecurity security; // decided with the port, which depends on it
     char token[512];
@@ -32,8 +35,8 @@ struct TunnelRequest {
     int32_t key;
 };
 
-// The half tunnel to the request's host and port, bound to the agent's local address, with the request's security. As
-// half_tunnel_create otherwise.
+// The half tunnel to the request's host and port, bound to the agent's local address, with the request's security. A
+// refused one fails like one to a port that nobody listens on, but nothing is sent. As half_tunnel_create otherwise.
 int tunnel_nm_half_create(ConnectionType type, const TunnelRequest *request);
 
 // Logs and sends the authentication text with its NUL on nm (held). Returns the send's result; -1, with nothing sent,
@@ -57,6 +60,7 @@ void tunnel_unlock(TunnelLock *lock, const CallOff *before);
 
 // What NM's command does to one of the tunnels.
 struct TunnelCommands {
+    TunnelKind kind;
     TunnelLock *lock;
     const char *invalid_line;                          // logged for a request with a missing field
     const char *stopped_line;                          // logged before a stop
@@ -65,11 +69,10 @@ struct TunnelCommands {
 };
 
 // Reads the "param" object of the command and carries it out under the lock: "start", or a stop for any other action.
-// start_locked's result; 0 after a stop; -1 for text that is not JSON, a bad port or a missing field (all logged), and
-// when the wait for the lock was cut short. The request's port is NM's, plus one when NM is reached over https.
+// A start is judged by the policy first, which may look names up. start_locked's result; 0 after a stop; -1 for text
+// that is not JSON, a bad port or a missing field (all logged), and when the wait for the lock was cut short. The
+// request's port is NM's, plus one when NM is reached over https.
 int tunnel_command_handle(const TunnelCommands *tunnel, const char *payload);
-
-enum TunnelKind : uint8_t { TUNNEL_WEB = 0, TUNNEL_TELNET = 1 };
 
 // What a tunnel has carried, authentication not counted. A tunnel is open from its authentication (telnet: until both
 // halves stand) to its end; when it is not, the values are the last one's, and 0 before the first. Counted always.
@@ -84,7 +87,30 @@ struct TunnelFacts {
 void remote_web_facts_get(TunnelFacts *facts);
 void remote_telnet_facts_get(TunnelFacts *facts);
 
-// Written by the tunnels. open begins anew; add does nothing while the tunnel is not open.
-void tunnel_facts_open(TunnelKind kind);
-void tunnel_facts_add(TunnelKind kind, uint64_t from_nm, uint64_t to_nm, uint32_t ids);
-void tunnel_facts_close(TunnelKind kind);
+// Who or what ended a session.
+enum TunnelEnd : uint8_t {
+    TUNNEL_END_NONE, // it goes on
+    TUNNEL_END_NM,
+    TUNNEL_END_DEVICE,
+    TUNNEL_END_IDLE,    // idle_s
+    TUNNEL_END_MAX,     // max_s
+    TUNNEL_END_STOP,    // of the process
+    TUNNEL_END_RESTART, // of the bring-up
+    TUNNEL_END_ERROR,   // a peer that takes no bytes any more, a connection that failed
+};
+
+// A tunnel's session, from its authentication to its end; its limits are those in force at its begin. Written by the
+// tunnels. open begins anew; count and close do nothing without a session. close writes the line of the audit file; not
+// under a short lock. Any thread.
+void tunnel_session_open(TunnelKind kind, const TunnelRequest *request);
+void tunnel_session_count(TunnelKind kind, uint64_t from_nm, uint64_t to_nm, uint32_t ids);
+void tunnel_session_close(TunnelKind kind, TunnelEnd ended_by);
+
+// TUNNEL_END_IDLE or TUNNEL_END_MAX (logged) when the session has reached that limit: the caller ends it.
+TunnelEnd tunnel_session_overdue(TunnelKind kind);
+
+// Who ended a half (held) that its liveness test has just refused: peer when the connection was closed from there.
+TunnelEnd tunnel_half_ended_by(const SocketConn *half, TunnelEnd peer);
+
+// Closes the sessions of both tunnels, which end with the process.
+void tunnel_sessions_stop(void);

@@ -51,7 +51,7 @@ static int frame_transmit(const SocketConn *nm, const uint8_t *bytes, size_t len
 {
     if (remote_web_rsp_transmit_privately(nm, bytes, (uint32_t)len, msg_id, type) != 0)
         return -1;
-    tunnel_facts_add(TUNNEL_WEB, 0, WEB_HEADER_SIZE + len, 0);
+    tunnel_session_count(TUNNEL_WEB, 0, WEB_HEADER_SIZE + len, 0);
     return 0;
 }
 

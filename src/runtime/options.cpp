@@ -17,9 +17,14 @@ struct OptionKey {
     size_t offset;
     size_t size;
     int32_t fallback, min, max;
+    int32_t bad; // what stands for a value that is no such number
 };
-#define OPTION_TEXT(key, field) (OptionKey{key, offsetof(Options, field), sizeof(Options::field), 0, 0, 0})
-#define OPTION_INT(key, field, fallback, min, max) (OptionKey{key, offsetof(Options, field), 0, fallback, min, max})
+#define OPTION_TEXT(key, field) (OptionKey{key, offsetof(Options, field), sizeof(Options::field), 0, 0, 0, 0})
+#define OPTION_INT(key, field, fallback, min, max) OPTION_INT_BAD(key, field, fallback, min, max, fallback)
+#define OPTION_INT_BAD(key, field, fallback, min, max, bad) \
+    (OptionKey{key, offsetof(Options, field), 0, fallback, min, max, bad})
+
+constexpr int32_t YEAR_S = 31536000;
 
 static const OptionKey k_keys[] = {
     OPTION_INT("plugin_config:start_spread_s", start_spread_s, 0, 0, 3600),
@@ -34,9 +39,26 @@ static const OptionKey k_keys[] = {
     OPTION_INT("nm_tls:check_time", nm_tls.check_time, 1, 0, 1),
     OPTION_INT("nm_tls:handshake_timeout_s", nm_tls.handshake_timeout_s, 0, 0, 3600),
     OPTION_INT("plugin_config:log_secrets", log_secrets, 1, 0, 1),
+    OPTION_INT("remote_access:web", remote_access.web, 1, 0, 1),
+    OPTION_INT("remote_access:telnet", remote_access.telnet, 1, 0, 1),
+    OPTION_TEXT("remote_access:allow_hosts", remote_access.allow_hosts),
+    OPTION_INT("remote_access:idle_s", remote_access.idle_s, 0, 0, YEAR_S),
+    OPTION_INT("remote_access:max_s", remote_access.max_s, 0, 0, YEAR_S),
+    OPTION_TEXT("remote_access:audit_file", remote_access.audit_file),
+    OPTION_INT_BAD("plugin_config:sandbox", sandbox, 0, 0, 2, 1),
 };
 
-static const char k_strict_section[] = "nm_tls";
+// A section whose mistakes must not read as keys that are absent.
+struct StrictSection {
+    const char *name;
+    size_t is_unusable; // offset of the flag
+    const char *effect;
+};
+
+static const StrictSection k_strict_sections[] = {
+    {"nm_tls", offsetof(Options, nm_tls.is_unusable), "every NM is refused"},
+    {"remote_access", offsetof(Options, remote_access.is_unusable), "every tunnel is refused"},
+};
 constexpr int STRICT_KEYS_MAX = 32;
 
 bool options_key_at(size_t index, ConfigKeyInfo *info)
@@ -62,7 +84,7 @@ static int text_read(const OptionKey *key, const char *value, char *field)
     return -1;
 }
 
-// 0, or -1 (logged) with the field as it was.
+// 0, or -1 (logged) with the number for a bad value.
 static int int_read(const OptionKey *key, const char *value, int32_t *field)
 {
     char *end;
@@ -72,19 +94,28 @@ static int int_read(const OptionKey *key, const char *value, int32_t *field)
         *field = (int32_t)number;
         return 0;
     }
-    log_error("Key: %s is not a number from %d to %d, use default: %d!", key->key, key->min, key->max, *field);
+    *field = key->bad;
+    log_error("Key: %s is not a number from %d to %d, use default: %d!", key->key, key->min, key->max, key->bad);
     return -1;
 }
 
-static int value_read(const OptionKey *key, const char *value, char *field)
+// 0, or -1 for a bad value. An absent key has the default and no log line.
+static int key_read(const OptionKey *key, const dictionary *dict, Options *options)
 {
+    char *field = (char *)options + key->offset;
+    if (key->size == 0)
+        memcpy(field, &key->fallback, sizeof(key->fallback));
+    const char *value = dict ? iniparser_getstring(dict, key->key, nullptr) : nullptr;
+    if (!value)
+        return 0;
+    log_info("Key: %s is set to: %s", key->key, value);
     return key->size == 0 ? int_read(key, value, (int32_t *)(void *)field) : text_read(key, value, field);
 }
 
-static bool is_strict(const char *key)
+static bool is_of_section(const char *key, const char *section)
 {
-    size_t len = strlen(k_strict_section);
-    return strncmp(key, k_strict_section, len) == 0 && key[len] == ':';
+    size_t len = strlen(section);
+    return strncmp(key, section, len) == 0 && key[len] == ':';
 }
 
 static bool is_known(const char *name)
@@ -96,14 +127,13 @@ static bool is_known(const char *name)
     return false;
 }
 
-// A misspelt key of the strict section must not read as one that is absent.
-static bool has_unknown_key(const dictionary *dict)
+static bool has_unknown_key(const dictionary *dict, const char *section)
 {
     const char *names[STRICT_KEYS_MAX];
-    int count = iniparser_getsecnkeys(dict, k_strict_section);
+    int count = iniparser_getsecnkeys(dict, section);
     if (count <= 0)
         return false;
-    if (count > STRICT_KEYS_MAX || !iniparser_getseckeys(dict, k_strict_section, names))
+    if (count > STRICT_KEYS_MAX || !iniparser_getseckeys(dict, section, names))
         return true;
     for (int i = 0; i < count; i++) {
         if (!is_known(names[i])) {
@@ -114,25 +144,29 @@ static bool has_unknown_key(const dictionary *dict)
     return false;
 }
 
+static void section_refuse(Options *options, const StrictSection *section)
+{
+    *((bool *)(void *)((char *)options + section->is_unusable)) = true;
+    log_error("[%s] cannot be used as it stands, %s!", section->name, section->effect);
+}
+
 // dict may be null: defaults.
 static void options_fill(Options *options, const dictionary *dict)
 {
+    constexpr size_t SECTIONS = sizeof(k_strict_sections) / sizeof(k_strict_sections[0]);
+    bool is_bad[SECTIONS] = {};
     *options = {};
-    bool is_unusable = dict && has_unknown_key(dict);
+    for (size_t i = 0; dict && i < SECTIONS; i++)
+        is_bad[i] = has_unknown_key(dict, k_strict_sections[i].name);
     for (const OptionKey &key : k_keys) {
-        char *field = (char *)options + key.offset;
-        if (key.size == 0)
-            memcpy(field, &key.fallback, sizeof(key.fallback));
-        const char *value = dict ? iniparser_getstring(dict, key.key, nullptr) : nullptr;
-        if (!value)
-            continue;
-        log_info("Key: %s is set to: %s", key.key, value);
-        if (value_read(&key, value, field) != 0 && is_strict(key.key))
-            is_unusable = true;
+        bool key_is_bad = key_read(&key, dict, options) != 0;
+        for (size_t i = 0; key_is_bad && i < SECTIONS; i++)
+            is_bad[i] |= is_of_section(key.key, k_strict_sections[i].name);
     }
-    options->nm_tls.is_unusable = is_unusable;
-    if (is_unusable)
-        log_error("[%s] cannot be used as it stands, every NM is refused!", k_strict_section);
+    for (size_t i = 0; i < SECTIONS; i++) {
+        if (is_bad[i])
+            section_refuse(options, &k_strict_sections[i]);
+    }
 }
 
 void options_read(const dictionary *dict)

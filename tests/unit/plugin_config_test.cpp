@@ -144,3 +144,63 @@ TEST(PluginConfig, OptionalKeys)
         EXPECT_EQ(row.stuck_s, options.monitor.stuck_s) << row.keys;
     }
 }
+
+// A value of the policy that is not understood must not count as none.
+TEST(PluginConfig, RemoteAccessFailsClosed)
+{
+    enter_new_dir();
+    const struct {
+        std::string keys;
+        bool is_bad;
+        std::string values; // web, telnet, idle_s, max_s, allow_hosts, audit_file
+    } rows[] = {
+        {"[monitor]\nstuck_s = 0\n", false, "1 1 0 0  "},
+        {"[remote_access]\nweb = 0\ntelnet = 0\nidle_s = 600\nmax_s = 31536000\nallow_hosts = a 10.0.0.0/8\n"
+         "audit_file = /a\n",
+         false, "0 0 600 31536000 a 10.0.0.0/8 /a"},
+        {"[remote_access]\nallow_hosts =\n", false, "1 1 0 0  "},
+        {"[remote_access]\nweb = 2\n", true, "1 1 0 0  "},
+        {"[remote_access]\ntelnet = off\n", true, "1 1 0 0  "},
+        {"[remote_access]\nidle_s = -1\n", true, "1 1 0 0  "},
+        {"[remote_access]\nidle_s =\n", true, "1 1 0 0  "},
+        {"[remote_access]\nmax_s = 31536001\n", true, "1 1 0 0  "},
+        {"[remote_access]\naudit_file = /" + std::string(255, 'x') + "\n", true, "1 1 0 0  "},
+        {"[remote_access]\nalow_hosts = 10.0.0.1\n", true, "1 1 0 0  "},
+        {"[remote_access]\nallow_hosts = " + std::string(990, 'x') + "\n", false,
+         "1 1 0 0 " + std::string(990, 'x') + " "}, // the parser takes no longer line
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.keys);
+        const std::string log = read_config(row.keys.c_str());
+        EXPECT_EQ(row.is_bad,
+                  count_of(log, "[ERR] [remote_access] cannot be used as it stands, every tunnel is refused!") == 1);
+        Options options;
+        options_get(&options);
+        const RemoteAccessOptions &policy = options.remote_access;
+        EXPECT_EQ(row.is_bad, policy.is_unusable);
+        EXPECT_EQ(row.values, std::to_string(policy.web) + " " + std::to_string(policy.telnet) + " " +
+                                  std::to_string(policy.idle_s) + " " + std::to_string(policy.max_s) + " " +
+                                  policy.allow_hosts + " " + policy.audit_file);
+    }
+}
+
+// A level that is not understood is the one that takes the capabilities.
+TEST(PluginConfig, Sandbox)
+{
+    enter_new_dir();
+    const struct {
+        const char *keys;
+        int sandbox;
+    } rows[] = {
+        {"[plugin_config]\nlog_std = 1\n", 0},   {"[plugin_config]\nsandbox = 0\n", 0},
+        {"[plugin_config]\nsandbox = 2\n", 2},   {"[plugin_config]\nsandbox = 3\n", 1},
+        {"[plugin_config]\nsandbox = yes\n", 1},
+    };
+    for (const auto &row : rows) {
+        const std::string log = read_config(row.keys);
+        Options options;
+        options_get(&options);
+        EXPECT_EQ(row.sandbox, options.sandbox) << row.keys;
+        EXPECT_EQ(row.sandbox == 1 ? 1 : 0, count_of(log, "sandbox is not a number from 0 to 2, use default: 1!"));
+    }
+}
