@@ -15,11 +15,13 @@ struct NmReply {
     bool close = false;    // close the connection instead
     bool twice = false;    // datagrams
     bool stranger = false; // datagrams: from the other port
-    std::string shown;     // for the printed line
+    bool on_purpose = false; // a fault decided it
+    std::string shown;       // for the printed line
 };
 
 NmReply nm_reply_request_locked(NmSim *nm, const std::string &name, const HttpRequest &request);
-NmReply nm_reply_datagram_locked(NmSim *nm);
+// serial: of the device that sent it.
+NmReply nm_reply_datagram_locked(NmSim *nm, const std::string &serial);
 
 // The fault in force for a request of that name or a new connection ("accept"); counts as one of its times.
 NmFault nm_fault_take_locked(NmSim *nm, const std::string &name);
