@@ -13,7 +13,7 @@ const load = name => {
   if (!loaded[name]) {
     loaded[name] = {exports: {}};
     modules[name](path => {
-      const base = new URL(name, 'module:///'); // resolves "." and ".."
+      const base = new URL(name, 'http://modules/'); // resolves "." and ".."
       return load(new URL(path, base).pathname.slice(1));
     }, loaded[name], loaded[name].exports);
   }

@@ -167,8 +167,8 @@ void console_events_state(ConsoleEvents *events, const std::string &kind, const 
 void console_events_terminal(ConsoleEvents *events, const std::string &serial, const std::string &bytes, bool open)
 {
     std::string text(bytes.size() / 3 * 4 + 5, '\0');
-    text.resize((size_t)EVP_EncodeBlock((unsigned char *)&text[0], (const unsigned char *)bytes.data(),
-                                        (int)bytes.size()));
+    text.resize(
+        (size_t)EVP_EncodeBlock((unsigned char *)&text[0], (const unsigned char *)bytes.data(), (int)bytes.size()));
     cJSON *root = cJSON_CreateObject();
     cJSON_AddStringToObject(root, "kind", "terminal");
     cJSON_AddStringToObject(root, "serial", serial.c_str());

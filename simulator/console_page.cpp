@@ -14,8 +14,8 @@
 #include "json_text.h"
 #include "sim_socket.h"
 
-constexpr int STATE_POLL_MS = 300;       // tunnels and misbehaviour
-constexpr int POST_MAX = 1024 * 1024;    // bytes
+constexpr int STATE_POLL_MS = 300;    // tunnels and misbehaviour
+constexpr int POST_MAX = 1024 * 1024; // bytes
 static const char k_policy[] = "default-src 'self'; style-src 'self' 'unsafe-inline'; img-src 'self' data:; "
                                "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 

@@ -23,8 +23,8 @@ enum {
     OPTION_SIZE = 31
 };
 
-static const std::string k_type = {(char)IAC, (char)SUB_BEGIN, OPTION_TYPE, 0, 'x', 't', 'e', 'r', 'm',
-                                   (char)IAC, (char)SUB_END};
+static const std::string k_type = {(char)IAC, (char)SUB_BEGIN, OPTION_TYPE,  0, 'x', 't', 'e', 'r',
+                                   'm',       (char)IAC,       (char)SUB_END};
 static const std::string k_size = {(char)IAC, (char)SUB_BEGIN, OPTION_SIZE, 0, 80, 0, 24, (char)IAC, (char)SUB_END};
 
 // Where in the stream the reader is.
@@ -35,10 +35,10 @@ struct Terminal {
     std::string serial;
     bufferevent *conn;
     TelnetPlace place = PLACE_TEXT;
-    int command = 0;             // of PLACE_OPTION
-    std::string sub;             // of PLACE_SUB
-    std::set<int> answered;      // command and option, so that both ends cannot answer each other for ever
-    bool after_return = false;   // a NUL after a carriage return belongs to it
+    int command = 0;           // of PLACE_OPTION
+    std::string sub;           // of PLACE_SUB
+    std::set<int> answered;    // command and option, so that both ends cannot answer each other for ever
+    bool after_return = false; // a NUL after a carriage return belongs to it
 };
 
 struct ConsoleTerminals {

@@ -15,7 +15,8 @@ static const char k_usage[] =
     "device_simulator --dir DIR --nm-port N [--https] [--port N] [--count N] [--set KEY=JSON]... [--script FILE]\n"
     "Plays the device: writes its init cfg (DIR/init) and status files into DIR, takes the agent's connection, says "
     "what\n"
-    "is wrong with its frames and sends messages. Port 0 (the default) is any free one. With --count the devices' files are\n"
+    "is wrong with its frames and sends messages. Port 0 (the default) is any free one. With --count the devices' "
+    "files are\n"
     "in DIR/1, DIR/2, ..., ports and serial numbers count up from the first one's. Type help for the commands.\n";
 
 struct Box {
@@ -260,8 +261,7 @@ int main(int argc, char **argv)
         ready = box_start(s_boxes.back().get(), argc, argv, n, count);
     }
     size_t chosen = 0;
-    const int status =
-        ready ? console_run({chosen_commands(&chosen)}, console_option(argc, argv, "--script", "")) : 1;
+    const int status = ready ? console_run({chosen_commands(&chosen)}, console_option(argc, argv, "--script", "")) : 1;
     sim_loop_stop(loop);
     for (const auto &box : s_boxes)
         device_sim_stop(box->device);

@@ -12,9 +12,9 @@ struct NmReply {
     std::string bytes;  // empty: nothing is sent
     std::string second; // sent 30 ms after bytes
     int delay_ms = 0;
-    bool close = false;    // close the connection instead
-    bool twice = false;    // datagrams
-    bool stranger = false; // datagrams: from the other port
+    bool close = false;      // close the connection instead
+    bool twice = false;      // datagrams
+    bool stranger = false;   // datagrams: from the other port
     bool on_purpose = false; // a fault decided it
     std::string shown;       // for the printed line
 };

@@ -12,7 +12,8 @@ static const char k_usage[] =
     "and\n"
     "hands out commands. Port 0 (the default) is any free one; --web-port and --telnet-port are where local browsers "
     "and\n"
-    "telnet clients enter a tunnel. --console serves the workbench on 127.0.0.1, for a browser. Type help for the commands.\n";
+    "telnet clients enter a tunnel. --console serves the workbench on 127.0.0.1, for a browser. Type help for the "
+    "commands.\n";
 
 int main(int argc, char **argv)
 {

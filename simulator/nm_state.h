@@ -42,5 +42,5 @@ struct NmSim {
     NmActivation activation;
     std::map<std::string, NmFault> faults;
     std::map<std::string, NmDevice> devices; // by serial number; "": for the device that asks first
-    int conn_count = 0; // connections accepted so far
+    int conn_count = 0;                      // connections accepted so far
 };

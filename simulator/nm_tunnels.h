@@ -39,9 +39,9 @@ std::string nm_tunnels_telnet(NmTunnels *tunnels, const std::string &serial, con
 
 struct NmTunnelView {
     std::string serial;
-    std::string type; // "remote-web" or "remote-telnet"
-    bool stands;      // the agent is connected and has authenticated
-    int port;         // for local clients
+    std::string type;    // "remote-web" or "remote-telnet"
+    bool stands;         // the agent is connected and has authenticated
+    int port;            // for local clients
     std::string problem; // what the agent did wrong last; "" for nothing
 };
 std::vector<NmTunnelView> nm_tunnels_view(NmTunnels *tunnels);

@@ -25,11 +25,11 @@ struct NmRequest {
     std::string line; // the request line; empty for a datagram
     std::vector<std::string> headers; // whole header lines in order
     std::string body;
-    std::string time;    // sim_clock() of the arrival
-    long long at_ms = 0; // monotonic_ms() of the arrival
-    int conn = 0;        // the connection that brought it, counted from 1; 0 for a datagram
-    std::string wrong;   // what is wrong with it, items joined with "; "; empty when nothing is
-    std::string answer;  // as shown to a person
+    std::string time;        // sim_clock() of the arrival
+    long long at_ms = 0;     // monotonic_ms() of the arrival
+    int conn = 0;            // the connection that brought it, counted from 1; 0 for a datagram
+    std::string wrong;       // what is wrong with it, items joined with "; "; empty when nothing is
+    std::string answer;      // as shown to a person
     bool on_purpose = false; // the answer was that of a fault
 };
 

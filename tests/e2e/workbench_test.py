@@ -10,6 +10,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import socketserver
 import subprocess
 import sys
@@ -28,7 +29,7 @@ except ImportError:
 SERIALS = ["SN00000001", "SN00000002"]
 TELNETD = shutil.which("telnetd") or "/usr/sbin/telnetd"
 DRIVER = "/usr/bin/chromedriver"
-WAIT_S = 20
+WAIT_S = 60
 PAGE = b"<!doctype html><link rel=icon href=data:,><title>device</title><h1>the device's own page</h1>"
 NEEDED = [DRIVER, "/usr/bin/chromium", TELNETD, "/usr/share/javascript/chart.js/chart.min.js",
           "/usr/share/nodejs/xterm/lib/public/Terminal.js"]
@@ -99,6 +100,7 @@ class Stage:
         _, nm_log = self.start("nm", "nm_simulator", "--console", "0")
         self.port = int(self.line(nm_log, r"workbench is at http://127\.0\.0\.1:(\d+)/").group(1))
         nm_port = self.line(nm_log, r"NM listens on http://127\.0\.0\.1:(\d+)").group(1)
+        self.nm_port = int(nm_port)
         device, log = self.start("device", "device_simulator", "--dir", self.dir, "--nm-port", nm_port, "--count", "2",
                                  "--set", f"web_port={serve(DevicePage)}", "--set",
                                  f"telnet_port={serve(DeviceTelnet)}")
@@ -112,11 +114,10 @@ class Stage:
         device.stdin.flush()
 
     def end(self):
+        """Returns the exit statuses; a sanitizer's report would change them."""
         for process in reversed(self.running):
             process.send_signal(signal.SIGTERM)
-        for process in self.running:
-            process.wait(60)
-        shutil.rmtree(self.dir)
+        return [process.wait(60) for process in self.running]
 
 
 def browser_open():
@@ -130,8 +131,8 @@ def browser_open():
 
 
 class Page:
-    def __init__(self, browser):
-        self.browser = browser
+    def __init__(self, browser, nm_port):
+        self.browser, self.nm_port = browser, nm_port
 
     def one(self, selector):
         return self.browser.find_element(By.CSS_SELECTOR, selector)
@@ -221,6 +222,23 @@ def misbehaviour(page):
     until("the devices return", lambda: page.states() == dict.fromkeys(SERIALS, "online"))
 
 
+def hostile(page):
+    """What a device sends is shown as text, and what is wrong with it is marked."""
+    assert not page.browser.find_elements(By.CSS_SELECTOR, "#transcript .wrong"), page.text("#transcript")
+    name = "<i id=injected>"
+    with socket.create_connection(("127.0.0.1", page.nm_port)) as link:
+        body = f'["{name}"]'
+        link.sendall(f"POST /dev-api/{name}/alarm HTTP/1.1\r\nContent-Length: {len(body)}\r\n\r\n{body}".encode())
+        assert link.recv(1000)
+    until("the device", lambda: name in page.states())
+    page.click("#devices li:last-child button")
+    page.click("#transcript .wrong summary")
+    message = page.text("#transcript .wrong")
+    assert "WRONG: header 1" in message and name in message, message
+    assert name in page.text("#timeline") and name in page.text("#serial")
+    assert not page.browser.find_elements(By.ID, "injected")
+
+
 def pictures(page, directory):
     page.browser.execute_script("document.activeElement.blur(); scrollTo(0, 0)")
     for scheme in ("light", "dark"):
@@ -240,8 +258,8 @@ def pictures(page, directory):
 def narrow(page):
     page.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
         "width": 400, "height": 800, "deviceScaleFactor": 1, "mobile": False})
-    width = page.browser.execute_script("return document.documentElement.scrollWidth")
-    assert width <= 400, f"the page is {width} pixels wide at 400"
+    until("nothing sticks out at 400 pixels", lambda: page.browser.execute_script(
+        "return document.documentElement.scrollWidth <= 400"))
 
 
 def main():
@@ -249,13 +267,13 @@ def main():
     if missing:
         print("skipped, missing (scripts/setup console installs them):", *missing)
         return 77
-    stage, browser = Stage(os.path.abspath(sys.argv[1])), None
+    stage, browser, statuses = Stage(os.path.abspath(sys.argv[1])), None, []
     try:
         stage.begin()
         refuse_foreigners(stage.port)
         browser = browser_open()
         browser.get(f"http://127.0.0.1:{stage.port}/")
-        page = Page(browser)
+        page = Page(browser, stage.nm_port)
         for step in (devices_and_chart, command_and_result, device_page, terminal, misbehaviour):
             print(step.__name__, flush=True)
             try:
@@ -266,13 +284,18 @@ def main():
         if len(sys.argv) > 2:
             pictures(page, sys.argv[2])
         narrow(page)
+        hostile(page)
         wrong = [entry for entry in browser.get_log("browser") if entry["level"] in ("SEVERE", "WARNING")]
         assert not wrong, wrong
-        assert not browser.find_elements(By.CSS_SELECTOR, "#transcript .wrong"), page.text("#transcript")
     finally:
         if browser:
             browser.quit()
-        stage.end()
+        statuses = stage.end()
+        for name in ("nm", "device"):
+            with open(os.path.join(stage.dir, name + ".log"), encoding="utf-8", errors="replace") as log:
+                print("".join(line for line in log if "==" in line or " #" in line), end="")  # of a sanitizer
+        shutil.rmtree(stage.dir)
+    assert statuses == [0, 0, 15, 15], statuses
     return 0
 
 
