@@ -233,26 +233,30 @@ def hostile(page):
     until("the device", lambda: name in page.states())
     page.click("#devices li:last-child button")
     page.click("#transcript .wrong summary")
-    message = page.text("#transcript .wrong")
-    assert "WRONG: header 1" in message and name in message, message
+    until("what is wrong with it", lambda: "WRONG: header 1" in page.text("#transcript .wrong pre.wrong"))
+    assert f'"{name}"' in page.text("#transcript .wrong")
     assert name in page.text("#timeline") and name in page.text("#serial")
     assert not page.browser.find_elements(By.ID, "injected")
 
 
+def look(page, width, height, scale=1):
+    page.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+        "width": width, "height": height, "deviceScaleFactor": scale, "mobile": False})
+    time.sleep(1.5)  # the charts take their new sizes
+
+
 def pictures(page, directory):
+    """The whole page in each scheme and width, and the upper part of it, small."""
     page.browser.execute_script("document.activeElement.blur(); scrollTo(0, 0)")
-    for scheme in ("light", "dark"):
+    for scheme in ("dark", "light"):
         page.browser.execute_cdp_cmd("Emulation.setEmulatedMedia",
                                      {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
-        for width in (1280, 400):
-            page.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-                "width": width, "height": 900, "deviceScaleFactor": 1, "mobile": False})
-            time.sleep(1.5)
-            height = page.browser.execute_script("return document.documentElement.scrollHeight")
-            page.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-                "width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
-            time.sleep(0.5)
+        for width in (400, 1280):
+            look(page, width, 900)
+            look(page, width, page.browser.execute_script("return document.documentElement.scrollHeight"))
             page.browser.save_screenshot(os.path.join(directory, f"{scheme}-{width}.png"))
+    look(page, 1280, 1200, 0.6)
+    page.browser.save_screenshot(os.path.join(directory, "workbench.png"))
 
 
 def narrow(page):
