@@ -68,17 +68,30 @@ static std::string sleep_ms(int ms)
     return "";
 }
 
-static std::string run_line(const std::vector<ConsoleCommand> &commands, const std::string &text)
+std::string console_run_line(const std::vector<ConsoleCommand> &commands, const std::string &text)
 {
     std::istringstream stream(text);
     std::string first;
     ConsoleLine line;
-    if (!(stream >> first) || first[0] == '#')
-        return "";
+    stream >> first;
     std::getline(stream >> std::ws, line.rest);
     std::istringstream rest(line.rest);
     for (std::string word; rest >> word;)
         line.words.push_back(word);
+    for (const ConsoleCommand &command : commands) {
+        if (first == command.word)
+            return command.run(line);
+    }
+    return "unknown command '" + first + "' (help lists them)";
+}
+
+static std::string run_line(const std::vector<ConsoleCommand> &commands, const std::string &text)
+{
+    std::istringstream stream(text);
+    std::string first;
+    int number = 0;
+    if (!(stream >> first) || first[0] == '#')
+        return "";
     if (first == "help") {
         print_help(commands);
         return "";
@@ -87,13 +100,11 @@ static std::string run_line(const std::vector<ConsoleCommand> &commands, const s
         s_quit = true;
         return "";
     }
-    if (first == "sleep")
-        return sleep_ms(line.number(0, 0));
-    for (const ConsoleCommand &command : commands) {
-        if (first == command.word)
-            return command.run(line);
+    if (first == "sleep") {
+        stream >> number;
+        return sleep_ms(number);
     }
-    return "unknown command '" + first + "' (help lists them)";
+    return console_run_line(commands, text);
 }
 
 static int run_script(const std::vector<ConsoleCommand> &commands, const std::string &path)

@@ -35,6 +35,10 @@ void console_print(const std::string &line);
 // script cannot be read or a line of it fails.
 int console_run(const std::vector<std::vector<ConsoleCommand>> &groups, const std::string &script);
 
+// Runs one line by the table, without the words that are built in. Returns what is wrong, "" when done. Any thread that
+// the command may run on.
+std::string console_run_line(const std::vector<ConsoleCommand> &commands, const std::string &text);
+
 // The value of an option ("--port 8080"), missing when it is not given; and whether it is given.
 std::string console_option(int argc, char **argv, const std::string &name, const std::string &missing);
 int console_option_number(int argc, char **argv, const std::string &name, int missing);

@@ -1,7 +1,10 @@
 // device_simulator - a simulated device, controlled by typed lines or a script. "help" lists them.
+#include <algorithm>
 #include <atomic>
+#include <memory>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include "console.h"
 #include "device_files.h"
@@ -9,19 +12,23 @@
 #include "sim_loop.h"
 
 static const char k_usage[] =
-    "device_simulator --dir DIR --nm-port N [--https] [--port N] [--set KEY=JSON]... [--script FILE]\n"
+    "device_simulator --dir DIR --nm-port N [--https] [--port N] [--count N] [--set KEY=JSON]... [--script FILE]\n"
     "Plays the device: writes its init cfg (DIR/init) and status files into DIR, takes the agent's connection, says "
     "what\n"
-    "is wrong with its frames and sends messages. Port 0 (the default) is any free one. Type help for the commands.\n";
+    "is wrong with its frames and sends messages. Port 0 (the default) is any free one. With --count the devices' "
+    "files are\n"
+    "in DIR/1, DIR/2, ..., ports and serial numbers count up from the first one's. Type help for the commands.\n";
 
 struct Box {
-    DeviceSim *device;
+    DeviceSim *device = nullptr;
     std::string dir;
     DeviceCfg cfg;
-    SimLoop *loop;            // for records added periodically
-    std::atomic<int> records; // in the service file so far
-    std::atomic<int> keep_s;  // period of adding a record, in seconds; 0: none
+    SimLoop *loop = nullptr;      // for records added periodically; all boxes share it
+    std::atomic<int> records = 0; // in the service file so far
+    std::atomic<int> keep_s = 0;  // period of adding a record, in seconds; 0: none
 };
+
+static std::vector<std::unique_ptr<Box>> s_boxes;
 
 static std::string sent(bool done)
 {
@@ -147,6 +154,37 @@ static std::vector<ConsoleCommand> file_commands(Box *box)
     };
 }
 
+static std::vector<ConsoleCommand> box_commands(Box *box)
+{
+    std::vector<ConsoleCommand> commands;
+    for (const auto &group : {message_commands(box), connection_commands(box), file_commands(box)})
+        commands.insert(commands.end(), group.begin(), group.end());
+    return commands;
+}
+
+// device N: the commands that follow are for the Nth one.
+static std::string choose(size_t *chosen, int number)
+{
+    if (number < 1 || number > (int)s_boxes.size())
+        return "there are " + std::to_string(s_boxes.size()) + " devices";
+    *chosen = (size_t)number - 1;
+    return "";
+}
+
+// The commands of one box, each carried out for the chosen one.
+static std::vector<ConsoleCommand> chosen_commands(size_t *chosen)
+{
+    std::vector<std::vector<ConsoleCommand>> tables;
+    for (const auto &box : s_boxes)
+        tables.push_back(box_commands(box.get()));
+    std::vector<ConsoleCommand> commands = tables[0];
+    for (size_t row = 0; row < commands.size(); row++)
+        commands[row].run = [=](const ConsoleLine &line) { return tables[*chosen][row].run(line); };
+    commands.push_back({"device", "N", "which device the other commands are for",
+                        [=](const ConsoleLine &line) { return choose(chosen, line.number(0, 0)); }});
+    return commands;
+}
+
 static void set_from_options(int argc, char **argv, DeviceCfg *cfg)
 {
     for (int i = 1; i + 1 < argc; i++) {
@@ -157,31 +195,75 @@ static void set_from_options(int argc, char **argv, DeviceCfg *cfg)
     }
 }
 
+// first, and the number at its end counted up by n: "SN00000001", "SN00000002", ...
+static std::string serial_of(const std::string &first, int n)
+{
+    const size_t digits = first.find_last_not_of("0123456789") + 1;
+    const std::string old = first.substr(digits);
+    const std::string number = std::to_string(strtoull(old.c_str(), nullptr, 10) + (unsigned)n);
+    return first.substr(0, digits) + std::string(old.size() - std::min(old.size(), number.size()), '0') + number;
+}
+
+static std::string cfg_text_of(const DeviceCfg &cfg, const std::string &key)
+{
+    for (const auto &row : cfg) {
+        if (row.first == key)
+            return row.second.size() > 1 ? row.second.substr(1, row.second.size() - 2) : "";
+    }
+    return "";
+}
+
+// Starts the nth device of count, counted from 0, and writes its files.
+static bool box_start(Box *box, int argc, char **argv, int n, int count)
+{
+    const std::string dir = console_option(argc, argv, "--dir", "");
+    const int port = console_option_number(argc, argv, "--port", 0);
+    const std::string name = count > 1 ? "device " + std::to_string(n + 1) + ": " : "";
+    DeviceOptions options;
+    options.port = port ? port + n : 0;
+    options.print = [name](const std::string &line) { console_print(name + line); };
+    box->device = device_sim_start(options);
+    if (!box->device)
+        return false;
+    box->dir = count > 1 ? dir + "/" + std::to_string(n + 1) : dir;
+    box->cfg = device_cfg_default(box->dir, console_has_option(argc, argv, "--https"),
+                                  console_option_number(argc, argv, "--nm-port", 0), device_sim_port(box->device));
+    set_from_options(argc, argv, &box->cfg);
+    if (n > 0) {
+        char mac[32];
+        snprintf(mac, sizeof(mac), "02:00:00:00:%02x:%02x", (n + 1) >> 8 & 0xff, (n + 1) & 0xff);
+        device_cfg_set_text(&box->cfg, "dev-sn", serial_of(cfg_text_of(box->cfg, "dev-sn"), n));
+        device_cfg_set_text(&box->cfg, "mac", mac);
+    }
+    if (count > 1)
+        mkdir(box->dir.c_str(), 0755);
+    if (!device_write_all(box->dir, box->cfg))
+        return false;
+    console_print(name + "the device listens on port " + std::to_string(device_sim_port(box->device)) +
+                  ", its init cfg is " + box->dir + "/init");
+    return true;
+}
+
 int main(int argc, char **argv)
 {
     console_init();
-    Box box = {nullptr, console_option(argc, argv, "--dir", ""), {}, nullptr, {0}, {0}};
-    if (console_has_option(argc, argv, "--help") || box.dir.empty()) {
+    const bool has_dir = console_has_option(argc, argv, "--dir");
+    const int count = console_option_number(argc, argv, "--count", 1);
+    if (console_has_option(argc, argv, "--help") || !has_dir || count < 1) {
         printf("%s", k_usage);
-        return box.dir.empty();
+        return !has_dir || count < 1;
     }
-    DeviceOptions options;
-    options.port = console_option_number(argc, argv, "--port", 0);
-    options.print = console_print;
-    box.device = device_sim_start(options);
-    if (!box.device)
-        return 1;
-    box.cfg = device_cfg_default(box.dir, console_has_option(argc, argv, "--https"),
-                                 console_option_number(argc, argv, "--nm-port", 0), device_sim_port(box.device));
-    set_from_options(argc, argv, &box.cfg);
-    if (!device_write_all(box.dir, box.cfg))
-        return 1;
-    console_print("the device listens on port " + std::to_string(device_sim_port(box.device)) + ", its init cfg is " +
-                  box.dir + "/init");
-    box.loop = sim_loop_start();
-    const int status = console_run({message_commands(&box), connection_commands(&box), file_commands(&box)},
-                                   console_option(argc, argv, "--script", ""));
-    sim_loop_stop(box.loop);
-    device_sim_stop(box.device);
+    SimLoop *loop = sim_loop_start();
+    bool ready = true;
+    for (int n = 0; n < count && ready; n++) {
+        s_boxes.push_back(std::make_unique<Box>());
+        s_boxes.back()->loop = loop;
+        ready = box_start(s_boxes.back().get(), argc, argv, n, count);
+    }
+    size_t chosen = 0;
+    const int status = ready ? console_run({chosen_commands(&chosen)}, console_option(argc, argv, "--script", "")) : 1;
+    sim_loop_stop(loop);
+    for (const auto &box : s_boxes)
+        device_sim_stop(box->device);
     return status;
 }

@@ -233,10 +233,14 @@ std::string nm_check_request(const HttpRequest &request, const std::string &here
     return wrong;
 }
 
+std::string nm_datagram_serial(const std::string &text)
+{
+    return json_text(json_parse(text).get(), "deviceSn");
+}
+
 std::string nm_check_datagram(const std::string &text, const std::string &serial)
 {
-    JsonTree root = json_parse(text);
-    const std::string sender = json_text(root.get(), "deviceSn");
+    const std::string sender = nm_datagram_serial(text);
     std::string wrong = check_body("heartbeat", text, sender);
     if (!serial.empty() && sender != serial)
         complain(&wrong, "heartbeat of device '" + sender + "'");

@@ -18,5 +18,7 @@ std::string nm_signature(const std::string &serial);
 // ("127.0.0.1:8080"). serial: the one device served; "": any.
 std::string nm_check_request(const HttpRequest &request, const std::string &here, const std::string &serial);
 
-// The same for the body of a heartbeat datagram.
+// The serial number in the body of a heartbeat datagram; "" when there is none.
+std::string nm_datagram_serial(const std::string &text);
+// The same as nm_check_request for the body of a heartbeat datagram.
 std::string nm_check_datagram(const std::string &text, const std::string &serial);

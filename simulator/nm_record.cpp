@@ -17,9 +17,9 @@ static void say_request(NmSim *nm, const NmRequest &request, const std::string &
                    (request.wrong.empty() ? "all right" : "WRONG: " + json_one_line(request.wrong, 600)) + ") -> " +
                    json_one_line(shown, 300));
     if (request.name == "runstatus") {
-        nm_say(nm,
-               nm_view_run_status(request.body, nm->last_run_status.body, request.at_ms - nm->last_run_status.at_ms));
-        nm->last_run_status = request;
+        NmRequest &last = nm->last_run_status[request.serial];
+        nm_say(nm, nm_view_run_status(request.body, last.body, request.at_ms - last.at_ms));
+        last = request;
     } else if (request.name == "working/services") {
         nm_say(nm, nm_view_services(request.body));
     } else if (request.name != "udp" && request.name != "heartbeat" && request.name != "handshake") {
@@ -31,7 +31,10 @@ void nm_record(NmSim *nm, NmRequest request, const std::string &shown)
 {
     request.time = sim_clock();
     request.at_ms = monotonic_ms();
+    request.answer = shown;
     if (nm->options.print)
         say_request(nm, request, shown);
+    if (nm->options.watch)
+        nm->options.watch(request);
     nm->transcript.add(std::move(request));
 }

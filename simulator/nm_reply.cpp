@@ -1,6 +1,7 @@
 #include "nm_reply.h"
 
 #include "json_text.h"
+#include "nm_check.h"
 
 static std::string refusal_body(int status, const std::string &error)
 {
@@ -43,24 +44,39 @@ static std::string activation_body(const NmSim &nm)
     return json_print_and_delete(root);
 }
 
-// The heartbeat's result.
-static std::string word_locked(NmSim *nm)
+// What waits for the device alone comes before what waits for any device.
+static NmDevice *device_with_commands_locked(NmSim *nm, const std::string &serial)
 {
-    if (nm->restart_wanted) {
-        nm->restart_wanted = false;
-        return "rec";
+    for (const std::string &key : {serial, std::string()}) {
+        auto found = nm->devices.find(key);
+        if (found != nm->devices.end() && !found->second.commands.empty())
+            return &found->second;
     }
-    return nm->commands.empty() ? "ACTIVE" : "ack";
+    return nullptr;
+}
+
+// The heartbeat's result.
+static std::string word_locked(NmSim *nm, const std::string &serial)
+{
+    for (const std::string &key : {serial, std::string()}) {
+        auto found = nm->devices.find(key);
+        if (found != nm->devices.end() && found->second.restart_wanted) {
+            found->second.restart_wanted = false;
+            return "rec";
+        }
+    }
+    return device_with_commands_locked(nm, serial) ? "ack" : "ACTIVE";
 }
 
 // One command per handshake, in the order queued. A command that would not arrive because of the fault stays queued.
-static std::string handshake_body_locked(NmSim *nm, NmFaultKind fault)
+static std::string handshake_body_locked(NmSim *nm, const std::string &serial, NmFaultKind fault)
 {
     const bool arrives = fault == NM_FAULT_NONE || fault == NM_FAULT_TWO_SEGMENTS || fault == NM_FAULT_CHUNKED;
-    if (nm->commands.empty() || !arrives)
+    NmDevice *device = device_with_commands_locked(nm, serial);
+    if (!device || !arrives)
         return "{\"status\":200,\"result\":{\"payload\":[]}}";
-    const std::string command = nm->commands.front();
-    nm->commands.pop_front();
+    const std::string command = device->commands.front();
+    device->commands.pop_front();
     return "{\"status\":200,\"result\":{\"payload\":[" + command + "]}}";
 }
 
@@ -78,12 +94,13 @@ static std::string session_body(const std::string &body)
 static std::string good_body_locked(NmSim *nm, const std::string &name, const HttpRequest &request,
                                     const NmFault &fault)
 {
+    const std::string serial = nm_request_serial(request.path);
     if (name == "active")
         return activation_body(*nm);
     if (name == "handshake")
-        return handshake_body_locked(nm, fault.kind);
+        return handshake_body_locked(nm, serial, fault.kind);
     if (name == "heartbeat") {
-        const std::string word = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
+        const std::string word = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm, serial);
         return "{\"status\":200,\"result\":\"" + word + "\"}";
     }
     return session_body(request.body);
@@ -161,17 +178,19 @@ NmReply nm_reply_request_locked(NmSim *nm, const std::string &name, const HttpRe
         reply.shown = "on purpose: " + (reply.bytes.empty() ? "nothing" : reply.bytes);
     reply.close = fault.kind == NM_FAULT_CLOSE;
     reply.delay_ms = fault.delay_ms;
+    reply.on_purpose = fault.kind != NM_FAULT_NONE || fault.delay_ms > 0;
     return reply;
 }
 
-NmReply nm_reply_datagram_locked(NmSim *nm)
+NmReply nm_reply_datagram_locked(NmSim *nm, const std::string &serial)
 {
     const NmFault fault = nm_fault_take_locked(nm, "udp");
     NmReply reply;
     if (fault.kind != NM_FAULT_SILENCE)
-        reply.bytes = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm);
+        reply.bytes = fault.kind == NM_FAULT_WORD ? fault.text : word_locked(nm, serial);
     reply.shown = reply.bytes.empty() ? "nothing" : reply.bytes;
     reply.delay_ms = fault.delay_ms;
+    reply.on_purpose = fault.kind != NM_FAULT_NONE || fault.delay_ms > 0;
     reply.twice = fault.kind == NM_FAULT_TWICE;
     reply.stranger = fault.kind == NM_FAULT_STRANGER;
     return reply;

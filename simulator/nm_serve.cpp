@@ -63,6 +63,7 @@ static bool conn_serve(NmConn *conn, const HttpRequest &http, NmRequest *request
 {
     NmSim *nm = conn->nm;
     request->name = nm_request_name(http.path);
+    request->serial = nm_request_serial(http.path);
     request->wrong =
         nm_check_request(http, nm->options.ip + ":" + std::to_string(nm->options.port), nm->options.serial);
     NmReply reply;
@@ -70,6 +71,7 @@ static bool conn_serve(NmConn *conn, const HttpRequest &http, NmRequest *request
         std::lock_guard<std::mutex> guard(nm->lock);
         reply = nm_reply_request_locked(nm, request->name, http);
     }
+    request->on_purpose = reply.on_purpose;
     nm_record(nm, *request, reply.shown);
     conn_answer(conn, reply);
     return !reply.close;
@@ -165,12 +167,14 @@ static void on_datagram(evutil_socket_t fd, short, void *arg)
     NmRequest request;
     request.name = "udp";
     request.body.assign(buffer, (size_t)length);
+    request.serial = nm_datagram_serial(request.body);
     request.wrong = nm_check_datagram(request.body, nm->options.serial);
     NmReply reply;
     {
         std::lock_guard<std::mutex> guard(nm->lock);
-        reply = nm_reply_datagram_locked(nm);
+        reply = nm_reply_datagram_locked(nm, request.serial);
     }
+    request.on_purpose = reply.on_purpose;
     nm_record(nm, request, reply.shown);
     if (reply.bytes.empty())
         return;

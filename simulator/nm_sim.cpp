@@ -90,22 +90,32 @@ void nm_sim_clear_faults(NmSim *nm)
     nm->faults.clear();
 }
 
-void nm_sim_queue(NmSim *nm, const std::string &command)
+NmFault nm_sim_fault(NmSim *nm, const std::string &name)
 {
     std::lock_guard<std::mutex> guard(nm->lock);
-    nm->commands.push_back(command);
+    auto found = nm->faults.find(name);
+    return found == nm->faults.end() ? NmFault() : found->second;
+}
+
+void nm_sim_queue(NmSim *nm, const std::string &command, const std::string &serial)
+{
+    std::lock_guard<std::mutex> guard(nm->lock);
+    nm->devices[serial].commands.push_back(command);
 }
 
 int nm_sim_queued(NmSim *nm)
 {
     std::lock_guard<std::mutex> guard(nm->lock);
-    return (int)nm->commands.size();
+    int count = 0;
+    for (const auto &device : nm->devices)
+        count += (int)device.second.commands.size();
+    return count;
 }
 
-void nm_sim_ask_restart(NmSim *nm)
+void nm_sim_ask_restart(NmSim *nm, const std::string &serial)
 {
     std::lock_guard<std::mutex> guard(nm->lock);
-    nm->restart_wanted = true;
+    nm->devices[serial].restart_wanted = true;
 }
 
 NmTranscript &nm_sim_transcript(NmSim *nm)

@@ -26,16 +26,19 @@ void nm_sim_set_activation(NmSim *nm, const NmActivation &activation);
 // datagrams, "accept" with NM_FAULT_SILENCE for connections that are accepted and never read (so TLS never starts).
 void nm_sim_set_fault(NmSim *nm, const std::string &name, const NmFault &fault);
 void nm_sim_clear_faults(NmSim *nm);
+// The one in force for that name; NM_FAULT_NONE without a delay when there is none.
+NmFault nm_sim_fault(NmSim *nm, const std::string &name);
 
 void nm_sim_absent(NmSim *nm);           // closes sockets and connections
 bool nm_sim_return(NmSim *nm);           // opens them again on the same ports; false when one is taken
 void nm_sim_drop_connections(NmSim *nm); // resets all connections, keeps listening
 
-// Queues a command (JSON text). While one is queued heartbeats are answered "ack"; each handshake takes one.
-void nm_sim_queue(NmSim *nm, const std::string &command);
-int nm_sim_queued(NmSim *nm);
-// Answers the next heartbeat, over either channel, with "rec".
-void nm_sim_ask_restart(NmSim *nm);
+// Queues a command (JSON text) for the device with that serial number; "": for the device that asks first. While one is
+// queued the device's heartbeats are answered "ack"; each handshake takes one.
+void nm_sim_queue(NmSim *nm, const std::string &command, const std::string &serial = "");
+int nm_sim_queued(NmSim *nm); // of all devices
+// Answers the next heartbeat of that device ("": of any), over either channel, with "rec".
+void nm_sim_ask_restart(NmSim *nm, const std::string &serial = "");
 
 // The requests and datagrams received; the instance owns the transcript.
 NmTranscript &nm_sim_transcript(NmSim *nm);

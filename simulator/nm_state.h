@@ -16,6 +16,12 @@ struct evconnlistener;
 struct event;
 struct NmConn;
 
+// What NM keeps for one device.
+struct NmDevice {
+    std::deque<std::string> commands;
+    bool restart_wanted = false;
+};
+
 struct NmSim {
     NmOptions options; // port and udp_port: those in force
     SimLoop *loop = nullptr;
@@ -27,7 +33,7 @@ struct NmSim {
     int udp = -1;
     int udp_stranger = -1; // the same ip, another port
     event *udp_event = nullptr;
-    NmRequest last_run_status;
+    std::map<std::string, NmRequest> last_run_status; // by serial number
 
     NmTranscript transcript;
 
@@ -35,7 +41,6 @@ struct NmSim {
     std::condition_variable changed;
     NmActivation activation;
     std::map<std::string, NmFault> faults;
-    std::deque<std::string> commands;
-    bool restart_wanted = false;
-    int conn_count = 0; // connections accepted so far
+    std::map<std::string, NmDevice> devices; // by serial number; "": for the device that asks first
+    int conn_count = 0;                      // connections accepted so far
 };

@@ -1,33 +1,23 @@
 #include "nm_tunnels.h"
 
-#include <stdlib.h>
 #include <time.h>
 
-#include "nm_check.h"
 #include "nm_command.h"
 
-// The serial number of the device that activated last.
-static std::string device_serial(NmSim *nm)
-{
-    const std::string line = nm_sim_request(nm, "active", -1).line;
-    const size_t from = line.find(' ') + 1;
-    return line.empty() ? "" : nm_request_serial(line.substr(from, line.rfind(' ') - from));
-}
-
 // New for each tunnel, so that an agent that repeats an old authentication is refused.
-static TunnelAuth fresh_auth(NmSim *nm)
+static TunnelAuth fresh_auth_locked(NmTunnels *tunnels, const std::string &serial)
 {
-    static int s_count = 0;
+    const int count = ++tunnels->count;
     TunnelAuth auth;
-    auth.device_sn = device_serial(nm);
-    auth.key = ++s_count;
-    auth.token = "token-" + std::to_string(time(nullptr)) + "-" + std::to_string(s_count);
-    auth.sessionid = "session-" + std::to_string(s_count);
+    auth.device_sn = serial;
+    auth.key = count;
+    auth.token = "token-" + std::to_string(time(nullptr)) + "-" + std::to_string(count);
+    auth.sessionid = "session-" + std::to_string(count);
     return auth;
 }
 
-static void queue_command(NmSim *nm, const std::string &type, const std::string &action, const TunnelAuth &auth,
-                          int port)
+static void queue_command(NmSim *nm, const std::string &serial, const std::string &type, const std::string &action,
+                          const TunnelAuth &auth, int port)
 {
     NmTunnel command;
     command.type = type;
@@ -36,23 +26,35 @@ static void queue_command(NmSim *nm, const std::string &type, const std::string 
     command.token = auth.token;
     command.key = auth.key;
     command.session = auth.sessionid;
-    nm_sim_queue(nm, nm_command_tunnel(command));
+    nm_sim_queue(nm, nm_command_tunnel(command), serial);
+}
+
+template <typename Sim> static bool is_taken(const NmTunnelMap<Sim> &sims, int client_port)
+{
+    for (const auto &row : sims) {
+        if (row.second->client_port() == client_port)
+            return true;
+    }
+    return false;
 }
 
 template <typename Sim>
-static std::string tunnel_start(NmSim *nm, std::unique_ptr<Sim> *sim, const std::string &type, int client_port)
+static std::string tunnel_start(NmTunnels *tunnels, NmTunnelMap<Sim> *sims, const std::string &type, int client_port,
+                                const std::string &serial)
 {
+    std::lock_guard<std::mutex> guard(tunnels->lock);
+    sims->erase(serial); // frees the ports of an earlier one
     TunnelSimOptions options;
-    options.auth = fresh_auth(nm);
-    options.tls = nm_sim_is_https(nm);
-    options.tls_files = nm_sim_tls(nm);
-    options.client_port = (uint16_t)client_port;
-    sim->reset(); // frees the ports of an earlier one
-    *sim = std::make_unique<Sim>(options);
-    if (!(*sim)->is_listening())
+    options.auth = fresh_auth_locked(tunnels, serial);
+    options.tls = nm_sim_is_https(tunnels->nm);
+    options.tls_files = nm_sim_tls(tunnels->nm);
+    options.client_port = is_taken(*sims, client_port) ? 0 : (uint16_t)client_port;
+    auto sim = std::make_shared<Sim>(options);
+    if (!sim->is_listening())
         return "no port for the tunnel";
-    queue_command(nm, type, "start", options.auth, (*sim)->command_port());
-    console_print(type + ": local clients connect to 127.0.0.1:" + std::to_string((*sim)->client_port()));
+    (*sims)[serial] = sim;
+    queue_command(tunnels->nm, serial, type, "start", options.auth, sim->command_port());
+    console_print(type + ": local clients connect to 127.0.0.1:" + std::to_string(sim->client_port()));
     return "";
 }
 
@@ -66,26 +68,56 @@ template <typename Sim> static std::string tunnel_wait(Sim *sim, const std::stri
 }
 
 template <typename Sim>
-static std::string tunnel_line(NmSim *nm, std::unique_ptr<Sim> *sim, const std::string &type, int client_port,
-                               const ConsoleLine &line)
+static std::string tunnel_line(NmTunnels *tunnels, NmTunnelMap<Sim> *sims, const std::string &type, int client_port,
+                               const std::string &wanted, const ConsoleLine &line)
 {
     const std::string action = line.word(0);
+    const std::string serial = wanted.empty() ? nm_sim_request(tunnels->nm, "active", -1).serial : wanted;
     if (action == "start")
-        return tunnel_start(nm, sim, type, client_port);
-    if (!*sim)
-        return "not started";
+        return tunnel_start(tunnels, sims, type, client_port, serial);
+    std::shared_ptr<Sim> sim; // so that a wait does not hold the lock
+    {
+        std::lock_guard<std::mutex> guard(tunnels->lock);
+        auto found = sims->find(serial);
+        if (found == sims->end())
+            return "not started";
+        sim = found->second;
+    }
     if (action == "wait")
-        return tunnel_wait(sim->get(), type, line.number(1, 30));
-    queue_command(nm, type, "stop", TunnelAuth{"", "", "none", 0, "none"}, (*sim)->command_port());
+        return tunnel_wait(sim.get(), type, line.number(1, 30));
+    queue_command(tunnels->nm, serial, type, "stop", TunnelAuth{"", "", "none", 0, "none"}, sim->command_port());
     return "";
 }
 
-std::string nm_tunnels_web(NmTunnels *tunnels, const ConsoleLine &line)
+std::string nm_tunnels_web(NmTunnels *tunnels, const std::string &serial, const ConsoleLine &line)
 {
-    return tunnel_line(tunnels->nm, &tunnels->web, "remote-web", tunnels->web_port, line);
+    return tunnel_line(tunnels, &tunnels->web, "remote-web", tunnels->web_port, serial, line);
 }
 
-std::string nm_tunnels_telnet(NmTunnels *tunnels, const ConsoleLine &line)
+std::string nm_tunnels_telnet(NmTunnels *tunnels, const std::string &serial, const ConsoleLine &line)
 {
-    return tunnel_line(tunnels->nm, &tunnels->telnet, "remote-telnet", tunnels->telnet_port, line);
+    return tunnel_line(tunnels, &tunnels->telnet, "remote-telnet", tunnels->telnet_port, serial, line);
+}
+
+template <typename Sim>
+static void view_add(std::vector<NmTunnelView> *views, const NmTunnelMap<Sim> &sims, const std::string &type)
+{
+    for (const auto &row : sims) {
+        NmTunnelView view = {row.first, type, false, row.second->client_port(), ""};
+        row.second->wait(0, [&view](const TunnelStats &stats) { // reads them without a copy of the whole
+            view.stands = stats.connected && stats.authenticated;
+            view.problem = stats.problems.empty() ? "" : stats.problems.back();
+            return true;
+        });
+        views->push_back(view);
+    }
+}
+
+std::vector<NmTunnelView> nm_tunnels_view(NmTunnels *tunnels)
+{
+    std::lock_guard<std::mutex> guard(tunnels->lock);
+    std::vector<NmTunnelView> views;
+    view_add(&views, tunnels->web, "remote-web");
+    view_add(&views, tunnels->telnet, "remote-telnet");
+    return views;
 }

@@ -16,18 +16,23 @@ struct NmOptions {
     int udp_port = 0;   // detection; 0: any free port
     std::string serial; // the one device served; empty: any
     SimPrint print;
+    // Gets a copy of each request after it was recorded. Loop thread; returns at once.
+    std::function<void(const struct NmRequest &request)> watch;
 };
 
 // One request or datagram as received.
 struct NmRequest {
+    std::string serial; // of the device: from the path, or the body of a datagram; empty when there is none
     std::string name; // "active", "handshake", "working/services", ...; "device" for the bare path; "udp"; "?": foreign
     std::string line; // the request line; empty for a datagram
     std::vector<std::string> headers; // whole header lines in order
     std::string body;
-    std::string time;    // sim_clock() of the arrival
-    long long at_ms = 0; // monotonic_ms() of the arrival
-    int conn = 0;        // the connection that brought it, counted from 1; 0 for a datagram
-    std::string wrong;   // what is wrong with it, items joined with "; "; empty when nothing is
+    std::string time;        // sim_clock() of the arrival
+    long long at_ms = 0;     // monotonic_ms() of the arrival
+    int conn = 0;            // the connection that brought it, counted from 1; 0 for a datagram
+    std::string wrong;       // what is wrong with it, items joined with "; "; empty when nothing is
+    std::string answer;      // as shown to a person
+    bool on_purpose = false; // the answer was that of a fault
 };
 
 using NmTranscript = Transcript<NmRequest, &NmRequest::name>;
