@@ -10,6 +10,7 @@
 
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_recv.h"
+#include "monitor/monitor.h"
 #include "nm/device_init.h"
 #include "nm/heartbeat.h"
 #include "nm/init_cfg.h"
@@ -24,6 +25,7 @@
 #include "runtime/plugin_info.h"
 #include "runtime/stop.h"
 #include "runtime/text.h"
+#include "runtime/thread_watch.h"
 #include "runtime/timer.h"
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
@@ -55,6 +57,7 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //                                 |                      | wait, else rests   | of the init cfg
 //   remote_web_msg_handle_thread  | in remote_web        | lives with a tunnel| device side of the remote-web tunnel
 //   timer service                 | in timer             | waits              | watches all timers
+//   monitor, when configured      | monitor_turn         | 1 s                | state file, supervisor's socket
 //   timer threads, one per expiry | udp_handler,         | by timer, may      | nothing; NM's commands run on
 //                                 | run_status_handler,  | overlap            | udp_handler's
 //                                 | service status timer |                    |
@@ -64,8 +67,8 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 // Lock order, outermost first. Long locks are held over waits:
 //   tunnel command -> NM post -> send order of a connection
 // Short locks never are, and no long lock is taken under one:
-//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, DMA status
-//   -> device message buffer, timers -> log
+//   bring-up -> service record -> web pool -> registry -> TLS session -> settings, options, DMA status,
+//   what modules tell of themselves -> device message buffer, timers, watched threads -> log
 // A restart of the bring-up may run under the NM post lock and takes no long lock itself.
 //
 // Whose wait is it? Every wait that a thread can make, how long it lasts by itself, and what ends it early:
@@ -94,7 +97,8 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //                                | makes leave                        |                   |
 //   record lock, service file    | the device's writer                | 100 ms, two tries | s r
 //   samples, records, retries,   | time to pass                       | 10 ms to 1 s      | s r
-//   polls of the service file    |                                    |                   |
+//   polls of the service file,   |                                    |                   |
+//   turns of the monitor         |                                    |                   |
 //   doorbells, timer service     | work                               | none              | s, the bell
 //   cadence of a loop            | time to pass                       | 1 to 10 ms        | nothing
 //   short locks                  | a few instructions; the log's: one | none              | nothing
@@ -113,17 +117,22 @@ static WorkThread s_work_threads[] = {
     {"dev_msg_handle", dev_msg_handle_turn, "Create device message handle thread error!"},
 };
 
+// Only when config.ini wants a state file or names a supervisor.
+static WorkThread s_monitor_thread = {"monitor", monitor_turn, "Create monitor thread error!"};
+
 static int start_work_threads(void)
 {
     for (WorkThread &thread : s_work_threads) {
         if (work_thread_start(&thread) != 0)
             return 0;
     }
-    return 1;
+    return !monitor_is_wanted() || work_thread_start(&s_monitor_thread) == 0;
 }
 
 static bool is_every_thread_gone(void)
 {
+    if (!s_monitor_thread.exited || !s_monitor_thread.gone)
+        return false;
     for (const WorkThread &thread : s_work_threads) {
         if (!thread.exited || !thread.gone)
             return false;
@@ -317,13 +326,14 @@ static int process_start(void)
         log_error("Work threads start failed!");
         return -1;
     }
-    g_enable_init_flag = 1;
+    nm_session_begin();
     return 0;
 }
 
 static void main_loop(void)
 {
     while (!g_exit_flag) {
+        thread_watch_begin();
         stop_quit_point();
         if (g_enable_init_flag)
             device_init_pass();

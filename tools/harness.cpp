@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
@@ -63,13 +64,13 @@ static void read_console(AgentConsole *console, int fd)
 }
 
 // The binary, after the words of PLUGIN_RUNNER, which in a cross build start an emulator.
-static std::vector<std::string> command_words()
+static std::vector<std::string> command_words(const std::string &binary)
 {
     std::istringstream stream(PLUGIN_RUNNER);
     std::vector<std::string> words;
     for (std::string word; stream >> word;)
         words.push_back(word);
-    words.push_back(PLUGIN_BINARY);
+    words.push_back(binary.empty() ? PLUGIN_BINARY : binary);
     return words;
 }
 
@@ -95,7 +96,7 @@ bool agent_start(AgentProcess *agent)
     int ends[2];
     if (agent->pid > 0 || pipe2(ends, O_CLOEXEC) != 0)
         return false;
-    std::vector<std::string> words = command_words();
+    std::vector<std::string> words = command_words(agent->binary);
     std::vector<char *> arguments;
     for (std::string &word : words)
         arguments.push_back(&word[0]);
@@ -195,15 +196,14 @@ void config_set(ConfigRows *rows, const std::string &key, const std::string &val
 // Groups the rows by section, whatever their order in the table.
 static std::string config_text(const ConfigRows &rows)
 {
-    std::string text;
-    for (const char *section : {"plugin_config", "device_info"}) {
-        text += "[" + std::string(section) + "]\n";
-        for (const auto &row : rows) {
-            const size_t colon = row.first.find(':');
-            if (row.first.substr(0, colon) == section)
-                text += row.first.substr(colon + 1) + " = " + row.second + "\n";
-        }
+    std::map<std::string, std::string> sections;
+    for (const auto &row : rows) {
+        const size_t colon = row.first.find(':');
+        sections[row.first.substr(0, colon)] += row.first.substr(colon + 1) + " = " + row.second + "\n";
     }
+    std::string text;
+    for (const auto &section : sections)
+        text += "[" + section.first + "]\n" + section.second;
     return text;
 }
 

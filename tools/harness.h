@@ -25,6 +25,7 @@ struct AgentProcess {
     std::string dir;         // temporary, removed at the end
     int pid = -1;            // -1: not running
     int status = -1;         // exit status; 128 + signal number when a signal killed it; -1 while it runs
+    std::string binary;      // empty: proxy_plugin
     int descriptors_max = 0; // RLIMIT_NOFILE; 0: as in this process
     size_t seen = 0;         // where in the output agent_wait_log begins
     AgentConsole *console = nullptr;

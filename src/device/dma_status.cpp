@@ -74,6 +74,11 @@ static const char *dma_status_text(uint32_t status)
     return k_texts[DMA_OFFLINE];
 }
 
+const char *dma_status_describe(char (&cause)[DMA_CAUSE_SIZE])
+{
+    return dma_status_text(dma_status_get(cause));
+}
+
 void dma_status_send(const char *type)
 {
     if (!type) {

@@ -2,6 +2,7 @@
 // One short lock inside; any thread.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 enum DmaStatus : uint32_t {
@@ -20,6 +21,11 @@ void dma_status_set(DmaStatus status, DmaCauseRule cause_rule);
 // Sets the cause, truncated to 127 characters; a change of the whole text marks the notification as pending. Null: an
 // error line.
 void set_dma_cause(const char *cause);
+
+constexpr size_t DMA_CAUSE_SIZE = 128;
+
+// Copies the cause, and returns the status' text as the device is told it (static).
+const char *dma_status_describe(char (&cause)[DMA_CAUSE_SIZE]);
 
 // Sends "online-status-notify" when a notification is pending. Without a device link the notification is lost.
 void dma_status_notify(void);

@@ -1,12 +1,9 @@
 // dma_status_internal.h - for tests only.
 #pragma once
 
-#include <stddef.h>
 #include <stdint.h>
 
 #include "device/dma_status.h"
-
-constexpr size_t DMA_CAUSE_SIZE = 128;
 
 // Copies the cause, returns the status.
 uint32_t dma_status_get(char (&cause)[DMA_CAUSE_SIZE]);

@@ -22,7 +22,9 @@
 constexpr int32_t FAILURES_MAX = 4; // one more reads config.ini again and raises the retry stage
 
 static std::atomic<bool> s_identity_outdated{false}; // the init cfg has changed since a pass read it
-static int32_t s_init_fail_count;                    // main thread only; since the last success or forced re-read
+static std::atomic<bool> s_is_in_pass{false};
+static std::atomic<uint32_t> s_failed_passes{0}; // in a row
+static int32_t s_init_fail_count;                // main thread only; since the last success or forced re-read
 
 // Reads the init cfg and sees to the message buffers. 0, or -1 (logged).
 static int settings_take(void)
@@ -68,6 +70,7 @@ static void pass_failed(void)
 {
     dma_status_notify();
     s_init_fail_count++;
+    s_failed_passes++;
     if (s_init_fail_count > FAILURES_MAX)
         settings_give_up();
     if (s_identity_outdated)
@@ -95,7 +98,7 @@ static int nm_activate(void)
     return result;
 }
 
-void device_init_pass(void)
+static void pass_run(void)
 {
     heartbeat_reset();
     g_enable_init_flag = 0;
@@ -112,10 +115,24 @@ void device_init_pass(void)
         return;
     }
     s_init_fail_count = 0;
+    s_failed_passes = 0;
     nm_session_open(udp_handler, run_status_handler);
     dma_status_notify();
     if (s_identity_outdated)
         restart_device_init();
+}
+
+void device_init_pass(void)
+{
+    s_is_in_pass = true;
+    pass_run();
+    s_is_in_pass = false;
+}
+
+void device_init_facts_get(BringUpFacts *facts)
+{
+    facts->is_in_pass = s_is_in_pass;
+    facts->failed_passes = s_failed_passes;
 }
 
 static void identity_changed(void)

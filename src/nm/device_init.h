@@ -3,8 +3,17 @@
 // fifth failure also reads config.ini again. nm_session.h has the states.
 #pragma once
 
+#include <stdint.h>
+
 // One pass; main thread only.
 void device_init_pass(void);
+
+// How the bring-up fares, for the state that others see. Any thread.
+struct BringUpFacts {
+    bool is_in_pass;
+    uint32_t failed_passes; // in a row
+};
+void device_init_facts_get(BringUpFacts *facts);
 
 // The device says that it has changed the init cfg: forgets a redirection; then restarts the bring-up when the identity
 // differs (a pass under way, which has read the old file, does not wait for the old NM any longer), takes the other

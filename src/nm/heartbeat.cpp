@@ -1,6 +1,7 @@
 #include "nm/heartbeat.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <string.h>
 #include <strings.h>
 
@@ -29,6 +30,9 @@ static std::atomic<int32_t> s_http_nonresponse_count;
 static std::atomic<bool> s_exchange_running;
 static thread_local bool t_owns_exchange;
 
+static pthread_mutex_t s_answered_mutex = PTHREAD_MUTEX_INITIALIZER; // short
+static int64_t s_answered_ms;                                        // under it
+
 enum HeartbeatAnswer { ANSWER_OTHER, ANSWER_ACTIVE, ANSWER_ACK, ANSWER_REC };
 
 void heartbeat_reset(void)
@@ -36,6 +40,22 @@ void heartbeat_reset(void)
     s_http_mode = 0;
     s_udp_nonresponse_count = 0;
     s_http_nonresponse_count = 0;
+}
+
+static void answered_note(void)
+{
+    pthread_mutex_lock(&s_answered_mutex);
+    s_answered_ms = wait_now_ms();
+    pthread_mutex_unlock(&s_answered_mutex);
+}
+
+void heartbeat_facts_get(HeartbeatFacts *facts)
+{
+    facts->is_over_http = s_http_mode != 0;
+    facts->misses = (uint32_t)(s_http_mode ? s_http_nonresponse_count : s_udp_nonresponse_count);
+    pthread_mutex_lock(&s_answered_mutex);
+    facts->answered_ms = s_answered_ms;
+    pthread_mutex_unlock(&s_answered_mutex);
 }
 
 static HeartbeatAnswer answer_word(const char *word)
@@ -108,6 +128,7 @@ int heartbeat_answered(const char *answer, HeartbeatAfter *after)
         http_miss_count();
         return -1;
     }
+    answered_note();
     s_http_nonresponse_count = 0;
     HeartbeatAnswer word = http_answer_read(answer);
     if (word == ANSWER_REC)
@@ -147,6 +168,7 @@ static int udp_post(const char *body, size_t len)
         return 0;
     if (answer == ANSWER_OTHER)
         return -1;
+    answered_note();
     if (answer == ANSWER_REC) {
         restart_asked_by_nm();
         return 0;

@@ -1,9 +1,12 @@
 #include "nm/nm_session.h"
 
 #include <pthread.h>
+#include <sys/random.h>
 
 #include "device/dma_status.h"
 #include "runtime/log.h"
+#include "runtime/options.h"
+#include "runtime/wait.h"
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
 #include "transport/nm_wait.h"
@@ -19,6 +22,7 @@ std::atomic<uint8_t> g_init_done{0};
 static_assert(std::atomic<uint8_t>::is_always_lock_free, "stored by the alarm's handler");
 
 static std::atomic<int32_t> s_retry_stage;
+static std::atomic<uint32_t> s_next_pass; // when the alarm comes, ms, wraps
 
 static void no_callback(PluginTimer *)
 {
@@ -38,12 +42,44 @@ static void on_enable_init_alarm(int)
 static void pass_arm(int delay_ms)
 {
     log_debug("Start timer for 'enable_init_flag', len: %d ms", delay_ms);
+    s_next_pass = (uint32_t)(wait_now_ms() + delay_ms);
     (void)start_alarm_timer(delay_ms, on_enable_init_alarm);
+}
+
+// A random time of at most start_spread_s, in whole seconds as the alarm counts them.
+static int spread_ms(void)
+{
+    Options options;
+    options_get(&options);
+    uint32_t random = (uint32_t)wait_now_ms(); // young machines may have no better one yet
+    if (options.start_spread_s <= 0)
+        return 0;
+    ssize_t got = getrandom(&random, sizeof(random), GRND_NONBLOCK);
+    (void)got;
+    return (int)(random % ((uint32_t)options.start_spread_s + 1)) * 1000;
+}
+
+void nm_session_begin(void)
+{
+    int delay_ms = spread_ms();
+    g_enable_init_flag = delay_ms == 0;
+    if (delay_ms > 0) {
+        log_info("The first bring-up pass comes in %d s.", delay_ms / 1000);
+        pass_arm(delay_ms);
+    }
 }
 
 void nm_session_retry_arm(void)
 {
     pass_arm(k_retry_delays_ms[s_retry_stage]);
+}
+
+int nm_session_next_pass_ms(void)
+{
+    if (g_init_done || g_enable_init_flag)
+        return -1;
+    int32_t left_ms = (int32_t)(s_next_pass - (uint32_t)wait_now_ms());
+    return left_ms > 0 ? left_ms : -1;
 }
 
 void nm_session_retry_slow_down(void)
@@ -108,7 +144,7 @@ void restart_device_init(void)
     g_restart_count++;
     nm_session_retry_reset();
     conn_remove_all_but_device();
-    pass_arm(RESTART_DELAY_MS);
+    pass_arm(RESTART_DELAY_MS + spread_ms());
     pthread_mutex_lock(&s_bring_up_mutex);
     if (!g_init_done) { // unless a new pass came online while we were closing
         stop_timer(&s_udp_detection_timer);

@@ -10,6 +10,7 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_send.h"
@@ -54,6 +55,7 @@ static void ways_clear(void)
 static void tunnel_destroy_locked(void)
 {
     s_running = 0;
+    tunnel_facts_close(TUNNEL_TELNET);
     half_tunnel_close(REMOTE_TELNET_SERVER, REMOTE_TELNET_DEVICE);
 }
 
@@ -187,6 +189,7 @@ static int start_locked(const TunnelRequest *request)
         return -1;
     }
     ways_clear();
+    tunnel_facts_open(TUNNEL_TELNET);
     s_running = 1;
     wait_bell_ring(&s_bell);
     log_info("Authentication/INIT sucessfully!"); // sic
@@ -234,6 +237,8 @@ static RelayResult way_send(RelayWay *way, const SocketConn *to)
     int sent = conn_send_some(to, way->bytes + way->sent, way->len - way->sent, &way->send_events);
     if (sent > 0)
         way->sent += (size_t)sent;
+    if (sent > 0 && way == &s_to_nm)
+        tunnel_facts_add(TUNNEL_TELNET, 0, (uint64_t)sent, 0);
     return sent < 0 ? RELAY_DONE : RELAY_ON;
 }
 
@@ -269,6 +274,7 @@ static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, bool *nm_e
     if (len < 1)
         return read_failed(nm, len, errno);
     log_debug("Receive remote-telnet message from NM, len: %d.", len);
+    tunnel_facts_add(TUNNEL_TELNET, (uint64_t)len, 0, 0);
     s_to_device.bytes[len] = '\0';
     if (!remote_telnet_is_init(s_to_device.bytes))
         return way_begin(&s_to_device, len, device);
@@ -282,7 +288,10 @@ static RelayResult nm_relay(const SocketConn *nm, SocketConn *device, bool *nm_e
 static int stream_send(const SocketConn *nm, const char *bytes, size_t len)
 {
     SendPart part = {bytes, len};
-    return conn_send(nm, SEND_STREAM, &part, 1) < 0 ? -1 : 0;
+    if (conn_send(nm, SEND_STREAM, &part, 1) < 0)
+        return -1;
+    tunnel_facts_add(TUNNEL_TELNET, 0, len, 0);
+    return 0;
 }
 
 // Sends the device's last bytes to NM. They can still be read from the held connection after its shutdown.
@@ -328,6 +337,7 @@ static RelayResult relay_step(const SocketConn *nm, SocketConn *device)
     bool nm_ended = false; // an end stays readable; the liveness test of the next step deals with it
     RelayResult result = RELAY_ON;
     while (result == RELAY_ON && s_running && !wait_is_cut()) {
+        thread_watch_begin(); // the step lasts as long as bytes move
         ConnWant sides[2] = {side_want(nm, !nm_ended, &s_to_device, &s_to_nm),
                              side_want(device, true, &s_to_nm, &s_to_device)};
         if (conns_wait(sides, 2, RELAY_WAIT_MS) == 0)

@@ -12,6 +12,7 @@
 #include "remote/web_upload.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "transport/conn_registry.h"
 #include "transport/conn_wait.h"
@@ -53,6 +54,7 @@ static int resources_set_up(void)
 static void remote_web_tunnel_destroy(void)
 {
     s_running = 0;
+    tunnel_facts_close(TUNNEL_WEB);
     web_pool_close();
     web_upload_close();
     if (conn_info_get(REMOTE_WEB_SERVER).status != DISCONNECTED)
@@ -69,6 +71,7 @@ static int authenticate_locked(const TunnelRequest *request)
         return -1;
     }
     s_received_len = 0;
+    tunnel_facts_open(TUNNEL_WEB); // before the device side may answer
     web_pool_nm_set(&nm);
     return 0;
 }
@@ -167,6 +170,7 @@ static bool receive(const SocketConn *nm)
         return receive_failed(nm, len, len < 0 ? errno : 0);
     log_debug("Receive remote-web message from: %s:%s, len:%d", nm->remote_ip, nm->remote_port, len);
     s_received_len += (size_t)len;
+    tunnel_facts_add(TUNNEL_WEB, (uint64_t)len, 0, 0);
     frames_extract();
     return true;
 }
@@ -174,6 +178,7 @@ static bool receive(const SocketConn *nm)
 // One turn of the receive loop; false when it is to be left.
 static bool receive_turn(const SocketConn *nm)
 {
+    thread_watch_begin(); // the turn of the thread lasts as long as the tunnel
     int readable = receive_wait(nm);
     if (wait_is_cut())
         return false;

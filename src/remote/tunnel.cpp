@@ -14,6 +14,9 @@ constexpr int WEB_SERVER_BUFFER_SIZE = 32768; // bytes, each direction; the othe
 constexpr uint32_t PORT_LIMIT = 65536;
 constexpr size_t AUTH_TEXT_SIZE = 4096; // four texts of 511 characters at most, a number and the frame
 
+static pthread_mutex_t s_facts_mutex = PTHREAD_MUTEX_INITIALIZER; // short
+static TunnelFacts s_facts[TUNNEL_TELNET + 1];                    // under s_facts_mutex, by kind
+
 // 0 when registered, or when a TLS handshake was cut short; -1 (logged) without a connection.
 static int half_tunnel_open(ConnectionType type, const TunnelPeer *peer, ConnSecurity security)
 {
@@ -165,4 +168,47 @@ int tunnel_command_handle(const TunnelCommands *tunnel, const char *payload)
     }
     tunnel_unlock(tunnel->lock, &before);
     return result;
+}
+
+static void facts_get(TunnelKind kind, TunnelFacts *facts)
+{
+    pthread_mutex_lock(&s_facts_mutex);
+    *facts = s_facts[kind];
+    pthread_mutex_unlock(&s_facts_mutex);
+}
+
+void remote_web_facts_get(TunnelFacts *facts)
+{
+    facts_get(TUNNEL_WEB, facts);
+}
+
+void remote_telnet_facts_get(TunnelFacts *facts)
+{
+    facts_get(TUNNEL_TELNET, facts);
+}
+
+void tunnel_facts_open(TunnelKind kind)
+{
+    pthread_mutex_lock(&s_facts_mutex);
+    s_facts[kind] = {true, wait_now_ms(), 0, 0, 0};
+    pthread_mutex_unlock(&s_facts_mutex);
+}
+
+void tunnel_facts_add(TunnelKind kind, uint64_t from_nm, uint64_t to_nm, uint32_t ids)
+{
+    pthread_mutex_lock(&s_facts_mutex);
+    TunnelFacts *facts = &s_facts[kind];
+    if (facts->is_open) {
+        facts->from_nm += from_nm;
+        facts->to_nm += to_nm;
+        facts->ids += ids;
+    }
+    pthread_mutex_unlock(&s_facts_mutex);
+}
+
+void tunnel_facts_close(TunnelKind kind)
+{
+    pthread_mutex_lock(&s_facts_mutex);
+    s_facts[kind].is_open = false;
+    pthread_mutex_unlock(&s_facts_mutex);
 }

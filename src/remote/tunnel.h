@@ -67,3 +67,23 @@ struct TunnelCommands {
 // start_locked's result; 0 after a stop; -1 for text that is not JSON, a bad port or a missing field (all logged), and
 // when the wait for the lock was cut short. The request's port is NM's, plus one when NM is reached over https.
 int tunnel_command_handle(const TunnelCommands *tunnel, const char *payload);
+
+enum TunnelKind : uint8_t { TUNNEL_WEB = 0, TUNNEL_TELNET = 1 };
+
+// What a tunnel has carried, authentication not counted. A tunnel is open from its authentication (telnet: until both
+// halves stand) to its end; when it is not, the values are the last one's, and 0 before the first. Counted always.
+struct TunnelFacts {
+    bool is_open;
+    int64_t since_ms;        // monotonic clock (wait_now_ms)
+    uint64_t from_nm, to_nm; // bytes on NM's half; web: with the frame headers
+    uint32_t ids;            // web: msg_ids that got a slot, each use counted; telnet: 0
+};
+
+// Any thread; a short lock inside.
+void remote_web_facts_get(TunnelFacts *facts);
+void remote_telnet_facts_get(TunnelFacts *facts);
+
+// Written by the tunnels. open begins anew; add does nothing while the tunnel is not open.
+void tunnel_facts_open(TunnelKind kind);
+void tunnel_facts_add(TunnelKind kind, uint64_t from_nm, uint64_t to_nm, uint32_t ids);
+void tunnel_facts_close(TunnelKind kind);

@@ -5,10 +5,12 @@
 #include <poll.h>
 #include <stdlib.h>
 
+#include "remote/tunnel.h"
 #include "remote/web_pool.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/stop.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
 #include "transport/conn_registry.h"
@@ -44,12 +46,20 @@ static void response_reset(Response *response)
     *response = {};
 }
 
+// One frame to NM, counted when it went out. 0, or -1: NM's connection is shut down then, which is logged there.
+static int frame_transmit(const SocketConn *nm, const uint8_t *bytes, size_t len, const uint8_t *msg_id, uint8_t type)
+{
+    if (remote_web_rsp_transmit_privately(nm, bytes, (uint32_t)len, msg_id, type) != 0)
+        return -1;
+    tunnel_facts_add(TUNNEL_WEB, 0, WEB_HEADER_SIZE + len, 0);
+    return 0;
+}
+
 static void slot_finish(int index, const WebSlot *slot, const SocketConn *nm)
 {
-    // Ended first: if the NM side has connected the msg_id anew, that must not be reported as closed. A frame that NM
-    // does not accept ends NM's connection, which is logged there.
+    // Ended first: if the NM side has connected the msg_id anew, that must not be reported as closed.
     if (web_slot_end(index, slot->conn.ref))
-        (void)remote_web_rsp_transmit_privately(nm, nullptr, 0, slot->msg_id, MSG_TYPE_DEV_DESTROY);
+        (void)frame_transmit(nm, nullptr, 0, slot->msg_id, MSG_TYPE_DEV_DESTROY);
 }
 
 // Sends the next frame of what was read. A frame that failed with its NM connection is kept for the next connection.
@@ -58,8 +68,7 @@ static void frame_send(const Responses *all, int index, Response *response, cons
     size_t len = response->len - response->sent;
     if (len > all->frame_cap)
         len = all->frame_cap;
-    if (remote_web_rsp_transmit_privately(nm, response->bytes + response->sent, (uint32_t)len, slot->msg_id,
-                                          MSG_TYPE_RESP) == 0)
+    if (frame_transmit(nm, response->bytes + response->sent, len, slot->msg_id, MSG_TYPE_RESP) == 0)
         response->sent += len;
     if (response->sent == response->len)
         web_slot_answering_set(index, slot->binding, false);
@@ -202,6 +211,7 @@ static WaitResult slots_turn(Responses *all, const SocketConn *nm)
 static void responses_serve(Responses *all)
 {
     while (g_web_pool_generation == all->generation && !g_exit_flag) {
+        thread_watch_begin();
         SocketConn nm;
         WaitResult waited = WAIT_CUT;
         if (web_pool_nm_hold(all->generation, &nm)) {
@@ -241,6 +251,7 @@ static void *remote_web_msg_handle_thread(void *arg)
     } else {
         log_error("malloc error!");
     }
+    thread_watch_leave();
     s_running--;
     return nullptr;
 }

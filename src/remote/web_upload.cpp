@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 
 #include "remote/byte_queue.h"
+#include "remote/tunnel.h"
 #include "remote/web_pool.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
@@ -246,6 +247,7 @@ static int slot_obtain(const uint8_t *msg_id, WebSlot *slot)
         index = web_slot_bind(msg_id);
         if (index < 0)
             return -1;
+        tunnel_facts_add(TUNNEL_WEB, 0, 0, 1);
         upload_settle(index); // the slot may have been ended, with bytes left in its queue, just now
         web_slot_hold(index, slot);
     }

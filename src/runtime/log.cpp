@@ -34,11 +34,14 @@ constexpr size_t PREFIX_SIZE = 256;
 constexpr size_t FORMAT_SIZE = 1024; // joined format, truncated to this; its expanded arguments never are
 constexpr size_t TAIL_SIZE = 8;      // colour reset and newline, also behind a truncated format
 constexpr int SWAP_LIMIT_MS = 200;
+constexpr size_t PROBLEM_SIZE = 128;
 
 // Readers: every line around its outputs. Writer: the swap of the stream, which the lock guards.
 static pthread_rwlock_t s_lock;
 static FILE *s_stream;
 static thread_local bool t_is_swap_owner; // this thread holds s_lock as writer: its own lines must not take it
+
+static thread_local char t_problem[PROBLEM_SIZE];
 
 static std::atomic<LogMode> s_mode{LOG_MODE_SYSLOG};
 static std::atomic<bool> s_is_muted{false};
@@ -169,6 +172,21 @@ static void line_write(const LogLevel *level, const char *fmt, va_list args)
     errno = saved_errno;
 }
 
+static void problem_note(const char *fmt, va_list args)
+{
+    int saved_errno = errno;
+    va_list copy;
+    va_copy(copy, args);
+    (void)text_vformat(t_problem, sizeof(t_problem), fmt, copy);
+    va_end(copy);
+    errno = saved_errno;
+}
+
+const char *log_last_problem(void)
+{
+    return t_problem;
+}
+
 void log_debug(const char *fmt, ...)
 {
     if (!is_written(&k_debug))
@@ -191,21 +209,21 @@ void log_info(const char *fmt, ...)
 
 void log_warn(const char *fmt, ...)
 {
-    if (!is_written(&k_warn))
-        return;
     va_list args;
     va_start(args, fmt);
-    line_write(&k_warn, fmt, args);
+    problem_note(fmt, args);
+    if (is_written(&k_warn))
+        line_write(&k_warn, fmt, args);
     va_end(args);
 }
 
 void log_error(const char *fmt, ...)
 {
-    if (!is_written(&k_error))
-        return;
     va_list args;
     va_start(args, fmt);
-    line_write(&k_error, fmt, args);
+    problem_note(fmt, args);
+    if (is_written(&k_error))
+        line_write(&k_error, fmt, args);
     va_end(args);
 }
 

@@ -19,6 +19,10 @@ void log_info(const char *fmt, ...) __attribute__((format(printf, 1, 2)));  // a
 void log_warn(const char *fmt, ...) __attribute__((format(printf, 1, 2)));  // above 3: unexpected, but handled
 void log_error(const char *fmt, ...) __attribute__((format(printf, 1, 2))); // above 2: this operation failed
 
+// The calling thread's last line of log_warn or log_error, written or not, without time and level and truncated to 127
+// bytes; "" before the first. Valid until the thread's next one.
+const char *log_last_problem(void);
+
 // What follows is for log_file only, which swaps the stream under the log lock.
 enum LogMode { LOG_MODE_SYSLOG = 0, LOG_MODE_FILE = 1 };
 

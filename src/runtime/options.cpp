@@ -21,6 +21,7 @@ struct OptionKey {
 #define OPTION_INT(key, field, fallback, min, max) (OptionKey{key, offsetof(Options, field), 0, fallback, min, max})
 
 static const OptionKey k_keys[] = {
+    OPTION_INT("plugin_config:start_spread_s", start_spread_s, 0, 0, 3600),
     OPTION_TEXT("monitor:state_file", monitor.state_file),
     OPTION_TEXT("monitor:notify_socket", monitor.notify_socket),
     OPTION_INT("monitor:stuck_s", monitor.stuck_s, 300, 1, 86400),

@@ -15,6 +15,7 @@ struct MonitorOptions {                // [monitor]
 };
 
 struct Options {
+    int32_t start_spread_s; // [plugin_config] 0 to 3600, 0: none, see nm_session.h
     MonitorOptions monitor;
 };
 

@@ -8,6 +8,7 @@
 
 #include "runtime/log.h"
 #include "runtime/stop.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "runtime/work_thread.h"
 
@@ -48,8 +49,10 @@ static void *callback_body(void *arg)
     pthread_mutex_lock(&s_mutex);
     TimerSlot expired = *(TimerSlot *)arg;
     pthread_mutex_unlock(&s_mutex);
+    thread_watch_name("timer");
     if (!stop_requested())
         expired.handler(expired.record);
+    thread_watch_leave();
     s_callbacks_running--;
     return nullptr;
 }

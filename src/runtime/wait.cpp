@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "runtime/stop.h"
+#include "runtime/thread_watch.h"
 
 constexpr int WAIT_FDS_MAX = 12;
 constexpr int SLICE_MS = 50; // of a wait that a call-off may end, or that runs a step
@@ -177,7 +178,9 @@ void wait_bell_ring(WaitBell *bell)
 
 WaitResult wait_bell(WaitBell *bell, int timeout_ms)
 {
+    thread_watch_rest();
     WaitResult result = wait_fd(bell->fd, POLLIN, timeout_ms);
+    thread_watch_begin();
     if (result == WAIT_READY) {
         uint64_t rings;
         ssize_t got = read(bell->fd, &rings, sizeof(rings));

@@ -7,6 +7,7 @@
 
 #include "runtime/log.h"
 #include "runtime/stop.h"
+#include "runtime/thread_watch.h"
 
 constexpr size_t STACK_SIZE = 512 * 1024;
 
@@ -64,6 +65,7 @@ int create_work_thread(void *(*body)(void *), void *arg)
 void work_thread_set_name(const char *name)
 {
     prctl(PR_SET_NAME, name); // truncates; pthread_setname_np would refuse a long name
+    thread_watch_name(name);
 }
 
 static void *work_thread_body(void *arg)
@@ -72,8 +74,11 @@ static void *work_thread_body(void *arg)
     work_thread_set_name(thread->name);
     log_info("%s thread started.", thread->name);
     thread->exited = 0;
-    while (!g_exit_flag)
+    while (!g_exit_flag) {
+        thread_watch_begin();
         thread->turn();
+    }
+    thread_watch_leave();
     thread->exited = 1;
     log_info("%s thread exited.", thread->name);
     thread->gone = 1;

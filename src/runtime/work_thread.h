@@ -21,5 +21,6 @@ struct WorkThread {
 // Starts the thread. 0, or -1 (create_work_thread's line, then start_failed).
 int work_thread_start(WorkThread *thread);
 
-// Names the calling thread, truncated to 15 characters.
+// Names the calling thread, for the kernel truncated to 15 characters, and has it watched (thread_watch.h). Threads
+// that end, other than those of the table, call thread_watch_leave.
 void work_thread_set_name(const char *name);

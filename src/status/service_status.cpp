@@ -13,6 +13,7 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 #include "runtime/text.h"
+#include "runtime/thread_watch.h"
 #include "runtime/wait.h"
 #include "status/service_status_internal.h"
 #include "transport/nm_post.h"
@@ -126,6 +127,11 @@ void service_status_start(void)
 void service_status_stop(void)
 {
     enabled_set(false);
+}
+
+bool service_status_is_enabled(void)
+{
+    return service_settings_get().enabled;
 }
 
 int32_t service_status_period_get(void)
@@ -248,6 +254,7 @@ void service_records_read(int fd, ServiceRecordSink sink, void *arg)
 static void record_post(const char *record, void *arg)
 {
     (void)arg;
+    thread_watch_begin(); // a long file is many records, each a unit of work
     PluginInfo info;
     plugin_info_get(&info);
     (void)text_fmt(s_buf.envelope, "{\n\t\"ver\":\"%s\",\n\t\"deviceSn\":\"%s\",\n\t\"%s\":%s\n}",

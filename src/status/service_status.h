@@ -23,6 +23,8 @@ void service_status_disable(void);
 void service_status_start(void);
 void service_status_stop(void);
 
+bool service_status_is_enabled(void);
+
 // Strategy values in force, and NM's change of them: logs a change of the period and lets the timer start anew.
 int32_t service_status_period_get(void);
 int32_t service_status_limit_get(void);

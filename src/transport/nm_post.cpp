@@ -34,6 +34,40 @@ static HeartbeatAnswered s_heartbeat_answered; // set at start-up, before any re
 static const char *const k_report_tails[] = {"heartbeat", "runstatus", "working/services", "callhistory"};
 static_assert(sizeof(k_report_tails) / sizeof(k_report_tails[0]) == REPORT_TYPE_COUNT, "one path per report type");
 
+static pthread_mutex_t s_facts_mutex = PTHREAD_MUTEX_INITIALIZER; // short
+static PostFacts s_facts;                                         // under it
+
+void nm_post_facts_get(PostFacts *facts)
+{
+    pthread_mutex_lock(&s_facts_mutex);
+    *facts = s_facts;
+    pthread_mutex_unlock(&s_facts_mutex);
+}
+
+// Counts a post with this result of its request, and returns the result.
+static int post_note(int result)
+{
+    if (result < 0 && wait_is_cut())
+        return result;
+    pthread_mutex_lock(&s_facts_mutex);
+    if (result >= 0) {
+        s_facts.sent++;
+    } else {
+        s_facts.failed++;
+        s_facts.failed_ms = wait_now_ms();
+        (void)text_set(s_facts.failure, log_last_problem());
+    }
+    pthread_mutex_unlock(&s_facts_mutex);
+    return result;
+}
+
+static void report_note(uint32_t type)
+{
+    pthread_mutex_lock(&s_facts_mutex);
+    s_facts.reports[type]++;
+    pthread_mutex_unlock(&s_facts_mutex);
+}
+
 void nm_post_heartbeat_answered_set(HeartbeatAnswered answered)
 {
     s_heartbeat_answered = answered;
@@ -147,12 +181,8 @@ static int kept_exchange(const SocketConn *conn, const char *local_ip, const cha
     return http_answer_take(rsp, rsp_cap);
 }
 
-int http_post_nm(const char *path, const char *body, char *rsp, size_t rsp_cap)
+static int kept_post(const char *path, const char *body, char *rsp, size_t rsp_cap)
 {
-    if (!path || !body || body[0] == '\0' || !rsp || rsp_cap == 0) {
-        log_error("Invalid parameters!");
-        return -1;
-    }
     PluginInfo nm;
     plugin_info_get(&nm);
     SocketConn conn = {};
@@ -168,13 +198,22 @@ int http_post_nm(const char *path, const char *body, char *rsp, size_t rsp_cap)
     return result;
 }
 
+int http_post_nm(const char *path, const char *body, char *rsp, size_t rsp_cap)
+{
+    if (!path || !body || body[0] == '\0' || !rsp || rsp_cap == 0) {
+        log_error("Invalid parameters!");
+        return -1;
+    }
+    return post_note(kept_post(path, body, rsp, rsp_cap));
+}
+
 int nm_http_post(const char *path, const char *body, char *rsp, size_t rsp_cap)
 {
     PluginInfo nm;
     plugin_info_get(&nm);
     char headers[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE];
     nm_headers_fill(&nm, headers);
-    return http_post_private(&nm, path, headers, NM_HEADER_COUNT, body, rsp, rsp_cap);
+    return post_note(http_post_private(&nm, path, headers, NM_HEADER_COUNT, body, rsp, rsp_cap));
 }
 
 int nm_send_device_response(const char *path, const char *msg, char *rsp, size_t rsp_cap, int *rsp_len)
@@ -184,7 +223,7 @@ int nm_send_device_response(const char *path, const char *msg, char *rsp, size_t
     char headers[NM_HEADER_COUNT][HTTP_HEADER_SLOT_SIZE];
     nm_headers_fill(&nm, headers);
     log_info("Sending device response to NM, uri: %s, header: %s,%s, msg: %s", path, headers[0], headers[1], msg);
-    int result = http_post_private(&nm, path, headers, NM_HEADER_COUNT, msg, rsp, rsp_cap);
+    int result = post_note(http_post_private(&nm, path, headers, NM_HEADER_COUNT, msg, rsp, rsp_cap));
     if (result < 0) {
         if (!stop_requested()) // else NM refused nothing
             log_warn("Sending device response to NM failed. response: %s", rsp);
@@ -201,8 +240,10 @@ static int report_post_locked(uint32_t type, const char *path, const char *body,
     int len = http_post_nm(path, body, rsp, sizeof(rsp));
     if (wait_is_cut())
         return -1; // neither an answer nor a missing one
-    if (len >= 0)
+    if (len >= 0) {
+        report_note(type);
         log_debug("Post http message to nm result, len: %d, rsp: %s", len, rsp);
+    }
     if (type == REPORT_HEARTBEAT)
         return s_heartbeat_answered(len >= 0 ? rsp : nullptr, after);
     return len >= 0 ? 0 : -1;

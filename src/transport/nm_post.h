@@ -43,6 +43,18 @@ constexpr uint32_t REPORT_TYPE_COUNT = 4;
 // its three words). A heartbeat may run a command of NM or restart the bring-up. Any thread but main.
 int tx_nms_message(uint32_t type, const char *body, size_t len);
 
+// How the posts fare, for the state that others see; a post that a stop or restart cut short does not count. Any
+// thread.
+constexpr size_t POST_FAILURE_SIZE = 128;
+struct PostFacts {
+    uint32_t sent; // answered
+    uint32_t failed;
+    int64_t failed_ms;                   // the last failure, on the monotonic clock; 0: none yet
+    char failure[POST_FAILURE_SIZE];     // its log line
+    uint32_t reports[REPORT_TYPE_COUNT]; // answered, by type
+};
+void nm_post_facts_get(PostFacts *facts);
+
 // What a heartbeat's answer leads to is decided above: NM may have a command, or want a restart. Called under
 // g_nm_post_mutex with NM's answer, null when there was none; the result is that of tx_nms_message. *after, null
 // before, is called once the lock is released. Set at start-up.

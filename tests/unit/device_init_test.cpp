@@ -7,6 +7,7 @@
 #include "nm/nm_msg_table.h"
 #include "nm/nm_session.h"
 #include "peers.h"
+#include "runtime/plugin_config.h"
 
 // A working directory with both input files, NM, and a listening device.
 struct World {
@@ -127,5 +128,26 @@ TEST(DeviceInit, IdentityChangesDuringAPass)
         EXPECT_LE(alarm(0), 10u);
         conn_remove_all();
     }
+    world_end(&w);
+}
+
+// With start_spread_s the passes at start and after a restart come later by a random time; one in 3,601 is none.
+TEST(DeviceInit, StartsAreSpread)
+{
+    World w;
+    world_begin(&w);
+    nm_session_begin();
+    EXPECT_EQ(1, g_enable_init_flag);
+    std::ofstream("config.ini", std::ios::app) << "start_spread_s = 3600\n";
+    LogLines log;
+    read_plugin_config();
+    nm_session_begin();
+    EXPECT_EQ(0, g_enable_init_flag);
+    EXPECT_GT(nm_session_next_pass_ms(), 0);
+    g_init_done = 1;
+    restart_device_init();
+    EXPECT_EQ(1, log.count("The first bring-up pass comes in "));
+    EXPECT_EQ(0, log.count("len: 10000 ms\n"));
+    EXPECT_EQ(2, log.count("Start timer for 'enable_init_flag'"));
     world_end(&w);
 }
