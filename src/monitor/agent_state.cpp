@@ -15,13 +15,19 @@ static void time_add(cJSON *object, const char *name, time_t when)
         cJSON_AddStringToObject(object, name, text);
 }
 
+static void seconds_add(cJSON *object, const char *name, int64_t ms)
+{
+    int64_t whole_s = ms / 1000;
+    cJSON_AddNumberToObject(object, name, (double)whole_s);
+}
+
 // Seconds between a moment (0: it never came) and now.
 static void age_add(cJSON *object, const char *name, int64_t then_ms, int64_t now_ms)
 {
     if (then_ms == 0)
         cJSON_AddNullToObject(object, name);
     else
-        cJSON_AddNumberToObject(object, name, (double)((now_ms - then_ms) / 1000));
+        seconds_add(object, name, now_ms - then_ms);
 }
 
 static void process_add(cJSON *root, int64_t begin_ms, int64_t now_ms)
@@ -47,7 +53,7 @@ static void session_add(cJSON *root, const AgentState *state)
     if (state->next_pass_ms < 0)
         cJSON_AddNullToObject(root, "next_pass_s");
     else
-        cJSON_AddNumberToObject(root, "next_pass_s", (state->next_pass_ms + 999) / 1000);
+        seconds_add(root, "next_pass_s", state->next_pass_ms + 999);
 }
 
 static void peers_add(cJSON *root, const AgentFacts *facts, int64_t now_ms)
@@ -100,7 +106,7 @@ static void threads_add(cJSON *root, const AgentState *state)
         cJSON *thread = cJSON_CreateObject();
         cJSON_AddStringToObject(thread, "name", state->threads[i].name);
         cJSON_AddBoolToObject(thread, "working", state->threads[i].is_working);
-        cJSON_AddNumberToObject(thread, "working_s", state->threads[i].working_ms / 1000);
+        seconds_add(thread, "working_s", state->threads[i].working_ms);
         cJSON_AddItemToArray(threads, thread);
     }
 }

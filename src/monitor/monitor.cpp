@@ -37,6 +37,8 @@ bool monitor_is_wanted(void)
 static void state_write(void)
 {
     bool is_due = s_written_ms == 0 || s_state.now_ms - s_written_ms >= REPEAT_MS;
+    // Both were zeroed with their padding.
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison,cert-exp42-c,cert-flp37-c)
     if (!is_due && memcmp(&s_written, &s_state.facts, sizeof(s_written)) == 0)
         return;
     char *text = agent_state_json(&s_state, s_begin_ms);

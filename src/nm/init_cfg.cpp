@@ -431,6 +431,56 @@ static int identity_compare(const cJSON *root, const PluginInfo *info)
     return is_missing;
 }
 
+// Keys that are read one by one.
+static const CfgKey k_single_keys[] = {
+    {"method", CFG_TEXT, CFG_FIELD(nm_method)}, {"host", CFG_TEXT, CFG_FIELD(nm_ip)},
+    {"port", CFG_TEXT, CFG_FIELD(nm_port)},     {"interface", CFG_TEXT, CFG_FIELD(interface)},
+    {"localIp", CFG_TEXT, CFG_FIELD(local_ip)}, {"ver", CFG_TEXT, CFG_FIELD(protocol_version)},
+};
+static const CfgKey k_limit_keys[] = {
+    {"max_dev_msg_size", CFG_INT, CFG_FIELD(max_dev_msg_size)},
+    {"dev_msg_buffer_size", CFG_INT, CFG_FIELD(dev_msg_buffer_size)},
+    {"log_path", CFG_TEXT, CFG_FIELD(plugin_log_path)},
+    {"max_files", CFG_INT, CFG_FIELD(max_log_file_number)},
+    {"max_size", CFG_INT, CFG_FIELD(max_log_file_size)},
+};
+
+// Fields of limits are numbers, the others texts.
+static void key_describe(const CfgKey *cfg, bool is_required, bool is_limit, const PluginInfo *info,
+                         InitCfgKeyInfo *key)
+{
+    const char *field = (const char *)info + cfg->offset;
+    bool is_number_field = is_limit && cfg->kind == CFG_INT;
+    *key = {cfg->key, is_required, cfg->kind == CFG_TEXT ? cfg->size - 1 : 0, ""};
+    if (is_number_field)
+        (void)text_fmt(key->value, "%d", *(const int32_t *)(const void *)field);
+    else
+        (void)text_set(key->value, field);
+}
+
+bool init_cfg_key_at(size_t index, const PluginInfo *info, InitCfgKeyInfo *key)
+{
+    static const struct {
+        const CfgKey *keys;
+        size_t count;
+        bool is_required, is_limit;
+    } k_tables[] = {
+        {k_single_keys, sizeof(k_single_keys) / sizeof(k_single_keys[0]), true, false},
+        {k_identity_keys, sizeof(k_identity_keys) / sizeof(k_identity_keys[0]), true, false},
+        {k_service_keys, sizeof(k_service_keys) / sizeof(k_service_keys[0]), true, false},
+        {k_optional_keys, sizeof(k_optional_keys) / sizeof(k_optional_keys[0]), false, false},
+        {k_limit_keys, sizeof(k_limit_keys) / sizeof(k_limit_keys[0]), false, true},
+    };
+    for (const auto &table : k_tables) {
+        if (index < table.count) {
+            key_describe(&table.keys[index], table.is_required, table.is_limit, info, key);
+            return true;
+        }
+        index -= table.count;
+    }
+    return false;
+}
+
 int init_cfg_compare(void)
 {
     bool is_unreadable;

@@ -1,9 +1,11 @@
 #include "runtime/log.h"
+#include "runtime/log_internal.h"
 
 #include <atomic>
 #include <errno.h>
 #include <pthread.h>
 #include <stdarg.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -40,6 +42,8 @@ constexpr size_t PROBLEM_SIZE = 128;
 static pthread_rwlock_t s_lock;
 static FILE *s_stream;
 static thread_local bool t_is_swap_owner; // this thread holds s_lock as writer: its own lines must not take it
+
+static LogSink s_sink; // null in the agent
 
 static thread_local char t_problem[PROBLEM_SIZE];
 
@@ -152,14 +156,33 @@ static void outputs_write(const LogLevel *level, int32_t log_std, LogMode mode, 
         pthread_rwlock_unlock(&s_lock);
 }
 
+void log_sink_set(LogSink sink)
+{
+    s_sink = sink;
+}
+
 static bool is_written(const LogLevel *level)
 {
-    return g_log_level > level->threshold && !s_is_muted;
+    return s_sink || (g_log_level > level->threshold && !s_is_muted);
+}
+
+static void sink_write(const LogLevel *level, const char *fmt, va_list args)
+{
+    char *line;
+    if (vasprintf(&line, fmt, args) < 0)
+        return;
+    s_sink(level->priority, line);
+    free(line);
 }
 
 static void line_write(const LogLevel *level, const char *fmt, va_list args)
 {
     int saved_errno = errno;
+    if (s_sink) {
+        sink_write(level, fmt, args);
+        errno = saved_errno;
+        return;
+    }
     int32_t log_std = g_log_std;
     LogMode mode = s_mode;
     if (mode == LOG_MODE_SYSLOG && log_std != 1) {

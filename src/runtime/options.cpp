@@ -1,4 +1,5 @@
 #include "runtime/options.h"
+#include "runtime/plugin_config_internal.h"
 
 #include <errno.h>
 #include <iniparser.h>
@@ -26,6 +27,15 @@ static const OptionKey k_keys[] = {
     OPTION_TEXT("monitor:notify_socket", monitor.notify_socket),
     OPTION_INT("monitor:stuck_s", monitor.stuck_s, 300, 1, 86400),
 };
+
+bool options_key_at(size_t index, ConfigKeyInfo *info)
+{
+    if (index >= sizeof(k_keys) / sizeof(k_keys[0]))
+        return false;
+    const OptionKey *key = &k_keys[index];
+    *info = {key->key, key->size == 0, key->size > 0 ? key->size - 1 : 0, key->fallback};
+    return true;
+}
 
 static pthread_mutex_t s_lock = PTHREAD_MUTEX_INITIALIZER; // short
 static Options s_options;                                  // under s_lock

@@ -1,4 +1,5 @@
 #include "runtime/plugin_config.h"
+#include "runtime/plugin_config_internal.h"
 
 #include <iniparser.h>
 #include <stdio.h>
@@ -102,6 +103,15 @@ static const ConfigKey k_keys[] = {
     CONFIG_TEXT("plugin_config:plugin_ip", ANY_IP, ANY_IP, udp_detection.local_ip),
     CONFIG_TEXT("plugin_config:udp_detection_local_port", "0", "0", udp_detection.local_port),
 };
+
+bool plugin_config_key_at(size_t index, ConfigKeyInfo *info)
+{
+    if (index >= sizeof(k_keys) / sizeof(k_keys[0]))
+        return false;
+    const ConfigKey *key = &k_keys[index];
+    *info = {key->key, key->set != nullptr, key->set ? 0 : key->size - 1, 0};
+    return true;
+}
 
 static void field_set(PluginInfoEdit *edit, const ConfigKey *key, const char *value)
 {

@@ -1,0 +1,76 @@
+#include "ctl/check.h"
+
+#include <errno.h>
+#include <libgen.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "ctl/findings.h"
+#include "runtime/options.h"
+#include "runtime/plugin_info.h"
+#include "transport/conn_ref.h"
+#include "transport/connect.h"
+
+static void service_check(Severity severity, const char *what, const char *ip, const char *port, const char *advice)
+{
+    SocketConn conn = tcp_connect(ip, port, nullptr, nullptr, 0, 0);
+    if (conn.socket_fd < 1)
+        finding_add(severity, "nobody listens on %s:%s, %s: %s", ip, port, what, advice);
+    socket_close_private(&conn);
+}
+
+// mode: what access(2) is asked for.
+static void file_check(Severity severity, const char *what, const char *path, int mode)
+{
+    if (path[0] && access(path, mode) != 0)
+        finding_add(severity, "%s %s cannot be %s (%s): check the path and its rights", what, path,
+                    (mode & W_OK) ? "written" : "read", strerror(errno));
+}
+
+// The directory in which path is to be made.
+static void directory_check(Severity severity, const char *what, const char *path)
+{
+    char directory[PATH_TEXT_SIZE];
+    (void)text_set(directory, path);
+    if (path[0])
+        file_check(severity, what, dirname(directory), W_OK | X_OK);
+}
+
+// The agent makes the log directory with its parents when it is missing.
+static void log_directory_check(const char *path)
+{
+    char existing[PATH_TEXT_SIZE];
+    (void)text_set(existing, path);
+    while (existing[0] && access(existing, F_OK) != 0 && strcmp(existing, "/") != 0 && strcmp(existing, ".") != 0)
+        (void)text_set(existing, dirname(existing));
+    file_check(SEVERITY_WARNING, "log directory", existing, W_OK | X_OK);
+}
+
+static void options_check(void)
+{
+    Options options;
+    options_get(&options);
+    directory_check(SEVERITY_WARNING, "directory of state_file", options.monitor.state_file);
+    if (options.monitor.notify_socket[0] != '@')
+        file_check(SEVERITY_WARNING, "notify_socket", options.monitor.notify_socket, W_OK);
+}
+
+void check_world(void)
+{
+    findings_listen_no_more(); // of failed connects
+    PluginInfo info;
+    plugin_info_get(&info);
+    service_check(SEVERITY_FATAL, "the device's local agent", info.dev.remote_ip, info.dev.remote_port,
+                  "start it, or mend \"dev_server_port\" of the init cfg");
+    service_check(SEVERITY_FATAL, "NM", info.nm_ip, info.nm_port,
+                  "check \"host\" and \"port\" of the init cfg, the network and the firewall");
+    service_check(SEVERITY_WARNING, "the device's web server", info.dev_web.remote_ip, info.dev_web.remote_port,
+                  "remote web will not work; mend \"web_port\" of the init cfg");
+    service_check(SEVERITY_WARNING, "the device's telnet server", info.dev_telnet.remote_ip,
+                  info.dev_telnet.remote_port, "remote telnet will not work; mend \"telnet_port\" of the init cfg");
+    file_check(SEVERITY_WARNING, "device-path", info.device_path, R_OK);
+    file_check(SEVERITY_WARNING, "port-path", info.port_path, R_OK);
+    file_check(SEVERITY_WARNING, "service-path", info.service_path, R_OK | W_OK);
+    log_directory_check(info.plugin_log_path);
+    options_check();
+}
