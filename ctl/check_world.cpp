@@ -95,6 +95,9 @@ static void options_check(void)
 {
     Options options;
     options_get(&options);
+    file_check(SEVERITY_FATAL, "ca_file", options.nm_tls.ca_file, R_OK);
+    file_check(SEVERITY_FATAL, "client_cert", options.nm_tls.client_cert, R_OK);
+    file_check(SEVERITY_FATAL, "client_key", options.nm_tls.client_key, R_OK);
     directory_check(SEVERITY_WARNING, "directory of state_file", options.monitor.state_file);
     if (options.monitor.notify_socket[0] != '@')
         file_check(SEVERITY_WARNING, "notify_socket", options.monitor.notify_socket, W_OK);

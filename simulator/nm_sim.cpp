@@ -10,8 +10,12 @@ NmSim *nm_sim_start(const NmOptions &options)
 {
     NmSim *nm = new NmSim;
     nm->options = options;
-    nm->ssl_context = options.https ? sim_tls_server() : nullptr;
+    nm->ssl_context = options.https ? sim_tls_server(options.tls) : nullptr;
     nm->loop = sim_loop_start();
+    if (options.https && !nm->ssl_context) {
+        nm_sim_stop(nm);
+        return nullptr;
+    }
     if (!nm_sim_return(nm)) {
         fprintf(stderr, "nm_sim: port %d or %d of %s is taken\n", nm->options.port, nm->options.udp_port,
                 nm->options.ip.c_str());
@@ -61,6 +65,11 @@ int nm_sim_udp_port(NmSim *nm)
 bool nm_sim_is_https(NmSim *nm)
 {
     return nm->options.https;
+}
+
+const SimTlsFiles &nm_sim_tls(NmSim *nm)
+{
+    return nm->options.tls;
 }
 
 void nm_sim_set_activation(NmSim *nm, const NmActivation &activation)

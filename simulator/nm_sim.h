@@ -10,13 +10,15 @@
 
 struct NmSim;
 
-// Starts an instance. nullptr (with a message on stderr) when a port is taken.
+// Starts an instance. nullptr (with a message on stderr) when a port is taken or a file of the
+// certificate cannot be used.
 NmSim *nm_sim_start(const NmOptions &options);
 void nm_sim_stop(NmSim *nm); // closes everything and frees it; nullptr is allowed
 
 int nm_sim_port(NmSim *nm);
 int nm_sim_udp_port(NmSim *nm);
 bool nm_sim_is_https(NmSim *nm);
+const SimTlsFiles &nm_sim_tls(NmSim *nm);
 
 void nm_sim_set_activation(NmSim *nm, const NmActivation &activation);
 

@@ -9,12 +9,16 @@
 
 static const char k_usage[] =
     "nm_simulator [--https] [--ip A] [--port N] [--udp-port N] [--serial S] [--web-port N] [--telnet-port N]\n"
-    "             [--script FILE]\n"
+    "             [--cert FILE --key FILE] [--client-ca FILE] [--script FILE]\n"
     "Plays the management server: answers the device's posts and its UDP heartbeats, says what is wrong with them, "
     "and\n"
     "hands out commands. Port 0 (the default) is any free one; --web-port and --telnet-port are where local browsers "
     "and\n"
-    "telnet clients enter a tunnel. Type help for the commands.\n";
+    "telnet clients enter a tunnel. --cert (PEM, with its chain) and --key are for https and the tunnels, instead of "
+    "a\n"
+    "self-signed certificate made at the start; --client-ca: clients have to show a certificate of that CA. Type help "
+    "for\n"
+    "the commands.\n";
 
 static const std::map<std::string, NmFaultKind> k_fault_words = {
     {"delay", NM_FAULT_NONE},      {"silence", NM_FAULT_SILENCE},   {"refuse", NM_FAULT_REFUSE},
@@ -151,6 +155,9 @@ int main(int argc, char **argv)
     }
     NmOptions options;
     options.https = console_has_option(argc, argv, "--https");
+    options.tls.cert = console_option(argc, argv, "--cert", "");
+    options.tls.key = console_option(argc, argv, "--key", "");
+    options.tls.client_ca = console_option(argc, argv, "--client-ca", "");
     options.ip = console_option(argc, argv, "--ip", "127.0.0.1");
     options.port = console_option_number(argc, argv, "--port", 0);
     options.udp_port = console_option_number(argc, argv, "--udp-port", 0);

@@ -45,6 +45,7 @@ static std::string tunnel_start(NmSim *nm, std::unique_ptr<Sim> *sim, const std:
     TunnelSimOptions options;
     options.auth = fresh_auth(nm);
     options.tls = nm_sim_is_https(nm);
+    options.tls_files = nm_sim_tls(nm);
     options.client_port = (uint16_t)client_port;
     sim->reset(); // frees the ports of an earlier one
     *sim = std::make_unique<Sim>(options);

@@ -5,10 +5,12 @@
 #include <vector>
 
 #include "sim_loop.h"
+#include "sim_tls.h"
 #include "transcript.h"
 
 struct NmOptions {
     bool https = false;
+    SimTlsFiles tls; // of https
     std::string ip = "127.0.0.1";
     int port = 0;       // HTTP(S); 0: any free port
     int udp_port = 0;   // detection; 0: any free port

@@ -1,37 +1,40 @@
 #include "sim_tls.h"
 
-#include <openssl/ec.h>
-#include <openssl/evp.h>
-#include <openssl/x509.h>
-#include <stdio.h>
-#include <stdlib.h>
+#include <openssl/err.h>
 
-static X509 *self_signed(EVP_PKEY *key)
+#include "sim_cert.h"
+
+static bool own_certificate_use(SSL_CTX *context)
 {
-    X509 *cert = X509_new();
-    X509_set_version(cert, 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
-    X509_gmtime_adj(X509_getm_notBefore(cert), -24L * 3600);
-    X509_gmtime_adj(X509_getm_notAfter(cert), 365L * 24 * 3600);
-    X509_set_pubkey(cert, key);
-    X509_NAME *name = X509_get_subject_name(cert);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, (const unsigned char *)"nm simulator", -1, -1, 0);
-    X509_set_issuer_name(cert, name);
-    X509_sign(cert, key, EVP_sha256());
-    return cert;
+    SimCertSpec spec;
+    spec.name = "nm simulator";
+    const SimCert own = sim_cert_make(spec);
+    return SSL_CTX_use_certificate(context, own.cert.get()) == 1 && SSL_CTX_use_PrivateKey(context, own.key.get()) == 1;
 }
 
-SSL_CTX *sim_tls_server()
+static bool files_use(SSL_CTX *context, const SimTlsFiles &files)
+{
+    return SSL_CTX_use_certificate_chain_file(context, files.cert.c_str()) == 1 &&
+           SSL_CTX_use_PrivateKey_file(context, files.key.c_str(), SSL_FILETYPE_PEM) == 1;
+}
+
+static bool clients_verify(SSL_CTX *context, const std::string &ca)
+{
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    return SSL_CTX_load_verify_locations(context, ca.c_str(), nullptr) == 1;
+}
+
+SSL_CTX *sim_tls_server(const SimTlsFiles &files)
 {
     SSL_CTX *context = SSL_CTX_new(TLS_server_method());
-    EVP_PKEY *key = EVP_EC_gen("P-256");
-    X509 *cert = key ? self_signed(key) : nullptr;
-    if (!context || !cert || SSL_CTX_use_certificate(context, cert) != 1 || SSL_CTX_use_PrivateKey(context, key) != 1) {
-        fprintf(stderr, "simulator: no certificate\n");
-        abort();
+    const bool ready = context && (files.cert.empty() ? own_certificate_use(context) : files_use(context, files)) &&
+                       (files.client_ca.empty() || clients_verify(context, files.client_ca));
+    if (!ready) {
+        fprintf(stderr, "simulator: certificate, key or CA cannot be used\n");
+        ERR_print_errors_fp(stderr);
+        SSL_CTX_free(context);
+        return nullptr;
     }
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
-    X509_free(cert);
-    EVP_PKEY_free(key);
     return context;
 }

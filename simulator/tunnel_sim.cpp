@@ -6,6 +6,7 @@
 #include <event2/event.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <stdlib.h>
 
 #include "json_text.h"
 #include "sim_socket.h"
@@ -57,8 +58,11 @@ static std::string auth_check(const std::string &text, const TunnelAuth &expecte
 }
 
 TunnelSim::TunnelSim(const TunnelSimOptions &options)
-    : loop_(sim_loop_start()), auth_(options.auth), mute_(options.mute), tls_(options.tls ? sim_tls_server() : nullptr)
+    : loop_(sim_loop_start()), auth_(options.auth), mute_(options.mute),
+      tls_(options.tls ? sim_tls_server(options.tls_files) : nullptr)
 {
+    if (options.tls && !tls_)
+        abort(); // it would be in plain text
 }
 
 void TunnelSim::open(const TunnelSimOptions &options)

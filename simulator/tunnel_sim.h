@@ -12,12 +12,12 @@
 #include <vector>
 
 #include "sim_loop.h"
+#include "sim_tls.h"
 
 struct bufferevent;
 struct evbuffer;
 struct ev_token_bucket_cfg;
 struct evconnlistener;
-typedef struct ssl_ctx_st SSL_CTX;
 
 // The authentication that the agent has to send right after connecting.
 struct TunnelAuth {
@@ -30,7 +30,8 @@ struct TunnelAuth {
 
 struct TunnelSimOptions {
     TunnelAuth auth;
-    bool tls = false;  // as with an NM reached over https: the agent connects to command_port + 1, with TLS
+    bool tls = false; // as with an NM reached over https: the agent connects to command_port + 1, with TLS
+    SimTlsFiles tls_files;
     bool mute = false; // accepts the agent's connection and never reads from it, so TLS never starts
     std::string address = "127.0.0.1";
     uint16_t command_port = 0; // the port in NM's command; 0: a free one

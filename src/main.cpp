@@ -80,7 +80,7 @@ constexpr int LARGE_BLOCK = 64 * 1024; // bytes
 //   wait                         | for                                | own time-out      | ended early by
 //   -----------------------------+------------------------------------+-------------------+----------------------------
 //   TCP connect                  | the peer's answer                  | 2 s               | s r t
-//   TLS handshake                | the peer's next flight, nine times | none: stated      | s r t
+//   TLS handshake                | the peer's next flight, nine times | none, or as set   | s r t
 //   liveness test                | room or bytes on a connection      | 2 s               | s r t c
 //   answer over HTTP             | NM                                 | 5 s, kept 2 s     | s r; c when kept
 //   answer over UDP              | NM's datagram                      | 1 s               | s r c

@@ -2,15 +2,29 @@
 // bench [TEXT ...]: only rows whose name contains one of the texts.
 #include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <iniparser.h>
+#include <poll.h>
 #include <stdexcept>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
+#include "runtime/log.h"
+#include "runtime/options.h"
+#include "runtime/stop.h"
+#include "sim_cert.h"
+#include "sim_socket.h"
+#include "transport/connect.h"
+#include "transport/socket.h"
+#include "transport/tls.h"
 #include "tunnel_stage.h"
 
-constexpr int IDLE_S = 20; // how long the idle figures are observed
+constexpr int IDLE_S = 20;      // how long the idle figures are observed
+constexpr int HANDSHAKES_S = 3; // how long handshakes are counted
 
 static void need(bool holds, const char *what)
 {
@@ -229,6 +243,86 @@ static std::string stripped_size()
     return number((double)size / 1024, 0) + " KiB";
 }
 
+// Serves handshakes one after the other, for as long as it lives.
+struct HandshakeServer {
+    SSL_CTX *ctx;
+    int port = 0;
+    int listener;
+    std::thread thread;
+
+    explicit HandshakeServer(const SimTlsFiles &files)
+        : ctx(sim_tls_server(files)), listener(sim_listen_tcp("127.0.0.1", &port)), thread([this] { serve(); })
+    {
+    }
+    ~HandshakeServer()
+    {
+        shutdown(listener, SHUT_RDWR);
+        thread.join();
+        close(listener);
+        SSL_CTX_free(ctx);
+    }
+    void serve()
+    {
+        pollfd ready = {listener, POLLIN, 0};
+        for (int fd; poll(&ready, 1, -1) > 0 && (fd = accept(listener, nullptr, nullptr)) >= 0; close(fd)) {
+            SSL *ssl = SSL_new(ctx);
+            char byte;
+            SSL_set_fd(ssl, fd);
+            if (SSL_accept(ssl) == 1)
+                (void)SSL_read(ssl, &byte, 1);
+            SSL_free(ssl);
+        }
+    }
+};
+
+// Puts a config.ini with this text in force for the modules in this process.
+static void options_set(const std::string &dir, const std::string &text)
+{
+    need(device_write_file(dir + "/config.ini", text), "config.ini");
+    dictionary *dict = iniparser_load((dir + "/config.ini").c_str());
+    need(dict, "config.ini");
+    options_read(dict);
+    iniparser_freedict(dict);
+}
+
+// Full handshakes of the agent's TLS client with a server on the other core, each on a connection of its own.
+static double handshake_rate(int port)
+{
+    const std::string text = std::to_string(port);
+    const long long begin_ms = monotonic_ms();
+    int count = 0;
+    for (; monotonic_ms() - begin_ms < HANDSHAKES_S * 1000; count++) {
+        SocketConn conn = tcp_connect("127.0.0.1", text.c_str(), nullptr, nullptr, 0, 0);
+        need(conn.socket_fd > 0, "connection");
+        conn.ssl = tls_init(conn.socket_fd, "127.0.0.1");
+        need(conn.ssl, "handshake");
+        socket_close_private(&conn);
+    }
+    return count * 1000.0 / (double)(monotonic_ms() - begin_ms);
+}
+
+static std::string handshakes(bool verified)
+{
+    char path[] = "/tmp/agent-bench-XXXXXX";
+    const std::string dir = mkdtemp(path);
+    const SimCert ca = sim_cert_make({"the CA", "", true});
+    const SimCert server = sim_cert_make({"NM", "IP:127.0.0.1"}, &ca);
+    const SimTlsFiles files = {dir + "/cert", dir + "/key", ""};
+    need(device_write_file(dir + "/ca", sim_cert_pem(ca)) && device_write_file(files.cert, sim_cert_pem(server)) &&
+             device_write_file(files.key, sim_key_pem(server)),
+         "certificates");
+    signal(SIGPIPE, SIG_IGN);
+    stop_init(nullptr);
+    g_log_level = 0;
+    options_set(dir, verified ? "[nm_tls]\nca_file = " + dir + "/ca\n" : "[nm_tls]\n");
+    HandshakeServer nm(files);
+    const double rate = handshake_rate(nm.port);
+    for (const char *name : {"/ca", "/cert", "/key", "/config.ini"})
+        unlink((dir + name).c_str());
+    rmdir(dir.c_str());
+    return number(rate, 0) + " a second";
+}
+
 // A download gets one frame of up to 10 KiB every 10 ms. Of 32 KiB read at once the last frame is short: about 800
 // KiB/s.
 static const struct {
@@ -253,6 +347,8 @@ static const struct {
     {"web upload, 1 id", "", [] { return k_per_s(web_upload(8 << 20)); }},
     {"telnet echo", "", [] { return telnet_echo(false); }},
     {"telnet echo, https", "", [] { return telnet_echo(true); }},
+    {"TLS handshakes", "", [] { return handshakes(false); }},
+    {"TLS handshakes, verified", "", [] { return handshakes(true); }},
 };
 
 static bool wanted(const char *name, int argc, char **argv)

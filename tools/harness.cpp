@@ -212,10 +212,9 @@ void stage_prepare(Stage *stage, bool https)
     char dir[] = "/tmp/agent-e2e-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     stage->agent.dir = dir;
-    NmOptions options;
-    options.https = https;
-    options.serial = "SN00000001";
-    stage->nm = nm_sim_start(options);
+    stage->nm_options.https = https;
+    stage->nm_options.serial = "SN00000001";
+    stage->nm = nm_sim_start(stage->nm_options);
     stage->device = device_sim_start(DeviceOptions());
     ASSERT_TRUE(stage->nm && stage->device);
     stage->cfg = device_cfg_default(dir, https, nm_sim_port(stage->nm), device_sim_port(stage->device));

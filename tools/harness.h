@@ -35,6 +35,7 @@ struct AgentProcess {
 struct Stage {
     NmSim *nm = nullptr;
     DeviceSim *device = nullptr;
+    NmOptions nm_options; // what stage_prepare starts NM with; https and serial are set by it
     AgentProcess agent;
     DeviceCfg cfg;     // what stage_write writes as init cfg
     ConfigRows config; // what stage_write writes as config.ini

@@ -19,7 +19,8 @@ struct TunnelStage : Stage {
 };
 
 // Starts NM's tunnel ends on free ports and the agent, online, with heartbeats every second and debug log lines. web
-// and telnet: the device's services; nullptr: none. What stage->options and stage->config hold before stays in force.
+// and telnet: the device's services; nullptr: none. What stage->options, stage->config and stage->cfg hold before
+// stays in force.
 bool tunnel_stage_start(TunnelStage *stage, bool https, const DeviceService *web, const DeviceService *telnet);
 
 bool web_command(TunnelStage *stage, const std::string &action); // returns when the agent has fetched it

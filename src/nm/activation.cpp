@@ -61,7 +61,10 @@ static const cJSON *redirection_find(const cJSON *redirection)
 static void redirection_take(const cJSON *target)
 {
     char ip[128];
-    if (json_get_string(target, "ip", ip, sizeof(ip)) != 0 || resolve_host(ip, sizeof(ip)) != 0)
+    char name[sizeof(ip)];
+    int result = json_get_string(target, "ip", ip, sizeof(ip));
+    (void)text_set(name, ip);
+    if (result != 0 || resolve_host(ip, sizeof(ip)) != 0)
         return;
     int32_t port = -1;
     (void)json_get_int(target, "port", &port);
@@ -69,6 +72,7 @@ static void redirection_take(const cJSON *target)
     PluginInfoEdit edit;
     plugin_info_edit_begin(&edit);
     PluginInfo *next = &edit.next;
+    (void)plugin_info_edit_text(&edit, next->nm_host, name);
     (void)plugin_info_edit_text(&edit, next->nm_ip, ip);
     bool is_complete = (uint32_t)port < 65536;
     if (is_complete) {

@@ -15,6 +15,7 @@
 #include "transport/nm_wait.h"
 #include "transport/resolve.h"
 #include "transport/socket.h"
+#include "transport/tls_verify.h"
 
 constexpr size_t CFG_FILE_MAX = 10240;                 // bytes; what comes behind is not read
 constexpr int32_t DEV_MSG_SIZE_MIN = 4096;             // bytes
@@ -122,12 +123,25 @@ static void int_set(PluginInfoEdit *edit, int32_t *field, int32_t value)
     plugin_info_edit_mark(edit, field, sizeof(*field));
 }
 
-// "host" as an address; as it stands, with -1 (logged), when it does not resolve; empty with -1 when missing.
-static int host_read(const cJSON *root, char (&host)[ID_TEXT_SIZE])
+// "host" as an address; as it stands, with -1 (logged), when it does not resolve; empty with -1 when missing. name, if
+// any: as it was written, truncated.
+static int host_read(const cJSON *root, char (&host)[ID_TEXT_SIZE], char (*name)[HOST_TEXT_SIZE] = nullptr)
 {
-    if (json_get_string(root, "host", host, sizeof(host)) != 0 || host[0] == '\0')
+    int result = json_get_string(root, "host", host, sizeof(host));
+    if (name)
+        (void)text_set(*name, host);
+    if (result != 0 || host[0] == '\0')
         return -1;
     return resolve_host(host, sizeof(host));
+}
+
+// 0, or -1 (logged) when NM is to be verified, which plain HTTP cannot be.
+static int method_check(const char *method)
+{
+    if (nm_method_is_https(method) || !tls_verify_is_on())
+        return 0;
+    log_error("NM's method is '%s', but [nm_tls] of config.ini asks for https!", method);
+    return -1;
 }
 
 // Method, host and port. 0; -1 when something is missing or wrong; *is_port_ok false when nothing behind may be read.
@@ -136,10 +150,13 @@ static int nm_take(const cJSON *root, PluginInfoEdit *edit, bool *is_port_ok)
     PluginInfo *next = &edit->next;
     int_set(edit, &next->nm_redirected, 0); // goes with the three, should a redirection come in between
     int result = text_take(root, "method", edit, next->nm_method);
+    if (result == 0)
+        result = method_check(next->nm_method);
 
     char host[ID_TEXT_SIZE];
-    if (host_read(root, host) != 0)
+    if (host_read(root, host, &next->nm_host) != 0)
         result = -1;
+    plugin_info_edit_mark(edit, next->nm_host, sizeof(next->nm_host));
     (void)plugin_info_edit_text(edit, next->nm_ip, host);
 
     int32_t port = -1;

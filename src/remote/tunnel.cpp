@@ -17,8 +17,9 @@ constexpr size_t AUTH_TEXT_SIZE = 4096; // four texts of 511 characters at most,
 static pthread_mutex_t s_facts_mutex = PTHREAD_MUTEX_INITIALIZER; // short
 static TunnelFacts s_facts[TUNNEL_TELNET + 1];                    // under s_facts_mutex, by kind
 
-// 0 when registered, or when a TLS handshake was cut short; -1 (logged) without a connection.
-static int half_tunnel_open(ConnectionType type, const TunnelPeer *peer, ConnSecurity security)
+// 0 when registered, or when a TLS handshake was cut short; -1 (logged) without a connection. host: the peer's name in
+// its certificate.
+static int half_tunnel_open(ConnectionType type, const TunnelPeer *peer, ConnSecurity security, const char *host)
 {
     const char *name = conn_type_name(type);
     log_info("Preparing half tunnel... type: %s, peer: %s:%s (local: %s:%s)", name, peer->remote_ip, peer->remote_port,
@@ -37,8 +38,7 @@ static int half_tunnel_open(ConnectionType type, const TunnelPeer *peer, ConnSec
     }
     log_info("Create %s half tunnel [remote (%s:%s), local (%s:%s)] successfully.", name, peer->remote_ip,
              peer->remote_port, peer->local_ip, peer->local_port);
-    conn_add_as(type, conn, security, 1);
-    return 0;
+    return conn_add_as(type, conn, security, host, 1) ? 0 : -1;
 }
 
 int half_tunnel_create(ConnectionType type, const TunnelPeer *peer)
@@ -47,7 +47,7 @@ int half_tunnel_create(ConnectionType type, const TunnelPeer *peer)
         log_error("conn_info is NULL!");
         return -1;
     }
-    return half_tunnel_open(type, peer, conn_security_wanted(type));
+    return half_tunnel_open(type, peer, conn_security_wanted(type), peer->remote_ip);
 }
 
 int half_tunnel_close(ConnectionType first, ConnectionType second)
@@ -64,8 +64,9 @@ int half_tunnel_close(ConnectionType first, ConnectionType second)
 static int param_read(const cJSON *param, TunnelRequest *request, int32_t *port)
 {
     int failed = json_get_string(param, "action", request->action, sizeof(request->action));
-    if (json_get_string(param, "host", request->host, sizeof(request->host)) != 0 ||
-        resolve_host(request->host, sizeof(request->host)) != 0)
+    int host = json_get_string(param, "host", request->host, sizeof(request->host));
+    (void)text_set(request->name, request->host);
+    if (host != 0 || resolve_host(request->host, sizeof(request->host)) != 0)
         failed = -1;
     failed |= json_get_int(param, "port", port);
     failed |= json_get_string(param, "token", request->token, sizeof(request->token));
@@ -105,7 +106,7 @@ int tunnel_nm_half_create(ConnectionType type, const TunnelRequest *request)
     (void)text_set(peer.remote_ip, request->host);
     (void)text_set(peer.remote_port, request->port);
     (void)text_set(peer.local_ip, info.local_ip);
-    return half_tunnel_open(type, &peer, request->security);
+    return half_tunnel_open(type, &peer, request->security, request->name);
 }
 
 int tunnel_auth_send(const TunnelRequest *request, const SocketConn *nm)

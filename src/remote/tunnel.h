@@ -24,6 +24,7 @@ int half_tunnel_close(ConnectionType first, ConnectionType second);
 struct TunnelRequest {
     char action[512];
     char host[512]; // resolved
+    char name[512]; // host as NM named it, which is what its certificate says
     char port[PORT_TEXT_SIZE];
     ConnSecurity security; // decided with the port, which depends on it
     char token[512];

@@ -14,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "runtime/log_mask.h"
 #include "runtime/text.h"
 
 #define COLOUR_RESET "\033[0m"
@@ -31,6 +32,7 @@ static const LogLevel k_error = {2, LOG_ERR, "[ERR] ", "\033[1;4;33;41m"};
 
 std::atomic<int32_t> g_log_std{0};
 std::atomic<uint32_t> g_log_level{6};
+std::atomic<int32_t> g_log_secrets{1};
 
 constexpr size_t PREFIX_SIZE = 256;
 constexpr size_t FORMAT_SIZE = 1024; // joined format, truncated to this; its expanded arguments never are
@@ -117,11 +119,34 @@ static void format_join(JoinedFormat *joined, const char *head, const char *pref
 // without conversions.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
+// The whole line with its secrets hidden, freed by the caller; null without memory.
+static char *masked_format(const JoinedFormat *joined, va_list args)
+{
+    char *text;
+    if (vasprintf(&text, joined->text, args) < 0)
+        return nullptr;
+    char *masked = log_mask(text);
+    free(text);
+    return masked;
+}
+
+// A line that cannot be masked is not written.
+static const char *text_or_excuse(const char *masked)
+{
+    return masked ? masked : "out of memory for a log line!\n";
+}
+
 static void stream_write(FILE *stream, const JoinedFormat *joined, va_list args)
 {
     va_list copy;
     va_copy(copy, args);
-    vfprintf(stream, joined->text, copy);
+    if (g_log_secrets != 0) {
+        vfprintf(stream, joined->text, copy);
+    } else {
+        char *masked = masked_format(joined, copy);
+        fputs(text_or_excuse(masked), stream);
+        free(masked);
+    }
     va_end(copy);
 }
 
@@ -129,7 +154,13 @@ static void syslog_write(int priority, const JoinedFormat *joined, va_list args)
 {
     va_list copy;
     va_copy(copy, args);
-    vsyslog(priority, joined->text, copy);
+    if (g_log_secrets != 0) {
+        vsyslog(priority, joined->text, copy);
+    } else {
+        char *masked = masked_format(joined, copy);
+        syslog(priority, "%s", text_or_excuse(masked));
+        free(masked);
+    }
     va_end(copy);
 }
 #pragma GCC diagnostic pop
@@ -202,6 +233,11 @@ static void problem_note(const char *fmt, va_list args)
     va_copy(copy, args);
     (void)text_vformat(t_problem, sizeof(t_problem), fmt, copy);
     va_end(copy);
+    if (!g_log_secrets) {
+        char *masked = log_mask(t_problem);
+        (void)text_set(t_problem, text_or_excuse(masked));
+        free(masked);
+    }
     errno = saved_errno;
 }
 

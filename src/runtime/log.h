@@ -3,7 +3,7 @@
 // Log texts are an interface: other people's programs match them, misspellings and wrong names included. They are not
 // to be mended; a text that looks wrong is marked "sic" where it is made. The calls preserve errno, so callers may log
 // first and use errno after. Any thread, timer callbacks included; the only lock taken is the log lock, the innermost
-// of all. Nothing is allocated. Never called from a signal handler.
+// of all. Nothing is allocated unless g_log_secrets is 0. Never called from a signal handler.
 #pragma once
 
 #include <atomic>
@@ -11,8 +11,9 @@
 #include <stdio.h>
 
 // Settings of config.ini, stored as soon as they are read.
-extern std::atomic<int32_t> g_log_std;    // 1 console only, 0 log target only, else both
-extern std::atomic<uint32_t> g_log_level; // threshold, see below
+extern std::atomic<int32_t> g_log_std;     // 1 console only, 0 log target only, else both
+extern std::atomic<uint32_t> g_log_level;  // threshold, see below
+extern std::atomic<int32_t> g_log_secrets; // 0: token, key and secretKey are written as "***" (log_mask.h)
 
 void log_debug(const char *fmt, ...) __attribute__((format(printf, 1, 2))); // g_log_level above 6: bytes and counts
 void log_info(const char *fmt, ...) __attribute__((format(printf, 1, 2)));  // above 5: what happened

@@ -38,6 +38,11 @@ bool nm_method_is_https(const char *method)
     return strcasecmp(method, "https") == 0;
 }
 
+const char *nm_host_of(const PluginInfo *info)
+{
+    return info->nm_host[0] ? info->nm_host : info->nm_ip;
+}
+
 bool plugin_info_nm_is_https(void)
 {
     pthread_mutex_lock(&s_info_mutex);

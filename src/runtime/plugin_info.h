@@ -19,6 +19,7 @@ constexpr size_t PORT_TEXT_SIZE = 6; // decimal
 constexpr size_t IFNAME_TEXT_SIZE = 64;
 constexpr size_t PATH_TEXT_SIZE = 256;
 constexpr size_t ID_TEXT_SIZE = 512;
+constexpr size_t HOST_TEXT_SIZE = 256; // longer names do not resolve
 
 // Both ends of a link, as texts. Empty local texts bind nothing.
 struct Endpoint {
@@ -42,10 +43,11 @@ struct PluginInfo {
     char plugin_eth[IFNAME_TEXT_SIZE]; // until the init cfg names the interface
     char plugin_version[ID_TEXT_SIZE]; // PLUGIN_VERSION, set at start-up
 
-    // Init cfg: where NM is. The three go together; nm_redirected says that a redirection chose them and that the
+    // Init cfg: where NM is. The four go together; nm_redirected says that a redirection chose them and that the
     // file's are ignored.
     char nm_method[ID_TEXT_SIZE]; // "http" or "https", any case
-    char nm_ip[IP_TEXT_SIZE];
+    char nm_host[HOST_TEXT_SIZE]; // as it was named, which is what its certificate says
+    char nm_ip[IP_TEXT_SIZE];     // what that resolved to
     char nm_port[PORT_TEXT_SIZE];
     int32_t nm_redirected;
 
@@ -87,6 +89,9 @@ void plugin_info_get(PluginInfo *copy);
 // NM is reached over TLS: the method is "https" in any case.
 bool nm_method_is_https(const char *method);
 bool plugin_info_nm_is_https(void);
+
+// What NM's certificate is expected to name: nm_host, or the address as long as there is none.
+const char *nm_host_of(const PluginInfo *info);
 
 // The field of that name, without a copy of the record: asked for in every turn of the main loop.
 int32_t plugin_info_max_log_file_size(void);

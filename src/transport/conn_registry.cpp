@@ -10,6 +10,7 @@
 #include "transport/conn_ref.h"
 #include "transport/connect.h"
 #include "transport/tls.h"
+#include "transport/tls_verify.h"
 
 constexpr uint32_t CONNECTION_TYPE_COUNT = REMOTE_WEB_SERVER + 1;
 
@@ -134,27 +135,47 @@ static void close_connected(ConnectionType type, int print)
     close_entry(type, CLOSE_CONNECTED, nullptr, print);
 }
 
-// Makes conn the entry. 1 when registered, 0 when it had to be closed instead.
-static int entry_publish(ConnectionType type, SocketConn conn, ConnSecurity security, int print)
+enum PublishResult { PUBLISH_REFUSED = -1, PUBLISH_CLOSED = 0, PUBLISH_DONE = 1 };
+
+// Gives conn its TLS session. PUBLISH_DONE, or why it must not be used. After a failed handshake the connection goes on
+// in plain text, but not when [nm_tls] has keys. One that was cut short says nothing about NM.
+static PublishResult session_begin(ConnectionType type, SocketConn *conn, ConnSecurity security, const char *host)
 {
-    if (security == CONN_TLS) {
-        conn.ssl = tls_init(conn.socket_fd);
-        // After a failed handshake the connection goes on in plain text. One that was cut short says nothing about NM.
-        if (!conn.ssl && errno == ECANCELED) {
-            socket_close_private(&conn);
-            return 0;
-        }
+    if (security == CONN_PLAIN)
+        return k_types[type].to_nm && tls_plain_is_refused(host) ? PUBLISH_REFUSED : PUBLISH_DONE;
+    conn->ssl = tls_init(conn->socket_fd, host);
+    if (conn->ssl)
+        return PUBLISH_DONE;
+    switch (errno) {
+    case EACCES:
+        return PUBLISH_REFUSED;
+    case ECANCELED:
+        return PUBLISH_CLOSED;
+    default:
+        return PUBLISH_DONE;
+    }
+}
+
+// Makes conn the entry.
+static PublishResult entry_publish(ConnectionType type, SocketConn conn, ConnSecurity security, const char *host,
+                                   int print)
+{
+    PublishResult begun = session_begin(type, &conn, security, host);
+    if (begun != PUBLISH_DONE) {
+        socket_close_private(&conn);
+        return begun;
     }
     conn.ref = conn_ref_new(&conn);
     if (!conn.ref) {
         socket_close_private(&conn);
-        return 0;
+        return PUBLISH_CLOSED;
     }
     ConnectionInfo *entry = &s_entries[type];
     pthread_mutex_lock(&s_mutex);
     ConnectionInfo taken = entry_take_locked(entry);
     entry->conn = conn;
     entry->security = security;
+    (void)text_set(entry->host, host);
     entry->status = CONNECTED;
     pthread_mutex_unlock(&s_mutex);
     if (taken.status == CONNECTED)
@@ -162,18 +183,17 @@ static int entry_publish(ConnectionType type, SocketConn conn, ConnSecurity secu
     log_info("Connection type: %s(%d) has been added, socket: %d.", k_types[type].name, (int)type, conn.socket_fd);
     if (print)
         conn_print_all();
-    return 1;
+    return PUBLISH_DONE;
 }
 
-int conn_add_as(ConnectionType type, SocketConn conn, ConnSecurity security, int print)
+int conn_add_as(ConnectionType type, SocketConn conn, ConnSecurity security, const char *host, int print)
 {
     if (!is_type(type)) {
         socket_close_private(&conn);
         return 1;
     }
     close_connected(type, 1);
-    (void)entry_publish(type, conn, security, print);
-    return 1;
+    return entry_publish(type, conn, security, host ? host : conn.remote_ip, print) != PUBLISH_REFUSED;
 }
 
 ConnSecurity conn_security_wanted(ConnectionType type)
@@ -184,7 +204,8 @@ ConnSecurity conn_security_wanted(ConnectionType type)
 
 int conn_add(ConnectionType type, SocketConn conn, int print)
 {
-    return conn_add_as(type, conn, conn_security_wanted(type), print);
+    (void)conn_add_as(type, conn, conn_security_wanted(type), nullptr, print);
+    return 1;
 }
 
 void conn_note_failed(ConnectionType type, const SocketConn *conn)
@@ -396,7 +417,7 @@ int conn_reconnect(ConnectionType type)
     if (conn.socket_fd < 1)
         return 0;
     close_connected(type, 1);
-    return entry_publish(type, conn, last.security, 1);
+    return entry_publish(type, conn, last.security, last.host, 1) == PUBLISH_DONE;
 }
 
 int poll_conn_readable(ConnectionType type, int timeout_ms)

@@ -26,8 +26,9 @@ enum ConnSecurity : uint8_t { CONN_PLAIN = 0, CONN_TLS = 1 };
 // One entry of the table.
 struct ConnectionInfo {
     ConnectionStatus status;
-    ConnSecurity security; // what it was added as; after a failed handshake the connection is plain all the same
-    SocketConn conn;       // owned through conn.ref; its texts stay after a removal
+    ConnSecurity security;     // what it was added as; after a failed handshake the connection is plain all the same
+    char host[HOST_TEXT_SIZE]; // whose certificate NM's side has to show
+    SocketConn conn;           // owned through conn.ref; its texts stay after a removal
 };
 
 // Display name, static; "Unknown type" with a warning for other numbers.
@@ -37,17 +38,18 @@ const char *conn_type_name(uint32_t type);
 void conn_print_all(void);
 
 // Makes conn (a fresh connection that the caller owns) the entry of type; an entry that is CONNECTED is closed first.
-// NM-side TCP types get a TLS session when NM's method is https; a failed handshake leaves plain text; one that was cut
-// short closes conn and registers nothing. The entry and its status appear in one step after the handshake. Always 1;
-// ownership passes in any case.
+// NM-side TCP types get a TLS session when NM's method is https; a failed handshake leaves plain text unless [nm_tls]
+// has keys; then, or when it was cut short, conn is closed and nothing registered. The entry and its status appear in
+// one step after the handshake. Always 1; ownership passes in any case.
 int conn_add(ConnectionType type, SocketConn conn, int print);
 
 // What conn_add decides, by NM's method in force.
 ConnSecurity conn_security_wanted(ConnectionType type);
 
 // conn_add for callers that read NM's port and method together: the method now in force may belong to another port.
-// CONN_TLS is for NM-side types.
-int conn_add_as(ConnectionType type, SocketConn conn, ConnSecurity security, int print);
+// CONN_TLS is for NM-side types. host: as the caller named it, for the certificate; null: conn's remote address. 0 when
+// the connection was refused for what [nm_tls] asks (logged, closed), else 1.
+int conn_add_as(ConnectionType type, SocketConn conn, ConnSecurity security, const char *host, int print);
 
 // Keeps the texts and the descriptor (-1 or 0) of a failed connect in an entry that is not CONNECTED.
 void conn_note_failed(ConnectionType type, const SocketConn *conn);

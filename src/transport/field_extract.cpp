@@ -97,6 +97,6 @@ cJSON *json_parse_logged(const char *text)
     const char *error_place = nullptr;
     cJSON *root = cJSON_ParseWithOpts(text, &error_place, 0);
     if (!root && error_place)
-        log_warn("Error before JSON content: %s", error_place);
+        log_warn("Error before JSON content: %s", g_log_secrets != 0 ? error_place : "***"); // may begin in a value
     return root;
 }

@@ -13,6 +13,7 @@
 #include "transport/connect.h"
 #include "transport/resolve.h"
 #include "transport/tls.h"
+#include "transport/tls_verify.h"
 
 constexpr int REQUEST_TIMEOUT_MS = 5000;
 constexpr size_t HOST_NAME_SIZE = 256; // longer names do not resolve
@@ -170,41 +171,56 @@ int http_answer_take(char *rsp, size_t rsp_cap)
     return (int)strlen(rsp);
 }
 
-// The exchange on a fresh connection, which gets its TLS session first. Result and *received as http_exchange.
-static int private_exchange(const PluginInfo *info, SocketConn *conn, const char *request, size_t len, char *rsp,
-                            size_t rsp_cap, int *received)
+struct Request {
+    const char *host, *port, *path, *method;
+    const char *certificate_host; // whose certificate is expected
+    const char (*headers)[HTTP_HEADER_SLOT_SIZE];
+    int header_count;
+    const char *body;
+};
+
+// Gives a fresh connection its TLS session. 0, or -1 (logged) when nothing may be sent.
+static int private_session_begin(const PluginInfo *info, const Request *request, SocketConn *conn)
 {
-    if (nm_method_is_https(info->nm_method)) {
-        conn->ssl = tls_init(conn->socket_fd);
-        if (!conn->ssl)
-            return -1;
-    }
-    log_info("Sending HTTP request over IP: %s\n%s\n", info->local_ip, request);
-    return http_exchange(conn, request, len, REQUEST_TIMEOUT_MS, rsp, rsp_cap, received);
+    if (!nm_method_is_https(info->nm_method))
+        return tls_plain_is_refused(request->certificate_host) ? -1 : 0;
+    conn->ssl = tls_init(conn->socket_fd, request->certificate_host);
+    return conn->ssl ? 0 : -1;
 }
 
-static bool is_request_valid(const char *host, const char *port, const char *path, const char *method)
+// The exchange on a fresh connection, which gets its TLS session first. Result and *received as http_exchange.
+static int private_exchange(const PluginInfo *info, const Request *request, SocketConn *conn, const char *text,
+                            size_t len, char *rsp, size_t rsp_cap, int *received)
 {
-    return host && port && path && method && (strcmp(method, "GET") == 0 || strcmp(method, "POST") == 0);
+    if (private_session_begin(info, request, conn) != 0)
+        return -1;
+    log_info("Sending HTTP request over IP: %s\n%s\n", info->local_ip, text);
+    return http_exchange(conn, text, len, REQUEST_TIMEOUT_MS, rsp, rsp_cap, received);
+}
+
+static bool is_request_valid(const Request *request)
+{
+    return request->host && request->port && request->path && request->method &&
+           (strcmp(request->method, "GET") == 0 || strcmp(request->method, "POST") == 0) &&
+           (request->headers || request->header_count == 0);
 }
 
 // http_request by settings that the caller read together with host and port: a newer method may belong to another port.
-static int request_run(const PluginInfo *info, const char *host, const char *port, const char *path, const char *method,
-                       const char (*headers)[HTTP_HEADER_SLOT_SIZE], int header_count, const char *body, char *rsp,
-                       size_t rsp_cap)
+static int request_run(const PluginInfo *info, const Request *request, char *rsp, size_t rsp_cap)
 {
-    if (!is_request_valid(host, port, path, method) || (!headers && header_count != 0) || !rsp || rsp_cap == 0) {
+    if (!is_request_valid(request) || !rsp || rsp_cap == 0) {
         log_error("Invalid parameters!");
         return -1;
     }
-    SocketConn conn = http_tcpclient_create(host, port);
+    SocketConn conn = http_tcpclient_create(request->host, request->port);
     if (conn.socket_fd < 1)
         return -1;
     size_t len;
     int received = 0;
-    char *request = http_build_request(method, path, host, port, headers, header_count, body, &len);
-    int result = request ? private_exchange(info, &conn, request, len, rsp, rsp_cap, &received) : -1;
-    free(request);
+    char *text = http_build_request(request->method, request->path, request->host, request->port, request->headers,
+                                    request->header_count, request->body, &len);
+    int result = text ? private_exchange(info, request, &conn, text, len, rsp, rsp_cap, &received) : -1;
+    free(text);
     socket_close_private(&conn);
     if (result != 0)
         return -1;
@@ -221,11 +237,13 @@ int http_request(const char *host, const char *port, const char *path, const cha
 {
     PluginInfo info;
     plugin_info_get(&info);
-    return request_run(&info, host, port, path, method, headers, header_count, body, rsp, rsp_cap);
+    Request request = {host, port, path, method, host, headers, header_count, body};
+    return request_run(&info, &request, rsp, rsp_cap);
 }
 
 int http_post_private(const PluginInfo *nm, const char *path, const char (*headers)[HTTP_HEADER_SLOT_SIZE],
                       int header_count, const char *body, char *rsp, size_t rsp_cap)
 {
-    return request_run(nm, nm->nm_ip, nm->nm_port, path, "POST", headers, header_count, body, rsp, rsp_cap);
+    Request request = {nm->nm_ip, nm->nm_port, path, "POST", nm_host_of(nm), headers, header_count, body};
+    return request_run(nm, &request, rsp, rsp_cap);
 }

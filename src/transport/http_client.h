@@ -1,7 +1,8 @@
 // http_client.h - HTTP/1.1 requests to NM, plain or TLS: one request, one answer, one JSON object out of it.
 // Keeps no state. The request grows with its body; the answer is what one receive brings.
 // Any thread. A request takes at most 5 s for its answer, 2 s for connecting, and what the name look-up and the TLS
-// handshake take, which have no limit. A stop or call-off cuts every wait but the look-up short.
+// handshake take, which have no limit but handshake_timeout_s. A stop or call-off cuts every wait but the look-up
+// short.
 #pragma once
 
 #include <stddef.h>

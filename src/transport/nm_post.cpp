@@ -157,7 +157,7 @@ static int kept_open(const PluginInfo *nm, SocketConn *conn)
     (void)text_set(s_kept_for.method, nm->nm_method);
     (void)text_set(s_kept_for.ip, nm->nm_ip);
     (void)text_set(s_kept_for.port, nm->nm_port);
-    conn_add_as(HTTP, bare, nm_method_is_https(nm->nm_method) ? CONN_TLS : CONN_PLAIN, 1);
+    (void)conn_add_as(HTTP, bare, nm_method_is_https(nm->nm_method) ? CONN_TLS : CONN_PLAIN, nm_host_of(nm), 1);
 
     if (conn_hold(HTTP, conn) && !wait_is_cut())
         return 0;

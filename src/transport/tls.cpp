@@ -12,6 +12,7 @@
 
 #include "runtime/log.h"
 #include "runtime/wait.h"
+#include "transport/tls_verify.h"
 
 constexpr int HANDSHAKE_CALLS = 10;
 constexpr int SEED_ROUNDS = 1024; // of 2 bytes each
@@ -20,6 +21,7 @@ struct TlsSession {
     SSL *ssl;
     int fd;                // constant
     pthread_mutex_t mutex; // short: around one SSL_* call on ssl and its SSL_get_error
+    TlsPolicy *policy;     // owned; null without keys in [nm_tls]
 };
 
 // Result of one library call: its value and the kind of error when it is not positive. errno is the call's own.
@@ -82,8 +84,9 @@ static void seed_random(void)
     }
 }
 
-// Nothing is verified, so a strict security level would only refuse old keys. A peer's end without close_notify is an
-// ordinary end. Partial and moving-buffer writes stay off: an unfinished SSL_write is repeated with the same buffer.
+// Without [nm_tls] nothing is verified, so a strict security level would only refuse old keys. A peer's end without
+// close_notify is an ordinary end. Partial and moving-buffer writes stay off: an unfinished SSL_write is repeated with
+// the same buffer.
 static SSL *new_client_ssl(void)
 {
     SSL_library_init();
@@ -104,7 +107,8 @@ static SSL *new_client_ssl(void)
     return ssl;
 }
 
-static TlsSession *new_session(int fd)
+// Null (logged) on failure; policy stays the caller's then.
+static SSL *new_ssl_on(int fd, TlsPolicy *policy)
 {
     SSL *ssl = new_client_ssl();
     if (!ssl)
@@ -114,51 +118,92 @@ static TlsSession *new_session(int fd)
         SSL_free(ssl);
         return nullptr;
     }
-    TlsSession *session = (TlsSession *)calloc(1, sizeof(TlsSession));
-    if (!session) {
-        log_error("SSL_new() failed!");
+    if (policy && tls_policy_apply(policy, ssl) != 0) {
         SSL_free(ssl);
+        return nullptr;
+    }
+    return ssl;
+}
+
+// Takes policy over, on failure too.
+static TlsSession *new_session(int fd, TlsPolicy *policy)
+{
+    SSL *ssl = new_ssl_on(fd, policy);
+    TlsSession *session = ssl ? (TlsSession *)calloc(1, sizeof(TlsSession)) : nullptr;
+    if (!session) {
+        if (ssl)
+            log_error("SSL_new() failed!");
+        SSL_free(ssl);
+        tls_policy_free(policy);
         return nullptr;
     }
     session->ssl = ssl;
     session->fd = fd;
+    session->policy = policy;
     pthread_mutex_init(&session->mutex, nullptr);
     return session;
 }
 
 enum HandshakeEnd { HANDSHAKE_DONE, HANDSHAKE_FAILED, HANDSHAKE_CUT };
 
+// line: what is logged without a policy; reason: with one, null for that of the last call.
+static HandshakeEnd handshake_failed(const TlsSession *session, const char *line, const char *reason)
+{
+    if (session->policy)
+        tls_policy_refusal_log(session->policy, reason, errno);
+    else
+        log_error("%s", line);
+    return HANDSHAKE_FAILED;
+}
+
+// The peer has taken part in a whole handshake.
+static HandshakeEnd handshake_done(const TlsSession *session)
+{
+    if (!session->policy || tls_policy_is_met(session->policy))
+        return HANDSHAKE_DONE;
+    return handshake_failed(session, "", "the peer was not verified");
+}
+
+// Waits for what the last call wants, until end_ms; -1: without limit.
+static WaitResult handshake_wait(const TlsSession *session, int error, int64_t end_ms)
+{
+    int64_t left_ms = end_ms < 0 ? -1 : end_ms - wait_now_ms();
+    return wait_fd(session->fd, want_events(error), end_ms >= 0 && left_ms < 0 ? 0 : (int)left_ms);
+}
+
 static HandshakeEnd handshake(TlsSession *session)
 {
+    int limit_ms = tls_policy_handshake_ms(session->policy);
+    int64_t end_ms = limit_ms < 0 ? -1 : wait_now_ms() + limit_ms;
     for (int budget = HANDSHAKE_CALLS;;) {
         TlsResult result = tls_call(session, [](SSL *ssl) { return SSL_connect(ssl); });
         if (result.value == 1)
-            return HANDSHAKE_DONE;
-        if (--budget == 0) { // tested first: the tenth failure has this text whatever its error is
-            log_error("SSL_connect failed too much times!");
-            return HANDSHAKE_FAILED;
-        }
-        if (!is_want(result.error)) {
-            log_error("SSL_connect faild!"); // sic
-            return HANDSHAKE_FAILED;
-        }
-        if (wait_fd(session->fd, want_events(result.error), -1) == WAIT_CUT)
+            return handshake_done(session);
+        if (--budget == 0) // tested first: the tenth failure has this text whatever its error is
+            return handshake_failed(session, "SSL_connect failed too much times!", "too many steps");
+        if (!is_want(result.error))
+            return handshake_failed(session, "SSL_connect faild!", nullptr); // sic
+        switch (handshake_wait(session, result.error, end_ms)) {
+        case WAIT_CUT:
             return HANDSHAKE_CUT;
-        log_warn("SSL_connect failed! Try again...");
+        case WAIT_TIMEOUT: // only with a limit, which comes with a policy
+            return handshake_failed(session, "", "handshake_timeout_s is over");
+        case WAIT_READY:
+        case WAIT_ERROR:
+            log_warn("SSL_connect failed! Try again...");
+        }
     }
 }
 
-TlsSession *tls_init(int fd)
+// errno of a session that could not be made: the caller may go on in plain text, or must not.
+static void set_failure_errno(bool has_policy)
 {
-    if (fd < 0) {
-        log_error("Invalid sockfd: %d!", fd);
-        errno = EBADF;
-        return nullptr;
-    }
-    TlsSession *session = new_session(fd);
-    errno = EPROTO;
-    if (!session)
-        return nullptr;
+    errno = has_policy ? EACCES : EPROTO;
+}
+
+static TlsSession *session_connect(TlsSession *session)
+{
+    bool has_policy = session->policy;
     seed_random();
     switch (handshake(session)) {
     case HANDSHAKE_DONE:
@@ -166,13 +211,33 @@ TlsSession *tls_init(int fd)
         return session;
     case HANDSHAKE_FAILED:
         tls_deinit(session);
-        errno = EPROTO;
+        set_failure_errno(has_policy);
         return nullptr;
     case HANDSHAKE_CUT:
         tls_free(session);
         errno = ECANCELED;
         return nullptr;
     }
+    return nullptr;
+}
+
+TlsSession *tls_init(int fd, const char *host)
+{
+    if (fd < 0) {
+        log_error("Invalid sockfd: %d!", fd);
+        errno = EBADF;
+        return nullptr;
+    }
+    TlsPolicy *policy;
+    if (tls_policy_new(host, &policy) != 0) {
+        errno = EACCES;
+        return nullptr;
+    }
+    bool has_policy = policy;
+    TlsSession *session = new_session(fd, policy);
+    if (session)
+        return session_connect(session);
+    set_failure_errno(has_policy);
     return nullptr;
 }
 
@@ -266,6 +331,7 @@ void tls_free(TlsSession *session)
         return;
     SSL_shutdown(session->ssl); // quiet: writes nothing
     SSL_free(session->ssl);
+    tls_policy_free(session->policy);
     pthread_mutex_destroy(&session->mutex);
     free(session);
 }

@@ -1,5 +1,5 @@
-// tls.h - TLS 1.2 client sessions on connected, non-blocking sockets. They encrypt, they do not authenticate: no
-// certificate and no name is verified.
+// tls.h - TLS 1.2 client sessions on connected, non-blocking sockets. They encrypt; certificate and name are verified
+// only when [nm_tls] of config.ini asks for it (tls_verify.h).
 // A session is shared by the threads that hold its connection: one short lock inside it around each single library
 // call, never over a wait. Any thread.
 #pragma once
@@ -9,10 +9,12 @@
 
 struct TlsSession;
 
-// Handshake on fd: at most 10 calls of the library. The waits between them have no time-out; a stop or a call-off cuts
-// them short. Returns the session, which the caller frees with tls_deinit or tls_free; or null (logged), silently with
-// errno ECANCELED when a wait was cut short.
-TlsSession *tls_init(int fd);
+// Handshake on fd with the server that the caller knows as host (null: none, which no certificate meets): at most 10
+// calls of the library. The waits between them have no time-out unless handshake_timeout_s is set; a stop or a call-off
+// cuts them short. Returns the session, which the caller frees with tls_deinit or tls_free; or null (logged), silently
+// with errno ECANCELED when a wait was cut short. errno EACCES: [nm_tls] has keys, so nothing may be sent in plain text
+// instead.
+TlsSession *tls_init(int fd, const char *host);
 
 // One SSL_write; logs nothing and does not wait. Bytes accepted; or -1 with errno EAGAIN (nothing accepted: retry with
 // the same bytes when *events, POLLIN or POLLOUT, comes) or another errno (the session is dead).

@@ -41,6 +41,8 @@ static const struct {
     {"monitor:state_file", "", "none/state", 1,
      "directory of state_file none cannot be written (No such file or directory)"},
     {"monitor:notify_socket", "", "none", 1, "notify_socket none cannot be written (No such file or directory)"},
+    {"nm_tls:ca_file", "", "none.pem", 2, "ca_file none.pem cannot be read (No such file or directory)"},
+    {"nm_tls:ca_fil", "", "none.pem", 2, "[nm_tls] cannot be used as it stands"},
     {"config.ini", "", "[plugin_config\n", 2, "config.ini is broken! Use default value!: the agent reads none of it"},
     {"init", "", "{\n\"method\": \"http\",\n  oops\n}", 2, "is no JSON from line 3 on"},
     {"", "dev-sn", "", 2, "\"dev-sn\" is missing in the init cfg"},

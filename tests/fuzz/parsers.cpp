@@ -25,6 +25,7 @@
 #include "remote/web_request.h"
 #include "remote/web_response.h"
 #include "runtime/log.h"
+#include "runtime/log_mask.h"
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
 #include "sim_tls.h"
@@ -172,7 +173,7 @@ static void tls_records(const Input &in)
     g_world_watch.peer = [] { (void)(SSL_is_init_finished(server) || SSL_accept(server)); };
     SocketConn conn = {};
     conn.socket_fd = ends[0];
-    conn.ssl = tls_init(ends[0]);
+    conn.ssl = tls_init(ends[0], nullptr);
     require(conn.ssl);
 
     BIO *wire = BIO_new(BIO_s_mem());
@@ -243,6 +244,35 @@ static void service_file(const Input &in)
     close(fd);
 }
 
+static void require_masked(const std::string &text, const char *expected)
+{
+    char *masked = log_mask(text.c_str());
+    require(masked && (!expected || strcmp(masked, expected) == 0));
+    free(masked);
+}
+
+static std::string escaped(const char *text)
+{
+    cJSON *string = cJSON_CreateString(text);
+    char *printed = cJSON_PrintUnformatted(string);
+    std::string result = printed;
+    cJSON_free(printed);
+    cJSON_Delete(string);
+    return result;
+}
+
+// As a line of the log, and as a value, which is hidden to its last byte whatever it is.
+static void masked_line(const Input &in)
+{
+    require_masked(in.text, nullptr);
+    if (in.text[0] == '\0')
+        return;
+    const std::string json = "{\"token\":" + escaped(in.text) + ",\"key\":5}";
+    require_masked(json, "{\"token\":\"***\",\"key\":***}");
+    require_masked("{\"payload\":" + escaped(json.c_str()) + "}",
+                   "{\"payload\":\"{\\\"token\\\":\\\"***\\\",\\\"key\\\":***}\"}");
+}
+
 static const struct Target {
     const char *name;
     void (*run)(const Input &in);
@@ -254,6 +284,7 @@ static const struct Target {
     {"web_frames", web_frames, true, true},         {"telnet_setup", telnet_setup, true, true},
     {"init_cfg", init_cfg, false, false},           {"service_file", service_file, false, false},
     {"web_response", web_response, true, true},     {"tls_records", tls_records, false, false},
+    {"masked_line", masked_line, false, false},
 };
 static const Target *s_target;
 

@@ -22,7 +22,7 @@ static TlsLink tls_link_open(const char *signatures = nullptr)
     int listener = listen_socket(&port, 2048);
     std::thread server([&] { EXPECT_TRUE(tls_peer_accept(&link.peer, listener)); });
     link.conn = connect_to(port);
-    link.conn.ssl = tls_init(link.conn.socket_fd);
+    link.conn.ssl = tls_init(link.conn.socket_fd, nullptr);
     EXPECT_NE(nullptr, link.conn.ssl);
     server.join();
     close(listener);
@@ -214,7 +214,7 @@ TEST(Tls, HandshakesThatFail)
                 shutdown(peer, SHUT_RDWR);
         });
         LogLines log;
-        EXPECT_EQ(nullptr, tls_init(conn.socket_fd));
+        EXPECT_EQ(nullptr, tls_init(conn.socket_fd, nullptr));
         EXPECT_TRUE(log.has_in_order(c.lines));
         EXPECT_EQ(c.again, log.count("SSL_connect failed! Try again..."));
         EXPECT_EQ(c.lines.empty(), log.text().empty());
