@@ -48,9 +48,6 @@ bool options_key_at(size_t index, ConfigKeyInfo *info)
     return true;
 }
 
-static const char k_strict_section[] = "nm_tls";
-constexpr int STRICT_KEYS_MAX = 32;
-
 static pthread_mutex_t s_lock = PTHREAD_MUTEX_INITIALIZER; // short
 static Options s_options;                                  // under s_lock
 static bool s_is_read;                                     // under s_lock
