@@ -1,4 +1,4 @@
-# 32-bit ARM, hard float, against a sysroot of Debian packages that scripts/test-armhf unpacks.
+# 32-bit ARM, hard float, against a sysroot of Debian packages that scripts/sysroot-armhf unpacks.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)

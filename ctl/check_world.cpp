@@ -1,7 +1,10 @@
 #include "ctl/check.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <libgen.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -11,12 +14,54 @@
 #include "transport/conn_ref.h"
 #include "transport/connect.h"
 
-static void service_check(Severity severity, const char *what, const char *ip, const char *port, const char *advice)
+constexpr unsigned STATE_LISTEN = 0x0a; // in the kernel's tables
+
+// Addresses stand in these tables as the kernel holds them, word by word; one of zeros is any.
+static bool table_has_listener(const char *path, const char *const addresses[2], unsigned port)
+{
+    FILE *table = fopen(path, "re");
+    if (!table)
+        return false;
+    char line[256];
+    bool is_found = false;
+    while (!is_found && fgets(line, sizeof(line), table)) {
+        char address[33];
+        unsigned line_port, state;
+        is_found = sscanf(line, " %*u: %32[0-9A-F]:%x %*[0-9A-F]:%*x %x", address, &line_port, &state) == 3 &&
+                   state == STATE_LISTEN && line_port == port &&
+                   (strcmp(address, addresses[0]) == 0 || strcmp(address, addresses[1]) == 0);
+    }
+    fclose(table);
+    return is_found;
+}
+
+// Asks the kernel. A local agent that serves one connection would give up the agent's for one made here.
+static bool has_local_listener(struct in_addr ip, const char *port)
+{
+    char ip4[16], mapped[40];
+    (void)text_fmt(ip4, "%08X", (unsigned)ip.s_addr);
+    (void)text_fmt(mapped, "%016X%08X%s", 0, (unsigned)htonl(0xffff), ip4);
+    const char *const addresses4[2] = {"00000000", ip4};
+    const char *const addresses6[2] = {"00000000000000000000000000000000", mapped};
+    unsigned number = (unsigned)strtoul(port, nullptr, 10);
+    return table_has_listener("/proc/net/tcp", addresses4, number) ||
+           table_has_listener("/proc/net/tcp6", addresses6, number);
+}
+
+static bool can_connect(const char *ip, const char *port)
 {
     SocketConn conn = tcp_connect(ip, port, nullptr, nullptr, 0, 0);
-    if (conn.socket_fd < 1)
-        finding_add(severity, "nobody listens on %s:%s, %s: %s", ip, port, what, advice);
+    bool is_connected = conn.socket_fd > 0;
     socket_close_private(&conn);
+    return is_connected;
+}
+
+static void service_check(Severity severity, const char *what, const char *ip, const char *port, const char *advice)
+{
+    struct in_addr address;
+    bool is_local = inet_pton(AF_INET, ip, &address) == 1 && ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET;
+    if (is_local ? !has_local_listener(address, port) : !can_connect(ip, port))
+        finding_add(severity, "nobody listens on %s:%s, %s: %s", ip, port, what, advice);
 }
 
 // mode: what access(2) is asked for.
@@ -36,14 +81,13 @@ static void directory_check(Severity severity, const char *what, const char *pat
         file_check(severity, what, dirname(directory), W_OK | X_OK);
 }
 
-// The agent makes the log directory with its parents when it is missing.
+// The agent makes the log directory when only its last part is missing.
 static void log_directory_check(const char *path)
 {
-    char existing[PATH_TEXT_SIZE];
-    (void)text_set(existing, path);
-    while (existing[0] && access(existing, F_OK) != 0 && strcmp(existing, "/") != 0 && strcmp(existing, ".") != 0)
-        (void)text_set(existing, dirname(existing));
-    file_check(SEVERITY_WARNING, "log directory", existing, W_OK | X_OK);
+    if (path[0] == '\0' || access(path, F_OK) == 0)
+        file_check(SEVERITY_WARNING, "log directory", path, W_OK | X_OK);
+    else
+        directory_check(SEVERITY_WARNING, "directory of the log directory", path);
 }
 
 static void options_check(void)

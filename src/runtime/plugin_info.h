@@ -11,7 +11,7 @@
 
 #include "runtime/text.h"
 
-#define PLUGIN_VERSION "0.1"          // told to the device and to both tunnel ends
+// PLUGIN_VERSION, told to the device and to both tunnel ends, is the version of the project in CMakeLists.txt.
 #define PLUGIN_PROTOCOL_VERSION "1.3" // the init cfg's "ver" that this agent speaks
 
 constexpr size_t IP_TEXT_SIZE = 16;  // dotted IPv4

@@ -58,7 +58,7 @@ static const struct {
     {"", "localIp", "\"10.9.8.7\"", 1, "is different with detected_local_ip: '127.0.0.1'"},
     {"", "max_files", "11", 1, "11 is bigger than the max: 10!: the bound is used instead"},
     {"", "service-path", "\"/none/service\"", 1, "service-path /none/service cannot be written"},
-    {"", "log_path", "\"/dev/null/log\"", 1, "log directory /dev/null cannot be written"},
+    {"", "log_path", "\"/dev/null/log\"", 1, "directory of the log directory /dev/null cannot be written"},
 };
 
 // Writes the stage's files with the row's change.
