@@ -100,3 +100,19 @@ TEST(Heartbeat, HungHandshakesGiveWay)
     for (int fd : hung)
         close(fd);
 }
+
+// The period that is in force already changes nothing: the timer would begin anew, and the beat never come.
+TEST(Heartbeat, SamePeriodIsNoChange)
+{
+    start_process_once();
+    LogLines log(6);
+    for (const char *period : {"7", "7", "6"}) {
+        const std::string trigger = std::string("{\"type\":\"trigger\",\"param\":{\"period\":") + period + "}}";
+        EXPECT_EQ(0, udp_detection_interval_handle(0, nullptr, trigger.c_str(), (uint32_t)trigger.size()));
+    }
+    EXPECT_EQ(2, log.count("Changing UDP detection interval from: "));
+    EXPECT_EQ(2, log.count("Start timer for"));
+    nm_session_open([](PluginTimer *) {}, [](PluginTimer *) {}); // a restart stops what was started
+    restart_device_init();
+    alarm(0);
+}

@@ -9,9 +9,8 @@ static void forward(const uint8_t *msg_id, const char *text)
     web_upload_forward(msg_id, (const uint8_t *)text, (uint32_t)strlen(text));
 }
 
-// A browser closes its connection and opens one under the same msg_id while the first request still waits for a slot:
-// the first one ends behind its bytes, the second one keeps a connection of its own.
-static void reuse_check(bool is_slot_free_in_between)
+// Returns the device's listening socket.
+static int pool_begin()
 {
     start_process_once();
     std::string port;
@@ -20,7 +19,22 @@ static void reuse_check(bool is_slot_free_in_between)
         (void)text_set(next->dev_web.remote_ip, "127.0.0.1");
         (void)text_set(next->dev_web.remote_port, port.c_str());
     });
-    ASSERT_EQ(0, web_pool_open());
+    EXPECT_EQ(0, web_pool_open());
+    return listener;
+}
+
+static void pool_end(int listener)
+{
+    web_pool_close();
+    web_upload_close();
+    close(listener);
+}
+
+// A browser closes its connection and opens one under the same msg_id while the first request still waits for a slot:
+// the first one ends behind its bytes, the second one keeps a connection of its own.
+static void reuse_check(bool is_slot_free_in_between)
+{
+    const int listener = pool_begin();
     uint8_t ids[WEB_SLOT_COUNT + 1][WEB_ID_SIZE] = {};
     for (int i = 0; i <= WEB_SLOT_COUNT; i++)
         ids[i][0] = (uint8_t)i;
@@ -49,15 +63,71 @@ static void reuse_check(bool is_slot_free_in_between)
     EXPECT_LE(0, web_slot_hold_id(reused, &slot));
     conn_drop(&slot.conn);
 
-    web_pool_close();
-    web_upload_close();
     for (int device : devices)
         close(device);
-    close(listener);
+    pool_end(listener);
 }
 
 TEST(WebUpload, AMsgIdIsUsedAgainWhileItsFirstRequestWaits)
 {
     reuse_check(false);
     reuse_check(true);
+}
+
+// Forwards to a device that takes nothing until its kernel does not either.
+static void stall(const uint8_t *msg_id)
+{
+    const std::string block(16384, 'x');
+    do {
+        while (!web_upload_is_full())
+            forward(msg_id, block.c_str());
+        for (int i = 0; i < 50; i++) {
+            web_upload_turn();
+            usleep(2000);
+        }
+    } while (!web_upload_is_full());
+}
+
+// The slot ends in the middle of a request: the rest of it reaches nobody. What comes after a pause is a new request.
+TEST(WebUpload, TheRestOfALostRequestIsDropped)
+{
+    const int listener = pool_begin();
+    const uint8_t id[WEB_ID_SIZE] = {1};
+    stall(id);
+    WebSlot slot;
+    const int index = web_slot_hold_id(id, &slot);
+    ASSERT_LE(0, index);
+    EXPECT_TRUE(web_slot_end(index, slot.conn.ref));
+    conn_drop(&slot.conn);
+    for (int i = 0; i < 3; i++) {
+        forward(id, "rest");
+        EXPECT_EQ(-1, web_slot_hold_id(id, &slot));
+        usleep(200 * 1000);
+    }
+    usleep(400 * 1000);
+    forward(id, "new");
+    close(accept(listener, nullptr, nullptr));
+    const int device = accept(listener, nullptr, nullptr);
+    EXPECT_EQ("new", read_upto(device, 3));
+    close(device);
+    pool_end(listener);
+}
+
+// NM has closed the msg_id, and the device takes no byte of what is left: it is given up after 7 s.
+TEST(WebUpload, ADeviceThatTakesNothingIsGivenUp)
+{
+    const int listener = pool_begin();
+    const uint8_t id[WEB_ID_SIZE] = {2};
+    stall(id);
+    web_upload_destroy(id);
+    const int64_t begin_ms = wait_now_ms();
+    WebSlot slot;
+    while (web_slot_hold_id(id, &slot) >= 0 && wait_now_ms() - begin_ms < 20000) {
+        conn_drop(&slot.conn);
+        web_upload_turn();
+        usleep(50 * 1000);
+    }
+    EXPECT_GE(wait_now_ms() - begin_ms, 6500);
+    EXPECT_LE(wait_now_ms() - begin_ms, 9000);
+    pool_end(listener);
 }
