@@ -160,14 +160,14 @@ class Line
     Line(int nm_port, LineMode mode) : nm_port_(nm_port), mode_(mode)
     {
         listener_ = sim_listen_tcp("127.0.0.1", &port);
-        threads_.emplace_back([this] { accept_all(); });
+        acceptor_ = std::thread([this] { accept_all(); });
     }
     ~Line()
     {
         stop_ = true;
-        threads_.front().join(); // adds no more
-        for (size_t i = 1; i < threads_.size(); i++)
-            threads_[i].join();
+        acceptor_.join();
+        for (std::thread &thread : threads_)
+            thread.join();
         close(listener_);
     }
     void set(LineMode mode)
@@ -249,7 +249,8 @@ class Line
     int nm_port_;
     std::atomic<LineMode> mode_;
     std::atomic<bool> stop_{false};
-    std::vector<std::thread> threads_; // the first one accepts and adds the others
+    std::thread acceptor_;
+    std::vector<std::thread> threads_; // acceptor_'s until it has ended // the first one accepts and adds the others
     std::mutex lock_;
     std::string captured_; // guarded by lock_
 };
