@@ -11,46 +11,38 @@
 
 // A working directory with both input files, NM, and a listening device.
 struct World {
-    char directory[32] = "/tmp/device_init_XXXXXX";
+    TempDir directory;
     NmPeer nm;
-    std::string init_cfg;
-    int device_port;
-    int listener;
-};
-
-static void world_begin(World *w)
-{
-    start_process_once();
-    ASSERT_NE(mkdtemp(w->directory), nullptr);
-    ASSERT_EQ(chdir(w->directory), 0);
-    nm_msg_table_init();
-    w->nm.answer_set("active", {http_ok(R"({"status":200,"result":{"host":"127.0.0.1","port":9}})")});
     std::string device_port;
-    w->listener = listen_socket(&device_port);
-    w->device_port = std::stoi(device_port);
-    w->init_cfg = device_cfg_text(device_cfg_default(".", false, std::stoi(w->nm.peer.port), w->device_port));
-    std::ofstream("init") << w->init_cfg;
-    std::ofstream("config.ini") << "[device_info]\ninit_cfg = ./init\n[plugin_config]\nlog_std = 1\nlog_level = 7\n";
-    info_edit([](PluginInfo *next) { (void)text_set(next->init_cfg_path, "./init"); });
-}
+    int listener = listen_socket(&device_port);
+    DeviceCfg cfg = device_cfg_default(".", false, std::stoi(nm.peer.port), std::stoi(device_port));
+    std::string init_cfg = device_cfg_text(cfg);
 
-static void world_end(World *w)
-{
-    restart_device_init();
-    alarm(0);
-    conn_remove_all();
-    close(w->listener);
-    free_device_buffers();
-    unlink("init");
-    unlink("config.ini");
-    rmdir(w->directory);
-}
+    World()
+    {
+        start_process_once();
+        EXPECT_EQ(chdir(directory.path.c_str()), 0);
+        nm_msg_table_init();
+        nm.answer_set("active", {http_ok(R"({"status":200,"result":{"host":"127.0.0.1","port":9}})")});
+        std::ofstream("init") << init_cfg;
+        std::ofstream("config.ini")
+            << "[device_info]\ninit_cfg = ./init\n[plugin_config]\nlog_std = 1\nlog_level = 7\n";
+        info_edit([](PluginInfo *next) { (void)text_set(next->init_cfg_path, "./init"); });
+    }
+    ~World()
+    {
+        restart_device_init();
+        alarm(0);
+        conn_remove_all();
+        close(listener);
+        free_device_buffers();
+    }
+};
 
 // Waits grow with the failures; every fifth reads config.ini again. Only a restart brings the short wait back.
 TEST(DeviceInit, RetryStages)
 {
     World w;
-    world_begin(&w);
     std::ofstream("init") << "{";
     for (int failure = 1; failure <= 16; failure++) {
         SCOPED_TRACE(failure);
@@ -70,14 +62,12 @@ TEST(DeviceInit, RetryStages)
     LogLines log;
     device_init_pass();
     EXPECT_EQ(log.count("len: 10000 ms\n"), 1);
-    world_end(&w);
 }
 
 // Restarts and period changes from other threads while passes succeed: every timer that was started was stopped.
 TEST(DeviceInit, RestartsFromOtherThreads)
 {
     World w;
-    world_begin(&w);
     LogLines log;
     std::atomic<bool> done{false};
     std::thread restarter([&] {
@@ -98,7 +88,6 @@ TEST(DeviceInit, RestartsFromOtherThreads)
     g_init_done = 1;
     restart_device_init();
     EXPECT_EQ(log.count("Start timer for 'p_timer->handler', "), log.count("Stop timer, timerid"));
-    world_end(&w);
 }
 
 // The device changes what it is at any moment of a pass, once the init cfg has been read: it does not stay online so,
@@ -106,19 +95,17 @@ TEST(DeviceInit, RestartsFromOtherThreads)
 TEST(DeviceInit, IdentityChangesDuringAPass)
 {
     World w;
-    world_begin(&w);
     std::ofstream("init") << "{";
     for (int failure = 1; failure <= 5; failure++)
         device_init_pass();
     std::ofstream("init") << w.init_cfg;
     LogLines log(2);
     for (int i = 0; i < 300; i++) {
-        DeviceCfg cfg = device_cfg_default(".", false, std::stoi(w.nm.peer.port), w.device_port);
-        device_cfg_set_text(&cfg, "pversion", std::to_string(i));
+        device_cfg_set_text(&w.cfg, "pversion", std::to_string(i));
         std::thread device([&] {
             const int fd = accept(w.listener, nullptr, nullptr);
             usleep((useconds_t)i * 5);
-            std::ofstream("init") << device_cfg_text(cfg);
+            std::ofstream("init") << device_cfg_text(w.cfg);
             reload_init_cfg();
             close(fd);
         });
@@ -128,14 +115,12 @@ TEST(DeviceInit, IdentityChangesDuringAPass)
         EXPECT_LE(alarm(0), 10u);
         conn_remove_all();
     }
-    world_end(&w);
 }
 
 // With start_spread_s the passes at start and after a restart come later by a random time; one in 3,601 is none.
 TEST(DeviceInit, StartsAreSpread)
 {
     World w;
-    world_begin(&w);
     nm_session_begin();
     EXPECT_EQ(1, g_enable_init_flag);
     std::ofstream("config.ini", std::ios::app) << "start_spread_s = 3600\n";
@@ -149,5 +134,4 @@ TEST(DeviceInit, StartsAreSpread)
     EXPECT_EQ(1, log.count("The first bring-up pass comes in "));
     EXPECT_EQ(0, log.count("len: 10000 ms\n"));
     EXPECT_EQ(2, log.count("Start timer for 'enable_init_flag'"));
-    world_end(&w);
 }

@@ -11,10 +11,7 @@ TEST(Heartbeat, OverlapAndCallOff)
     NmPeer nm;
     std::string port;
     int device = device_link(), udp = bound_socket(SOCK_DGRAM, &port);
-    info_edit([&](PluginInfo *next) {
-        (void)text_set(next->udp_detection.remote_ip, "127.0.0.1");
-        (void)text_set(next->udp_detection.remote_port, port.c_str());
-    });
+    info_edit([&](PluginInfo *next) { endpoint_set(&next->udp_detection, port); });
     g_init_done = 1;
     heartbeat_reset();
     LogLines log;
@@ -58,10 +55,7 @@ TEST(Heartbeat, HungHandshakesGiveWay)
     int device = device_link();
     std::string silent_port, tunnel_port;
     int silent = listen_socket(&silent_port), tunnel = listen_socket(&tunnel_port);
-    info_edit([&](PluginInfo *next) {
-        (void)text_set(next->udp_detection.remote_ip, "127.0.0.1");
-        (void)text_set(next->udp_detection.remote_port, detection.port.c_str());
-    });
+    info_edit([&](PluginInfo *next) { endpoint_set(&next->udp_detection, detection.port); });
     NmPeer nm;
     const std::string tunnel_start = R"({"result":{"payload":[{"type":"remote-telnet","param":{"action":"start",)"
                                      R"("host":"127.0.0.1","token":"t","key":7,"sessionid":"s","port":)";

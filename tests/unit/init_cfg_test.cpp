@@ -21,12 +21,12 @@ static std::string cfg_with(const char *key, const char *value)
 static const std::string k_cfg = cfg_with("ver", "\"1.3\"");
 
 // Takes a file of this content as the init cfg.
-static std::string cfg_file(const std::string &content)
+static void cfg_file(const std::string &content)
 {
-    std::string path = testing::TempDir() + "init_cfg." + std::to_string(getpid());
+    static const TempDir dir;
+    const std::string path = dir.path + "/init";
     EXPECT_TRUE(device_write_file(path, content));
     info_edit([&](PluginInfo *next) { (void)text_set(next->init_cfg_path, path.c_str()); });
-    return path;
 }
 
 // The fields that the file fills, one line.
@@ -71,7 +71,7 @@ static std::string summary(const PluginInfo &i)
 TEST(init_cfg, every_key_reaches_its_field)
 {
     LogLines log;
-    std::string path = cfg_file(k_cfg);
+    cfg_file(k_cfg);
     EXPECT_EQ(0, init_cfg_parse());
     EXPECT_EQ("http 127.0.0.1 8080 SN00000001 12 -3 2.4.1 Gateway 100 00:aa 127.0.0.1 9000 127.0.0.1 80 127.0.0.1 23 "
               "/device /port /service  / simulated loopback lo 127.0.0.1 127.0.0.1 127.0.0.1 127.0.0.1 1.3 /log/ "
@@ -80,7 +80,6 @@ TEST(init_cfg, every_key_reaches_its_field)
     EXPECT_TRUE(log.has("[INF] Reading init cfg successfully. Content: " + k_cfg));
     EXPECT_TRUE(log.has("[INF] configured_local_ip is equal to detected_local_ip: 127.0.0.1."));
     EXPECT_FALSE(log.has("[WRN]"));
-    unlink(path.c_str());
 }
 
 #define TEXT(field) [](const PluginInfo &i) { return std::string(i.field); }
@@ -206,9 +205,8 @@ TEST(init_cfg, identity_is_compared)
     EXPECT_EQ(before, summary(info_now()));
 
     (void)log.take(); // without a host the last four keys are still read
-    std::string path = cfg_file("{\"host\":\"no-host.invalid\"}");
+    cfg_file("{\"host\":\"no-host.invalid\"}");
     EXPECT_EQ(1, init_cfg_compare());
     EXPECT_EQ(4, log.count("[WRN] Not found string value for key: "));
     EXPECT_TRUE(log.has("key: platform_name!") && log.has("key: localIp!"));
-    unlink(path.c_str());
 }

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,12 +10,6 @@
 #include "runtime/log_file.h"
 #include "runtime/log_file_internal.h"
 #include "support.h"
-
-static std::string make_dir()
-{
-    char path[] = "/tmp/log_file_XXXXXX";
-    return std::string(mkdtemp(path)) + "/";
-}
 
 static void put_file(const std::string &path, size_t size, time_t modified)
 {
@@ -65,7 +58,8 @@ static const RingCase k_ring_cases[] = {
 
 static void ring_case_check(const RingCase &c)
 {
-    std::string dir = make_dir();
+    const TempDir temp;
+    const std::string dir = temp.path + "/";
     for (const RingFile &file : c.files) {
         if (!file.name)
             continue;
@@ -102,7 +96,8 @@ TEST(LogFile, PicksASlot)
 
 TEST(LogFile, FillsAndSplits)
 {
-    std::string base = make_dir(), logs = base + "logs/";
+    const TempDir dir;
+    const std::string base = dir.path + "/", logs = base + "logs/";
     LogLines console(6);
     std::ofstream(base + "init") << "{\"log_path\":\"" << logs << "\",\"max_files\":2,\"max_size\":64}";
     info_edit([&](PluginInfo *next) { (void)text_set(next->init_cfg_path, (base + "init").c_str()); });

@@ -87,8 +87,9 @@ TEST(Metrics, InterfacesInTheKernelsOrder)
 // Two samples of the processor a second apart; disks of 64 and 192 KiB, where one that fails repeats the one before.
 static void usage_with_own_mounts(std::string *usages)
 {
-    char cpu[32], mem[32], disk[32], dir[] = "/tmp/metrics_XXXXXX";
-    const std::string base = mkdtemp(dir), stat = base + "/stat", full = base + "/full", rest = base + "/rest";
+    const TempDir dir;
+    char cpu[32], mem[32], disk[32];
+    const std::string base = dir.path, stat = base + "/stat", full = base + "/full", rest = base + "/rest";
     std::ofstream(stat) << "cpu  10 0 0 30\n";
     if (own_mounts() && mount(stat.c_str(), "/proc/stat", nullptr, MS_BIND, nullptr) == 0 &&
         mkdir(full.c_str(), 0700) == 0 && mount("none", full.c_str(), "tmpfs", 0, "size=64k") == 0 &&
@@ -102,7 +103,7 @@ static void usage_with_own_mounts(std::string *usages)
         work.join();
         *usages = std::string(cpu) + " " + disk;
     }
-    (void)!system(("umount " + full + " " + rest + "; rm -r " + base).c_str());
+    (void)!system(("umount " + full + " " + rest + " 2>/dev/null").c_str());
 }
 
 TEST(Metrics, Usages)

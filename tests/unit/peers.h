@@ -53,6 +53,13 @@ inline int listen_socket(std::string *port, int recv_buf_size = 0)
     return fd;
 }
 
+// Its other end is this port of 127.0.0.1.
+inline void endpoint_set(Endpoint *endpoint, const std::string &port)
+{
+    (void)text_set(endpoint->remote_ip, "127.0.0.1");
+    (void)text_set(endpoint->remote_port, port.c_str());
+}
+
 inline SocketConn connect_to(const std::string &port)
 {
     SocketConn conn = tcp_connect("127.0.0.1", port.c_str(), nullptr, nullptr, 0, 0);

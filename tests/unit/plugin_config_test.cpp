@@ -1,5 +1,4 @@
 #include <fstream>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include "runtime/options.h"
@@ -7,11 +6,12 @@
 #include "runtime/plugin_info_internal.h"
 #include "support.h"
 
-static void enter_new_dir()
-{
-    char path[] = "/tmp/plugin_config_XXXXXX";
-    ASSERT_EQ(0, chdir(mkdtemp(path)));
-}
+struct WorkingDir : TempDir {
+    WorkingDir()
+    {
+        EXPECT_EQ(0, chdir(path.c_str()));
+    }
+};
 
 // Reads a config.ini of the given content, if any, over what is in force; returns what was logged and printed.
 static std::string read_config(const char *content)
@@ -39,7 +39,7 @@ static const char *k_full_config = "[Plugin_Config]\n"
 
 TEST(PluginConfig, EveryKeyInOrder)
 {
-    enter_new_dir();
+    WorkingDir dir;
     plugin_info_reset_for_test();
     EXPECT_EQ("[WRN] FAILED with checking file: ./config.ini!\n[WRN] ./config.ini is not found! Use default value!\n",
               read_config(nullptr));
@@ -99,7 +99,7 @@ TEST(PluginConfig, BufferLengthBounds)
         {"web_pf_forward_len", "-5", -5, nullptr},
         {"web_pf_forward_len", "", 10240, "g_http_forward_len is set to 0"},
     };
-    enter_new_dir();
+    WorkingDir dir;
     for (const auto &c : k_cases) {
         std::string config = std::string("[plugin_config]\nlog_std = 1\n") + c.key + " = " + c.text + "\n";
         std::string log = read_config(config.c_str());
@@ -111,7 +111,7 @@ TEST(PluginConfig, BufferLengthBounds)
 
 TEST(PluginConfig, OptionalKeys)
 {
-    enter_new_dir();
+    WorkingDir dir;
     Options options;
     options_get(&options);
     EXPECT_EQ("  300", std::string(options.monitor.state_file) + " " + options.monitor.notify_socket + " " +
@@ -148,7 +148,7 @@ TEST(PluginConfig, OptionalKeys)
 // A value of the policy that is not understood must not count as none.
 TEST(PluginConfig, RemoteAccessFailsClosed)
 {
-    enter_new_dir();
+    WorkingDir dir;
     const struct {
         std::string keys;
         bool is_bad;
@@ -187,7 +187,7 @@ TEST(PluginConfig, RemoteAccessFailsClosed)
 // A level that is not understood is the one that takes the capabilities.
 TEST(PluginConfig, Sandbox)
 {
-    enter_new_dir();
+    WorkingDir dir;
     const struct {
         const char *keys;
         int sandbox;

@@ -69,8 +69,7 @@ TEST(RemoteTelnet, CyclesLeaveNothing)
     nm_set("1");
     info_edit([&](PluginInfo *next) {
         (void)text_set(next->plugin_version, "0.1");
-        (void)text_set(next->dev_telnet.remote_ip, "127.0.0.1");
-        (void)text_set(next->dev_telnet.remote_port, device.port.c_str());
+        endpoint_set(&next->dev_telnet, device.port);
     });
     remote_telnet_init();
     std::thread agent([] {

@@ -1,6 +1,6 @@
 #include "status/service_status.h"
 
-#include <filesystem>
+#include <fstream>
 
 #include "peers.h"
 #include "runtime/stop_internal.h"
@@ -11,12 +11,10 @@ static const std::string k_sep = "\r\n\r\n";
 // Makes a file with the content the service status file; returns its path.
 static std::string service_file(const std::string &content)
 {
-    char path[] = "/tmp/service_status_XXXXXX";
-    int fd = mkstemp(path);
-    EXPECT_GT(fd, 0);
-    EXPECT_EQ(write(fd, content.data(), content.size()), (ssize_t)content.size());
-    close(fd);
-    info_edit([&](PluginInfo *next) { (void)text_set(next->service_path, path); });
+    static const TempDir dir;
+    const std::string path = dir.path + "/service";
+    std::ofstream(path) << content;
+    info_edit([&](PluginInfo *next) { (void)text_set(next->service_path, path.c_str()); });
     return path;
 }
 
@@ -58,7 +56,6 @@ TEST(ServiceStatus, RecordsAreCutAtTheirSeparators)
         EXPECT_EQ(log.text(), c.invalid ? "[ERR] Invalid param!\n" : "");
         EXPECT_EQ(records, c.records);
         close(fd);
-        unlink(path.c_str());
     }
 }
 
@@ -109,7 +106,6 @@ TEST(ServiceStatus, ReportPostsEveryRecordOnceAndInOrder)
     EXPECT_EQ(std::filesystem::file_size(path), file.size());
     alarm(0); // the hard deadline
     stop_reset_for_test();
-    unlink(path.c_str());
 }
 
 TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
@@ -170,7 +166,6 @@ TEST(ServiceStatus, PollFollowsTheMode)
         service_status_device_request();
         EXPECT_EQ(service_state_get(), step.heard ? SERVICE_REQUESTED : SERVICE_IDLE);
     }
-    unlink(path.c_str());
 }
 
 // A stop may take seconds (a name look-up): the thread neither reads the file nor logs meanwhile.

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <algorithm>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <string>
 #include <vector>
@@ -12,6 +14,22 @@
 #include "runtime/plugin_info.h"
 
 typedef std::vector<std::string> Texts;
+
+// A directory with all that is put into it, for as long as this lives.
+struct TempDir {
+    std::string path = "/tmp/plugin_test_XXXXXX";
+
+    TempDir()
+    {
+        EXPECT_NE(nullptr, mkdtemp(&path[0]));
+    }
+    TempDir(const TempDir &) = delete;
+    ~TempDir()
+    {
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+    }
+};
 
 // work(PluginInfo *next) sets fields, which are then in force.
 template <class Work> void info_edit(Work work)

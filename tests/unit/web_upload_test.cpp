@@ -9,39 +9,41 @@ static void forward(const uint8_t *msg_id, const char *text)
     web_upload_forward(msg_id, (const uint8_t *)text, (uint32_t)strlen(text));
 }
 
-// Returns the device's listening socket.
-static int pool_begin()
-{
-    start_process_once();
+// The pool and the device that it connects to.
+struct Pool {
     std::string port;
-    int listener = listen_socket(&port);
-    info_edit([&](PluginInfo *next) {
-        (void)text_set(next->dev_web.remote_ip, "127.0.0.1");
-        (void)text_set(next->dev_web.remote_port, port.c_str());
-    });
-    EXPECT_EQ(0, web_pool_open());
-    return listener;
-}
+    const int listener = listen_socket(&port);
 
-static void pool_end(int listener)
-{
-    web_pool_close();
-    web_upload_close();
-    close(listener);
-}
+    Pool()
+    {
+        start_process_once();
+        info_edit([&](PluginInfo *next) { endpoint_set(&next->dev_web, port); });
+        EXPECT_EQ(0, web_pool_open());
+    }
+    ~Pool()
+    {
+        web_pool_close();
+        web_upload_close();
+        close(listener);
+    }
+    int accept_next() const
+    {
+        return readable_within(listener, 5000) ? accept(listener, nullptr, nullptr) : -1;
+    }
+};
 
 // A browser closes its connection and opens one under the same msg_id while the first request still waits for a slot:
 // the first one ends behind its bytes, the second one keeps a connection of its own.
 static void reuse_check(bool is_slot_free_in_between)
 {
-    const int listener = pool_begin();
+    const Pool pool;
     uint8_t ids[WEB_SLOT_COUNT + 1][WEB_ID_SIZE] = {};
     for (int i = 0; i <= WEB_SLOT_COUNT; i++)
         ids[i][0] = (uint8_t)i;
     int devices[WEB_SLOT_COUNT + 2];
     for (int i = 0; i < WEB_SLOT_COUNT; i++) {
         forward(ids[i], "x");
-        devices[i] = accept(listener, nullptr, nullptr);
+        devices[i] = pool.accept_next();
     }
     const uint8_t *reused = ids[WEB_SLOT_COUNT];
     forward(reused, "first");
@@ -54,7 +56,7 @@ static void reuse_check(bool is_slot_free_in_between)
     web_upload_turn();
 
     for (int i = WEB_SLOT_COUNT; i < WEB_SLOT_COUNT + 2; i++)
-        devices[i] = readable_within(listener, 5000) ? accept(listener, nullptr, nullptr) : -1;
+        devices[i] = pool.accept_next();
     char rest;
     EXPECT_EQ("first", read_upto(devices[WEB_SLOT_COUNT], 5));
     EXPECT_EQ(0, recv(devices[WEB_SLOT_COUNT], &rest, 1, 0));
@@ -65,7 +67,6 @@ static void reuse_check(bool is_slot_free_in_between)
 
     for (int device : devices)
         close(device);
-    pool_end(listener);
 }
 
 TEST(WebUpload, AMsgIdIsUsedAgainWhileItsFirstRequestWaits)
@@ -91,7 +92,7 @@ static void stall(const uint8_t *msg_id)
 // The slot ends in the middle of a request: the rest of it reaches nobody. What comes after a pause is a new request.
 TEST(WebUpload, TheRestOfALostRequestIsDropped)
 {
-    const int listener = pool_begin();
+    const Pool pool;
     const uint8_t id[WEB_ID_SIZE] = {1};
     stall(id);
     WebSlot slot;
@@ -106,17 +107,16 @@ TEST(WebUpload, TheRestOfALostRequestIsDropped)
     }
     usleep(400 * 1000);
     forward(id, "new");
-    close(accept(listener, nullptr, nullptr));
-    const int device = accept(listener, nullptr, nullptr);
+    close(pool.accept_next());
+    const int device = pool.accept_next();
     EXPECT_EQ("new", read_upto(device, 3));
     close(device);
-    pool_end(listener);
 }
 
 // NM has closed the msg_id, and the device takes no byte of what is left: it is given up after 7 s.
 TEST(WebUpload, ADeviceThatTakesNothingIsGivenUp)
 {
-    const int listener = pool_begin();
+    const Pool pool;
     const uint8_t id[WEB_ID_SIZE] = {2};
     stall(id);
     web_upload_destroy(id);
@@ -129,5 +129,4 @@ TEST(WebUpload, ADeviceThatTakesNothingIsGivenUp)
     }
     EXPECT_GE(wait_now_ms() - begin_ms, 6500);
     EXPECT_LE(wait_now_ms() - begin_ms, 9000);
-    pool_end(listener);
 }
