@@ -1,13 +1,15 @@
 // nm_simulator - a simulated NM, controlled by typed lines or a script. "help" lists them.
+#include <fstream>
 #include <stdio.h>
 
 #include "console.h"
 #include "console_page.h"
 #include "nm_commands.h"
+#include "nm_view.h"
 
 static const char k_usage[] =
     "nm_simulator [--https] [--ip A] [--port N] [--udp-port N] [--serial S] [--web-port N] [--telnet-port N]\n"
-    "             [--cert FILE --key FILE] [--client-ca FILE] [--console PORT] [--script FILE]\n"
+    "             [--cert FILE --key FILE] [--client-ca FILE] [--console PORT] [--script FILE] [--transcript FILE]\n"
     "Plays the management server: answers the device's posts and its UDP heartbeats, says what is wrong with them, "
     "and\n"
     "hands out commands. Port 0 (the default) is any free one; --web-port and --telnet-port are where local browsers "
@@ -15,7 +17,9 @@ static const char k_usage[] =
     "telnet clients enter a tunnel. --cert (PEM, with its chain) and --key are for https and the tunnels, instead of "
     "a\n"
     "self-signed certificate made at the start; --client-ca: clients have to show a certificate of that CA. --console\n"
-    "serves the workbench on 127.0.0.1, for a browser. Type help for the commands.\n";
+    "serves the workbench on 127.0.0.1, for a browser. --transcript: each HTTP request and its answer go to that file, "
+    "a\n"
+    "line of JSON each. Type help for the commands.\n";
 
 int main(int argc, char **argv)
 {
@@ -36,8 +40,13 @@ int main(int argc, char **argv)
     options.print = console_print;
     const bool has_page = console_has_option(argc, argv, "--console");
     ConsolePage *page = has_page ? console_page_new() : nullptr;
-    if (page)
-        options.watch = [page](const NmRequest &request) { console_page_request(page, request); };
+    std::ofstream transcript(console_option(argc, argv, "--transcript", ""));
+    options.watch = [page, &transcript](const NmRequest &request) {
+        if (page)
+            console_page_request(page, request);
+        if (transcript.is_open() && !request.line.empty())
+            transcript << nm_view_line(request) << std::endl;
+    };
     NmSim *nm = nm_sim_start(options);
     if (!nm)
         return 1;

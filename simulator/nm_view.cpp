@@ -66,3 +66,23 @@ std::string nm_view_services(const std::string &body)
     const std::string records = json_print_plain(member(root.get(), "services"));
     return "  services of " + json_text(root.get(), "deviceSn") + ": " + json_one_line(records, 400);
 }
+
+std::string nm_view_line(const NmRequest &request)
+{
+    cJSON *root = cJSON_CreateObject();
+    const size_t path = request.line.find(' ') + 1;
+    cJSON_AddStringToObject(root, "method", request.line.substr(0, path ? path - 1 : 0).c_str());
+    cJSON_AddStringToObject(root, "path", request.line.substr(path, request.line.rfind(' ') - path).c_str());
+    cJSON *headers = cJSON_AddObjectToObject(root, "headers");
+    for (const std::string &header : request.headers) {
+        const size_t colon = header.find(':');
+        const size_t value = colon == std::string::npos ? colon : header.find_first_not_of(' ', colon + 1);
+        cJSON_AddStringToObject(headers, header.substr(0, colon).c_str(),
+                                value == std::string::npos ? "" : header.substr(value).c_str());
+    }
+    cJSON_AddStringToObject(root, "body", request.body.c_str());
+    cJSON_AddStringToObject(root, "answer", request.answer.c_str());
+    cJSON_AddBoolToObject(root, "on_purpose", request.on_purpose);
+    cJSON_AddStringToObject(root, "wrong", request.wrong.c_str());
+    return json_print_and_delete(root);
+}

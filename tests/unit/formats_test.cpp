@@ -1,0 +1,317 @@
+// The example files of the wire formats: the agent says and understands these bytes, and so do the simulators.
+#include "device/dev_msg_recv.h"
+#include "device/dev_msg_recv_internal.h"
+#include "device/dma_status.h"
+#include "device_check.h"
+#include "device_sim.h"
+#include "format_file.h"
+#include "nm/activation.h"
+#include "nm/heartbeat.h"
+#include "nm/nm_msg.h"
+#include "nm/nm_msg_table.h"
+#include "nm/nm_session.h"
+#include "nm_check.h"
+#include "nm_command.h"
+#include "nm_reply.h"
+#include "peers.h"
+#include "remote/remote_telnet_internal.h"
+#include "remote/tunnel.h"
+#include "remote/web_frame.h"
+#include "status/service_status.h"
+#include "telnet_tunnel_sim.h"
+#include "web_tunnel_sim.h"
+
+#include <openssl/md5.h>
+
+static std::string bytes_of(const std::string &name)
+{
+    return format_read(std::string(FORMATS_DIR) + "/" + name + ".txt");
+}
+
+// The device of the files, with an NM that answers with them.
+struct Stage {
+    LogLines log; // ends last
+    NmPeer nm;
+    std::string udp_port;
+    int device, udp = bound_socket(SOCK_DGRAM, &udp_port);
+
+    Stage()
+    {
+        start_process_once();
+        nm_msg_table_init();
+        nm_post_heartbeat_answered_set(heartbeat_answered);
+        info_edit([this](PluginInfo *next) {
+            (void)text_set(next->dev_sn, "SN00000001");
+            (void)text_set(next->ptype, "12");
+            (void)text_set(next->category, "3");
+            (void)text_set(next->pname, "Gateway 100");
+            (void)text_set(next->pversion, "2.4.1");
+            (void)text_set(next->mac, "02:00:00:00:00:01");
+            (void)text_set(next->local_ip, "127.0.0.1");
+            (void)text_set(next->platform_name, "simulated");
+            (void)text_set(next->factory_name, "loopback");
+            (void)text_set(next->plugin_version, "1.0");
+            next->max_dev_msg_size = 1024;
+            next->dev_msg_buffer_size = 4096;
+            endpoint_set(&next->udp_detection, udp_port);
+        });
+        nm_sign_init();
+        dev_msg_recv_init();
+        EXPECT_EQ(1, dev_msg_buffer_init());
+        device = device_link();
+    }
+    ~Stage()
+    {
+        conn_remove_all();
+        free_device_buffers();
+        close(device);
+        close(udp);
+    }
+    // NM's last request, as if it had come to the port of the files.
+    std::string last_request()
+    {
+        const Texts requests = nm.now(&NmPeer::requests);
+        std::string request = requests.empty() ? "(none)" : requests.back();
+        const std::string here = "127.0.0.1:" + nm.peer.port;
+        const size_t at = request.find(here);
+        return at == std::string::npos ? request : request.replace(at, here.size(), "127.0.0.1:8080");
+    }
+    void expect_to_device(const char *name)
+    {
+        const std::string expected = bytes_of(name);
+        EXPECT_EQ(expected, read_upto(device, expected.size()));
+    }
+};
+
+TEST(Formats, AgentAndDevice)
+{
+    const struct {
+        const char *from_device, *path, *request, *answer, *to_device;
+    } rows[] = {
+        {"device-ping", nullptr, nullptr, nullptr, "device-pong"},
+        {"device-online-status", nullptr, nullptr, nullptr, "device-online-status-ack"},
+        {"device-result", "cfgResult", "http-result-request", "http-result-answer", "device-result-ack"},
+        {"device-alarm", "alarm", "http-alarm-request", "http-alarm-answer", "device-alarm-ack"},
+    };
+    Stage stage;
+    dma_status_set(DMA_ACTIVATION_FAILED, DMA_CAUSE_CLEAR);
+    set_dma_cause("unknown device");
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.from_device);
+        if (row.path)
+            stage.nm.answer_set(row.path, {bytes_of(row.answer)});
+        peer_send(stage.device, bytes_of(row.from_device));
+        dev_msg_recv();
+        dev_msg_get();
+        stage.expect_to_device(row.to_device);
+        EXPECT_TRUE(!row.path || stage.last_request() == bytes_of(row.request)) << stage.last_request();
+    }
+}
+
+TEST(Formats, AgentAndNm)
+{
+    Stage stage;
+    const std::string beat = bytes_of("udp-heartbeat");
+    const auto beat_once = [&](const char *answer) { // NM's end of one heartbeat over UDP
+        std::thread beats([] { udp_handler(nullptr); });
+        char got[256];
+        sockaddr_in from;
+        socklen_t len = sizeof(from);
+        const ssize_t size = recvfrom(stage.udp, got, sizeof(got), 0, (sockaddr *)&from, &len);
+        EXPECT_EQ(beat, std::string(got, (size_t)std::max<ssize_t>(size, 0)));
+        const std::string word = bytes_of(answer);
+        sendto(stage.udp, word.data(), word.size(), 0, (sockaddr *)&from, len);
+        beats.join();
+    };
+    g_init_done = 1;
+    heartbeat_reset();
+    beat_once("udp-active");
+    EXPECT_EQ(Texts{}, stage.nm.now(&NmPeer::paths));
+    stage.nm.answer_set("handshake", {bytes_of("http-handshake-answer")});
+    beat_once("udp-ack");
+    EXPECT_EQ(bytes_of("http-handshake-request"), stage.last_request());
+    stage.expect_to_device("device-command");
+    beat_once("udp-rec");
+    EXPECT_EQ(0, (int)g_init_done);
+
+    g_init_done = 1;
+    heartbeat_reset();
+    shutdown(stage.udp, SHUT_RDWR);
+    close(stage.udp); // refused at once
+    stage.nm.answer_set("heartbeat", {bytes_of("http-heartbeat-answer")});
+    for (int i = 0; i < 7 && stage.last_request().find("/heartbeat") == std::string::npos; i++)
+        udp_handler(nullptr);
+    EXPECT_EQ(bytes_of("http-heartbeat-request"), stage.last_request());
+    EXPECT_TRUE(stage.log.has("len: 6, buf: ACTIVE"));
+
+    const TempDir dir;
+    const std::string file = dir.path + "/service";
+    FILE *out = fopen(file.c_str(), "w");
+    fputs("{\"name\":\"vpn\",\"state\":\"up\"}\r\n\r\n", out);
+    fclose(out);
+    info_edit([&](PluginInfo *next) { (void)text_set(next->service_path, file.c_str()); });
+    stage.nm.answer_set("services", {bytes_of("http-services-answer")});
+    service_status_report(0);
+    EXPECT_EQ(bytes_of("http-services-request"), stage.last_request());
+
+    stage.nm.answer_set("active", {bytes_of("http-active-refused"), bytes_of("http-active-answer"),
+                                   bytes_of("http-active-redirected")});
+    EXPECT_NE(0, device_activate());
+    char cause[DMA_CAUSE_SIZE];
+    dma_status_describe(cause);
+    EXPECT_STREQ("unknown device", cause);
+    EXPECT_EQ(0, device_activate());
+    EXPECT_EQ(bytes_of("http-active-request"), stage.last_request());
+    EXPECT_STREQ("6001", info_now().udp_detection.remote_port);
+    EXPECT_NE(0, device_activate());
+    EXPECT_STREQ("192.0.2.7", info_now().nm_ip);
+    EXPECT_STREQ("8091", info_now().nm_port);
+    stage.expect_to_device("device-redirection");
+}
+
+TEST(Formats, AgentAndTunnels)
+{
+    Stage stage;
+    SocketConn conn;
+    const int peer = connect_pair(&conn);
+    const auto said = [&](const char *name) {
+        const std::string expected = bytes_of(name);
+        EXPECT_EQ(expected, read_upto(peer, expected.size()));
+    };
+    const std::string asked = bytes_of("web-request"), closed = bytes_of("web-browser-closed");
+    const WebHeader request = web_header_get((const uint8_t *)asked.data());
+    EXPECT_EQ(MSG_TYPE_REQ, request.type);
+    EXPECT_EQ(asked.size() - WEB_HEADER_SIZE, request.length);
+    const WebHeader end = web_header_get((const uint8_t *)closed.data());
+    EXPECT_EQ(MSG_TYPE_WEB_DESTROY, end.type);
+    EXPECT_EQ(0u, end.length);
+    EXPECT_TRUE(web_is_same_id(request.msg_id, end.msg_id));
+    const std::string page = bytes_of("web-response").substr(WEB_HEADER_SIZE);
+    EXPECT_EQ(0, remote_web_rsp_transmit_privately(&conn, (const uint8_t *)page.data(), (uint32_t)page.size(),
+                                                   request.msg_id, MSG_TYPE_RESP));
+    said("web-response");
+    EXPECT_EQ(0, remote_web_rsp_transmit_privately(&conn, nullptr, 0, request.msg_id, MSG_TYPE_DEV_DESTROY));
+    said("web-device-closed");
+
+    static TunnelRequest wanted = {};
+    (void)text_set(wanted.token, "token");
+    (void)text_set(wanted.sessionid, "s-2");
+    wanted.key = 1;
+    EXPECT_GT(tunnel_auth_send(&wanted, &conn), 0);
+    said("tunnel-auth");
+    EXPECT_TRUE(remote_telnet_is_init(bytes_of("telnet-init").c_str()));
+    socket_close_private(&conn);
+    close(peer);
+}
+
+TEST(Formats, AgentAndCommands)
+{
+    const struct {
+        const char *name, *line;
+    } rows[] = {
+        {"command-trigger", "Changing UDP detection interval from: 6 to 10."},
+        {"command-device-status", "system status report interval from: 120 to 60."},
+        {"command-remote-web", "Preparing half tunnel... type: REMOTE_WEB_SERVER, peer: 127.0.0.1:7001"},
+    };
+    Stage stage;
+    for (const auto &row : rows) {
+        (void)nm_msg_process(0, ("{\"result\":{\"payload\":[" + bytes_of(row.name) + "]}}").c_str());
+        EXPECT_TRUE(stage.log.has(row.line)) << row.name;
+    }
+    stage.expect_to_device("device-strategy");
+    alarm(0);
+}
+
+TEST(Formats, SignatureIsOfItsInput)
+{
+    Stage stage;
+    const std::string input = bytes_of("signature-input");
+    unsigned char digest[MD5_DIGEST_LENGTH];
+    MD5((const unsigned char *)input.data(), input.size(), digest);
+    char hex[2 * MD5_DIGEST_LENGTH + 1] = {};
+    for (unsigned char byte : digest)
+        (void)text_append(hex, sizeof(hex), "%02x", byte);
+    EXPECT_EQ(bytes_of("signature"), hex);
+    EXPECT_EQ(bytes_of("signature"), info_now().header_secret_key);
+}
+
+// What a simulated NM and a simulated device find right, and what they say themselves.
+TEST(Formats, SimulatedNm)
+{
+    NmSim nm;
+    nm.options.udp_port = 6001;
+    nm.devices[""].commands.push_back(nm_command_forward("reboot", "s-1"));
+    const auto answer_to = [&](const std::string &name) {
+        HttpRequest request;
+        std::string wrong;
+        EXPECT_GT(http_request_cut(bytes_of("http-" + name + "-request"), &request, &wrong), 0);
+        EXPECT_EQ("", nm_check_request(request, "127.0.0.1:8080", "SN00000001"));
+        return nm_reply_request_locked(&nm, nm_request_name(request.path), request).bytes;
+    };
+    EXPECT_EQ("", nm_check_datagram(bytes_of("udp-heartbeat"), "SN00000001"));
+    EXPECT_EQ(bytes_of("udp-ack"), nm_reply_datagram_locked(&nm, "SN00000001").bytes);
+    for (const char *name : {"active", "handshake", "heartbeat", "services", "result", "alarm"})
+        EXPECT_EQ(bytes_of(std::string("http-") + name + "-answer"), answer_to(name));
+    EXPECT_EQ(bytes_of("udp-active"), nm_reply_datagram_locked(&nm, "SN00000001").bytes);
+    nm.devices[""].restart_wanted = true;
+    EXPECT_EQ(bytes_of("udp-rec"), nm_reply_datagram_locked(&nm, "SN00000001").bytes);
+    nm.activation.status = 403;
+    nm.activation.error = "unknown device";
+    EXPECT_EQ(bytes_of("http-active-refused"), answer_to("active"));
+    nm.activation.status = 304;
+    nm.activation.redirect_ip = "192.0.2.7";
+    nm.activation.redirect_port = 8090;
+    EXPECT_EQ(bytes_of("http-active-redirected"), answer_to("active"));
+
+    EXPECT_EQ(bytes_of("signature"), nm_signature("SN00000001"));
+    EXPECT_EQ(bytes_of("command-trigger"), nm_command_trigger(10));
+    NmStrategy strategy = {"start", 60, "immediate_timing", 300};
+    EXPECT_EQ(bytes_of("command-device-status"), nm_command_device_status(strategy));
+    NmTunnel tunnel;
+    tunnel.type = "remote-web";
+    tunnel.port = 7001;
+    tunnel.session = "s-2";
+    EXPECT_EQ(bytes_of("command-remote-web"), nm_command_tunnel(tunnel));
+}
+
+TEST(Formats, SimulatedDevice)
+{
+    const std::string wire_length(4, '\0');
+    for (const char *name : {"ping", "online-status", "result", "alarm"}) { // what it sends
+        const std::string bytes = bytes_of(std::string("device-") + name), text = bytes.substr(wire_length.size());
+        EXPECT_EQ(bytes, device_frame_bytes((unsigned)text.size(), text));
+    }
+    for (const char *name : {"pong", "online-status-ack", "result-ack", "alarm-ack", "command", "redirection",
+                             "strategy"}) { // what it checks
+        const std::string bytes = bytes_of(std::string("device-") + name), text = bytes.substr(wire_length.size());
+        std::string type;
+        EXPECT_EQ("", device_check_frame(text, &type)) << name;
+    }
+}
+
+TEST(Formats, SimulatedTunnelEnds)
+{
+    const uint64_t id = 0xa500000000000001;
+    const struct {
+        const char *name;
+        WebFrameType type;
+        const char *payload;
+    } rows[] = {
+        {"web-request", WEB_FRAME_REQ, "GET / HTTP/1.1\r\nHost: device\r\n\r\n"},
+        {"web-response", WEB_FRAME_RESP, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"},
+        {"web-device-closed", WEB_FRAME_DEV_DESTROY, ""},
+        {"web-browser-closed", WEB_FRAME_WEB_DESTROY, ""},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(bytes_of(row.name), web_frame(row.type, id, row.payload));
+
+    TunnelSimOptions options;
+    options.auth = {"1.0", "SN00000001", "token", 1, "s-2"};
+    TelnetTunnelSim nm(options);
+    SocketConn conn = connect_to(std::to_string(nm.command_port()));
+    peer_send(conn.socket_fd, bytes_of("tunnel-auth"));
+    const std::string expected = bytes_of("telnet-answer") + bytes_of("telnet-init");
+    EXPECT_EQ(expected, read_upto(conn.socket_fd, expected.size()));
+    EXPECT_EQ(Texts{}, nm.stats().problems);
+    socket_close_private(&conn);
+}
