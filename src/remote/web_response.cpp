@@ -158,13 +158,16 @@ static int64_t slot_serve(Responses *all, int index, Response *response, const W
             log_warn("Invalid socket: dev_socket_fd = %d!", fd);
         return INT64_MAX;
     }
-    if (poll_readable(fd, 0)) {
+    bool is_readable = poll_readable(fd, 0);
+    bool is_dead = !is_readable && pass && slot_is_dead(fd);
+    // Asked again: the device may have answered and closed between the two questions.
+    if (is_readable || (is_dead && poll_readable(fd, 0))) {
         if (!nm_has_room(nm, watch))
             return INT64_MAX;
         slot_read(all, index, response, slot, nm);
         return response->next_frame_ms;
     }
-    if (pass && slot_is_dead(fd))
+    if (is_dead)
         slot_finish(index, slot, nm);
     else
         watch->fds[watch->count++] = {fd, POLLIN, 0};

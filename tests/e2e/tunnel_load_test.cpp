@@ -266,3 +266,28 @@ TEST(TunnelLoad, HeldBytesAreBounded)
     EXPECT_TRUE(web_data_is(web, id, "ok"));
     EXPECT_LT(monotonic_ms() - begin_ms, 4000); // segments whose acknowledgement is delayed take longer
 }
+
+// The device answers and closes at any moment, also between two looks at its connection.
+TEST(TunnelLoad, AnswersOfDevicesThatCloseAtOnce)
+{
+    DeviceService hasty([](int fd) {
+        const std::string line = fd_read_line(fd);
+        usleep((useconds_t)atoi(line.c_str()));
+        fd_send(fd, line + "\n");
+    });
+    TunnelStage stage;
+    ASSERT_TRUE(tunnel_stage_start(&stage, false, &hasty, nullptr) && web_open(&stage));
+    int answered = 0;
+    for (int round = 0; round < 200; round++) {
+        std::map<uint64_t, std::string> asked;
+        for (int i = 0; i < 10; i++) {
+            const std::string pause_us = std::to_string(8000 + round * 7 + i * 450) + "\n";
+            asked[web_ask(stage.web.get(), pause_us)] = pause_us;
+        }
+        for (const auto &one : asked) {
+            ASSERT_TRUE(device_closed(stage.web.get(), one.first));
+            answered += stage.web->stats().ids.at(one.first).data == one.second;
+        }
+    }
+    EXPECT_EQ(2000, answered);
+}
