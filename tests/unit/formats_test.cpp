@@ -3,10 +3,13 @@
 #include "device/dev_msg_recv_internal.h"
 #include "device/dma_status.h"
 #include "device_check.h"
+#include "device_files.h"
 #include "device_sim.h"
 #include "format_file.h"
 #include "nm/activation.h"
 #include "nm/heartbeat.h"
+#include "nm/init_cfg.h"
+#include "nm/init_cfg_internal.h"
 #include "nm/nm_msg.h"
 #include "nm/nm_msg_table.h"
 #include "nm/nm_session.h"
@@ -40,19 +43,10 @@ struct Stage {
         start_process_once();
         nm_msg_table_init();
         nm_post_heartbeat_answered_set(heartbeat_answered);
+        EXPECT_EQ(0, init_cfg_parse_text(device_cfg_text(device_cfg_default("", false, 8080, 9000)).c_str()));
         info_edit([this](PluginInfo *next) {
-            (void)text_set(next->dev_sn, "SN00000001");
-            (void)text_set(next->ptype, "12");
-            (void)text_set(next->category, "3");
-            (void)text_set(next->pname, "Gateway 100");
-            (void)text_set(next->pversion, "2.4.1");
-            (void)text_set(next->mac, "02:00:00:00:00:01");
-            (void)text_set(next->local_ip, "127.0.0.1");
-            (void)text_set(next->platform_name, "simulated");
-            (void)text_set(next->factory_name, "loopback");
+            (void)text_set(next->nm_port, nm.peer.port.c_str());
             (void)text_set(next->plugin_version, "1.0");
-            next->max_dev_msg_size = 1024;
-            next->dev_msg_buffer_size = 4096;
             endpoint_set(&next->udp_detection, udp_port);
         });
         nm_sign_init();
@@ -146,9 +140,7 @@ TEST(Formats, AgentAndNm)
 
     const TempDir dir;
     const std::string file = dir.path + "/service";
-    FILE *out = fopen(file.c_str(), "w");
-    fputs("{\"name\":\"vpn\",\"state\":\"up\"}\r\n\r\n", out);
-    fclose(out);
+    EXPECT_TRUE(device_service_add(file, "{\"name\":\"vpn\",\"state\":\"up\"}"));
     info_edit([&](PluginInfo *next) { (void)text_set(next->service_path, file.c_str()); });
     stage.nm.answer_set("services", {bytes_of("http-services-answer")});
     service_status_report(0);
