@@ -27,6 +27,13 @@ static std::string threads_say(int pid, const std::vector<std::string> &names)
 static const char k_none[] = "CapInh:\t0000000000000000\nCapPrm:\t0000000000000000\nCapEff:\t0000000000000000\n"
                              "CapAmb:\t0000000000000000\nNoNewPrivs:\t1\n";
 
+// An emulator has a thread of its own, which keeps what it had.
+static void expect_threads_say(int pid, const std::vector<std::string> &names, const std::string &expected)
+{
+    const std::string said = threads_say(pid, names);
+    EXPECT_TRUE(said == expected || (*PLUGIN_RUNNER != '\0' && text_has(said, expected))) << said;
+}
+
 static void live_in_sandbox(const char *level, const char *line)
 {
     DeviceService files(serve_web_files), echo(serve_echo);
@@ -35,10 +42,9 @@ static void live_in_sandbox(const char *level, const char *line)
     ASSERT_TRUE(tunnel_stage_start(&stage, true, &files, &echo));
     EXPECT_TRUE(agent_has_log(stage.agent, line));
     ASSERT_TRUE(web_open(&stage) && telnet_open(&stage));
-    EXPECT_EQ(k_none, threads_say(stage.agent.pid, {"CapInh", "CapPrm", "CapEff", "CapAmb", "NoNewPrivs"}));
-    if (geteuid() == 0) { // who may not lower the bounding set could not use it either
-        EXPECT_EQ("CapBnd:\t0000000000000000\n", threads_say(stage.agent.pid, {"CapBnd"}));
-    }
+    expect_threads_say(stage.agent.pid, {"CapInh", "CapPrm", "CapEff", "CapAmb", "NoNewPrivs"}, k_none);
+    if (geteuid() == 0) // who may not lower the bounding set could not use it either
+        expect_threads_say(stage.agent.pid, {"CapBnd"}, "CapBnd:\t0000000000000000\n");
     EXPECT_TRUE(answer_of(stage.web->client_port(), "100000 7\n") == noise(100000, 7));
     stage.telnet->send_bytes("x");
     EXPECT_TRUE(stage.telnet->wait(k_wait_ms, [](const TelnetTunnelStats &s) { return s.held == "x"; }));
