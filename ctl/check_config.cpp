@@ -98,8 +98,11 @@ static void unknown_key_tell(const char *name)
             nearest = info;
         }
     }
-    finding_add(SEVERITY_WARNING, "%s is not a key of the agent and without effect: did you mean %s?", name,
-                nearest.key);
+    if (least <= strlen(name) / 4)
+        finding_add(SEVERITY_WARNING, "%s is not a key of the agent and without effect: did you mean %s?", name,
+                    nearest.key);
+    else
+        finding_add(SEVERITY_WARNING, "%s is not a key of the agent and without effect", name);
 }
 
 static void keys_check(const dictionary *dict)
@@ -108,6 +111,8 @@ static void keys_check(const dictionary *dict)
         const char *names[200];
         const char *section = iniparser_getsecname(dict, i);
         int count = iniparser_getsecnkeys(dict, section);
+        if (count > 200)
+            finding_add(SEVERITY_WARNING, "section %s has %d keys; they were not looked at", section, count);
         if (count < 1 || count > 200 || !iniparser_getseckeys(dict, section, names))
             continue;
         for (int k = 0; k < count; k++) {
