@@ -17,8 +17,7 @@
 #include "nm_command.h"
 #include "nm_reply.h"
 #include "peers.h"
-#include "remote/remote_telnet_internal.h"
-#include "remote/tunnel.h"
+#include "remote/remote_telnet.h"
 #include "remote/web_frame.h"
 #include "status/service_status.h"
 #include "telnet_tunnel_sim.h"
@@ -185,15 +184,30 @@ TEST(Formats, AgentAndTunnels)
     EXPECT_EQ(0, remote_web_rsp_transmit_privately(&conn, nullptr, 0, request.msg_id, MSG_TYPE_DEV_DESTROY));
     said("web-device-closed");
 
-    static TunnelRequest wanted = {};
-    (void)text_set(wanted.token, "token");
-    (void)text_set(wanted.sessionid, "s-2");
-    wanted.key = 1;
-    EXPECT_GT(tunnel_auth_send(&wanted, &conn), 0);
-    said("tunnel-auth");
-    EXPECT_TRUE(remote_telnet_is_init(bytes_of("telnet-init").c_str()));
     socket_close_private(&conn);
     close(peer);
+}
+
+TEST(Formats, AgentAndTelnetSetUp)
+{
+    Stage stage;
+    std::string device_port;
+    const int device = listen_socket(&device_port);
+    Peer nm([](int listener) {
+        const int fd = accept(listener, nullptr, nullptr);
+        const std::string auth = bytes_of("tunnel-auth");
+        EXPECT_EQ(auth, read_upto(fd, auth.size()));
+        peer_send(fd, bytes_of("telnet-answer"));
+        peer_send(fd, bytes_of("telnet-init"));
+        close(fd);
+    });
+    info_edit([&](PluginInfo *next) { endpoint_set(&next->dev_telnet, device_port); });
+    remote_telnet_init();
+    std::string command = bytes_of("command-remote-web"); // the other tunnel's differs in the type only
+    command.replace(command.find("7001"), 4, nm.port);
+    EXPECT_EQ(0, remote_telnet_req_handle(0, nullptr, command.c_str(), (uint32_t)command.size()));
+    EXPECT_TRUE(stage.log.has("Creating Remote-telnet tunnel to device successfully!"));
+    close(device);
 }
 
 TEST(Formats, AgentAndCommands)
