@@ -1,11 +1,14 @@
 #include "sim_cert.h"
 
+#include <filesystem>
+#include <fstream>
 #include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/sha.h>
 #include <openssl/x509v3.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 static void need(bool holds)
 {
@@ -86,4 +89,38 @@ std::string sim_cert_pin(const SimCert &cert)
     OPENSSL_free(der);
     EVP_EncodeBlock((unsigned char *)pin, digest, sizeof(digest));
     return pin;
+}
+
+SimCertDir::SimCertDir() : path("/tmp/certificates_XXXXXX")
+{
+    need(mkdtemp(&path[0]) != nullptr);
+}
+
+SimCertDir::~SimCertDir()
+{
+    std::error_code error;
+    std::filesystem::remove_all(path, error);
+}
+
+void SimCertDir::make(const std::string &name, const SimCertSpec &spec, const std::string &issuer)
+{
+    made[name] = sim_cert_make(spec, issuer.empty() ? nullptr : &made.at(issuer));
+    write(name, sim_cert_pem(made[name]));
+    write(name + ".key", sim_key_pem(made[name]));
+    need(chmod(file(name + ".key").c_str(), 0600) == 0);
+}
+
+void SimCertDir::write(const std::string &name, const std::string &text) const
+{
+    need((std::ofstream(file(name)) << text << std::flush).good());
+}
+
+std::string SimCertDir::file(const std::string &name) const
+{
+    return path + "/" + name;
+}
+
+SimTlsFiles SimCertDir::server(const std::string &name, const std::string &client_ca) const
+{
+    return {file(name), file(name + ".key"), client_ca.empty() ? "" : file(client_ca)};
 }

