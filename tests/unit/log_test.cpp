@@ -105,3 +105,21 @@ TEST(Log, LinesDuringASwap)
     EXPECT_EQ(1, count_of(text, "other\n"));
     fclose(file);
 }
+
+TEST(Log, LevelsAndWhatTheyShow)
+{
+    const char *shown[] = {"",
+                           "[ERR] e\n",
+                           "[WRN] w\n[ERR] e\n",
+                           "[WRN] w\n[ERR] e\n",
+                           "[INF] i\n[WRN] w\n[ERR] e\n",
+                           "[DBG] d\n[INF] i\n[WRN] w\n[ERR] e\n"};
+    for (uint32_t level = 2; level <= 7; level++) {
+        LogLines log(level);
+        log_debug("d");
+        log_info("i");
+        log_warn("w");
+        log_error("e");
+        EXPECT_EQ(shown[level - 2], log.take()) << level;
+    }
+}
