@@ -114,18 +114,15 @@ static const VerifyRow k_rows[] = {
     {"right", CA, nullptr},
     {"right", CA, nullptr, "127.0.0.1"},
     {"right", CA "server_name=nm.test", nullptr, "127.0.0.9"},
-    {"right", CA "server_name=127.0.0.1", nullptr, "nm.example"},
     {"right", CA "server_name=other.test", "hostname mismatch" SUBJECT_NM},
     {"right", CA, "no server name to expect" NO_SUBJECT, ""},
     {"other-name", CA, "TLS with nm.test refused: hostname mismatch, peer's certificate: /CN=stranger\n"},
     {"other-name", CA, "127.0.0.1 refused: IP address mismatch, peer's certificate: /CN=stranger\n", "127.0.0.1"},
-    {"name-only", CA, "IP address mismatch" SUBJECT_NM, "127.0.0.1"},
     {"common-name", CA, nullptr},
     {"other-device", CA, "unsuitable certificate purpose" SUBJECT_NM},
     // dates
     {"expired", CA, "certificate has expired" SUBJECT_NM},
     {"expired", CA "check_time=0", nullptr},
-    {"too-early", CA, "certificate is not yet valid" SUBJECT_NM},
     {"too-early", CA, nullptr, "nm.test", TLS, 86400}, // in 1970
     {"other-name", CA, "hostname mismatch", "nm.test", TLS, 86400},
     // chains
@@ -224,21 +221,27 @@ static void tunnel_send(const std::string &port)
     conn_drop(&held);
 }
 
-// Whether the secret reaches a peer that answers the first byte, of a handshake or not, with plain text.
-static bool leaks(void (*send_to)(const std::string &port), const char *method)
+// Whether the secret reaches a peer that answers the first byte, of a handshake or not, with plain text or a reset.
+static bool leaks(void (*send_to)(const std::string &port), const std::string &method, bool resets)
 {
     std::string bytes;
     {
         Peer peer([&](int listener) {
-            int fd = accept(listener, nullptr, nullptr);
-            bytes = read_upto(fd, 1);
-            peer_send(fd, http_ok("{}"));
-            bytes += read_upto(fd, 65536);
-            close(fd);
+            const struct linger at_once = {1, 0};
+            for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0; close(fd)) {
+                bytes += read_upto(fd, 1);
+                if (resets) {
+                    setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+                } else {
+                    peer_send(fd, http_ok("{}"));
+                    bytes += read_upto(fd, 65536);
+                }
+            }
         });
-        nm_set(peer.port, method);
+        nm_set(peer.port, method.c_str());
         send_to(peer.port);
         conn_remove_all();
+        shutdown(peer.listener, SHUT_RDWR);
     }
     return count_of(bytes, "/secret") > 0;
 }
@@ -257,12 +260,14 @@ TEST(TlsVerify, NothingInPlainText)
         for (const std::string method : {"http", "https"}) {
             SCOPED_TRACE(std::string(way.name) + " over " + method);
             certs.configure("");
-            EXPECT_EQ(method == "http" || way.falls_back, leaks(way.send_to, method.c_str()));
+            EXPECT_EQ(method == "http" || way.falls_back, leaks(way.send_to, method, false));
             for (const char *config : {"ca_file=<ca>", "pin_sha256={ca}", "check_time=no"}) {
                 certs.configure(config);
-                LogLines log;
-                EXPECT_FALSE(leaks(way.send_to, method.c_str()));
-                EXPECT_EQ(1, log.count("refused: ") + log.count("Plain text to ")) << log.text();
+                for (bool resets : {false, true}) {
+                    LogLines log;
+                    EXPECT_FALSE(leaks(way.send_to, method, resets));
+                    EXPECT_EQ(1, log.count("refused: ") + log.count("Plain text to ")) << log.text();
+                }
             }
         }
     }
