@@ -56,12 +56,14 @@ TEST(http_client, posts_share_one_connection)
     EXPECT_EQ(0, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
     EXPECT_STREQ("", rsp);
     EXPECT_EQ(-1, http_post_nm("/3", "{}", rsp, sizeof(rsp)));
+    nm_set(nm.peer.port, "HTTP"); // another method, so another NM
+    EXPECT_EQ(14, http_post_nm("/4", "{}", rsp, sizeof(rsp)));
     {
         NmPeer other; // a redirection
-        EXPECT_EQ(14, http_post_nm("/4", "{}", rsp, sizeof(rsp)));
+        EXPECT_EQ(14, http_post_nm("/5", "{}", rsp, sizeof(rsp)));
     }
-    EXPECT_EQ((Texts{"/1", "/2", "/3"}), nm.now(&NmPeer::paths));
-    EXPECT_EQ(2, log.count("Connection type: HTTP(2) has been added"));
+    EXPECT_EQ((Texts{"/1", "/2", "/3", "/4"}), nm.now(&NmPeer::paths));
+    EXPECT_EQ(3, log.count("Connection type: HTTP(2) has been added"));
     EXPECT_EQ(0, http_tcpclient_create("", "80").socket_fd);
     EXPECT_TRUE(log.has("[ERR] gethostbyname() failed: \n[ERR] http_tcpclient_create failed!\n"));
     EXPECT_TRUE(log.has("[DBG] Post HTTP nm message over IP: 0.0.0.0\nPOST /1 HTTP/1.1\r\n"));
@@ -98,8 +100,10 @@ TEST(http_client, leftovers_never_become_the_next_answer)
         });
         nm_set(peer.port);
         char rsp[512] = {};
+        const int64_t begin_ms = wait_now_ms();
         EXPECT_EQ(row.first, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
         EXPECT_EQ(row.first < 0, log.has("[WRN] select timeout!"));
+        EXPECT_LT(wait_now_ms() - begin_ms, 4000); // the kept connection's patience is 2 s
         EXPECT_TRUE(conn_is_connected(HTTP));
         over.set_value();
         sent.get_future().wait();
