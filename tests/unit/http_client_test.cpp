@@ -19,7 +19,7 @@ TEST(http_client, answers_are_parsed)
         {nullptr, -1, nullptr, "[ERR] Invalid parameter!"},
         {"", -1, nullptr, "[WRN] HTTP/1.1 not found!"},
         {"HTTP/1.0 200 OK\r\n\r\n{}", -1, nullptr, "[WRN] HTTP/1.1 not found!"},
-        {"HTTP/1.1 404 Not Found\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 404"},
+        {"HTTP/1.1 201 Created\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 201"},
         {"HTTP/1.1 99999999999 ?\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 2147483647"},
         {"HTTP/1.1\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 0"},
         {"junk HTTP/1.1 200\r\n\r\n{}", 2, "{}", "[DBG] http json_len: 2"},
