@@ -99,7 +99,8 @@ TEST(Monitor, StateFollowsTheAgent)
     struct stat st;
     EXPECT_EQ(0, stat((stage.agent.dir + "/state").c_str(), &st));
     EXPECT_EQ(0600u, st.st_mode & 0777);
-    EXPECT_EQ("READY=1\nSTATUS=", supervisor.next().substr(0, 15));
+    std::string said = supervisor.next() + "\n", word; // of a slow machine the first status may be "online" already
+    EXPECT_EQ("READY=1\nSTATUS=", said.substr(0, 15));
 
     EXPECT_TRUE(state_becomes(stage, "heartbeat/answer_age_s", "0"));
     nm_sim_absent(stage.nm);
@@ -116,7 +117,6 @@ TEST(Monitor, StateFollowsTheAgent)
     EXPECT_EQ(SIGTERM, agent_stop(&stage.agent, SIGTERM));
     EXPECT_EQ("", file_text(stage.agent.dir + "/state") + file_text(stage.agent.dir + "/state.new"));
 
-    std::string said, word;
     while (!(word = supervisor.next(0)).empty())
         said += word + "\n";
     const std::string nm = "http://127.0.0.1:" + std::to_string(nm_sim_port(stage.nm));

@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sstream>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tunnel_stage.h"
@@ -131,12 +130,12 @@ TEST(RemoteAccess, NameThatStopsResolvingRefuses)
         EXPECT_EQ((ssize_t)strlen(text), write(fd, text, strlen(text)));
         close(fd);
     };
-    for (const char *address : {"", "127.0.0.9 tunnel.test\n"}) { // another one's
-        write_hosts(*address ? address : "127.0.0.1 localhost\n");
+    for (const char *another : {"127.0.0.1 localhost\n", "127.0.0.9 tunnel.test\n"}) { // no address, another one's
+        write_hosts(another);
         ASSERT_TRUE(telnet_command(&stage, "start"));
-        EXPECT_TRUE(*address || agent_wait_log(&stage.agent, "gethostbyname() failed: tunnel.test"));
         EXPECT_TRUE(agent_wait_log(&stage.agent, "is refused: the tunnel end is not in allow_hosts!"));
     }
+    EXPECT_EQ(1, text_count(agent_output(stage.agent), "gethostbyname() failed: tunnel.test"));
     write_hosts("127.0.0.9 tunnel.test\n127.0.0.1 tunnel.test\n");
     ASSERT_TRUE(telnet_open(&stage));
     ASSERT_TRUE(telnet_close(&stage) && start_at(&stage, k_telnet, "tunnel.test")); // as written: the first address
@@ -252,11 +251,7 @@ TEST(RemoteAccess, AuditSaysWhoEndedIt)
     EXPECT_GT(atoi(audit_values(stage, "to_nm").c_str()), 20000 + 17);
     const std::string text = audit_text(stage);
     EXPECT_EQ(7, text_count(text, "\"session\":\"0f9e-11\""));
-    EXPECT_EQ(0u, text.find("{\"event\":\"session\",\"start\":\"2")); // a year
     EXPECT_FALSE(text_has(text, "a token") || text_has(text, "1234567"));
-    struct stat info;
-    EXPECT_EQ(0, stat((stage.agent.dir + "/" + k_audit).c_str(), &info));
-    EXPECT_EQ(0600u, info.st_mode & 07777);
 }
 
 // An NM that takes no byte any more is given up: that was nobody's wish.

@@ -29,12 +29,6 @@ static TlsLink tls_link_open(const char *signatures = nullptr)
     return link;
 }
 
-static void tls_link_close(TlsLink *link)
-{
-    socket_close_private(&link->conn);
-    tls_peer_free(&link->peer);
-}
-
 TEST(Tls, BytesGoBothWays)
 {
     for (const char *signatures : {(const char *)nullptr, "ECDSA+SHA1"}) { // old servers are fine: nothing is verified
@@ -80,11 +74,9 @@ TEST(Tls, ReadableMeansPlaintext)
 
     std::string got;
     char piece[100];
-    while (got.size() < text.size()) {
+    for (int count; got.size() < text.size(); got.append(piece, (size_t)count)) {
         ASSERT_EQ(1, conn_readable(&link.conn, 0));
-        int count = conn_recv(&link.conn, piece, sizeof(piece));
-        ASSERT_GT(count, 0);
-        got.append(piece, (size_t)count);
+        ASSERT_GT(count = conn_recv(&link.conn, piece, sizeof(piece)), 0);
     }
     EXPECT_EQ(text, got);
     EXPECT_EQ(0, conn_readable(&link.conn, 0));
@@ -92,7 +84,8 @@ TEST(Tls, ReadableMeansPlaintext)
     shutdown(link.peer.fd, SHUT_WR); // an end without a farewell
     EXPECT_EQ(1, conn_readable(&link.conn, 5000));
     EXPECT_EQ(0, conn_recv(&link.conn, piece, sizeof(piece)));
-    tls_link_close(&link);
+    socket_close_private(&link.conn);
+    tls_peer_free(&link.peer);
 }
 
 // A peer that stalls inside a write: the record is finished when it reads on, else the connection is dropped.

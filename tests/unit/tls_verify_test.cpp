@@ -18,28 +18,20 @@ struct Certificates : SimCertDir {
     {
         const std::string names = "DNS:nm.test,IP:127.0.0.1";
         const long day_s = 24L * 3600;
-        const struct {
-            const char *name;
-            SimCertSpec wanted;
-            const char *issuer;
-        } rows[] = {
-            {"ca", {"the CA", "", true}, ""},
-            {"other-ca", {"another CA", "", true}, ""},
-            {"middle", {"intermediate", "", true}, "ca"},
-            {"right", {"NM", names}, "ca"},
-            {"other-name", {"stranger", "DNS:other.test,IP:127.0.0.2"}, "ca"},
-            {"name-only", {"NM", "DNS:nm.test"}, "ca"},
-            {"expired", {"NM", names, false, -2 * day_s, -day_s}, "ca"},
-            {"too-early", {"NM", names, false, day_s, 2 * day_s}, "ca"},
-            {"self-signed", {"NM", names}, ""},
-            {"of-other-ca", {"NM", names}, "other-ca"},
-            {"of-middle", {"NM", names}, "middle"},
-            {"common-name", {"nm.test", ""}, "ca"},
-            {"other-device", {"NM", names, false, -day_s, day_s, "clientAuth"}, "ca"},
-            {"device", {"SN00000001", ""}, "ca"},
-        };
-        for (const auto &row : rows)
-            make(row.name, row.wanted, row.issuer);
+        make("ca", {"the CA", "", true});
+        make("other-ca", {"another CA", "", true});
+        make("middle", {"intermediate", "", true}, "ca");
+        make("right", {"NM", names}, "ca");
+        make("other-name", {"stranger", "DNS:other.test,IP:127.0.0.2"}, "ca");
+        make("name-only", {"NM", "DNS:nm.test"}, "ca");
+        make("expired", {"NM", names, false, -2 * day_s, -day_s}, "ca");
+        make("too-early", {"NM", names, false, day_s, 2 * day_s}, "ca");
+        make("self-signed", {"NM", names});
+        make("of-other-ca", {"NM", names}, "other-ca");
+        make("of-middle", {"NM", names}, "middle");
+        make("common-name", {"nm.test", ""}, "ca");
+        make("other-device", {"NM", names, false, -day_s, day_s, "clientAuth"}, "ca");
+        make("device", {"SN00000001", ""}, "ca");
         write("with-middle", sim_cert_pem(made["of-middle"]) + sim_cert_pem(made["middle"]));
         write("with-middle.key", sim_key_pem(made["of-middle"]));
         write("empty", "");
@@ -81,8 +73,7 @@ enum ServerKind { TLS, TLS_ASKS, TLS_1_0, PLAIN_TEXT, RESETS, STALLS, TRICKLES }
 static void serve(const Certificates &certs, ServerKind kind, const char *certificate, int fd)
 {
     const struct linger at_once = {1, 0};
-    const bool is_tls = kind == TLS || kind == TLS_ASKS || kind == TLS_1_0;
-    if (is_tls)
+    if (kind == TLS || kind == TLS_ASKS || kind == TLS_1_0)
         tls_serve(certs.server(certificate, kind == TLS_ASKS ? "ca" : ""), kind == TLS_1_0, fd);
     if (kind == PLAIN_TEXT)
         peer_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
