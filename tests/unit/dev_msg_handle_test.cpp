@@ -161,6 +161,9 @@ TEST(DevMsgHandle, CutPosts)
         EXPECT_EQ(device_read(device, 0), c.ack);
         EXPECT_EQ(log.count("Sending device response to NM failed. response: \n"), c.lines);
         EXPECT_EQ(log.count("Posting result to NM failed!\n"), c.lines);
+        PostFacts facts;
+        nm_post_facts_get(&facts);
+        EXPECT_EQ(0u, facts.failed); // NM has not failed
         close(nm);
         handled.wait();
         close(listener);
