@@ -59,8 +59,9 @@ TEST(TunnelTelnet, FreshSessionAndLostSides)
     DeviceService device([&session](int fd) {
         fd_send(fd, "session " + std::to_string(++session) + "\n");
         std::string line;
-        while (!(line = fd_read_line(fd)).empty() && line != "quit")
+        while (!(line = fd_read_line(fd)).empty() && line[0] != '-')
             fd_send(fd, "got " + line + "\n");
+        fd_send(fd, noise((unsigned)atoi(line.c_str() + 1), 9));
     });
     TunnelStage stage;
     ASSERT_TRUE(tunnel_stage_start(&stage, false, nullptr, &device));
@@ -73,9 +74,18 @@ TEST(TunnelTelnet, FreshSessionAndLostSides)
     telnet->send_bytes("a\n");
     EXPECT_TRUE(held_is(telnet, "session 1\nsession 2\ngot a\n"));
 
-    telnet->send_bytes("quit\n"); // the device hangs up
-    EXPECT_TRUE(agent_wait_log(&stage.agent, "Destroy tunnel"));
-    EXPECT_TRUE(telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; }));
+    std::string said = "session 1\nsession 2\ngot a\n";
+    int number = 2;
+    for (const char *bytes : {"60000", "3"}) { // the device hangs up right behind so many, which arrive all the same
+        telnet->send_bytes("-" + std::string(bytes) + "\n");
+        EXPECT_TRUE(held_is(telnet, said + noise((unsigned)atoi(bytes), 9)));
+        EXPECT_TRUE(agent_wait_log(&stage.agent, "Destroy tunnel"));
+        EXPECT_TRUE(telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; }));
+        ASSERT_TRUE(telnet_open(&stage));
+        said = "session " + std::to_string(++number) + "\n";
+        ASSERT_TRUE(held_is(telnet, said));
+    }
+    ASSERT_TRUE(telnet_close(&stage));
     const auto lose = [&](bool reset) {
         ASSERT_TRUE(telnet_open(&stage));
         ASSERT_TRUE(device.wait_serving(1));
