@@ -25,7 +25,6 @@ struct VerifiedStage : TunnelStage {
         config_set(&config, "nm_tls:ca_file", certs.file("ca"));
         config_set(&config, "nm_tls:client_cert", certs.file("device"));
         config_set(&config, "nm_tls:client_key", certs.file("device.key"));
-        config_set(&config, "nm_tls:handshake_timeout_s", "1");
         config_set(&config, "plugin_config:log_secrets", "0");
     }
     bool tunnel_start(const char *type, const char *host, int port)
