@@ -106,6 +106,9 @@ TEST(DevMsgRecv, EqualSizesFrameInPieces)
 TEST(DevMsgRecv, FullBufferWaitsForTheConsumer)
 {
     const Receiver to(64, 100);
+    const std::string small(14, 's'); // two that are pending leave just the room for a message
+    EXPECT_EQ(pass(to.device, frame(small) + frame(small) + frame(small), 1), Texts{small});
+    EXPECT_EQ(pass(to.device, frame(small), 3), Texts(3, small));
     const std::string one(40, '1'), two(30, '2'), three(10, '3');
     EXPECT_EQ(pass(to.device, frame(one).substr(0, 10), 0), Texts{});
     EXPECT_EQ(pass(to.device, frame(one).substr(10) + frame(two).substr(0, 20), 0), Texts{});
