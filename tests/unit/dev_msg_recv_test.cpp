@@ -3,24 +3,27 @@
 
 #include "peers.h"
 
-// Areas of the given sizes and a device link; returns the device's end.
-static int receiver(int32_t msg_size, int32_t buffer_size)
-{
-    info_edit([=](PluginInfo *next) {
-        next->max_dev_msg_size = msg_size;
-        next->dev_msg_buffer_size = buffer_size;
-    });
-    dev_msg_recv_init();
-    EXPECT_EQ(dev_msg_buffer_init(), 1);
-    return device_link();
-}
+// Areas of the given sizes and a device link.
+struct Receiver {
+    int device; // its end of the link
 
-static void receiver_end(int device)
-{
-    conn_remove_all();
-    free_device_buffers();
-    close(device);
-}
+    Receiver(int32_t msg_size, int32_t buffer_size)
+    {
+        info_edit([=](PluginInfo *next) {
+            next->max_dev_msg_size = msg_size;
+            next->dev_msg_buffer_size = buffer_size;
+        });
+        dev_msg_recv_init();
+        EXPECT_EQ(dev_msg_buffer_init(), 1);
+        device = device_link();
+    }
+    ~Receiver()
+    {
+        conn_remove_all();
+        free_device_buffers();
+        close(device);
+    }
+};
 
 static std::string s_logged; // by the last pass
 
@@ -46,17 +49,16 @@ static Texts pass(int device, const std::string &bytes, int get_calls)
 
 TEST(DevMsgRecv, StreamCutAtEveryByte)
 {
-    int device = receiver(64, 256);
+    const Receiver to(64, 256);
     const std::string first = "{\"type\":\"first\"}", last = "{\"n\":2}";
     const std::string stream = frame(first) + frame("") + frame(last);
     for (size_t cut = 1; cut < stream.size(); cut++) {
         SCOPED_TRACE(cut);
-        Texts got = pass(device, stream.substr(0, cut), 3);
-        Texts rest = pass(device, stream.substr(cut), 3);
+        Texts got = pass(to.device, stream.substr(0, cut), 3);
+        Texts rest = pass(to.device, stream.substr(cut), 3);
         got.insert(got.end(), rest.begin(), rest.end());
         EXPECT_EQ(got, (Texts{first, last}));
     }
-    receiver_end(device);
 }
 
 TEST(DevMsgRecv, LengthsAtTheEdge)
@@ -80,14 +82,13 @@ TEST(DevMsgRecv, LengthsAtTheEdge)
         {"two empty ones", frame("") + frame(""), {}, 0, frame("y"), {"y"}},
         {"short after long", frame("long text"), {"long text"}, 0, frame("s"), {"s"}},
     };
-    int device = receiver(64, 256);
+    const Receiver to(64, 256);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(pass(device, c.bytes, 3), c.handed);
+        EXPECT_EQ(pass(to.device, c.bytes, 3), c.handed);
         EXPECT_EQ(count_of(s_logged, "The device message get is not complete!\n"), c.incomplete);
-        EXPECT_EQ(pass(device, c.then, 3), c.after);
+        EXPECT_EQ(pass(to.device, c.then, 3), c.after);
     }
-    receiver_end(device);
 }
 
 // Both areas of one size, the smallest legal pair: a frame behind another one must still come in whole.
@@ -96,22 +97,23 @@ TEST(DevMsgRecv, EqualSizesFrameInPieces)
     const std::string small(20, 's'), whole(60, 'w');
     for (size_t cut = 1; cut < 36; cut++) {
         SCOPED_TRACE(cut);
-        int device = receiver(64, 64);
-        EXPECT_EQ(pass(device, frame(small) + frame(whole).substr(0, cut), 1), Texts{small});
-        EXPECT_EQ(pass(device, frame(whole).substr(cut), 1), Texts{whole});
-        receiver_end(device);
+        const Receiver to(64, 64);
+        EXPECT_EQ(pass(to.device, frame(small) + frame(whole).substr(0, cut), 1), Texts{small});
+        EXPECT_EQ(pass(to.device, frame(whole).substr(cut), 1), Texts{whole});
     }
 }
 
 TEST(DevMsgRecv, FullBufferWaitsForTheConsumer)
 {
-    int device = receiver(64, 100);
+    const Receiver to(64, 100);
+    const std::string small(14, 's'); // two that are pending leave just the room for a message
+    EXPECT_EQ(pass(to.device, frame(small) + frame(small) + frame(small), 1), Texts{small});
+    EXPECT_EQ(pass(to.device, frame(small), 3), Texts(3, small));
     const std::string one(40, '1'), two(30, '2'), three(10, '3');
-    EXPECT_EQ(pass(device, frame(one).substr(0, 10), 0), Texts{});
-    EXPECT_EQ(pass(device, frame(one).substr(10) + frame(two).substr(0, 20), 0), Texts{});
-    EXPECT_EQ(pass(device, frame(two).substr(20) + frame(three), 1), Texts{one});
+    EXPECT_EQ(pass(to.device, frame(one).substr(0, 10), 0), Texts{});
+    EXPECT_EQ(pass(to.device, frame(one).substr(10) + frame(two).substr(0, 20), 0), Texts{});
+    EXPECT_EQ(pass(to.device, frame(two).substr(20) + frame(three), 1), Texts{one});
     EXPECT_EQ(count_of(s_logged, " is full! Wait a moment ...\n"), 1);
     dev_msg_recv(); // the bytes were left in the socket
-    EXPECT_EQ(pass(device, "", 2), (Texts{two, three}));
-    receiver_end(device);
+    EXPECT_EQ(pass(to.device, "", 2), (Texts{two, three}));
 }

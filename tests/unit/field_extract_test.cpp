@@ -4,9 +4,7 @@
 TEST(FieldExtract, Keys)
 {
     static const struct {
-        const char *msg;
-        const char *key;
-        const char *value;
+        const char *msg, *key, *value;
     } k_cases[] = {
         {"{\"mode\":\"timing\"}", "mode", "timing"},
         {"{\"mode\"  :  timing,\"a\":1}", "mode", "timing"},
@@ -32,11 +30,9 @@ TEST(FieldExtract, Keys)
 TEST(FieldExtract, RegexResults)
 {
     static const struct {
-        const char *msg;
-        const char *regex;
+        const char *msg, *regex;
         int result;
-        const char *value;
-        const char *log;
+        const char *value, *log;
     } k_cases[] = {
         {"7.log.old", "^([0-9]*)\\.log", 0, "7",
          "[INF] pmatch[1].rm_eo: 1, pmatch[1].rm_so: 0, matched_len: 1, matched value: 7\n"},

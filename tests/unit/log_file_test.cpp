@@ -35,9 +35,7 @@ struct RingFile {
 struct RingCase {
     const char *what;
     RingFile files[5];
-    int valid;
-    int slot;
-    int truncate;
+    int valid, slot, truncate;
     const char *name; // of the file that is overwritten, null: the file is used further
 };
 static const RingCase k_ring_cases[] = {

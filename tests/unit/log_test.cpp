@@ -30,9 +30,7 @@ TEST(Log, TargetsFollowSettingModeAndStream)
     static const struct {
         int32_t log_std;
         LogMode mode;
-        bool has_stream;
-        bool to_file;
-        bool to_console;
+        bool has_stream, to_file, to_console;
     } k_cases[] = {
         {0, LOG_MODE_SYSLOG, false, false, false}, {0, LOG_MODE_SYSLOG, true, false, false},
         {2, LOG_MODE_SYSLOG, false, false, true},  {2, LOG_MODE_SYSLOG, true, false, true},

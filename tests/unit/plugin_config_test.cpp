@@ -1,4 +1,5 @@
 #include <fstream>
+#include <sstream>
 #include <unistd.h>
 
 #include "runtime/options.h"
@@ -84,8 +85,7 @@ TEST(PluginConfig, EveryKeyInOrder)
 TEST(PluginConfig, BufferLengthBounds)
 {
     static const struct {
-        const char *key;
-        const char *text;
+        const char *key, *text;
         int32_t value;
         const char *warning;
     } k_cases[] = {
@@ -109,98 +109,60 @@ TEST(PluginConfig, BufferLengthBounds)
     }
 }
 
+// A value of the policy that is not understood must not count as none; a sandbox level that is not understood is the
+// one that takes the capabilities.
 TEST(PluginConfig, OptionalKeys)
 {
-    WorkingDir dir;
-    Options options;
-    options_get(&options);
-    EXPECT_EQ("  300", std::string(options.monitor.state_file) + " " + options.monitor.notify_socket + " " +
-                           std::to_string(options.monitor.stuck_s));
+    const std::string x255(255, 'x'), x990(990, 'x'); // the parser takes no longer line
+    const std::string none = "|300|0|1 1 0 0||";
+    const std::string stuck_s = "[ERR] Key: monitor:stuck_s is not a number from 1 to 86400, use default: 300!\n";
+    const std::string refused = "[ERR] [remote_access] cannot be used as it stands, every tunnel is refused!\n";
+    const std::string level = "[ERR] Key: plugin_config:sandbox is not a number from 0 to 2, use default: 1!\n";
     const struct {
-        std::string keys, log, state_file;
-        int stuck_s;
+        std::string keys, values, line; // the line is the only kind of error
     } rows[] = {
-        {"[monitor]\nstate_file = /run/s\nstuck_s = 0x20\n",
-         "[INF] Key: monitor:state_file is set to: /run/s\n[INF] Key: monitor:stuck_s is set to: 0x20\n", "/run/s", 32},
-        {"[monitor]\nstuck_s = 86400\n", "[INF] Key: monitor:stuck_s is set to: 86400\n", "", 86400},
-        {"[monitor]\nstuck_s = 0\n",
-         "[INF] Key: monitor:stuck_s is set to: 0\n"
-         "[ERR] Key: monitor:stuck_s is not a number from 1 to 86400, use default: 300!\n",
-         "", 300},
-        {"[monitor]\nstuck_s = 9s\n",
-         "[INF] Key: monitor:stuck_s is set to: 9s\n"
-         "[ERR] Key: monitor:stuck_s is not a number from 1 to 86400, use default: 300!\n",
-         "", 300},
-        {"[monitor]\nstate_file = /" + std::string(255, 'x') + "\n",
-         "[INF] Key: monitor:state_file is set to: /" + std::string(255, 'x') +
-             "\n[ERR] Key: monitor:state_file is longer than 255 bytes and ignored!\n",
-         "", 300},
-    };
-    for (const auto &row : rows) {
-        const std::string log = read_config(row.keys.c_str());
-        EXPECT_EQ(row.log, log.size() < row.log.size() ? log : log.substr(log.size() - row.log.size()));
-        options_get(&options);
-        EXPECT_EQ(row.state_file, options.monitor.state_file) << row.keys;
-        EXPECT_EQ(row.stuck_s, options.monitor.stuck_s) << row.keys;
-    }
-}
-
-// A value of the policy that is not understood must not count as none.
-TEST(PluginConfig, RemoteAccessFailsClosed)
-{
-    WorkingDir dir;
-    const struct {
-        std::string keys;
-        bool is_bad;
-        std::string values; // web, telnet, idle_s, max_s, allow_hosts, audit_file
-    } rows[] = {
-        {"[monitor]\nstuck_s = 0\n", false, "1 1 0 0  "},
+        {"[plugin_config]\nlog_std = 1\n", none, ""},
+        {"[monitor]\nstate_file = /run/s\nstuck_s = 0x20\n", "/run/s|32|0|1 1 0 0||",
+         "[INF] Key: monitor:state_file is set to: /run/s\n[INF] Key: monitor:stuck_s is set to: 0x20\n"},
+        {"[monitor]\nstuck_s = 86400\n", "|86400|0|1 1 0 0||", ""},
+        {"[monitor]\nstuck_s = 0\n", none, "[INF] Key: monitor:stuck_s is set to: 0\n" + stuck_s},
+        {"[monitor]\nstuck_s = 9s\n", none, stuck_s},
+        {"[monitor]\nstate_file = /" + x255 + "\n", none,
+         "[ERR] Key: monitor:state_file is longer than 255 bytes and ignored!\n"},
         {"[remote_access]\nweb = 0\ntelnet = 0\nidle_s = 600\nmax_s = 31536000\nallow_hosts = a 10.0.0.0/8\n"
          "audit_file = /a\n",
-         false, "0 0 600 31536000 a 10.0.0.0/8 /a"},
-        {"[remote_access]\nallow_hosts =\n", false, "1 1 0 0  "},
-        {"[remote_access]\nweb = 2\n", true, "1 1 0 0  "},
-        {"[remote_access]\ntelnet = off\n", true, "1 1 0 0  "},
-        {"[remote_access]\nidle_s = -1\n", true, "1 1 0 0  "},
-        {"[remote_access]\nidle_s =\n", true, "1 1 0 0  "},
-        {"[remote_access]\nmax_s = 31536001\n", true, "1 1 0 0  "},
-        {"[remote_access]\naudit_file = /" + std::string(255, 'x') + "\n", true, "1 1 0 0  "},
-        {"[remote_access]\nalow_hosts = 10.0.0.1\n", true, "1 1 0 0  "},
-        {"[remote_access]\nallow_hosts = " + std::string(990, 'x') + "\n", false,
-         "1 1 0 0 " + std::string(990, 'x') + " "}, // the parser takes no longer line
+         "|300|0|0 0 600 31536000|a 10.0.0.0/8|/a", ""},
+        {"[remote_access]\nallow_hosts =\n", none, ""},
+        {"[remote_access]\nallow_hosts = " + x990 + "\n", "|300|0|1 1 0 0|" + x990 + "|", ""},
+        {"[remote_access]\nweb = 2\n", none, refused},
+        {"[remote_access]\ntelnet = off\n", none, refused},
+        {"[remote_access]\nidle_s = -1\n", none, refused},
+        {"[remote_access]\nidle_s =\n", none, refused},
+        {"[remote_access]\nmax_s = 31536001\n", none, refused},
+        {"[remote_access]\naudit_file = /" + x255 + "\n", none, refused},
+        {"[remote_access]\nalow_hosts = 10.0.0.1\n", none, refused},
+        {"[plugin_config]\nsandbox = 0\n", none, ""},
+        {"[plugin_config]\nsandbox = 2\n", "|300|2|1 1 0 0||", ""},
+        {"[plugin_config]\nsandbox = 3\n", "|300|1|1 1 0 0||", level},
+        {"[plugin_config]\nsandbox = yes\n", "|300|1|1 1 0 0||", level},
     };
+    const WorkingDir dir;
+    Options now;
+    options_get(&now);
+    EXPECT_EQ("  300", std::string(now.monitor.state_file) + " " + now.monitor.notify_socket + " " +
+                           std::to_string(now.monitor.stuck_s)); // before any file
     for (const auto &row : rows) {
         SCOPED_TRACE(row.keys);
         const std::string log = read_config(row.keys.c_str());
-        EXPECT_EQ(row.is_bad,
-                  count_of(log, "[ERR] [remote_access] cannot be used as it stands, every tunnel is refused!") == 1);
-        Options options;
-        options_get(&options);
-        const RemoteAccessOptions &policy = options.remote_access;
-        EXPECT_EQ(row.is_bad, policy.is_unusable);
-        EXPECT_EQ(row.values, std::to_string(policy.web) + " " + std::to_string(policy.telnet) + " " +
-                                  std::to_string(policy.idle_s) + " " + std::to_string(policy.max_s) + " " +
-                                  policy.allow_hosts + " " + policy.audit_file);
-    }
-}
-
-// A level that is not understood is the one that takes the capabilities.
-TEST(PluginConfig, Sandbox)
-{
-    WorkingDir dir;
-    const struct {
-        const char *keys;
-        int sandbox;
-    } rows[] = {
-        {"[plugin_config]\nlog_std = 1\n", 0},   {"[plugin_config]\nsandbox = 0\n", 0},
-        {"[plugin_config]\nsandbox = 2\n", 2},   {"[plugin_config]\nsandbox = 3\n", 1},
-        {"[plugin_config]\nsandbox = yes\n", 1},
-    };
-    for (const auto &row : rows) {
-        const std::string log = read_config(row.keys);
-        Options options;
-        options_get(&options);
-        EXPECT_EQ(row.sandbox, options.sandbox) << row.keys;
-        EXPECT_EQ(row.sandbox == 1 ? 1 : 0, count_of(log, "sandbox is not a number from 0 to 2, use default: 1!"));
+        EXPECT_TRUE(row.line.empty() || count_of(log, row.line) == 1) << log;
+        EXPECT_EQ(row.line.find("[ERR]") == std::string::npos, log.find("[ERR]") == std::string::npos) << log;
+        options_get(&now);
+        const RemoteAccessOptions &policy = now.remote_access;
+        EXPECT_EQ(row.line == refused, policy.is_unusable);
+        std::ostringstream values;
+        values << now.monitor.state_file << '|' << now.monitor.stuck_s << '|' << now.sandbox << '|' << policy.web << ' '
+               << policy.telnet << ' ' << policy.idle_s << ' ' << policy.max_s << '|' << policy.allow_hosts << '|'
+               << policy.audit_file;
+        EXPECT_EQ(row.values, values.str());
     }
 }

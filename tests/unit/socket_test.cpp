@@ -7,30 +7,27 @@
 
 static const char k_ip[] = "127.0.0.1";
 
+// A connection to a peer with small buffers; with a reference when shared.
 struct Link {
     SocketConn conn;
     int peer;
+
+    explicit Link(bool shared)
+    {
+        start_process_once();
+        peer = connect_pair(&conn, 2048);
+        if (shared)
+            conn.ref = conn_ref_new(&conn);
+    }
+    ~Link()
+    {
+        if (conn.ref)
+            conn_ref_release(conn.ref);
+        else
+            socket_close_private(&conn);
+        close(peer);
+    }
 };
-
-// A connection to a peer with small buffers; with a reference when shared.
-static Link link_open(bool shared)
-{
-    start_process_once();
-    Link link = {};
-    link.peer = connect_pair(&link.conn, 2048);
-    if (shared)
-        link.conn.ref = conn_ref_new(&link.conn);
-    return link;
-}
-
-static void link_close(Link *link)
-{
-    if (link->conn.ref)
-        conn_ref_release(link->conn.ref);
-    else
-        socket_close_private(&link->conn);
-    close(link->peer);
-}
 
 TEST(Socket, ConnectFailuresSayWhatTheyAre)
 {
@@ -74,7 +71,7 @@ TEST(Socket, ConnectFailuresSayWhatTheyAre)
 
 TEST(Socket, ShortSendAnswersTheFirstCount)
 {
-    Link link = link_open(false);
+    Link link(false);
     std::string data(40000, 'x'), got;
     std::thread reader([&] {
         usleep(100000);
@@ -93,24 +90,22 @@ TEST(Socket, ShortSendAnswersTheFirstCount)
     reader.join();
     EXPECT_EQ(accepted, got.size());
 
-    link_close(&link);
-    link = link_open(false);
-    fill_buffers(link.conn.socket_fd); // nothing can be taken: tried once more
+    Link full(false);
+    fill_buffers(full.conn.socket_fd); // nothing can be taken: tried once more
     int64_t start = wait_now_ms();
-    EXPECT_EQ(-1, tcp_send_counted(&link.conn, "abc", 3, &accepted));
+    EXPECT_EQ(-1, tcp_send_counted(&full.conn, "abc", 3, &accepted));
     EXPECT_GE(wait_now_ms() - start, 100);
     EXPECT_EQ(0u, accepted);
     EXPECT_TRUE(log.has_in_order({"TCP send failed, err: Resource temporarily unavailabl!", "Waiting: 100 ms ...",
                                   "Trying to send again, len: 3!",
                                   "TCP re-send failed, err: Resource temporarily unavailabl!"}));
-    link_close(&link);
 }
 
 // Four writers of 20 KB frames to a 2,048-byte peer: every frame arrives once, whole, unmixed.
 TEST(Socket, FramesOfSeveralWritersStayWhole)
 {
     constexpr int writers = 4, rounds = 5;
-    Link link = link_open(true);
+    Link link(true);
     auto frame_of = [](char writer, int round) {
         std::string text(20000, writer);
         text[0] = (char)('0' + round);
@@ -136,7 +131,6 @@ TEST(Socket, FramesOfSeveralWritersStayWhole)
         thread.join();
     EXPECT_EQ((size_t)writers, seen.size());
     EXPECT_FALSE(readable_within(link.peer, 0));
-    link_close(&link);
 }
 
 TEST(Socket, PeerThatStopsReadingLosesTheConnection)
@@ -158,7 +152,7 @@ TEST(Socket, PeerThatStopsReadingLosesTheConnection)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        Link link = link_open(true);
+        Link link(true);
         std::string data(300000, 'x');
         if (c.full_before)
             fill_buffers(link.conn.socket_fd);
@@ -179,7 +173,6 @@ TEST(Socket, PeerThatStopsReadingLosesTheConnection)
             EXPECT_EQ("", log.text());
             EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd));
         }
-        link_close(&link);
     }
 }
 
@@ -189,7 +182,7 @@ TEST(Socket, BegunFrameIsFinishedWhenThePeerReadsOn)
 {
     static std::atomic<uint32_t> counter;
     for (bool called_off : {false, true}) {
-        Link link = link_open(true);
+        Link link(true);
         std::string data(100000, 'x'), got;
         data.back() = 'z';
         std::thread reader([&] {
@@ -203,14 +196,13 @@ TEST(Socket, BegunFrameIsFinishedWhenThePeerReadsOn)
         wait_call_off_set({nullptr, 0});
         reader.join();
         EXPECT_TRUE(data == got);
-        link_close(&link);
     }
 }
 
 // 2 s without room to send are an end of the connection, but not when the wait was cut.
 TEST(Socket, LivenessOfAFullBuffer)
 {
-    Link link = link_open(false);
+    Link link(false);
     fill_buffers(link.conn.socket_fd);
     LogLines log;
     EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd));
@@ -218,5 +210,4 @@ TEST(Socket, LivenessOfAFullBuffer)
     stop_request(15);
     EXPECT_EQ(1, tcp_check_fd(link.conn.socket_fd));
     stop_reset_for_test();
-    link_close(&link);
 }

@@ -7,8 +7,7 @@
 TEST(Text, CopiesAreCutToTheFieldAndSaySo)
 {
     static const struct {
-        const char *src;
-        const char *kept;
+        const char *src, *kept;
         int result;
     } k_cases[] = {
         {nullptr, "", 0}, {"", "", 0}, {"abc", "abc", 0}, {"abcd", "abc", -1}, {"abcdefgh", "abc", -1},
