@@ -257,7 +257,7 @@ TEST(http_client, reconnects_as_before)
         LogLines log;
         EXPECT_EQ(1, conn_reconnect(REMOTE_TELNET_SERVER));
         EXPECT_EQ(was_https, log.has("SSL init success!"));
-        EXPECT_EQ(was_https, log.has("SSL_connect")); // not even tried
+        EXPECT_TRUE(was_https || !log.has("SSL_connect")); // not even tried
         conn_remove(REMOTE_TELNET_SERVER, 0);
     }
 }
