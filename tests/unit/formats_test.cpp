@@ -269,7 +269,8 @@ TEST(Formats, SimulatedNm)
     nm.activation.redirect_port = 8090;
     EXPECT_EQ(bytes_of("http-active-redirected"), answer_to("active"));
 
-    EXPECT_EQ(bytes_of("signature"), nm_signature("SN00000001"));
+    const std::string input = bytes_of("signature-input");
+    EXPECT_EQ(bytes_of("signature"), nm_signature(input.substr(0, input.find('/'))));
     EXPECT_EQ(bytes_of("command-trigger"), nm_command_trigger(10));
     NmStrategy strategy = {"start", 60, "immediate_timing", 300};
     EXPECT_EQ(bytes_of("command-device-status"), nm_command_device_status(strategy));
