@@ -10,7 +10,7 @@ import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-BUILD = pathlib.Path(os.environ.get("BUILD_DIR", ROOT / "build"))  # BUILD_DIR: built already, such as by a test
+BUILD = pathlib.Path(os.environ.get("BUILD_DIR", ROOT / "build")).resolve()  # BUILD_DIR: built already, by a test
 
 
 def build(*targets):
