@@ -17,6 +17,7 @@ endforeach()
 file(GLOB plugin_documents docs/*.md)
 install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${plugin_documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
+install(DIRECTORY docs/formats DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs)
 install(FILES samples/config.ini samples/init.json samples/state.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # The installed config.ini is the sample with the supervisor's keys. One that is there already belongs to the integrator.
