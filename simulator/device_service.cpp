@@ -52,8 +52,8 @@ DeviceService::~DeviceService()
     if (acceptor_.joinable())
         acceptor_.join();
     hang_up();
-    for (std::thread &thread : threads_)
-        thread.join();
+    for (auto &one : threads_)
+        one.second.join();
     close(listener_);
 }
 
@@ -76,14 +76,20 @@ void DeviceService::accept_loop()
     while ((fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
         time_limits_set(fd);
         std::lock_guard<std::mutex> lock(mutex_);
-        accepted_++;
+        for (int ended : ended_) {
+            threads_[ended].join();
+            threads_.erase(ended);
+        }
+        ended_.clear();
+        const int number = ++accepted_;
         serving_.insert(fd);
         changed_.notify_all();
-        threads_.emplace_back([this, fd] {
+        threads_[number] = std::thread([this, fd, number] {
             serve_(fd);
             std::lock_guard<std::mutex> done(mutex_);
             serving_.erase(fd);
             close(fd);
+            ended_.push_back(number);
             changed_.notify_all();
         });
     }

@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <stddef.h>
@@ -43,7 +44,8 @@ class DeviceService
     std::condition_variable changed_;
     std::set<int> serving_;
     int accepted_ = 0;
-    std::vector<std::thread> threads_;
+    std::map<int, std::thread> threads_; // by number of the connection
+    std::vector<int> ended_;             // those that can be joined: their memory is freed so
     std::thread acceptor_;
 };
 
