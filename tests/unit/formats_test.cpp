@@ -132,8 +132,10 @@ TEST(Formats, AgentAndNm)
     shutdown(stage.udp, SHUT_RDWR);
     close(stage.udp); // refused at once
     stage.nm.answer_set("heartbeat", {bytes_of("http-heartbeat-answer")});
-    for (int i = 0; i < 7 && stage.last_request().find("/heartbeat") == std::string::npos; i++)
+    for (int i = 1; i <= 5; i++) { // each goes over HTTP too, the ones behind the fifth over HTTP alone
         udp_handler(nullptr);
+        EXPECT_EQ(i == 5, stage.log.has("Change to http mode."));
+    }
     EXPECT_EQ(bytes_of("http-heartbeat-request"), stage.last_request());
     EXPECT_TRUE(stage.log.has("len: 6, buf: ACTIVE"));
 
