@@ -22,6 +22,7 @@ struct DeviceSim {
 
     // Loop thread only.
     evconnlistener *listener = nullptr;
+    int held = -1; // the port, while the device is absent
     bufferevent *link = nullptr;
     bool reading = true;
 
@@ -189,6 +190,7 @@ void device_sim_stop(DeviceSim *device)
         return;
     device_sim_absent(device);
     sim_loop_stop(device->loop);
+    sim_hold_end(&device->held);
     delete device;
 }
 
@@ -266,6 +268,8 @@ void device_sim_absent(DeviceSim *device)
 {
     sim_loop_call(device->loop, [=] {
         sim_listener_close(&device->listener);
+        if (device->held < 0)
+            device->held = sim_hold_tcp(device->options.ip, device->options.port);
         link_close(device, "the device goes away");
     });
 }
@@ -278,6 +282,7 @@ bool device_sim_return(DeviceSim *device)
             device->listener = sim_listener_open(device->loop, device->options.ip, &device->options.port,
                                                  device->options.recv_buffer, on_accept, device);
         ready = device->listener;
+        sim_hold_end(&device->held);
     });
     return ready;
 }

@@ -4,6 +4,7 @@
 
 #include "nm_serve.h"
 #include "nm_state.h"
+#include "sim_socket.h"
 #include "sim_tls.h"
 
 NmSim *nm_sim_start(const NmOptions &options)
@@ -31,19 +32,27 @@ void nm_sim_stop(NmSim *nm)
         return;
     nm_sim_absent(nm);
     sim_loop_stop(nm->loop);
+    sim_hold_end(&nm->held);
     SSL_CTX_free(nm->ssl_context);
     delete nm;
 }
 
 void nm_sim_absent(NmSim *nm)
 {
-    sim_loop_call(nm->loop, [nm] { nm_serve_stop(nm); });
+    sim_loop_call(nm->loop, [nm] {
+        nm_serve_stop(nm);
+        if (nm->held < 0)
+            nm->held = sim_hold_tcp(nm->options.ip, nm->options.port);
+    });
 }
 
 bool nm_sim_return(NmSim *nm)
 {
     bool ready = false;
-    sim_loop_call(nm->loop, [nm, &ready] { ready = nm_serve_start(nm); });
+    sim_loop_call(nm->loop, [nm, &ready] {
+        ready = nm_serve_start(nm);
+        sim_hold_end(&nm->held);
+    });
     return ready;
 }
 

@@ -29,6 +29,7 @@ struct NmSim {
 
     // Loop thread only.
     evconnlistener *listener = nullptr;
+    int held = -1;                 // the TCP port, while NM is absent
     std::map<int, NmConn *> conns; // by number
     int udp = -1;
     int udp_stranger = -1; // the same ip, another port

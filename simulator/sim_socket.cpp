@@ -41,6 +41,18 @@ int sim_listen_tcp(const std::string &ip, int *port)
     return fd;
 }
 
+int sim_hold_tcp(const std::string &ip, int port)
+{
+    return bind_socket(SOCK_STREAM, ip, &port);
+}
+
+void sim_hold_end(int *held)
+{
+    if (*held >= 0)
+        close(*held);
+    *held = -1;
+}
+
 int sim_bind_udp(const std::string &ip, int *port)
 {
     return bind_socket(SOCK_DGRAM, ip, port);

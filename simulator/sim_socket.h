@@ -15,6 +15,10 @@ typedef struct ssl_ctx_st SSL_CTX;
 // -1 when ip is no address or the port is taken. Any thread.
 int sim_listen_tcp(const std::string &ip, int *port);
 int sim_bind_udp(const std::string &ip, int *port);
+// Keeps a TCP port while nobody listens there: connections are refused, and nobody else is given it. sim_listen_tcp can
+// take it back before sim_hold_end. -1 when it is taken.
+int sim_hold_tcp(const std::string &ip, int port);
+void sim_hold_end(int *held); // closes it unless it is -1, which it is afterwards
 
 // Called for each accepted connection; fd is the callee's from then on.
 using SimAccepted = void (*)(evconnlistener *listener, int fd, sockaddr *peer, int peer_len, void *arg);
