@@ -25,30 +25,30 @@ static void extension_add(X509 *cert, int kind, const std::string &value)
     X509_EXTENSION_free(extension);
 }
 
-static void subject_set(X509 *cert, const SimCertSpec &spec)
+static void subject_set(X509 *cert, const SimCertSpec &wanted)
 {
     static int s_serial = 0;
     X509_set_version(cert, 2);
     ASN1_INTEGER_set(X509_get_serialNumber(cert), __atomic_add_fetch(&s_serial, 1, __ATOMIC_RELAXED));
-    X509_gmtime_adj(X509_getm_notBefore(cert), spec.from_s);
-    X509_gmtime_adj(X509_getm_notAfter(cert), spec.to_s);
+    X509_gmtime_adj(X509_getm_notBefore(cert), wanted.from_s);
+    X509_gmtime_adj(X509_getm_notAfter(cert), wanted.to_s);
     X509_NAME_add_entry_by_txt(X509_get_subject_name(cert), "CN", MBSTRING_UTF8,
-                               (const unsigned char *)spec.name.c_str(), -1, -1, 0);
-    if (spec.is_ca)
+                               (const unsigned char *)wanted.name.c_str(), -1, -1, 0);
+    if (wanted.is_ca)
         extension_add(cert, NID_basic_constraints, "critical,CA:TRUE");
-    if (!spec.usage.empty())
-        extension_add(cert, NID_ext_key_usage, spec.usage);
-    if (!spec.alt_names.empty())
-        extension_add(cert, NID_subject_alt_name, spec.alt_names);
+    if (!wanted.usage.empty())
+        extension_add(cert, NID_ext_key_usage, wanted.usage);
+    if (!wanted.alt_names.empty())
+        extension_add(cert, NID_subject_alt_name, wanted.alt_names);
 }
 
-SimCert sim_cert_make(const SimCertSpec &spec, const SimCert *issuer)
+SimCert sim_cert_make(const SimCertSpec &wanted, const SimCert *issuer)
 {
     SimCert made = {std::shared_ptr<X509>(X509_new(), X509_free),
                     std::shared_ptr<EVP_PKEY>(EVP_EC_gen("P-256"), EVP_PKEY_free)};
     X509 *cert = made.cert.get();
     need(cert && made.key);
-    subject_set(cert, spec);
+    subject_set(cert, wanted);
     X509_set_issuer_name(cert, X509_get_subject_name(issuer ? issuer->cert.get() : cert));
     X509_set_pubkey(cert, made.key.get());
     need(X509_sign(cert, issuer ? issuer->key.get() : made.key.get(), EVP_sha256()) > 0);
@@ -102,9 +102,9 @@ SimCertDir::~SimCertDir()
     std::filesystem::remove_all(path, error);
 }
 
-void SimCertDir::make(const std::string &name, const SimCertSpec &spec, const std::string &issuer)
+void SimCertDir::make(const std::string &name, const SimCertSpec &wanted, const std::string &issuer)
 {
-    made[name] = sim_cert_make(spec, issuer.empty() ? nullptr : &made.at(issuer));
+    made[name] = sim_cert_make(wanted, issuer.empty() ? nullptr : &made.at(issuer));
     write(name, sim_cert_pem(made[name]));
     write(name + ".key", sim_key_pem(made[name]));
     need(chmod(file(name + ".key").c_str(), 0600) == 0);

@@ -23,7 +23,7 @@ struct SimCertSpec {
 };
 
 // A certificate with a new key. issuer null: self-signed. Aborts with a message when the library fails.
-SimCert sim_cert_make(const SimCertSpec &spec, const SimCert *issuer = nullptr);
+SimCert sim_cert_make(const SimCertSpec &wanted, const SimCert *issuer = nullptr);
 
 std::string sim_cert_pem(const SimCert &cert);
 std::string sim_key_pem(const SimCert &cert);
@@ -39,7 +39,7 @@ struct SimCertDir {
     SimCertDir(const SimCertDir &) = delete;
     ~SimCertDir();
     // issuer: the name of one made before; empty: self-signed.
-    void make(const std::string &name, const SimCertSpec &spec, const std::string &issuer = "");
+    void make(const std::string &name, const SimCertSpec &wanted, const std::string &issuer = "");
     void write(const std::string &name, const std::string &text) const;
     std::string file(const std::string &name) const;
     // A server with this certificate, which asks for one of client_ca unless that is empty.

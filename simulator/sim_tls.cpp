@@ -6,9 +6,9 @@
 
 static bool own_certificate_use(SSL_CTX *context)
 {
-    SimCertSpec spec;
-    spec.name = "nm simulator";
-    const SimCert own = sim_cert_make(spec);
+    SimCertSpec wanted;
+    wanted.name = "nm simulator";
+    const SimCert own = sim_cert_make(wanted);
     return SSL_CTX_use_certificate(context, own.cert.get()) == 1 && SSL_CTX_use_PrivateKey(context, own.key.get()) == 1;
 }
 

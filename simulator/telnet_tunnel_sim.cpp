@@ -76,7 +76,7 @@ void TelnetTunnelSim::on_pause(int, short, void *self)
 void TelnetTunnelSim::agent_ready()
 {
     session_used_ = false;
-    update([this] { stats_.held.clear(); }); // belongs to an earlier session
+    update([this] { stats_.held.clear(); }); // of an earlier connection
     switch (answers_) {
     case TELNET_ANSWER_SEPARATE:
         agent_send(k_result_true);
