@@ -10,10 +10,19 @@
 #include <string>
 #include <vector>
 
+#include "format_file.h"
 #include "runtime/log.h"
 #include "runtime/plugin_info.h"
 
 typedef std::vector<std::string> Texts;
+
+// The rows of a document's tables, docs/examples/NAME.md.
+inline std::vector<Texts> examples(const char *name)
+{
+    const std::vector<Texts> rows = format_table(std::string(EXAMPLES_DIR) + "/" + name + ".md");
+    EXPECT_FALSE(rows.empty());
+    return rows;
+}
 
 // A directory with all that is put into it, for as long as this lives.
 struct TempDir {
