@@ -38,9 +38,14 @@ std::string nm_request_name(const std::string &path)
     return slash == std::string::npos ? "device" : path.substr(slash + 1);
 }
 
+std::string nm_signature_input(const std::string &serial)
+{
+    return serial + "/" + k_salt;
+}
+
 std::string nm_signature(const std::string &serial)
 {
-    const std::string text = serial + "/" + k_salt;
+    const std::string text = nm_signature_input(serial);
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
     EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr);

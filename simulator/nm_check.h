@@ -10,7 +10,8 @@ std::string nm_request_name(const std::string &path);
 // The serial number in the path; "" for another path.
 std::string nm_request_serial(const std::string &path);
 
-// The signature that a device of that serial number has to send, in hex.
+// What a device of that serial number signs with, and the signature that it has to send, in hex.
+std::string nm_signature_input(const std::string &serial);
 std::string nm_signature(const std::string &serial);
 
 // What is wrong with a request, items joined with "; "; "" when nothing is. here: this NM's address as in the HOST

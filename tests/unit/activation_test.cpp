@@ -48,6 +48,6 @@ TEST(activation, answers)
         EXPECT_EQ(row.server, std::string(server.remote_ip) + ":" + server.remote_port);
         EXPECT_TRUE(log.has(row.line));
         EXPECT_TRUE(log.has(std::string("[INF] Device activate rsp: ") + row.answer));
-        EXPECT_EQ(nm.peer.port, info_now().nm_port);
+        EXPECT_EQ(nm.port, info_now().nm_port);
     }
 }

@@ -174,11 +174,7 @@ TEST(ConnRegistry, TlsByTypeAndMethod)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(conn_type_name(c.type)) + " " + c.method);
-        Peer peer([&](int listener) {
-            TlsPeer tls = tls_peer_new();
-            EXPECT_EQ(c.encrypted, tls_peer_accept(&tls, listener));
-            tls_peer_free(&tls);
-        });
+        Peer peer([&](int listener) { EXPECT_EQ(c.encrypted, TlsPeer().accept_from(listener)); });
         nm_set("1", c.method);
         LogLines log;
         conn_add(c.type, connect_to(peer.port), 1);

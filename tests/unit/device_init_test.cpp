@@ -15,7 +15,7 @@ struct World {
     NmPeer nm;
     std::string device_port;
     int listener = listen_socket(&device_port);
-    DeviceCfg cfg = device_cfg_default(".", false, std::stoi(nm.peer.port), std::stoi(device_port));
+    DeviceCfg cfg = device_cfg_default(".", false, std::stoi(nm.port), std::stoi(device_port));
     std::string init_cfg = device_cfg_text(cfg);
 
     World()

@@ -23,11 +23,15 @@
 #include "telnet_tunnel_sim.h"
 #include "web_tunnel_sim.h"
 
-#include <openssl/md5.h>
-
 static std::string bytes_of(const std::string &name)
 {
     return format_read(std::string(FORMATS_DIR) + "/" + name + ".txt");
+}
+
+static void expect_from(int fd, const char *name)
+{
+    const std::string expected = bytes_of(name);
+    EXPECT_EQ(expected, read_upto(fd, expected.size()));
 }
 
 // The device of the files, with an NM that answers with them.
@@ -44,7 +48,7 @@ struct Stage {
         nm_post_heartbeat_answered_set(heartbeat_answered);
         EXPECT_EQ(0, init_cfg_parse_text(device_cfg_text(device_cfg_default("", false, 8080, 9000)).c_str()));
         info_edit([this](PluginInfo *next) {
-            (void)text_set(next->nm_port, nm.peer.port.c_str());
+            (void)text_set(next->nm_port, nm.port.c_str());
             (void)text_set(next->plugin_version, "1.0");
             endpoint_set(&next->udp_detection, udp_port);
         });
@@ -65,14 +69,9 @@ struct Stage {
     {
         const Texts requests = nm.now(&NmPeer::requests);
         std::string request = requests.empty() ? "(none)" : requests.back();
-        const std::string here = "127.0.0.1:" + nm.peer.port;
+        const std::string here = "127.0.0.1:" + nm.port;
         const size_t at = request.find(here);
         return at == std::string::npos ? request : request.replace(at, here.size(), "127.0.0.1:8080");
-    }
-    void expect_to_device(const char *name)
-    {
-        const std::string expected = bytes_of(name);
-        EXPECT_EQ(expected, read_upto(device, expected.size()));
     }
 };
 
@@ -96,7 +95,7 @@ TEST(Formats, AgentAndDevice)
         peer_send(stage.device, bytes_of(row.from_device));
         dev_msg_recv();
         dev_msg_get();
-        stage.expect_to_device(row.to_device);
+        expect_from(stage.device, row.to_device);
         EXPECT_TRUE(!row.path || stage.last_request() == bytes_of(row.request)) << stage.last_request();
     }
 }
@@ -123,7 +122,7 @@ TEST(Formats, AgentAndNm)
     stage.nm.answer_set("handshake", {bytes_of("http-handshake-answer")});
     beat_once("udp-ack");
     EXPECT_EQ(bytes_of("http-handshake-request"), stage.last_request());
-    stage.expect_to_device("device-command");
+    expect_from(stage.device, "device-command");
     beat_once("udp-rec");
     EXPECT_EQ(0, (int)g_init_done);
 
@@ -159,7 +158,7 @@ TEST(Formats, AgentAndNm)
     EXPECT_NE(0, device_activate());
     EXPECT_STREQ("192.0.2.7", info_now().nm_ip);
     EXPECT_STREQ("8091", info_now().nm_port);
-    stage.expect_to_device("device-redirection");
+    expect_from(stage.device, "device-redirection");
 }
 
 TEST(Formats, AgentAndTunnels)
@@ -167,10 +166,6 @@ TEST(Formats, AgentAndTunnels)
     Stage stage;
     SocketConn conn;
     const int peer = connect_pair(&conn);
-    const auto said = [&](const char *name) {
-        const std::string expected = bytes_of(name);
-        EXPECT_EQ(expected, read_upto(peer, expected.size()));
-    };
     const std::string asked = bytes_of("web-request"), closed = bytes_of("web-browser-closed");
     const WebHeader request = web_header_get((const uint8_t *)asked.data());
     EXPECT_EQ(MSG_TYPE_REQ, request.type);
@@ -182,10 +177,9 @@ TEST(Formats, AgentAndTunnels)
     const std::string page = bytes_of("web-response").substr(WEB_HEADER_SIZE);
     EXPECT_EQ(0, remote_web_rsp_transmit_privately(&conn, (const uint8_t *)page.data(), (uint32_t)page.size(),
                                                    request.msg_id, MSG_TYPE_RESP));
-    said("web-response");
+    expect_from(peer, "web-response");
     EXPECT_EQ(0, remote_web_rsp_transmit_privately(&conn, nullptr, 0, request.msg_id, MSG_TYPE_DEV_DESTROY));
-    said("web-device-closed");
-
+    expect_from(peer, "web-device-closed");
     socket_close_private(&conn);
     close(peer);
 }
@@ -197,8 +191,7 @@ TEST(Formats, AgentAndTelnetSetUp)
     const int device = listen_socket(&device_port);
     Peer nm([](int listener) {
         const int fd = accept(listener, nullptr, nullptr);
-        const std::string auth = bytes_of("tunnel-auth");
-        EXPECT_EQ(auth, read_upto(fd, auth.size()));
+        expect_from(fd, "tunnel-auth");
         peer_send(fd, bytes_of("telnet-answer"));
         peer_send(fd, bytes_of("telnet-init"));
         close(fd);
@@ -226,21 +219,16 @@ TEST(Formats, AgentAndCommands)
         (void)nm_msg_process(0, ("{\"result\":{\"payload\":[" + bytes_of(row.name) + "]}}").c_str());
         EXPECT_TRUE(stage.log.has(row.line)) << row.name;
     }
-    stage.expect_to_device("device-strategy");
+    expect_from(stage.device, "device-strategy");
     alarm(0);
 }
 
-TEST(Formats, SignatureIsOfItsInput)
+TEST(Formats, Signature)
 {
     Stage stage;
-    const std::string input = bytes_of("signature-input");
-    unsigned char digest[MD5_DIGEST_LENGTH];
-    MD5((const unsigned char *)input.data(), input.size(), digest);
-    char hex[2 * MD5_DIGEST_LENGTH + 1] = {};
-    for (unsigned char byte : digest)
-        (void)text_append(hex, sizeof(hex), "%02x", byte);
-    EXPECT_EQ(bytes_of("signature"), hex);
     EXPECT_EQ(bytes_of("signature"), info_now().header_secret_key);
+    EXPECT_EQ(bytes_of("signature"), nm_signature("SN00000001"));
+    EXPECT_EQ(bytes_of("signature-input"), nm_signature_input("SN00000001"));
 }
 
 // What a simulated NM and a simulated device find right, and what they say themselves.
@@ -271,8 +259,6 @@ TEST(Formats, SimulatedNm)
     nm.activation.redirect_port = 8090;
     EXPECT_EQ(bytes_of("http-active-redirected"), answer_to("active"));
 
-    const std::string input = bytes_of("signature-input");
-    EXPECT_EQ(bytes_of("signature"), nm_signature(input.substr(0, input.find('/'))));
     EXPECT_EQ(bytes_of("command-trigger"), nm_command_trigger(10));
     NmStrategy strategy = {"start", 60, "immediate_timing", 300};
     EXPECT_EQ(bytes_of("command-device-status"), nm_command_device_status(strategy));

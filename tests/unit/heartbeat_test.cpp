@@ -75,7 +75,7 @@ TEST(Heartbeat, HungHandshakesGiveWay)
         hung.push_back(accept(silent, nullptr, nullptr));
         EXPECT_EQ(1u, read_upto(hung.back(), 1).size());
     }
-    nm_set(nm.peer.port);
+    nm_set(nm.port);
     udp_handler(nullptr);
     EXPECT_EQ("{\"type\":\"ping\"}", device_read(device));
     beats[1].join();

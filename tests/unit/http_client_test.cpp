@@ -10,36 +10,17 @@ static const std::string k_ok = "HTTP/1.1 200 OK\r\n\r\n";
 
 TEST(http_client, answers_are_parsed)
 {
-    static const struct {
-        const char *text;
-        int result;
-        const char *json; // null: none
-        const char *line;
-    } rows[] = {
-        {nullptr, -1, nullptr, "[ERR] Invalid parameter!"},
-        {"", -1, nullptr, "[WRN] HTTP/1.1 not found!"},
-        {"HTTP/1.0 200 OK\r\n\r\n{}", -1, nullptr, "[WRN] HTTP/1.1 not found!"},
-        {"HTTP/1.1 201 Created\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 201"},
-        {"HTTP/1.1 99999999999 ?\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 2147483647"},
-        {"HTTP/1.1\r\n\r\n{}", -1, nullptr, "[WRN] Http result: 0"},
-        {"junk HTTP/1.1 200\r\n\r\n{}", 2, "{}", "[DBG] http json_len: 2"},
-        {"HTTP/1.1 200 OK\r\nA: b", 0, nullptr, "[DBG] HTTP message body is NULL."},
-        {"HTTP/1.1 200 OK\r\n\r\n", 0, nullptr, "[DBG] p_json_start is NULL!"},
-        {"HTTP/1.1 200 OK\r\n\r\nok}", 0, nullptr, "[DBG] p_json_start is NULL!"},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"a\":1", 0, nullptr, "[WRN] p_json_end is NULL!"},
-        {"HTTP/1.1 200 OK\r\n\r\n}{", 0, nullptr, "[WRN] Invalid json_len!"},
-        {"HTTP/1.1 200 OK\r\n\r\nab{\"a\":{}}}cd", 10, "{\"a\":{}}}", ""},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.text ? row.text : "null");
+    for (const Texts &row : examples("http-answers")) {
+        SCOPED_TRACE(row[0]);
         LogLines log;
         char *json = nullptr;
-        int expected = row.json ? (int)strlen(row.json) : row.result;
-        EXPECT_EQ(expected, http_parse_response(row.text, &json));
-        EXPECT_STREQ(row.json, json);
-        EXPECT_TRUE(log.has(row.line));
+        EXPECT_EQ(std::stoi(row[1]), http_parse_response(row[0].c_str(), &json));
+        EXPECT_STREQ(row[2].empty() ? nullptr : row[2].c_str(), json);
+        EXPECT_TRUE(log.has(row[3]));
         free(json);
     }
+    char *json = nullptr;
+    EXPECT_EQ(-1, http_parse_response(nullptr, &json));
 }
 
 // A useless connection is replaced, and so is one to another NM.
@@ -56,7 +37,7 @@ TEST(http_client, posts_share_one_connection)
     EXPECT_EQ(0, http_post_nm("/2", "{}", rsp, sizeof(rsp)));
     EXPECT_STREQ("", rsp);
     EXPECT_EQ(-1, http_post_nm("/3", "{}", rsp, sizeof(rsp)));
-    nm_set(nm.peer.port, "HTTP"); // another method, so another NM
+    nm_set(nm.port, "HTTP"); // another method, so another NM
     EXPECT_EQ(14, http_post_nm("/4", "{}", rsp, sizeof(rsp)));
     {
         NmPeer other; // a redirection
@@ -119,29 +100,16 @@ TEST(http_client, half_a_record_never_becomes_the_next_answer)
         SCOPED_TRACE(cut);
         std::promise<void> over;
         Peer peer([&](int listener) {
-            TlsPeer first = tls_peer_new();
-            ASSERT_TRUE(tls_peer_accept(&first, listener));
-            char request[4096];
-            EXPECT_GT(SSL_read(first.ssl, request, sizeof(request)), 0);
-            std::string answer = k_ok + "{\"n\":1}";
-            EXPECT_EQ((int)answer.size(), SSL_write(first.ssl, answer.data(), (int)answer.size()));
+            TlsPeer first, second;
+            ASSERT_TRUE(first.accept_from(listener));
+            EXPECT_NE("", first.read());
+            first.write(k_ok + "{\"n\":1}");
             over.get_future().wait();
-            std::string record = tls_peer_record(&first, k_ok + "{\"old\":1}");
-            peer_send(first.fd, record.substr(0, cut));
-            char byte;
-            EXPECT_TRUE(readable_within(first.fd, 5000));
-            if (recv(first.fd, &byte, 1, MSG_PEEK) > 0) { // a second request instead of an end
-                send(first.fd, record.data() + cut, record.size() - cut, MSG_NOSIGNAL);
-                ADD_FAILURE() << "reused";
-            } else {
-                TlsPeer second = tls_peer_new();
-                EXPECT_TRUE(tls_peer_accept(&second, listener));
-                EXPECT_GT(SSL_read(second.ssl, request, sizeof(request)), 0);
-                answer = k_ok + "{\"right\":1}";
-                EXPECT_EQ((int)answer.size(), SSL_write(second.ssl, answer.data(), (int)answer.size()));
-                tls_peer_free(&second);
-            }
-            tls_peer_free(&first);
+            peer_send(first.fd, first.record(k_ok + "{\"old\":1}").substr(0, cut));
+            ASSERT_EQ("", read_upto(first.fd, 1)) << "used for a second request";
+            ASSERT_TRUE(second.accept_from(listener));
+            EXPECT_NE("", second.read());
+            second.write(k_ok + "{\"right\":1}");
         });
         nm_set(peer.port, "https");
         LogLines log;
@@ -245,11 +213,8 @@ TEST(http_client, reconnects_as_before)
     for (bool was_https : {true, false}) {
         SCOPED_TRACE(was_https);
         Peer peer([&](int listener) {
-            for (int i = 0; i < 2; i++) {
-                TlsPeer tls = tls_peer_new();
-                EXPECT_EQ(was_https, tls_peer_accept(&tls, listener));
-                tls_peer_free(&tls);
-            }
+            for (int i = 0; i < 2; i++)
+                EXPECT_EQ(was_https, TlsPeer().accept_from(listener));
         });
         nm_set(peer.port, was_https ? "https" : "http");
         conn_add(REMOTE_TELNET_SERVER, connect_to(peer.port), 0);
@@ -271,7 +236,7 @@ TEST(http_client, kept_connection_wants_an_address)
     char rsp[512] = {};
     EXPECT_EQ(-1, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
     EXPECT_EQ("[ERR] gethostbyname() failed: localhost\n[ERR] http_tcpclient_create failed!\n", log.take());
-    nm_set(nm.peer.port);
+    nm_set(nm.port);
     info_edit([](PluginInfo *next) { (void)text_set(next->local_ip, "localhost"); });
     EXPECT_EQ(-1, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
     EXPECT_FALSE(log.has("TCP connecting"));

@@ -14,6 +14,8 @@
 #include <thread>
 #include <unistd.h>
 
+#include "device_service.h"
+#include "nm_http.h"
 #include "runtime/stop.h"
 #include "runtime/text.h"
 #include "runtime/wait.h"
@@ -122,49 +124,55 @@ inline int open_descriptors()
     return count;
 }
 
-// A TLS server, one connection.
+// A TLS server for one connection; its socket is blocking.
 struct TlsPeer {
-    SSL_CTX *ctx;
-    SSL *ssl;
-    int fd;
+    SSL_CTX *ctx = sim_tls_server();
+    SSL *ssl = nullptr;
+    int fd = -1;
+
+    // signatures: the only kinds that it offers, null for its defaults.
+    explicit TlsPeer(const char *signatures = nullptr)
+    {
+        SSL_CTX_set_security_level(ctx, 0);
+        EXPECT_TRUE(!signatures || SSL_CTX_set1_sigalgs_list(ctx, signatures) == 1);
+    }
+    TlsPeer(const TlsPeer &) = delete;
+    ~TlsPeer()
+    {
+        SSL_free(ssl);
+        SSL_CTX_free(ctx);
+        if (fd >= 0)
+            close(fd);
+    }
+    bool accept_from(int listener)
+    {
+        fd = accept(listener, nullptr, nullptr);
+        ssl = SSL_new(ctx);
+        SSL_set_fd(ssl, fd);
+        return SSL_accept(ssl) == 1;
+    }
+    // What one record brings, up to 4,096 bytes; "" at the end.
+    std::string read()
+    {
+        char bytes[4096];
+        const int count = SSL_read(ssl, bytes, sizeof(bytes));
+        return std::string(bytes, (size_t)std::max(count, 0));
+    }
+    void write(const std::string &text)
+    {
+        EXPECT_EQ((int)text.size(), SSL_write(ssl, text.data(), (int)text.size()));
+    }
+    // The record that carries text, as bytes for the wire: to be sent in pieces of the test's choice.
+    std::string record(const std::string &text)
+    {
+        BIO *memory = BIO_new(BIO_s_mem());
+        SSL_set0_wbio(ssl, memory);
+        write(text);
+        char *bytes = nullptr;
+        const long len = BIO_get_mem_data(memory, &bytes);
+        return std::string(bytes, (size_t)len);
+    }
 };
-
-// signatures: the only kinds the server offers, null for its defaults.
-inline TlsPeer tls_peer_new(const char *signatures = nullptr)
-{
-    TlsPeer peer = {sim_tls_server(), nullptr, -1};
-    SSL_CTX_set_security_level(peer.ctx, 0);
-    EXPECT_TRUE(!signatures || SSL_CTX_set1_sigalgs_list(peer.ctx, signatures) == 1);
-    return peer;
-}
-
-// Accepts from listener and makes the handshake; the peer's socket is blocking.
-inline bool tls_peer_accept(TlsPeer *peer, int listener)
-{
-    peer->fd = accept(listener, nullptr, nullptr);
-    peer->ssl = SSL_new(peer->ctx);
-    SSL_set_fd(peer->ssl, peer->fd);
-    return SSL_accept(peer->ssl) == 1;
-}
-
-// The record that carries text, as bytes for the wire: to be sent in pieces of the test's choice.
-inline std::string tls_peer_record(TlsPeer *peer, const std::string &text)
-{
-    BIO *memory = BIO_new(BIO_s_mem());
-    SSL_set0_wbio(peer->ssl, memory);
-    SSL_write(peer->ssl, text.data(), (int)text.size());
-    char *bytes = nullptr;
-    long len = BIO_get_mem_data(memory, &bytes);
-    return std::string(bytes, (size_t)len);
-}
-
-inline void tls_peer_free(TlsPeer *peer)
-{
-    SSL_free(peer->ssl);
-    SSL_CTX_free(peer->ctx);
-    if (peer->fd >= 0)
-        close(peer->fd);
-}
 
 // Plays a script on a thread of its own.
 struct Peer {
@@ -223,44 +231,33 @@ struct NmPeer {
     std::mutex mutex; // all of these
     Texts requests, paths, bodies;
     std::map<std::string, Texts> answers; // taken in turn, the last one stays; an empty one closes the connection
-    Peer peer;
+    DeviceService service{[this](int fd) {
+        for (std::string answer = answer_to(fd); !answer.empty() && fd_send(fd, answer);)
+            answer = answer_to(fd);
+    }};
+    const std::string port = std::to_string(service.port());
 
-    NmPeer() : peer([this](int listener) { accept_all(listener); })
+    NmPeer()
     {
-        nm_set(peer.port);
+        nm_set(port);
     }
     ~NmPeer()
     {
         conn_remove_all();
-        shutdown(peer.listener, SHUT_RDWR);
     }
-    void accept_all(int listener)
+    std::string answer_to(int fd)
     {
-        std::vector<std::thread> served;
-        int fd;
-        while ((fd = accept(listener, nullptr, nullptr)) >= 0)
-            served.emplace_back([this, fd] { serve(fd); });
-        for (std::thread &one : served)
-            one.join();
-    }
-    void serve(int fd)
-    {
-        std::string request, answer;
-        do {
-            readable_within(fd, -1);
-            request = peer_read_request(fd);
-            answer = request.empty() ? "" : answer_to(request);
-        } while (!answer.empty() && send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) > 0);
-        close(fd);
-    }
-    std::string answer_to(const std::string &request)
-    {
+        readable_within(fd, -1);
+        HttpRequest request;
+        std::string wrong;
+        const std::string bytes = peer_read_request(fd);
+        if (http_request_cut(bytes, &request, &wrong) <= 0)
+            return "";
         std::lock_guard<std::mutex> lock(mutex);
-        size_t path = request.find(' ') + 1;
-        requests.push_back(request);
-        paths.push_back(request.substr(path, request.find(' ', path) - path));
-        bodies.push_back(request.substr(request.find("\r\n\r\n") + 4));
-        auto found = answers.find(paths.back().substr(paths.back().rfind('/') + 1));
+        requests.push_back(bytes);
+        paths.push_back(request.path);
+        bodies.push_back(request.body);
+        auto found = answers.find(request.path.substr(request.path.rfind('/') + 1));
         if (found == answers.end())
             return http_ok("{\"status\":200}");
         std::string answer = found->second.front();

@@ -8,40 +8,52 @@
 #include "transport/conn_send.h"
 #include "transport/tls.h"
 
+// A connection with its session to a peer with a small buffer; with a reference when shared.
 struct TlsLink {
-    SocketConn conn;
     TlsPeer peer;
-};
+    SocketConn conn;
 
-static TlsLink tls_link_open(const char *signatures = nullptr)
-{
-    start_process_once();
-    TlsLink link = {};
-    link.peer = tls_peer_new(signatures);
-    std::string port;
-    int listener = listen_socket(&port, 2048);
-    std::thread server([&] { EXPECT_TRUE(tls_peer_accept(&link.peer, listener)); });
-    link.conn = connect_to(port);
-    link.conn.ssl = tls_init(link.conn.socket_fd, nullptr);
-    EXPECT_NE(nullptr, link.conn.ssl);
-    server.join();
-    close(listener);
-    return link;
-}
+    explicit TlsLink(bool shared, const char *signatures = nullptr) : peer(signatures)
+    {
+        start_process_once();
+        std::string port;
+        int listener = listen_socket(&port, 2048);
+        std::thread server([&] { EXPECT_TRUE(peer.accept_from(listener)); });
+        conn = connect_to(port);
+        conn.ssl = tls_init(conn.socket_fd, nullptr);
+        EXPECT_NE(nullptr, conn.ssl);
+        server.join();
+        close(listener);
+        if (shared)
+            conn.ref = conn_ref_new(&conn);
+    }
+    ~TlsLink()
+    {
+        if (conn.ref)
+            conn_ref_release(conn.ref);
+        else
+            socket_close_private(&conn);
+    }
+    int send(const std::string &text)
+    {
+        SendPart part = {text.data(), text.size()};
+        return conn_send(&conn, SEND_MESSAGE, &part, 1);
+    }
+};
 
 TEST(Tls, BytesGoBothWays)
 {
     for (const char *signatures : {(const char *)nullptr, "ECDSA+SHA1"}) { // old servers are fine: nothing is verified
-        TlsLink link = tls_link_open(signatures);
+        TlsLink link(false, signatures);
         char buf[64] = "";
         LogLines log;
         EXPECT_EQ(4, tcp_send(&link.conn, "ping", 4));
         EXPECT_TRUE(log.has("SSL send, 4 bytes."));
-        EXPECT_EQ(4, SSL_read(link.peer.ssl, buf, sizeof(buf)));
-        EXPECT_EQ(4, SSL_write(link.peer.ssl, "pong", 4));
+        EXPECT_EQ("ping", link.peer.read());
+        link.peer.write("pong");
         EXPECT_EQ(1, conn_readable(&link.conn, 5000));
         EXPECT_EQ(4, conn_recv(&link.conn, buf, sizeof(buf)));
-        EXPECT_EQ(0, memcmp("pong", buf, 4));
+        EXPECT_STREQ("pong", buf);
         ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH); // what another session left behind is not this one's error
         errno = 0;
         EXPECT_EQ(-1, conn_recv(&link.conn, buf, sizeof(buf)));
@@ -50,16 +62,14 @@ TEST(Tls, BytesGoBothWays)
         socket_close_private(&link.conn);
         EXPECT_TRUE(log.has("SSL deinit success!"));
         EXPECT_EQ("", read_upto(link.peer.fd, 1)); // closed without an alert
-        tls_peer_free(&link.peer);
     }
 }
 
 // "Readable" is plaintext: half a record is waited for, what is left of a large one counts, so does the end.
 TEST(Tls, ReadableMeansPlaintext)
 {
-    TlsLink link = tls_link_open();
-    std::string text(16000, 'r');
-    std::string record = tls_peer_record(&link.peer, text);
+    TlsLink link(false);
+    const std::string text(16000, 'r'), record = link.peer.record(text);
     std::thread server([&] {
         peer_send(link.peer.fd, record.substr(0, record.size() / 2));
         usleep(300000);
@@ -84,8 +94,6 @@ TEST(Tls, ReadableMeansPlaintext)
     shutdown(link.peer.fd, SHUT_WR); // an end without a farewell
     EXPECT_EQ(1, conn_readable(&link.conn, 5000));
     EXPECT_EQ(0, conn_recv(&link.conn, piece, sizeof(piece)));
-    socket_close_private(&link.conn);
-    tls_peer_free(&link.peer);
 }
 
 // A peer that stalls inside a write: the record is finished when it reads on, else the connection is dropped.
@@ -93,56 +101,42 @@ TEST(Tls, StallInsideAWrite)
 {
     for (bool reads_on : {true, false}) {
         SCOPED_TRACE(reads_on ? "reads on" : "stays silent");
-        TlsLink link = tls_link_open();
-        link.conn.ref = conn_ref_new(&link.conn);
+        TlsLink link(true);
         std::string text(300000, 't'), got;
         text.back() = 'z';
         std::thread reader([&] {
             usleep(1000000);
-            char buf[4096];
-            while (reads_on && got.size() < text.size() + 3) {
-                int count = SSL_read(link.peer.ssl, buf, sizeof(buf));
-                if (count <= 0)
-                    break;
-                got.append(buf, (size_t)count);
-            }
+            for (std::string bytes; reads_on && got.size() < text.size() + 3 && !(bytes = link.peer.read()).empty();)
+                got += bytes;
         });
-        SendPart part = {text.data(), text.size()};
         LogLines log;
-        EXPECT_EQ(reads_on ? (int)text.size() : -1, conn_send(&link.conn, SEND_MESSAGE, &part, 1));
+        EXPECT_EQ(reads_on ? (int)text.size() : -1, link.send(text));
         EXPECT_TRUE(log.has_in_order({"SSL send failed, err: (null)!", "Waiting: 100 ms ...",
                                       "Trying to send again, len: 300000!", "SSL re-send failed, err: (null)!"}));
-        SendPart next = {"end", 3};
-        EXPECT_EQ(reads_on ? 3 : -1, conn_send(&link.conn, SEND_MESSAGE, &next, 1));
+        EXPECT_EQ(reads_on ? 3 : -1, link.send("end"));
         reader.join();
         EXPECT_EQ(reads_on ? text + "end" : "", got);
         EXPECT_EQ(!reads_on, link.conn.ref->broken == 1);
-        conn_ref_release(link.conn.ref);
-        tls_peer_free(&link.peer);
     }
 }
 
 // One session: a thread writes frames while another, which never waits, reads what comes back.
 TEST(Tls, ReaderAndWriterShareASession)
 {
-    TlsLink link = tls_link_open();
-    link.conn.ref = conn_ref_new(&link.conn);
+    TlsLink link(true);
     g_log_level = 2;
     std::thread echo([&] {
-        char buf[4096];
-        for (int count; (count = SSL_read(link.peer.ssl, buf, sizeof(buf))) > 0;)
-            SSL_write(link.peer.ssl, buf, count);
+        for (std::string bytes; !(bytes = link.peer.read()).empty();)
+            (void)SSL_write(link.peer.ssl, bytes.data(), (int)bytes.size());
     });
-    std::string sent, got;
-    for (char c = 'a'; c <= 'z'; c++)
-        sent.append(500, c);
+    const std::string sent = noise(13000, 1);
+    std::string got;
     std::atomic<size_t> received{0};
     std::thread writer([&] {
         for (size_t at = 0; at < sent.size(); at += 10) {
             while (at > received + 20) // the smallest send buffer takes six frames
                 usleep(10);
-            SendPart part = {&sent[at], 10};
-            EXPECT_EQ(10, conn_send(&link.conn, SEND_MESSAGE, &part, 1));
+            EXPECT_EQ(10, link.send(sent.substr(at, 10)));
         }
     });
     char buf[700];
@@ -158,8 +152,6 @@ TEST(Tls, ReaderAndWriterShareASession)
     writer.join();
     conn_ref_shut(link.conn.ref);
     echo.join();
-    conn_ref_release(link.conn.ref);
-    tls_peer_free(&link.peer);
 }
 
 static std::atomic<uint32_t> s_call_offs;
@@ -186,7 +178,7 @@ TEST(Tls, HandshakesThatFail)
         {"plain text, after the first call",
          [](int fd) {
              usleep(50000);
-             send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, 0);
+             peer_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
              (void)read_upto(fd, 4096);
          },
          {"Try again...", "SSL_connect faild!", "SSL deinit success!"},
