@@ -21,10 +21,13 @@
 #include "runtime/wait.h"
 #include "sim_tls.h"
 #include "support.h"
+#include "transport/conn_ref.h"
 #include "transport/conn_registry.h"
+#include "transport/conn_send.h"
 #include "transport/connect.h"
 #include "transport/nm_post.h"
 #include "transport/nm_sign.h"
+#include "transport/tls.h"
 
 // As the process does at start-up.
 inline void start_process_once()
@@ -73,9 +76,9 @@ inline SocketConn connect_to(const std::string &port)
 inline int connect_pair(SocketConn *conn, int recv_buf_size = 0)
 {
     std::string port;
-    int listener = listen_socket(&port, recv_buf_size);
+    const int listener = listen_socket(&port, recv_buf_size);
     *conn = connect_to(port);
-    int peer = accept(listener, nullptr, nullptr);
+    const int peer = accept(listener, nullptr, nullptr);
     close(listener);
     return peer;
 }
@@ -147,6 +150,10 @@ struct TlsPeer {
     bool accept_from(int listener)
     {
         fd = accept(listener, nullptr, nullptr);
+        return handshake();
+    }
+    bool handshake()
+    {
         ssl = SSL_new(ctx);
         SSL_set_fd(ssl, fd);
         return SSL_accept(ssl) == 1;
@@ -171,6 +178,52 @@ struct TlsPeer {
         char *bytes = nullptr;
         const long len = BIO_get_mem_data(memory, &bytes);
         return std::string(bytes, (size_t)len);
+    }
+};
+
+// The agent's connection to a peer with a small buffer, plain or over TLS; with a reference when shared.
+struct Link {
+    TlsPeer peer; // plain: without a session
+    SocketConn conn;
+
+    explicit Link(bool shared, bool encrypted = false, const char *signatures = nullptr) : peer(signatures)
+    {
+        start_process_once();
+        std::string port;
+        const int listener = listen_socket(&port, 2048);
+        conn = connect_to(port);
+        std::thread server([&] {
+            peer.fd = accept(listener, nullptr, nullptr);
+            EXPECT_TRUE(!encrypted || peer.handshake());
+        });
+        conn.ssl = encrypted ? tls_init(conn.socket_fd, nullptr) : nullptr;
+        EXPECT_EQ(encrypted, conn.ssl != nullptr);
+        server.join();
+        close(listener);
+        if (shared)
+            conn.ref = conn_ref_new(&conn);
+    }
+    ~Link()
+    {
+        if (conn.ref)
+            conn_ref_release(conn.ref);
+        else
+            socket_close_private(&conn);
+    }
+    // Over TLS as one part, else as several; returns what conn_send does.
+    int send(const std::string &text, SendKind kind = SEND_MESSAGE)
+    {
+        const size_t first = conn.ssl ? text.size() : 2;
+        SendPart parts[] = {{text.data(), first}, {"", 0}, {text.data() + first, text.size() - first}};
+        return conn_send(&conn, kind, parts, conn.ssl ? 1 : 3);
+    }
+    // What the peer gets: len bytes, or fewer at the end.
+    std::string read(size_t len)
+    {
+        std::string text;
+        for (std::string more = "?"; text.size() < len && !more.empty(); text += more)
+            more = peer.ssl ? peer.read() : read_upto(peer.fd, len);
+        return text;
     }
 };
 

@@ -1,33 +1,9 @@
 #include "peers.h"
 
 #include "runtime/stop_internal.h"
-#include "runtime/wait.h"
-#include "transport/conn_ref.h"
 #include "transport/conn_send_internal.h"
 
 static const char k_ip[] = "127.0.0.1";
-
-// A connection to a peer with small buffers; with a reference when shared.
-struct Link {
-    SocketConn conn;
-    int peer;
-
-    explicit Link(bool shared)
-    {
-        start_process_once();
-        peer = connect_pair(&conn, 2048);
-        if (shared)
-            conn.ref = conn_ref_new(&conn);
-    }
-    ~Link()
-    {
-        if (conn.ref)
-            conn_ref_release(conn.ref);
-        else
-            socket_close_private(&conn);
-        close(peer);
-    }
-};
 
 TEST(Socket, ConnectFailuresSayWhatTheyAre)
 {
@@ -75,7 +51,7 @@ TEST(Socket, ShortSendAnswersTheFirstCount)
     std::string data(40000, 'x'), got;
     std::thread reader([&] {
         usleep(100000);
-        got = read_upto(link.peer, data.size());
+        got = read_upto(link.peer.fd, data.size());
     });
     size_t accepted = 0;
     LogLines log;
@@ -116,86 +92,77 @@ TEST(Socket, FramesOfSeveralWritersStayWhole)
     for (char writer = 'a'; writer < 'a' + writers; writer++)
         threads.emplace_back([&, writer] {
             for (int i = 0; i < rounds; i++) {
-                std::string bytes = frame_of(writer, i);
-                SendPart parts[] = {{bytes.data(), 4}, {bytes.data() + 4, 20000}};
-                EXPECT_GT(conn_send(&link.conn, SEND_MESSAGE, parts, 2), 0);
+                EXPECT_GT(link.send(frame_of(writer, i)), 0);
             }
         });
     std::map<char, int> seen;
     for (int i = 0; i < writers * rounds; i++) {
-        std::string got = read_upto(link.peer, 4 + 20000);
+        std::string got = read_upto(link.peer.fd, 4 + 20000);
         ASSERT_EQ(4u + 20000, got.size());
         ASSERT_TRUE(got == frame_of(got.back(), seen[got.back()]++)) << i;
     }
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ((size_t)writers, seen.size());
-    EXPECT_FALSE(readable_within(link.peer, 0));
+    EXPECT_FALSE(readable_within(link.peer.fd, 0));
 }
 
-TEST(Socket, PeerThatStopsReadingLosesTheConnection)
+// A peer that rests for longer than both attempts and then reads on loses nothing, even when the sender's work was
+// called off meanwhile; one that reads no more loses the connection, unless nothing of the unit was sent.
+TEST(Socket, PeerThatStopsReading)
 {
     static std::atomic<uint32_t> counter;
+    enum End { WHOLE, DROPPED, NOT_SENT };
     const struct {
         const char *name;
         SendKind kind;
-        bool full_before; // nothing of the unit can be taken
-        bool stop, call_off;
-        bool dropped; // the connection is given up
+        End end;
         int max_ms;
-    } cases[] = {
-        {"inside a frame", SEND_MESSAGE, false, false, false, true, 4000},
-        {"before a frame", SEND_MESSAGE, true, false, false, false, 1000},
-        {"before stream bytes", SEND_STREAM, true, false, false, true, 10000},
-        {"inside a frame, stop", SEND_MESSAGE, false, true, false, true, 500},
-        {"stream, called off", SEND_STREAM, false, false, true, true, 500},
+        bool is_tls = false, full_before = false, stop = false, call_off = false;
+    } rows[] = {
+        {"reads on", SEND_MESSAGE, WHOLE, 4000},
+        {"reads on, called off", SEND_MESSAGE, WHOLE, 4000, false, false, false, true},
+        {"reads on, TLS", SEND_MESSAGE, WHOLE, 4000, true},
+        {"inside a frame", SEND_MESSAGE, DROPPED, 4000},
+        {"inside a frame, TLS", SEND_MESSAGE, DROPPED, 5000, true},
+        {"before a frame", SEND_MESSAGE, NOT_SENT, 1000, false, true},
+        {"before stream bytes", SEND_STREAM, DROPPED, 10000, false, true},
+        {"inside a frame, stop", SEND_MESSAGE, DROPPED, 500, false, false, true},
+        {"stream, called off", SEND_STREAM, DROPPED, 500, false, false, false, true},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        Link link(true);
-        std::string data(300000, 'x');
-        if (c.full_before)
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        Link link(true, row.is_tls);
+        const std::string data = std::string(299999, 'x') + "z";
+        if (row.full_before)
             fill_buffers(link.conn.socket_fd);
-        if (c.stop)
+        std::thread reader([&] {
+            usleep(row.end == WHOLE ? 700000 : 0);
+            EXPECT_TRUE(row.end != WHOLE || link.read(data.size() + 3) == data + "end");
+        });
+        if (row.stop)
             stop_request(15);
-        if (c.call_off)
+        if (row.call_off)
             wait_call_off_set({&counter, counter + 1});
-        SendPart part = {data.data(), data.size()};
-        int64_t start = wait_now_ms();
-        EXPECT_EQ(-1, conn_send(&link.conn, c.kind, &part, 1));
-        EXPECT_LT(wait_now_ms() - start, c.max_ms);
+        LogLines log;
+        const int64_t start = wait_now_ms();
+        const int result = link.send(data, row.kind);
+        EXPECT_EQ(row.end == WHOLE, result > 0);
+        EXPECT_LT(wait_now_ms() - start, row.max_ms);
         wait_call_off_set({nullptr, 0});
         stop_reset_for_test();
-        EXPECT_EQ(c.dropped, link.conn.ref->broken == 1);
-        LogLines log;
-        if (c.dropped) {
+        EXPECT_TRUE(!row.is_tls ||
+                    log.has_in_order({"SSL send failed, err: (null)!", "Waiting: 100 ms ...",
+                                      "Trying to send again, len: 300000!", "SSL re-send failed, err: (null)!"}));
+        EXPECT_EQ(row.end == DROPPED, link.conn.ref->broken == 1);
+        EXPECT_TRUE(row.end != WHOLE || link.send("end") > 0);
+        if (row.end == DROPPED) {
+            const std::string before = log.text();
             EXPECT_EQ(-1, tcp_send(&link.conn, "a", 1));
-            EXPECT_EQ("", log.text());
+            EXPECT_EQ(before, log.text());
             EXPECT_EQ(0, tcp_check_fd(link.conn.socket_fd));
         }
-    }
-}
-
-// The peer rests for longer than both attempts of tcp_send, then reads on: nothing is lost, even when the sender's
-// work was called off meanwhile.
-TEST(Socket, BegunFrameIsFinishedWhenThePeerReadsOn)
-{
-    static std::atomic<uint32_t> counter;
-    for (bool called_off : {false, true}) {
-        Link link(true);
-        std::string data(100000, 'x'), got;
-        data.back() = 'z';
-        std::thread reader([&] {
-            usleep(500000);
-            got = read_upto(link.peer, data.size());
-        });
-        if (called_off)
-            wait_call_off_set({&counter, counter + 1});
-        SendPart parts[] = {{data.data(), 10}, {"", 0}, {data.data() + 10, data.size() - 10}};
-        EXPECT_GT(conn_send(&link.conn, SEND_MESSAGE, parts, 3), 0);
-        wait_call_off_set({nullptr, 0});
         reader.join();
-        EXPECT_TRUE(data == got);
     }
 }
 

@@ -3,48 +3,11 @@
 #include <openssl/err.h>
 
 #include "runtime/stop_internal.h"
-#include "runtime/wait.h"
-#include "transport/conn_ref.h"
-#include "transport/conn_send.h"
-#include "transport/tls.h"
-
-// A connection with its session to a peer with a small buffer; with a reference when shared.
-struct TlsLink {
-    TlsPeer peer;
-    SocketConn conn;
-
-    explicit TlsLink(bool shared, const char *signatures = nullptr) : peer(signatures)
-    {
-        start_process_once();
-        std::string port;
-        int listener = listen_socket(&port, 2048);
-        std::thread server([&] { EXPECT_TRUE(peer.accept_from(listener)); });
-        conn = connect_to(port);
-        conn.ssl = tls_init(conn.socket_fd, nullptr);
-        EXPECT_NE(nullptr, conn.ssl);
-        server.join();
-        close(listener);
-        if (shared)
-            conn.ref = conn_ref_new(&conn);
-    }
-    ~TlsLink()
-    {
-        if (conn.ref)
-            conn_ref_release(conn.ref);
-        else
-            socket_close_private(&conn);
-    }
-    int send(const std::string &text)
-    {
-        SendPart part = {text.data(), text.size()};
-        return conn_send(&conn, SEND_MESSAGE, &part, 1);
-    }
-};
 
 TEST(Tls, BytesGoBothWays)
 {
     for (const char *signatures : {(const char *)nullptr, "ECDSA+SHA1"}) { // old servers are fine: nothing is verified
-        TlsLink link(false, signatures);
+        Link link(false, true, signatures);
         char buf[64] = "";
         LogLines log;
         EXPECT_EQ(4, tcp_send(&link.conn, "ping", 4));
@@ -68,7 +31,7 @@ TEST(Tls, BytesGoBothWays)
 // "Readable" is plaintext: half a record is waited for, what is left of a large one counts, so does the end.
 TEST(Tls, ReadableMeansPlaintext)
 {
-    TlsLink link(false);
+    Link link(false, true);
     const std::string text(16000, 'r'), record = link.peer.record(text);
     std::thread server([&] {
         peer_send(link.peer.fd, record.substr(0, record.size() / 2));
@@ -96,34 +59,10 @@ TEST(Tls, ReadableMeansPlaintext)
     EXPECT_EQ(0, conn_recv(&link.conn, piece, sizeof(piece)));
 }
 
-// A peer that stalls inside a write: the record is finished when it reads on, else the connection is dropped.
-TEST(Tls, StallInsideAWrite)
-{
-    for (bool reads_on : {true, false}) {
-        SCOPED_TRACE(reads_on ? "reads on" : "stays silent");
-        TlsLink link(true);
-        std::string text(300000, 't'), got;
-        text.back() = 'z';
-        std::thread reader([&] {
-            usleep(1000000);
-            for (std::string bytes; reads_on && got.size() < text.size() + 3 && !(bytes = link.peer.read()).empty();)
-                got += bytes;
-        });
-        LogLines log;
-        EXPECT_EQ(reads_on ? (int)text.size() : -1, link.send(text));
-        EXPECT_TRUE(log.has_in_order({"SSL send failed, err: (null)!", "Waiting: 100 ms ...",
-                                      "Trying to send again, len: 300000!", "SSL re-send failed, err: (null)!"}));
-        EXPECT_EQ(reads_on ? 3 : -1, link.send("end"));
-        reader.join();
-        EXPECT_EQ(reads_on ? text + "end" : "", got);
-        EXPECT_EQ(!reads_on, link.conn.ref->broken == 1);
-    }
-}
-
 // One session: a thread writes frames while another, which never waits, reads what comes back.
 TEST(Tls, ReaderAndWriterShareASession)
 {
-    TlsLink link(true);
+    Link link(true, true);
     g_log_level = 2;
     std::thread echo([&] {
         for (std::string bytes; !(bytes = link.peer.read()).empty();)
