@@ -9,6 +9,16 @@ static std::string answer_with(const std::string &payload)
     return "{\"status\":200,\"result\":{\"payload\":" + payload + "}}";
 }
 
+TEST(NmMsg, CommandsByType)
+{
+    std::string registered;
+    for (const Texts &row : examples("nm-commands"))
+        registered += "[DBG] Msg: " + row[0] + " is registered as " + row[1] + "\n";
+    LogLines log;
+    nm_msg_table_init();
+    EXPECT_EQ(registered, log.text());
+}
+
 TEST(NmMsg, PayloadOfAnAnswer)
 {
     const std::string fits = "{\"k\":\"" + std::string(5111, 'x') + "\"}";
