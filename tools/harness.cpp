@@ -262,6 +262,20 @@ bool stage_fast_heartbeat(Stage *stage)
            agent_wait_log(&stage->agent, "Changing UDP detection interval from: 6 to 1.");
 }
 
+std::string stage_result(Stage *stage, const std::string &result)
+{
+    const int before = device_sim_count(stage->device, "cfg-ack");
+    if (!device_sim_send(stage->device, result) ||
+        !device_sim_wait_for(stage->device, "cfg-ack", before + 1, k_wait_ms))
+        return "";
+    const std::string ack = device_sim_frame(stage->device, "cfg-ack", -1).text;
+    for (const char *says : {"true", "false"}) {
+        if (text_has(ack, std::string("\"sessionid\":\"s\",\t\"type\":\"cfg-ack\",\t\"result\":") + says))
+            return says;
+    }
+    return ack;
+}
+
 std::string stage_wrong(const Stage &stage)
 {
     return nm_sim_wrong(stage.nm) + device_sim_wrong(stage.device);

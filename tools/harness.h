@@ -62,6 +62,9 @@ bool stage_online(Stage *stage, bool https);
 bool stage_command(Stage *stage, const std::string &command);
 // Shortens the heartbeat period from 6 s to 1 s by a command.
 bool stage_fast_heartbeat(Stage *stage);
+// The device hands in a result of the session "s". Returns what the ack says: "true" or "false"; else all of it, or
+// nothing when none comes.
+std::string stage_result(Stage *stage, const std::string &result = R"({"type":"cfg-result","sessionid":"s"})");
 // Everything NM and device found wrong; empty when all was right.
 std::string stage_wrong(const Stage &stage);
 // Stops the agent with SIGTERM. Everything wrong as in stage_wrong, and an exit status other than SIGTERM.
