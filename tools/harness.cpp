@@ -276,6 +276,12 @@ std::string stage_result(Stage *stage, const std::string &result)
     return ack;
 }
 
+void stage_nm_silent(Stage *stage)
+{
+    nm_sim_set_fault(stage->nm, "accept", {NM_FAULT_SILENCE, 0, -1, ""});
+    nm_sim_drop_connections(stage->nm);
+}
+
 std::string stage_wrong(const Stage &stage)
 {
     return nm_sim_wrong(stage.nm) + device_sim_wrong(stage.device);

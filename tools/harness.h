@@ -65,6 +65,8 @@ bool stage_fast_heartbeat(Stage *stage);
 // The device hands in a result of the session "s". Returns what the ack says: "true" or "false"; else all of it, or
 // nothing when none comes.
 std::string stage_result(Stage *stage, const std::string &result = R"({"type":"cfg-result","sessionid":"s"})");
+// Ends NM's connections. Those that follow are accepted and never read, so that TLS does not start either.
+void stage_nm_silent(Stage *stage);
 // Everything NM and device found wrong; empty when all was right.
 std::string stage_wrong(const Stage &stage);
 // Stops the agent with SIGTERM. Everything wrong as in stage_wrong, and an exit status other than SIGTERM.
