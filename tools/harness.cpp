@@ -429,20 +429,18 @@ int proc_cpu_ms(int pid)
     return (int)((user + system) * 1000 / sysconf(_SC_CLK_TCK));
 }
 
-int black_hole_port(std::vector<int> *descriptors)
+int black_hole_port()
 {
     sockaddr_in addr = {};
     socklen_t length = sizeof(addr);
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    descriptors->push_back(listener);
     if (bind(listener, (sockaddr *)&addr, length) != 0 || listen(listener, 0) != 0 ||
         getsockname(listener, (sockaddr *)&addr, &length) != 0)
         return -1;
     for (int i = 0; i < 8; i++) { // fill the queue of connections to accept; then the kernel drops new ones
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        descriptors->push_back(fd);
         (void)connect(fd, (sockaddr *)&addr, length);
     }
     return ntohs(addr.sin_port);

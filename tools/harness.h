@@ -108,6 +108,6 @@ bool proc_rss_counts();        // whether RSS is the agent's alone: not under an
 int proc_cpu_ms(int pid);      // user and system time so far
 std::string file_text(const std::string &path);
 
-// A port of 127.0.0.1 that neither accepts nor refuses connections: connecting to it hangs. -1 on failure. The caller
-// closes the descriptors after use.
-int black_hole_port(std::vector<int> *descriptors);
+// A port of 127.0.0.1 that neither accepts nor refuses connections: connecting to it hangs. -1 on failure. It stays for
+// the rest of this process.
+int black_hole_port();
