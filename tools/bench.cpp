@@ -168,13 +168,12 @@ static std::string private_memory(int pid)
 static std::string idle(bool is_monitored)
 {
     Stage stage;
-    stage_prepare(&stage, false);
-    config_set(&stage.config, "plugin_config:log_level", "6");
+    stage.config = {{"plugin_config:log_level", "6"}};
     if (is_monitored) {
         config_set(&stage.config, "monitor:state_file", "state");
         config_set(&stage.config, "monitor:notify_socket", "none"); // a failing send costs as much
     }
-    need(stage_run(&stage) && stage_wait_online(&stage), "agent online");
+    need(stage_online(&stage, false), "agent online");
     const int pid = stage.agent.pid;
     const double before_ms = processor_ms(pid);
     const long long switches_before = switches(pid);

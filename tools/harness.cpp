@@ -217,11 +217,16 @@ void stage_prepare(Stage *stage, bool https)
     stage->nm = nm_sim_start(stage->nm_options);
     stage->device = device_sim_start(DeviceOptions());
     ASSERT_TRUE(stage->nm && stage->device);
-    stage->cfg = device_cfg_default(dir, https, nm_sim_port(stage->nm), device_sim_port(stage->device));
-    stage->config = {{"plugin_config:log_std", "2"},
-                     {"plugin_config:log_level", "7"},
-                     {"device_info:init_cfg", stage->agent.dir + "/init"},
-                     {"plugin_config:plugin_eth", "lo"}};
+    const DeviceCfg wanted_cfg = std::exchange(
+        stage->cfg, device_cfg_default(dir, https, nm_sim_port(stage->nm), device_sim_port(stage->device)));
+    const ConfigRows wanted = std::exchange(stage->config, {{"plugin_config:log_std", "2"},
+                                                            {"plugin_config:log_level", "7"},
+                                                            {"device_info:init_cfg", stage->agent.dir + "/init"},
+                                                            {"plugin_config:plugin_eth", "lo"}});
+    for (const auto &row : wanted_cfg)
+        device_cfg_set(&stage->cfg, row.first, row.second);
+    for (const auto &row : wanted)
+        config_set(&stage->config, row.first, row.second);
 }
 
 void stage_write(const Stage &stage)

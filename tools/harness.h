@@ -48,7 +48,8 @@ struct Stage {
     ~Stage();
 };
 
-// Makes the directory, starts NM and device on free ports and fills cfg and config; the agent is not started.
+// Makes the directory, starts NM and device on free ports and fills cfg and config; what they hold before stays in
+// force. The agent is not started.
 void stage_prepare(Stage *stage, bool https);
 void stage_write(const Stage &stage); // config.ini and the device's files
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value);

@@ -194,34 +194,31 @@ TEST(Faults, StartWithoutDescriptors)
     }
 }
 
-struct LargeMessage {
-    const char *type, *path; // of the post
-    const char *member, *part;
-    size_t size;
-    bool https;
-};
-
 // A message of size bytes, whose member is an array of the part again and again.
-static std::string large_text(const LargeMessage &row)
+static std::string large_text(const std::string &type, const char *member, const std::string &part, size_t size)
 {
-    std::string text = std::string("{\"type\":\"") + row.type + "\",\"" + row.member + "\":[" + row.part;
-    while (text.size() + strlen(row.part) + 3 <= row.size)
-        text += std::string(",") + row.part;
+    std::string text = "{\"type\":\"" + type + "\",\"sessionid\":\"s\",\"" + member + "\":[" + part;
+    while (text.size() + part.size() + 3 <= size)
+        text += "," + part;
     return text + "]}";
 }
 
+struct LargeMessage {
+    const char *post;
+    std::string text;
+    bool https = false;
+};
+
 static void run_large_messages(const LargeMessage &row)
 {
-    SCOPED_TRACE(row.type);
+    SCOPED_TRACE(row.post);
     Stage stage;
-    stage_prepare(&stage, row.https);
-    device_cfg_set(&stage.cfg, "max_dev_msg_size", "1024");
-    device_cfg_set(&stage.cfg, "dev_msg_buffer_size", "4096");
-    EXPECT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
+    stage.cfg = {{"max_dev_msg_size", "1024"}, {"dev_msg_buffer_size", "4096"}};
+    EXPECT_TRUE(stage_online(&stage, row.https));
     std::vector<int> kib = {proc_private_kib(stage.agent.pid)};
     for (int i = 1; i <= 4; i++) {
-        EXPECT_TRUE(device_sim_send(stage.device, large_text(row)));
-        EXPECT_TRUE(nm_sim_wait_for(stage.nm, row.path, i, k_wait_ms));
+        EXPECT_TRUE(device_sim_send(stage.device, row.text));
+        EXPECT_TRUE(nm_sim_wait_for(stage.nm, row.post, i, k_wait_ms));
         EXPECT_TRUE(device_sim_send(stage.device, "{\"type\":\"ping\"}")); // answered once the message is done with
         EXPECT_TRUE(device_sim_wait_for(stage.device, "pong", i, k_wait_ms));
         kib.push_back(proc_private_kib(stage.agent.pid));
@@ -238,12 +235,12 @@ TEST(Faults, LargeMessagesLeaveNoMemoryBehind)
     if (!proc_rss_counts())
         GTEST_SKIP() << "the memory is not the agent's own";
     const size_t size = (1 << 20) - 4;
-    static const std::string text = "\"" + std::string(size - 50, 'x') + "\"";
+    const std::string text = "\"" + std::string(size - 80, 'x') + "\"";
     const LargeMessage rows[] = {
-        {"upgrade-result", "upgradeResult", "x", text.c_str(), size, false},
-        {"cfg-result", "cfgResult", "x", "{\"a\":{}}", size, true},
-        {"alarm-info", "alarm", "payload", "1", size / 2, false}, // an array grows by half when it is printed
-        {"call-history", "callhistory", "payload", "1", size, false},
+        {"upgradeResult", large_text("upgrade-result", "x", text, size)},
+        {"cfgResult", large_text("cfg-result", "x", "{\"a\":{}}", size), true},
+        {"alarm", large_text("alarm-info", "payload", "1", size / 2)}, // an array grows by half when it is printed
+        {"callhistory", large_text("call-history", "payload", "1", size)},
     };
     run_all(run_large_messages, rows); // the device link brings a MiB in five seconds
 }
@@ -254,17 +251,18 @@ TEST(Faults, MemoryRefused)
     if (!proc_rss_counts())
         GTEST_SKIP() << "sanitizers and emulators end where memory is refused";
     Stage stage;
-    stage_prepare(&stage, false);
-    device_cfg_set(&stage.cfg, "max_dev_msg_size", "4096");
-    device_cfg_set(&stage.cfg, "dev_msg_buffer_size", "8192");
-    ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
-    const rlimit none = {1, RLIM_INFINITY}, all = {RLIM_INFINITY, RLIM_INFINITY};
-    const int pid = stage.agent.pid;
-    ASSERT_EQ(0, prlimit(pid, RLIMIT_DATA, &none, nullptr) | prlimit(pid, RLIMIT_AS, &none, nullptr));
-    ASSERT_TRUE(device_sim_send(stage.device, large_text({"cfg-result", "", "x", "1", 1 << 20, false})));
+    stage.cfg = {{"max_dev_msg_size", "4096"}, {"dev_msg_buffer_size", "8192"}};
+    ASSERT_TRUE(stage_online(&stage, false));
+    const auto limit = [&](rlim_t most) {
+        const rlimit limits = {most, RLIM_INFINITY};
+        EXPECT_EQ(0, prlimit(stage.agent.pid, RLIMIT_DATA, &limits, nullptr));
+        EXPECT_EQ(0, prlimit(stage.agent.pid, RLIMIT_AS, &limits, nullptr));
+    };
+    limit(1);
+    ASSERT_TRUE(device_sim_send(stage.device, large_text("cfg-result", "x", "1", 1 << 20)));
     ASSERT_TRUE(agent_wait_log(&stage.agent, "content_len: 10485"));
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Error before JSON content: "));
-    ASSERT_EQ(0, prlimit(pid, RLIMIT_DATA, &all, nullptr) | prlimit(pid, RLIMIT_AS, &all, nullptr));
+    limit(RLIM_INFINITY);
     expect_works(&stage);
     EXPECT_EQ("", stage_end(&stage));
 }

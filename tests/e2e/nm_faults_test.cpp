@@ -50,10 +50,8 @@ static void stall_a_post(Stage *stage)
 TEST(NmFaults, AfterEachSpoiltPostTheNextIsRight)
 {
     Stage stage;
-    stage_prepare(&stage, false);
-    device_cfg_set(&stage.cfg, "max_dev_msg_size", "2048");
-    device_cfg_set(&stage.cfg, "dev_msg_buffer_size", "4096");
-    ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
+    stage.cfg = {{"max_dev_msg_size", "2048"}, {"dev_msg_buffer_size", "4096"}};
+    ASSERT_TRUE(stage_online(&stage, false));
     for (const auto &row : k_post_faults) {
         SCOPED_TRACE(row.name);
         nm_sim_set_fault(stage.nm, "cfgResult", row.fault);

@@ -93,8 +93,8 @@ TEST(Stop, TwentyRandomMoments)
 TEST(Stop, InTheMiddleOfALogSplit)
 {
     Stage stage;
+    stage.cfg = {{"max_size", "64"}};
     stage_prepare(&stage, false);
-    device_cfg_set(&stage.cfg, "max_size", "64");
     for (const char *line : {"split log file now", "Close log file: "}) {
         ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
         for (int n = 0; n < 40; n++)
