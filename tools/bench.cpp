@@ -53,15 +53,10 @@ static double web_throughput(bool https, unsigned ids, unsigned size)
     start(&stage, https, &files, nullptr);
     need(web_open(&stage), "tunnel open");
     const int port = stage.web->client_port();
-    std::vector<std::thread> browsers;
     std::atomic<uint64_t> got{0};
     const long long begin_ms = monotonic_ms();
-    for (unsigned i = 0; i < ids; i++) {
-        browsers.emplace_back(
-            [&, i] { got += answer_of(port, std::to_string(size) + " " + std::to_string(i) + "\n").size(); });
-    }
-    for (std::thread &browser : browsers)
-        browser.join();
+    side_by_side(
+        ids, [&](size_t i) { got += answer_of(port, std::to_string(size) + " " + std::to_string(i) + "\n").size(); });
     const double seconds = (double)(monotonic_ms() - begin_ms) / 1000;
     need(got == uint64_t(ids) * size, "all bytes");
     return (double)got / 1024 / seconds;

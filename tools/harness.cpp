@@ -395,6 +395,15 @@ int proc_descriptors(int pid)
     return count;
 }
 
+void side_by_side(size_t count, const std::function<void(size_t)> &what)
+{
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < count; i++)
+        threads.emplace_back(what, i);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
 bool eventually(const std::function<bool()> &holds, int wait_ms)
 {
     const long long end_ms = monotonic_ms() + wait_ms;

@@ -93,6 +93,9 @@ int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms = k_wait_m
 // The same without a signal: waits until the agent ends by itself.
 int agent_wait_exit(AgentProcess *agent, int timeout_ms = k_wait_ms);
 
+// Runs each of what(0) to what(count - 1) on a thread of its own and waits for all: for what spends its time waiting.
+void side_by_side(size_t count, const std::function<void(size_t)> &what);
+
 // Polls for a condition that no event announces, such as a count in /proc. False after wait_ms.
 bool eventually(const std::function<bool()> &holds, int wait_ms = k_wait_ms);
 

@@ -9,7 +9,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <thread>
 
 #include "harness.h"
 
@@ -20,25 +19,6 @@ static void expect_works(Stage *stage)
     nm_sim_queue(stage->nm, nm_command_forward("ping", ""));
     EXPECT_TRUE(device_sim_wait_for(stage->device, "ping", pings + 1, k_wait_ms));
     EXPECT_EQ("true", stage_result(stage));
-}
-
-static void expect_notice(Stage *stage, int index, const char *text)
-{
-    EXPECT_TRUE(device_sim_wait_for(stage->device, "online-status-notify", index + 1, k_wait_ms));
-    EXPECT_TRUE(text_has(device_sim_frame(stage->device, "online-status-notify", index).text, text)) << text;
-}
-
-// Away, it refuses, and it names a detection port that nobody listens on: heartbeats then go over HTTP.
-static void nm_comes_slowly(Stage *stage)
-{
-    nm_sim_absent(stage->nm);
-    EXPECT_TRUE(stage_run(stage) && agent_wait_log(&stage->agent, "Acting device failed! Retry..."));
-    expect_notice(stage, 0, "\"result\":\"device_activation_failed\",\t\"cause\":\"\"");
-    nm_sim_set_activation(stage->nm, {403, "unknown device", "", 0, ""});
-    EXPECT_TRUE(nm_sim_return(stage->nm));
-    expect_notice(stage, 1, "\"result\":\"device_activation_failed\",\t\"cause\":\"unknown device\"");
-    nm_sim_set_activation(stage->nm, {200, "", "", 0, "", 1});
-    expect_notice(stage, 2, "\"result\":\"online\",\t\"cause\":\"\"");
 }
 
 // The device's agent drops the link as soon as it stands; when all is well it restarts, and misses a bring-up pass.
@@ -104,28 +84,16 @@ static void init_cfg_half_written(Stage *stage)
     EXPECT_EQ(1, nm_sim_count(stage->nm, "active"));
 }
 
-// The rows spend their time waiting: they run side by side.
-template <class Run, class Rows> static void run_all(Run run, const Rows &rows)
-{
-    std::vector<std::thread> threads;
-    for (const auto &row : rows)
-        threads.emplace_back(run, std::cref(row));
-    for (std::thread &thread : threads)
-        thread.join();
-}
-
 TEST(Faults, OutagesHeal)
 {
-    void (*const outages[])(Stage *) = {nm_comes_slowly, device_comes_and_goes, log_loses_its_place,
-                                        init_cfg_half_written};
-    const auto run = [](void (*outage)(Stage *)) {
+    void (*const outages[])(Stage *) = {device_comes_and_goes, log_loses_its_place, init_cfg_half_written};
+    side_by_side(std::size(outages), [&](size_t i) {
         Stage stage;
         stage_prepare(&stage, false);
-        outage(&stage);
+        outages[i](&stage);
         expect_works(&stage);
         EXPECT_EQ("", stage_end(&stage));
-    };
-    run_all(run, outages);
+    });
 }
 
 // How the process goes on, or with which status it ends.
@@ -156,22 +124,6 @@ TEST(Faults, HostileInitCfgs)
         EXPECT_TRUE(agent_wait_log(&stage.agent, row.line)) << row.line;
         EXPECT_EQ(row.status, row.status ? agent_stop(&stage.agent, SIGTERM) : agent_wait_exit(&stage.agent));
     }
-}
-
-// Each arrives once, in the order in which NM gave them out: one a second.
-TEST(Faults, CommandsInARow)
-{
-    const int count = 60;
-    Stage stage;
-    ASSERT_TRUE(stage_online(&stage, false));
-    for (int i = -1; i < count; i++)
-        nm_sim_queue(stage.nm, i < 0 ? nm_command_trigger(1) : nm_command_forward("ping", std::to_string(i)));
-    EXPECT_TRUE(device_sim_wait_for(stage.device, "ping", count, 2000 * count));
-    EXPECT_EQ(count + 1, nm_sim_count(stage.nm, "handshake"));
-    for (int i = 0; i < count; i++)
-        EXPECT_TRUE(text_has(device_sim_frame(stage.device, "ping", i).text, "id\":\"" + std::to_string(i) + "\""));
-    EXPECT_EQ("", stage_end(&stage));
-    EXPECT_EQ(count, device_sim_count(stage.device, "ping"));
 }
 
 // Whichever doorbell finds no descriptor, the process ends, and the console says so once.
@@ -242,7 +194,8 @@ TEST(Faults, LargeMessagesLeaveNoMemoryBehind)
         {"alarm", large_text("alarm-info", "payload", "1", size / 2)}, // an array grows by half when it is printed
         {"callhistory", large_text("call-history", "payload", "1", size)},
     };
-    run_all(run_large_messages, rows); // the device link brings a MiB in five seconds
+    // The device link brings a MiB in five seconds.
+    side_by_side(std::size(rows), [&](size_t i) { run_large_messages(rows[i]); });
 }
 
 // No memory for a large message: it is given up, the next one is not.

@@ -2,33 +2,29 @@
 // device is moved to another NM. Such a wait has no time-out: the move must end it.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "tunnel_stage.h"
 
-using Cause = void (*)(TunnelStage *stage);
+using Cause = std::function<void(TunnelStage *stage)>;
 
-static bool arrives(TunnelStage *stage, const char *request, Cause cause)
+static bool arrives(TunnelStage *stage, const char *request, const Cause &cause)
 {
     const int before = nm_sim_count(stage->nm, request);
     cause(stage);
     return nm_sim_wait_for(stage->nm, request, before + 1, k_wait_ms);
 }
 
-template <const char *text> static void device_says(TunnelStage *stage)
+static Cause device_says(const char *text)
 {
-    EXPECT_TRUE(device_sim_send(stage->device, text));
+    return [text](TunnelStage *stage) { EXPECT_TRUE(device_sim_send(stage->device, text)); };
 }
 
-static const char k_result[] = "{\"type\":\"cfg-result\",\"sessionid\":\"s\"}";
-static const char k_alarm[] = "{\"type\":\"alarm-info\",\"msgId\":7,\"payload\":{\"level\":2}}";
-static const char k_history[] = "{\"type\":\"call-history\",\"payload\":[1,2]}";
-static const char k_service[] = "{\"type\":\"service-status\"}";
-
-template <int period_s> static void reports(TunnelStage *stage)
+static Cause nm_says(const std::string &command)
 {
-    nm_sim_queue(stage->nm, nm_command_device_status({"start", period_s, "immediate"}));
+    return [command](TunnelStage *stage) { nm_sim_queue(stage->nm, command); };
 }
+
+static const Cause k_each_second = nm_says(nm_command_device_status({"start", 1, "immediate"}));
+static const Cause k_seldom = nm_says(nm_command_device_status({"start", 120, "immediate"}));
 
 // NM's end of the tunnel is a silent one too.
 template <class Sim>
@@ -52,22 +48,22 @@ static const struct SilentRow {
     Moment moment = SILENT;  // of the cause
     bool link_drops = false; // the device's link drops, as the device sees no answer
 } k_rows[] = {
-    {"handshake", [](TunnelStage *s) { nm_sim_queue(s->nm, nm_command_forward("ping", "")); }},
+    {"handshake", nm_says(nm_command_forward("ping", ""))},
     {"heartbeat",
      [](TunnelStage *s) {
          nm_sim_set_fault(s->nm, "udp", {NM_FAULT_SILENCE, 0, 1, ""});
      }},
-    {"cfgResult", device_says<k_result>},
-    {"alarm", device_says<k_alarm>, SILENT, true},
-    {"callhistory", device_says<k_history>},
-    {"working/services", device_says<k_service>},
+    {"cfgResult", device_says("{\"type\":\"cfg-result\",\"sessionid\":\"s\"}")},
+    {"alarm", device_says("{\"type\":\"alarm-info\",\"msgId\":7,\"payload\":{\"level\":2}}"), SILENT, true},
+    {"callhistory", device_says("{\"type\":\"call-history\",\"payload\":[1,2]}")},
+    {"working/services", device_says("{\"type\":\"service-status\"}")},
     {"active",
      [](TunnelStage *s) {
          nm_sim_ask_restart(s->nm);
          EXPECT_TRUE(agent_wait_log(&s->agent, "Re-initialize device..."));
      },
      BEFORE},
-    {"runstatus", [](TunnelStage *s) { EXPECT_TRUE(arrives(s, "runstatus", reports<1>)); }, BEFORE},
+    {"runstatus", [](TunnelStage *s) { EXPECT_TRUE(arrives(s, "runstatus", k_each_second)); }, BEFORE},
     {"web tunnel", [](TunnelStage *s) { start_mute(s, s->web.get(), web_command); }, INSTEAD},
     {"telnet tunnel", [](TunnelStage *s) { start_mute(s, s->telnet.get(), telnet_command); }, INSTEAD},
 };
@@ -75,7 +71,7 @@ static const struct SilentRow {
 // Everything that reaches NM reaches the one in force. Leaves a kept connection and no tunnel; beats come every second.
 static void expect_all_works(TunnelStage *stage)
 {
-    ASSERT_TRUE(arrives(stage, "runstatus", reports<1>) && arrives(stage, "working/services", reports<120>));
+    ASSERT_TRUE(arrives(stage, "runstatus", k_each_second) && arrives(stage, "working/services", k_seldom));
     for (const SilentRow &row : k_rows)
         ASSERT_TRUE(row.moment != SILENT || arrives(stage, row.name, row.cause)) << row.name;
     ASSERT_EQ("true", stage_result(stage));
@@ -125,12 +121,8 @@ static void run_silent_row(const SilentRow &row)
     nm_sim_stop(silent);
 }
 
-// The rows spend their time waiting: they run side by side.
+// The rows spend their time waiting.
 TEST(SilentNm, AMoveEndsEveryWait)
 {
-    std::vector<std::thread> rows;
-    for (const SilentRow &row : k_rows)
-        rows.emplace_back(run_silent_row, std::cref(row));
-    for (std::thread &row : rows)
-        row.join();
+    side_by_side(std::size(k_rows), [](size_t i) { run_silent_row(k_rows[i]); });
 }
