@@ -267,6 +267,12 @@ bool stage_fast_heartbeat(Stage *stage)
            agent_wait_log(&stage->agent, "Changing UDP detection interval from: 6 to 1.");
 }
 
+bool stage_ping(Stage *stage, const std::string &ping, int timeout_ms)
+{
+    const int before = device_sim_count(stage->device, "pong");
+    return device_sim_send(stage->device, ping) && device_sim_wait_for(stage->device, "pong", before + 1, timeout_ms);
+}
+
 std::string stage_result(Stage *stage, const std::string &result)
 {
     const int before = device_sim_count(stage->device, "cfg-ack");

@@ -63,6 +63,8 @@ bool stage_online(Stage *stage, bool https);
 bool stage_command(Stage *stage, const std::string &command);
 // Shortens the heartbeat period from 6 s to 1 s by a command.
 bool stage_fast_heartbeat(Stage *stage);
+// The device pings, and waits for its pong. False after timeout_ms.
+bool stage_ping(Stage *stage, const std::string &ping = R"({"type":"ping"})", int timeout_ms = k_wait_ms);
 // The device hands in a result of the session "s". Returns what the ack says: "true" or "false"; else all of it, or
 // nothing when none comes.
 std::string stage_result(Stage *stage, const std::string &result = R"({"type":"cfg-result","sessionid":"s"})");

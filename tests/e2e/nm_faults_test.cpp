@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <thread>
 
@@ -88,11 +89,11 @@ static NmSim *nm_behind_cable()
     NmOptions options;
     options.https = true;
     options.ip = "10.9.0.1";
-    const std::string cable = "ip link add nm0 type veth peer name dev0 netns " + std::to_string(gettid());
+    const std::string cable = "ip link add nm0 type veth peer name dev0 netns " + std::to_string(gettid()) +
+                              " && ip addr add 10.9.0.1/24 dev nm0 && ip link set nm0 up";
     const bool permitted = unshare(CLONE_NEWNET) == 0 && system("ip link set lo up") == 0;
     std::thread([&] {
-        if (permitted && unshare(CLONE_NEWNET) == 0 && system(cable.c_str()) == 0 &&
-            system("ip addr add 10.9.0.1/24 dev nm0 && ip link set nm0 up") == 0)
+        if (permitted && unshare(CLONE_NEWNET) == 0 && system(cable.c_str()) == 0)
             nm = nm_sim_start(options); // its threads stay in the network that they are started in
     }).join();
     EXPECT_TRUE(!nm || system("ip addr add 10.9.0.2/24 dev dev0 && ip link set dev0 up") == 0);
@@ -117,13 +118,10 @@ static void run_black_hole()
     if (!nm)
         GTEST_SKIP() << "networks of its own are not permitted here";
     Stage stage;
-    stage_prepare(&stage, true);
-    nm_sim_stop(stage.nm);
-    stage.nm = nm;
-    device_cfg_set(&stage.cfg, "port", std::to_string(nm_sim_port(nm) - 1));
-    device_cfg_set(&stage.cfg, "host", "\"10.9.0.1\"");
-    device_cfg_set(&stage.cfg, "interface", "\"dev0\"");
-    ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage) && stage_fast_heartbeat(&stage));
+    stage.cfg = {{"port", std::to_string(nm_sim_port(nm) - 1)}, {"host", "\"10.9.0.1\""}, {"interface", "\"dev0\""}};
+    ASSERT_TRUE(stage_online(&stage, true));
+    nm_sim_stop(std::exchange(stage.nm, nm));
+    ASSERT_TRUE(stage_fast_heartbeat(&stage));
     keep_connection(&stage);
     const std::pair<int, int> before = proc_usage_at_rest(stage.agent.pid);
 

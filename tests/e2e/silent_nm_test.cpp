@@ -78,22 +78,6 @@ static void expect_all_works(TunnelStage *stage)
     ASSERT_TRUE(web_open(stage) && telnet_open(stage) && web_close(stage) && telnet_close(stage));
 }
 
-// The init cfg names a healthy NM, and the device says so. Returns the silent one.
-static NmSim *move(TunnelStage *stage, bool link_drops)
-{
-    NmOptions options = stage->nm_options;
-    options.ip = "127.0.0.2"; // another address: the same one with another port asks for no new activation
-    NmSim *silent = std::exchange(stage->nm, nm_sim_start(options));
-    device_cfg_set_text(&stage->cfg, "host", options.ip);
-    device_cfg_set(&stage->cfg, "port", std::to_string(nm_sim_port(stage->nm) - 1));
-    EXPECT_TRUE(device_write_file(stage->agent.dir + "/init", device_cfg_text(stage->cfg)));
-    if (link_drops)
-        device_sim_drop(stage->device);
-    else
-        EXPECT_TRUE(device_sim_send(stage->device, "{\"type\":\"init-cfg-changed\"}"));
-    return silent;
-}
-
 static void run_silent_row(const SilentRow &row)
 {
     SCOPED_TRACE(row.name);
@@ -111,7 +95,18 @@ static void run_silent_row(const SilentRow &row)
     if (row.moment == SILENT)
         row.cause(&stage);
     EXPECT_TRUE(row.moment == INSTEAD || nm_sim_wait_connections(stage.nm, before + 1, k_wait_ms));
-    NmSim *silent = move(&stage, row.link_drops);
+
+    // The init cfg names a healthy NM, and the device says so.
+    NmOptions options = stage.nm_options;
+    options.ip = "127.0.0.2"; // another address: the same one with another port asks for no new activation
+    NmSim *silent = std::exchange(stage.nm, nm_sim_start(options));
+    device_cfg_set_text(&stage.cfg, "host", options.ip);
+    device_cfg_set(&stage.cfg, "port", std::to_string(nm_sim_port(stage.nm) - 1));
+    EXPECT_TRUE(device_write_file(stage.agent.dir + "/init", device_cfg_text(stage.cfg)));
+    if (row.link_drops)
+        device_sim_drop(stage.device);
+    else
+        EXPECT_TRUE(device_sim_send(stage.device, "{\"type\":\"init-cfg-changed\"}"));
     EXPECT_TRUE(nm_sim_wait_for(stage.nm, "active", 1, 22000)); // 10 s of a restart, behind 8 s of a post that hangs
     EXPECT_TRUE(stage_fast_heartbeat(&stage));
     EXPECT_TRUE(proc_usage_returns(stage.agent.pid, idle)); // before a command for the same tunnel ends its old set-up

@@ -27,7 +27,7 @@ static std::string settled(std::string text, const Stage &stage)
 static std::string log_by_thread(const Stage &stage)
 {
     static const std::regex k_prefix("^\\[[-0-9]+ [:.0-9]+ (.*):[0-9]+\\](\\[[A-Z]+\\] .*)");
-    std::map<std::string, std::vector<std::string>> threads;
+    std::map<std::string, std::string> threads, last;
     std::istringstream lines(settled(agent_output(stage.agent), stage));
     std::string thread = "start";
     for (std::string line; std::getline(lines, line);) {
@@ -36,17 +36,13 @@ static std::string log_by_thread(const Stage &stage)
         thread = is_line ? match[1].str() : thread;
         if (text_has(line, "[main.cpp:")) // printed by main between lines of other threads
             thread = "proxy_plugin";
-        std::vector<std::string> &texts = threads[thread];
         const std::string text = is_line ? match[2].str() : line;
-        if (texts.empty() || texts.back() != text)
-            texts.push_back(text);
+        if (std::exchange(last[thread], text) != text)
+            threads[thread] += text + "\n";
     }
     std::string all;
-    for (const auto &lines_of : threads) {
-        all += "== " + lines_of.first + "\n";
-        for (const std::string &text : lines_of.second)
-            all += text + "\n";
-    }
+    for (const auto &lines_of : threads)
+        all += "== " + lines_of.first + "\n" + lines_of.second;
     return all;
 }
 
@@ -57,8 +53,7 @@ static void live(TunnelStage *stage)
     ASSERT_TRUE(device_sim_wait_for(stage->device, "upgrade-ack", 1, k_wait_ms));
     ASSERT_TRUE(device_sim_send(stage->device, "{\"type\":\"alarm-info\",\"msgId\":7,\"payload\":{\"level\":2}}"));
     ASSERT_TRUE(device_sim_wait_for(stage->device, "alarm-ack", 1, k_wait_ms));
-    ASSERT_TRUE(device_sim_send(stage->device, "{\"type\":\"ping\"}"));
-    ASSERT_TRUE(device_sim_wait_for(stage->device, "pong", 1, k_wait_ms));
+    ASSERT_TRUE(stage_ping(stage));
     ASSERT_TRUE(device_service_add(stage->agent.dir + "/service", "{\"name\":\"one\"}"));
     ASSERT_TRUE(stage_command(stage, nm_command_device_status({"start", 1, "immediate"})));
     ASSERT_TRUE(nm_sim_wait_for(stage->nm, "working/services", 1, k_wait_ms));
