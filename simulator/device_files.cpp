@@ -87,7 +87,7 @@ std::string device_cfg_text(const DeviceCfg &cfg)
 bool device_write_file(const std::string &path, const std::string &text)
 {
     const std::string fresh = path + ".new";
-    FILE *file = fopen(fresh.c_str(), "w");
+    FILE *file = fopen(fresh.c_str(), "we");
     const bool written = file && fwrite(text.data(), 1, text.size(), file) == text.size();
     if (!file || fclose(file) != 0 || !written || rename(fresh.c_str(), path.c_str()) != 0) {
         fprintf(stderr, "cannot write %s: %s\n", path.c_str(), strerror(errno));

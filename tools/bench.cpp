@@ -53,15 +53,10 @@ static double web_throughput(bool https, unsigned ids, unsigned size)
     start(&stage, https, &files, nullptr);
     need(web_open(&stage), "tunnel open");
     const int port = stage.web->client_port();
-    std::vector<std::thread> browsers;
     std::atomic<uint64_t> got{0};
     const long long begin_ms = monotonic_ms();
-    for (unsigned i = 0; i < ids; i++) {
-        browsers.emplace_back(
-            [&, i] { got += answer_of(port, std::to_string(size) + " " + std::to_string(i) + "\n").size(); });
-    }
-    for (std::thread &browser : browsers)
-        browser.join();
+    side_by_side(
+        ids, [&](size_t i) { got += answer_of(port, std::to_string(size) + " " + std::to_string(i) + "\n").size(); });
     const double seconds = (double)(monotonic_ms() - begin_ms) / 1000;
     need(got == uint64_t(ids) * size, "all bytes");
     return (double)got / 1024 / seconds;
@@ -168,13 +163,12 @@ static std::string private_memory(int pid)
 static std::string idle(bool is_monitored)
 {
     Stage stage;
-    stage_prepare(&stage, false);
-    config_set(&stage.config, "plugin_config:log_level", "6");
+    stage.config = {{"plugin_config:log_level", "6"}};
     if (is_monitored) {
         config_set(&stage.config, "monitor:state_file", "state");
         config_set(&stage.config, "monitor:notify_socket", "none"); // a failing send costs as much
     }
-    need(stage_run(&stage) && stage_wait_online(&stage), "agent online");
+    need(stage_online(&stage, false), "agent online");
     const int pid = stage.agent.pid;
     const double before_ms = processor_ms(pid);
     const long long switches_before = switches(pid);
@@ -211,10 +205,8 @@ static std::string result_latency()
     std::vector<long long> times_ms;
     for (int i = 0; i < 20; i++) {
         const long long sent_ms = monotonic_ms();
-        need(device_sim_send(stage.device, R"({"type":"cfg-result","sessionid":"b","result":true})"), "send");
-        need(nm_sim_wait_for(stage.nm, "cfgResult", i + 1, k_wait_ms), "post");
+        need(stage_result(&stage) == "true", "ack");
         times_ms.push_back(nm_sim_request(stage.nm, "cfgResult", i).at_ms - sent_ms);
-        need(device_sim_wait_for(stage.device, "cfg-ack", i + 1, k_wait_ms), "ack");
     }
     return median(times_ms);
 }

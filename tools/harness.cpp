@@ -217,11 +217,16 @@ void stage_prepare(Stage *stage, bool https)
     stage->nm = nm_sim_start(stage->nm_options);
     stage->device = device_sim_start(DeviceOptions());
     ASSERT_TRUE(stage->nm && stage->device);
-    stage->cfg = device_cfg_default(dir, https, nm_sim_port(stage->nm), device_sim_port(stage->device));
-    stage->config = {{"plugin_config:log_std", "2"},
-                     {"plugin_config:log_level", "7"},
-                     {"device_info:init_cfg", stage->agent.dir + "/init"},
-                     {"plugin_config:plugin_eth", "lo"}};
+    const DeviceCfg wanted_cfg = std::exchange(
+        stage->cfg, device_cfg_default(dir, https, nm_sim_port(stage->nm), device_sim_port(stage->device)));
+    const ConfigRows wanted = std::exchange(stage->config, {{"plugin_config:log_std", "2"},
+                                                            {"plugin_config:log_level", "7"},
+                                                            {"device_info:init_cfg", stage->agent.dir + "/init"},
+                                                            {"plugin_config:plugin_eth", "lo"}});
+    for (const auto &row : wanted_cfg)
+        device_cfg_set(&stage->cfg, row.first, row.second);
+    for (const auto &row : wanted)
+        config_set(&stage->config, row.first, row.second);
 }
 
 void stage_write(const Stage &stage)
@@ -260,6 +265,32 @@ bool stage_fast_heartbeat(Stage *stage)
 {
     return stage_command(stage, nm_command_trigger(1)) &&
            agent_wait_log(&stage->agent, "Changing UDP detection interval from: 6 to 1.");
+}
+
+bool stage_ping(Stage *stage, const std::string &ping, int timeout_ms)
+{
+    const int before = device_sim_count(stage->device, "pong");
+    return device_sim_send(stage->device, ping) && device_sim_wait_for(stage->device, "pong", before + 1, timeout_ms);
+}
+
+std::string stage_result(Stage *stage, const std::string &result)
+{
+    const int before = device_sim_count(stage->device, "cfg-ack");
+    if (!device_sim_send(stage->device, result) ||
+        !device_sim_wait_for(stage->device, "cfg-ack", before + 1, k_wait_ms))
+        return "";
+    const std::string ack = device_sim_frame(stage->device, "cfg-ack", -1).text;
+    for (const char *says : {"true", "false"}) {
+        if (text_has(ack, std::string("\"sessionid\":\"s\",\t\"type\":\"cfg-ack\",\t\"result\":") + says))
+            return says;
+    }
+    return ack;
+}
+
+void stage_nm_silent(Stage *stage)
+{
+    nm_sim_set_fault(stage->nm, "accept", {NM_FAULT_SILENCE, 0, -1, ""});
+    nm_sim_drop_connections(stage->nm);
 }
 
 std::string stage_wrong(const Stage &stage)
@@ -370,6 +401,15 @@ int proc_descriptors(int pid)
     return count;
 }
 
+void side_by_side(size_t count, const std::function<void(size_t)> &what)
+{
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < count; i++)
+        threads.emplace_back(what, i);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
 bool eventually(const std::function<bool()> &holds, int wait_ms)
 {
     const long long end_ms = monotonic_ms() + wait_ms;
@@ -409,20 +449,18 @@ int proc_cpu_ms(int pid)
     return (int)((user + system) * 1000 / sysconf(_SC_CLK_TCK));
 }
 
-int black_hole_port(std::vector<int> *descriptors)
+int black_hole_port()
 {
     sockaddr_in addr = {};
     socklen_t length = sizeof(addr);
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    descriptors->push_back(listener);
     if (bind(listener, (sockaddr *)&addr, length) != 0 || listen(listener, 0) != 0 ||
         getsockname(listener, (sockaddr *)&addr, &length) != 0)
         return -1;
     for (int i = 0; i < 8; i++) { // fill the queue of connections to accept; then the kernel drops new ones
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        descriptors->push_back(fd);
         (void)connect(fd, (sockaddr *)&addr, length);
     }
     return ntohs(addr.sin_port);

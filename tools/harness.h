@@ -48,7 +48,8 @@ struct Stage {
     ~Stage();
 };
 
-// Makes the directory, starts NM and device on free ports and fills cfg and config; the agent is not started.
+// Makes the directory, starts NM and device on free ports and fills cfg and config; what they hold before stays in
+// force. The agent is not started.
 void stage_prepare(Stage *stage, bool https);
 void stage_write(const Stage &stage); // config.ini and the device's files
 void config_set(ConfigRows *rows, const std::string &key, const std::string &value);
@@ -62,6 +63,13 @@ bool stage_online(Stage *stage, bool https);
 bool stage_command(Stage *stage, const std::string &command);
 // Shortens the heartbeat period from 6 s to 1 s by a command.
 bool stage_fast_heartbeat(Stage *stage);
+// The device pings, and waits for its pong. False after timeout_ms.
+bool stage_ping(Stage *stage, const std::string &ping = R"({"type":"ping"})", int timeout_ms = k_wait_ms);
+// The device hands in a result of the session "s". Returns what the ack says: "true" or "false"; else all of it, or
+// nothing when none comes.
+std::string stage_result(Stage *stage, const std::string &result = R"({"type":"cfg-result","sessionid":"s"})");
+// Ends NM's connections. Those that follow are accepted and never read, so that TLS does not start either.
+void stage_nm_silent(Stage *stage);
 // Everything NM and device found wrong; empty when all was right.
 std::string stage_wrong(const Stage &stage);
 // Stops the agent with SIGTERM. Everything wrong as in stage_wrong, and an exit status other than SIGTERM.
@@ -87,6 +95,9 @@ int agent_stop(AgentProcess *agent, int signal_number, int timeout_ms = k_wait_m
 // The same without a signal: waits until the agent ends by itself.
 int agent_wait_exit(AgentProcess *agent, int timeout_ms = k_wait_ms);
 
+// Runs each of what(0) to what(count - 1) on a thread of its own and waits for all: for what spends its time waiting.
+void side_by_side(size_t count, const std::function<void(size_t)> &what);
+
 // Polls for a condition that no event announces, such as a count in /proc. False after wait_ms.
 bool eventually(const std::function<bool()> &holds, int wait_ms = k_wait_ms);
 
@@ -103,6 +114,6 @@ bool proc_rss_counts();        // whether RSS is the agent's alone: not under an
 int proc_cpu_ms(int pid);      // user and system time so far
 std::string file_text(const std::string &path);
 
-// A port of 127.0.0.1 that neither accepts nor refuses connections: connecting to it hangs. -1 on failure. The caller
-// closes the descriptors after use.
-int black_hole_port(std::vector<int> *descriptors);
+// A port of 127.0.0.1 that neither accepts nor refuses connections: connecting to it hangs. -1 on failure. It stays for
+// the rest of this process.
+int black_hole_port();

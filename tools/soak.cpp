@@ -118,10 +118,7 @@ static void end_checks(const Usage &idle, const Memory &memory)
         return account_waiting() == 0 && nm_sim_queued(g_soak.stage->nm) == 0;
     };
     soak_check(eventually(drained), "every result has its ack, every command is taken");
-    const int pongs = device_sim_count(g_soak.stage->device, "pong");
-    device_sim_send(g_soak.stage->device, "{\"type\":\"ping\"}");
-    soak_check(device_sim_wait_for(g_soak.stage->device, "pong", pongs + 1, k_wait_ms) && account_is_online(),
-               "online, and hears the device");
+    soak_check(stage_ping(g_soak.stage) && account_is_online(), "online, and hears the device");
     const auto returned = [&] {
         const Usage now = usage_now();
         return now.descriptors <= idle.descriptors && now.threads <= idle.threads;

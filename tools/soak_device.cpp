@@ -57,10 +57,7 @@ static void result_send(int number, Random *random)
 // answered.
 static void resynchronise()
 {
-    DeviceSim *device = g_soak.stage->device;
-    const std::string ping = std::string(65536, ' ') + "{\"type\":\"ping\"}";
-    const int pongs = device_sim_count(device, "pong");
-    if (device_sim_send(device, ping) && device_sim_wait_for(device, "pong", pongs + 1, 1000))
+    if (stage_ping(g_soak.stage, std::string(65536, ' ') + "{\"type\":\"ping\"}", 1000))
         account_set_synchronised();
     soak_pause(300);
 }

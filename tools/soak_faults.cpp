@@ -83,13 +83,10 @@ static void tunnels_set_mute(bool mute)
     }
 }
 
-// All connections, NM's own and both tunnels', are accepted and never read, so that TLS does not start either.
+// All connections, NM's own and both tunnels'.
 static void nm_is_mute(int duration_ms)
 {
-    NmFault silence;
-    silence.kind = NM_FAULT_SILENCE;
-    nm_sim_set_fault(g_soak.stage->nm, "accept", silence);
-    nm_sim_drop_connections(g_soak.stage->nm);
+    stage_nm_silent(g_soak.stage);
     tunnels_set_mute(true);
     soak_pause(duration_ms);
     nm_sim_clear_faults(g_soak.stage->nm);

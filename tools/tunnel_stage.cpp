@@ -19,14 +19,7 @@ TunnelStage::~TunnelStage()
 
 bool tunnel_stage_start(TunnelStage *stage, bool https, const DeviceService *web, const DeviceService *telnet)
 {
-    const ConfigRows wanted = stage->config;
-    const DeviceCfg wanted_cfg = stage->cfg;
     stage_prepare(stage, https);
-    config_set(&stage->config, "plugin_config:log_level", "7");
-    for (const auto &row : wanted)
-        config_set(&stage->config, row.first, row.second);
-    for (const auto &row : wanted_cfg)
-        device_cfg_set(&stage->cfg, row.first, row.second);
     device_cfg_set_text(&stage->cfg, "dev-sn", stage->options.auth.device_sn);
     if (web)
         device_cfg_set(&stage->cfg, "web_port", std::to_string(web->port()));

@@ -2,125 +2,80 @@
 // device is moved to another NM. Such a wait has no time-out: the move must end it.
 #include <gtest/gtest.h>
 
-#include <mutex>
-#include <thread>
-
 #include "tunnel_stage.h"
 
-using Cause = void (*)(TunnelStage *stage);
+using Cause = std::function<void(TunnelStage *stage)>;
 
-static bool arrives(TunnelStage *stage, const char *request, Cause cause)
+static bool arrives(TunnelStage *stage, const char *request, const Cause &cause)
 {
     const int before = nm_sim_count(stage->nm, request);
     cause(stage);
     return nm_sim_wait_for(stage->nm, request, before + 1, k_wait_ms);
 }
 
-static void reports_each_second(TunnelStage *stage)
+static Cause device_says(const char *text)
 {
-    nm_sim_queue(stage->nm, nm_command_device_status({"start", 1, "immediate"}));
+    return [text](TunnelStage *stage) { EXPECT_TRUE(device_sim_send(stage->device, text)); };
 }
 
-static void reports_seldom(TunnelStage *stage)
+static Cause nm_says(const std::string &command)
 {
-    nm_sim_queue(stage->nm, nm_command_device_status({"start", 120, "immediate"}));
+    return [command](TunnelStage *stage) { nm_sim_queue(stage->nm, command); };
 }
 
-static void result_send(TunnelStage *stage)
+static const Cause k_each_second = nm_says(nm_command_device_status({"start", 1, "immediate"}));
+static const Cause k_seldom = nm_says(nm_command_device_status({"start", 120, "immediate"}));
+
+// NM's end of the tunnel is a silent one too.
+template <class Sim>
+static void start_mute(TunnelStage *stage, Sim *end, bool (*command)(TunnelStage *, const std::string &))
 {
-    EXPECT_TRUE(device_sim_send(stage->device, "{\"type\":\"cfg-result\",\"sessionid\":\"s\"}"));
+    end->set_mute(true);
+    EXPECT_TRUE(command(stage, "start"));
+    EXPECT_TRUE(end->wait(k_wait_ms, [](const TunnelStats &stats) { return stats.connected; }));
+    end->set_mute(false);
 }
 
-static void alarm_send(TunnelStage *stage)
-{
-    EXPECT_TRUE(device_sim_send(stage->device, "{\"type\":\"alarm-info\",\"msgId\":7,\"payload\":{\"level\":2}}"));
-}
+enum Moment {
+    SILENT,  // NM has fallen silent, and a connection to it follows
+    BEFORE,  // NM falls silent next, and a connection to it follows by itself
+    INSTEAD, // the silence has been met
+};
 
-static void history_send(TunnelStage *stage)
-{
-    EXPECT_TRUE(device_sim_send(stage->device, "{\"type\":\"call-history\",\"payload\":[1,2]}"));
-}
+static const struct SilentRow {
+    const char *name; // of the request at NM
+    Cause cause;
+    Moment moment = SILENT;  // of the cause
+    bool link_drops = false; // the device's link drops, as the device sees no answer
+} k_rows[] = {
+    {"handshake", nm_says(nm_command_forward("ping", ""))},
+    {"heartbeat",
+     [](TunnelStage *s) {
+         nm_sim_set_fault(s->nm, "udp", {NM_FAULT_SILENCE, 0, 1, ""});
+     }},
+    {"cfgResult", device_says("{\"type\":\"cfg-result\",\"sessionid\":\"s\"}")},
+    {"alarm", device_says("{\"type\":\"alarm-info\",\"msgId\":7,\"payload\":{\"level\":2}}"), SILENT, true},
+    {"callhistory", device_says("{\"type\":\"call-history\",\"payload\":[1,2]}")},
+    {"working/services", device_says("{\"type\":\"service-status\"}")},
+    {"active",
+     [](TunnelStage *s) {
+         nm_sim_ask_restart(s->nm);
+         EXPECT_TRUE(agent_wait_log(&s->agent, "Re-initialize device..."));
+     },
+     BEFORE},
+    {"runstatus", [](TunnelStage *s) { EXPECT_TRUE(arrives(s, "runstatus", k_each_second)); }, BEFORE},
+    {"web tunnel", [](TunnelStage *s) { start_mute(s, s->web.get(), web_command); }, INSTEAD},
+    {"telnet tunnel", [](TunnelStage *s) { start_mute(s, s->telnet.get(), telnet_command); }, INSTEAD},
+};
 
 // Everything that reaches NM reaches the one in force. Leaves a kept connection and no tunnel; beats come every second.
 static void expect_all_works(TunnelStage *stage)
 {
-    ASSERT_TRUE(arrives(stage, "heartbeat", [](TunnelStage *s) {
-        nm_sim_set_fault(s->nm, "udp", {NM_FAULT_SILENCE, 0, 1, ""});
-    }));
-    const int acks = device_sim_count(stage->device, "cfg-ack");
-    result_send(stage);
-    ASSERT_TRUE(device_sim_wait_for(stage->device, "cfg-ack", acks + 1, k_wait_ms));
-    ASSERT_TRUE(text_has(device_sim_frame(stage->device, "cfg-ack", -1).text, "\"result\":true"));
-    ASSERT_TRUE(arrives(stage, "alarm", alarm_send) && arrives(stage, "callhistory", history_send));
-    ASSERT_TRUE(arrives(stage, "runstatus", reports_each_second));
-    ASSERT_TRUE(arrives(stage, "working/services", reports_seldom));
+    ASSERT_TRUE(arrives(stage, "runstatus", k_each_second) && arrives(stage, "working/services", k_seldom));
+    for (const SilentRow &row : k_rows)
+        ASSERT_TRUE(row.moment != SILENT || arrives(stage, row.name, row.cause)) << row.name;
+    ASSERT_EQ("true", stage_result(stage));
     ASSERT_TRUE(web_open(stage) && telnet_open(stage) && web_close(stage) && telnet_close(stage));
-}
-
-static void fall_silent(TunnelStage *stage)
-{
-    nm_sim_set_fault(stage->nm, "accept", {NM_FAULT_SILENCE, 0, -1, ""});
-    nm_sim_drop_connections(stage->nm);
-}
-
-// NM's end of the tunnel is the silent one.
-template <class Sim> static void meet_tunnel(TunnelStage *stage, const char *type)
-{
-    static std::vector<std::unique_ptr<TunnelSim>> s_silent; // they outlive the move
-    static std::mutex s_lock;
-    TunnelSimOptions options = stage->options;
-    options.mute = true;
-    auto silent = std::make_unique<Sim>(options);
-    nm_sim_queue(stage->nm, nm_command_tunnel({type, "start", "127.0.0.1", silent->command_port()}));
-    EXPECT_TRUE(silent->wait(k_wait_ms, [](const TunnelStats &stats) { return stats.connected; }));
-    fall_silent(stage);
-    std::lock_guard<std::mutex> guard(s_lock);
-    s_silent.push_back(std::move(silent));
-}
-
-struct SilentRow {
-    const char *name;
-    Cause cause;                            // of a connection to NM, which has fallen silent; null: comes by itself
-    void (*meet)(TunnelStage *s) = nullptr; // before that; returns when the silence is met if there is no connection
-    bool is_tunnel = false;
-    bool link_drops = false; // the device's link drops, as the device sees no answer
-};
-
-static const SilentRow k_rows[] = {
-    {"activation", [](TunnelStage *s) { nm_sim_ask_restart(s->nm); }},
-    {"handshake", [](TunnelStage *s) { nm_sim_queue(s->nm, nm_command_forward("ping", "")); }},
-    {"heartbeat",
-     [](TunnelStage *s) {
-         nm_sim_set_fault(s->nm, "udp", {NM_FAULT_SILENCE, 0, -1, ""});
-     }},
-    {"result", result_send},
-    {"alarm", alarm_send, nullptr, false, true},
-    {"call history", history_send},
-    {"service report",
-     [](TunnelStage *s) { EXPECT_TRUE(device_sim_send(s->device, "{\"type\":\"service-status\"}")); }},
-    {"run status", nullptr, [](TunnelStage *s) { EXPECT_TRUE(arrives(s, "runstatus", reports_each_second)); }},
-    {"web tunnel", nullptr, [](TunnelStage *s) { meet_tunnel<WebTunnelSim>(s, "remote-web"); }, true},
-    {"telnet tunnel", nullptr, [](TunnelStage *s) { meet_tunnel<TelnetTunnelSim>(s, "remote-telnet"); }, true},
-};
-
-// The init cfg names a healthy NM, and the device says so. Returns the silent one.
-static NmSim *move(TunnelStage *stage, bool link_drops)
-{
-    NmSim *silent = stage->nm;
-    NmOptions options;
-    options.https = true;
-    options.ip = "127.0.0.2"; // another address: the same one with another port asks for no new activation
-    options.serial = "SN00000001";
-    stage->nm = nm_sim_start(options);
-    device_cfg_set_text(&stage->cfg, "host", options.ip);
-    device_cfg_set(&stage->cfg, "port", std::to_string(nm_sim_port(stage->nm) - 1));
-    stage_write(*stage);
-    EXPECT_TRUE(device_service_add(stage->agent.dir + "/service", device_service_record(1)));
-    if (link_drops)
-        device_sim_drop(stage->device);
-    else
-        EXPECT_TRUE(device_sim_send(stage->device, "{\"type\":\"init-cfg-changed\"}"));
-    return silent;
 }
 
 static void run_silent_row(const SilentRow &row)
@@ -133,16 +88,25 @@ static void run_silent_row(const SilentRow &row)
     expect_all_works(&stage);
     const std::pair<int, int> idle = proc_usage_at_rest(stage.agent.pid);
 
-    if (row.meet)
-        row.meet(&stage);
-    if (!row.is_tunnel) {
-        const int before = nm_sim_connections(stage.nm); // first: a late heartbeat may be the one that meets it
-        fall_silent(&stage);
-        if (row.cause)
-            row.cause(&stage);
-        EXPECT_TRUE(nm_sim_wait_connections(stage.nm, before + 1, k_wait_ms));
-    }
-    NmSim *silent = move(&stage, row.link_drops);
+    if (row.moment != SILENT)
+        row.cause(&stage);
+    const int before = nm_sim_connections(stage.nm); // first: a late heartbeat may be the one that meets it
+    stage_nm_silent(&stage);
+    if (row.moment == SILENT)
+        row.cause(&stage);
+    EXPECT_TRUE(row.moment == INSTEAD || nm_sim_wait_connections(stage.nm, before + 1, k_wait_ms));
+
+    // The init cfg names a healthy NM, and the device says so.
+    NmOptions options = stage.nm_options;
+    options.ip = "127.0.0.2"; // another address: the same one with another port asks for no new activation
+    NmSim *silent = std::exchange(stage.nm, nm_sim_start(options));
+    device_cfg_set_text(&stage.cfg, "host", options.ip);
+    device_cfg_set(&stage.cfg, "port", std::to_string(nm_sim_port(stage.nm) - 1));
+    EXPECT_TRUE(device_write_file(stage.agent.dir + "/init", device_cfg_text(stage.cfg)));
+    if (row.link_drops)
+        device_sim_drop(stage.device);
+    else
+        EXPECT_TRUE(device_sim_send(stage.device, "{\"type\":\"init-cfg-changed\"}"));
     EXPECT_TRUE(nm_sim_wait_for(stage.nm, "active", 1, 22000)); // 10 s of a restart, behind 8 s of a post that hangs
     EXPECT_TRUE(stage_fast_heartbeat(&stage));
     EXPECT_TRUE(proc_usage_returns(stage.agent.pid, idle)); // before a command for the same tunnel ends its old set-up
@@ -152,12 +116,8 @@ static void run_silent_row(const SilentRow &row)
     nm_sim_stop(silent);
 }
 
-// The rows spend their time waiting: they run side by side.
+// The rows spend their time waiting.
 TEST(SilentNm, AMoveEndsEveryWait)
 {
-    std::vector<std::thread> rows;
-    for (const SilentRow &row : k_rows)
-        rows.emplace_back(run_silent_row, std::cref(row));
-    for (std::thread &row : rows)
-        row.join();
+    side_by_side(std::size(k_rows), [](size_t i) { run_silent_row(k_rows[i]); });
 }
