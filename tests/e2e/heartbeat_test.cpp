@@ -30,41 +30,39 @@ TEST(Heartbeat, SilentUdpMovesToHttpAndBack)
     nm_sim_clear_faults(stage.nm);
     ASSERT_TRUE(agent_wait_log(&stage.agent, "The time of nonresponse for http trigger has reached the upper limit!"));
     ASSERT_TRUE(nm_sim_return(stage.nm));
-    const int before = nm_sim_count(stage.nm, "udp");
     ASSERT_TRUE(nm_sim_wait_for(stage.nm, "active", 3, k_wait_ms));
-    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "udp", before + 1, k_wait_ms));
+    ASSERT_TRUE(nm_sim_wait_for(stage.nm, "udp", nm_sim_count(stage.nm, "udp") + 1, k_wait_ms));
     EXPECT_EQ("", stage_end(&stage));
 }
-
-static const struct {
-    const char *name;
-    NmFaultKind kind;
-    int delay_ms;
-    std::string text;
-    bool missed; // goes over HTTP as well
-} k_datagrams[] = {
-    {"other case", NM_FAULT_WORD, 0, "active", false},
-    {"late, yet in time", NM_FAULT_WORD, 300, "ACTIVE", false},
-    {"trailing newline", NM_FAULT_WORD, 0, "ACTIVE\n", true},
-    {"longer word", NM_FAULT_WORD, 0, "ACTIVES", true},
-    {"127 bytes and more", NM_FAULT_WORD, 0, std::string(500, 'A'), true},
-    {"empty", NM_FAULT_WORD, 0, "", true},
-    {"too late", NM_FAULT_NONE, 1300, "", true}, // stays in the socket, an answer to the next one
-    {"twice", NM_FAULT_TWICE, 0, "", false},
-    {"from another port", NM_FAULT_STRANGER, 0, "", false},
-};
 
 // Each row is one heartbeat of its own; a miss is followed by the same body over HTTP.
 TEST(Heartbeat, DatagramAnswers)
 {
+    const struct {
+        const char *name;
+        bool is_missed; // goes over HTTP as well
+        std::string text;
+        int delay_ms = 0;
+        NmFaultKind kind = NM_FAULT_WORD;
+    } rows[] = {
+        {"other case", false, "active"},
+        {"late, yet in time", false, "ACTIVE", 300},
+        {"trailing newline", true, "ACTIVE\n"},
+        {"longer word", true, "ACTIVES"},
+        {"127 bytes and more", true, std::string(500, 'A')},
+        {"empty", true, ""},
+        {"too late", true, "", 1300, NM_FAULT_NONE}, // stays in the socket, an answer to the next one
+        {"twice", false, "", 0, NM_FAULT_TWICE},
+        {"from another port", false, "", 0, NM_FAULT_STRANGER},
+    };
     Stage stage;
     ASSERT_TRUE(stage_online(&stage, false) && stage_fast_heartbeat(&stage));
-    for (const auto &row : k_datagrams) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         const int over_http = nm_sim_count(stage.nm, "heartbeat");
         nm_sim_set_fault(stage.nm, "udp", {row.kind, row.delay_ms, 1, row.text});
         ASSERT_TRUE(nm_sim_wait_for(stage.nm, "udp", nm_sim_count(stage.nm, "udp") + 2, k_wait_ms)); // the row is done
-        EXPECT_EQ(row.missed ? 1 : 0, nm_sim_count(stage.nm, "heartbeat") - over_http);
+        EXPECT_EQ(row.is_missed ? 1 : 0, nm_sim_count(stage.nm, "heartbeat") - over_http);
     }
     EXPECT_EQ(nm_sim_request(stage.nm, "udp", -1).body, nm_sim_request(stage.nm, "heartbeat", -1).body);
     EXPECT_EQ("", stage_end(&stage));

@@ -1,5 +1,6 @@
 // The parsers that read what peers and files say, one target each: fuzz_parsers --target=NAME. Built with libFuzzer by
 // the fuzz preset, else run over the files of corpus/NAME as a test.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cjson/cJSON.h>
 #include <errno.h>
@@ -10,11 +11,13 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 #include "device/dev_msg_handle.h"
 #include "device/dev_msg_handle_internal.h"
 #include "device/dev_msg_recv.h"
 #include "device/dev_msg_recv_internal.h"
+#include "json_text.h"
 #include "nm/activation.h"
 #include "nm/device_init.h"
 #include "nm/init_cfg_internal.h"
@@ -46,19 +49,26 @@ static void require(bool holds)
         abort();
 }
 
-#define TUNNEL_REQUEST(action)                                                                           \
-    "{\"param\":{\"action\":\"" action "\",\"host\":\"127.0.0.1\",\"port\":4,\"token\":\"t\",\"key\":1," \
-    "\"sessionid\":\"s\"}}"
-static const char k_start[] = TUNNEL_REQUEST("start");
-static const char k_stop[] = TUNNEL_REQUEST("stop");
+// A command of NM for a tunnel; whether it was carried out.
+static bool tunnel_command(int (*handle)(uintptr_t, const char *, const char *, uint32_t), const char *action)
+{
+    const std::string text = std::string("{\"param\":{\"action\":\"") + action +
+                             "\",\"host\":\"127.0.0.1\",\"port\":4,\"token\":\"t\",\"key\":1,\"sessionid\":\"s\"}}";
+    return handle(0, text.c_str(), text.c_str(), (uint32_t)text.size()) == 0;
+}
 
 // What a target gets, after world_begin.
 struct Input {
     const uint8_t *data;
     size_t size;
     const char *text; // the same with a NUL behind it, in memory of just that size
+    uint8_t at(size_t i) const
+    {
+        return i < size ? data[i] : 0;
+    }
 };
 
+// The answer to a device's result, and that to the activation.
 static void http_response(const Input &in)
 {
     char *json;
@@ -67,10 +77,6 @@ static void http_response(const Input &in)
     if (json)
         (void)dev_msg_ack("1", 1, "cfg-result", json, len);
     free(json);
-}
-
-static void activation(const Input &)
-{
     (void)device_activate();
 }
 
@@ -102,7 +108,7 @@ static void device_frames(const Input &in)
 static void web_start()
 {
     require(web_pool_open() == 0 && web_request_open() == 0);
-    require(remote_web_req_handle(0, k_start, k_start, sizeof(k_start) - 1) == 0);
+    require(tunnel_command(remote_web_req_handle, "start"));
 }
 
 static void web_frames(const Input &)
@@ -110,7 +116,7 @@ static void web_frames(const Input &)
     web_start();
     while (conn_is_connected(REMOTE_WEB_SERVER) && !wait_is_cut())
         remote_web_turn();
-    (void)remote_web_req_handle(0, k_stop, k_stop, sizeof(k_stop) - 1);
+    (void)tunnel_command(remote_web_req_handle, "stop");
 }
 
 static std::string s_read[256]; // from the device and not yet framed, by descriptor, which is the id too
@@ -141,13 +147,11 @@ static void frames_sent(const void *bytes, size_t len)
 // The first bytes also say how many slots there are, how much is read and framed at once, and how NM takes it.
 static void web_response(const Input &in)
 {
-    uint8_t knobs[5] = {};
-    memcpy(knobs, in.data, in.size < sizeof(knobs) ? in.size : sizeof(knobs));
-    g_http_rsp_len = 1 + 16 * knobs[1];
-    g_http_forward_len = 16 * (int8_t)knobs[2];
+    g_http_rsp_len = 1 + 16 * in.at(1);
+    g_http_forward_len = 16 * (int8_t)in.at(2);
     web_start();
     s_sent.clear();
-    for (s_open_slots = 0; s_open_slots <= knobs[0] % WEB_SLOT_COUNT; s_open_slots++) {
+    for (s_open_slots = 0; s_open_slots <= in.at(0) % WEB_SLOT_COUNT; s_open_slots++) {
         SocketConn device = tcp_connect("127.0.0.1", "2", nullptr, nullptr, 0, 0);
         uint8_t id[WEB_ID_SIZE] = {(uint8_t)device.socket_fd};
         require(device.socket_fd > 0 && device.socket_fd < 256 && web_slot_bind(id) == s_open_slots);
@@ -158,10 +162,10 @@ static void web_response(const Input &in)
     }
     g_world_watch.received = [](int fd, const void *bytes, size_t len) { s_read[fd].append((const char *)bytes, len); };
     g_world_watch.sent = frames_sent;
-    g_world_watch.send_max = knobs[3];
-    g_world_watch.fail_each = knobs[4];
+    g_world_watch.send_max = in.at(3);
+    g_world_watch.fail_each = in.at(4);
     require(web_response_start(g_web_pool_generation) == 0);
-    (void)remote_web_req_handle(0, k_stop, k_stop, sizeof(k_stop) - 1);
+    (void)tunnel_command(remote_web_req_handle, "stop");
 }
 
 // After the handshake: records of many sizes and other bytes, cut or together, and the end. The first bytes say how
@@ -196,7 +200,7 @@ static void tls_records(const Input &in)
         }
     }
 
-    int piece = in.size > 0 ? 1 + 32 * in.data[0] : 1, room = in.size > 1 ? 1 + 32 * in.data[1] : 1;
+    const int piece = 1 + 32 * in.at(0), room = 1 + 32 * in.at(1);
     for (int len = 1; len > 0 && !wait_is_cut();) {
         char bytes[8192];
         int arrived = BIO_read(wire, bytes, piece);
@@ -220,7 +224,7 @@ static void telnet_setup(const Input &in)
     char token[64];
     json_key_extract(in.text, "token", token, sizeof(token));
     require(memchr(token, '\0', sizeof(token)));
-    (void)remote_telnet_req_handle(0, k_start, k_start, sizeof(k_start) - 1);
+    (void)tunnel_command(remote_telnet_req_handle, "start");
     while (conn_is_connected(REMOTE_TELNET_SERVER) && !wait_is_cut())
         (void)remote_telnet_data_handle();
 }
@@ -274,101 +278,82 @@ static std::string latin_1(const char *text)
     return utf8;
 }
 
-static void audit_line_check(const char *line, size_t len, const AuditTunnel *tunnel)
+static void audit_line_check(const char *line, size_t len, const AuditTunnel &tunnel)
 {
-    require(strlen(line) == len && len < AUDIT_LINE_SIZE && strchr(line, '\n') == line + len - 1);
+    require(strlen(line) == len && len < AUDIT_LINE_SIZE && line[len - 1] == '\n');
     for (size_t i = 0; i < len - 1; i++)
         require(line[i] >= ' ' && line[i] <= '~');
-    cJSON *root = cJSON_Parse(line);
-    require(root);
-    require(latin_1(tunnel->host) == cJSON_GetStringValue(cJSON_GetObjectItem(root, "host")));
-    require(latin_1(tunnel->session_id) == cJSON_GetStringValue(cJSON_GetObjectItem(root, "session")));
-    cJSON_Delete(root);
+    const JsonTree root = json_parse(line);
+    require(root != nullptr);
+    require(json_text(root.get(), "host") == latin_1(tunnel.host));
+    require(json_text(root.get(), "session") == latin_1(tunnel.session_id));
 }
 
 // Two texts of NM, one behind the other, and times and counts out of the first bytes.
 static void audit(const Input &in)
 {
     int64_t numbers[3] = {};
-    memcpy(numbers, in.data, in.size < sizeof(numbers) ? in.size : sizeof(numbers));
-    std::string texts[2];
-    for (size_t i = 0, at = 0; i < 2; i++, at += 511)
-        texts[i] = std::string(in.text).substr(at < strlen(in.text) ? at : strlen(in.text), 511);
-    AuditSession session = {{"web", texts[0].c_str(), "255.255.255.255", "65535", texts[1].c_str()},
-                            numbers[0],
-                            numbers[1],
-                            (uint64_t)numbers[1],
-                            (uint64_t)numbers[2],
-                            true,
-                            (uint32_t)numbers[2],
-                            "restart"};
-    AuditRefusal refusal = {session.tunnel, numbers[2], "the tunnel end is not in allow_hosts"};
+    memcpy(numbers, in.data, std::min(in.size, sizeof(numbers)));
+    const std::string text = in.text, host = text.substr(0, 511), id = text.substr(host.size(), 511);
+    const AuditTunnel tunnel = {"web", host.c_str(), "255.255.255.255", "65535", id.c_str()};
+    const uint64_t count = (uint64_t)numbers[2];
+    const AuditSession session = {tunnel, numbers[0], numbers[1], count, count, true, (uint32_t)count, "restart"};
+    const AuditRefusal refusal = {tunnel, numbers[2], "the tunnel end is not in allow_hosts"};
     char line[AUDIT_LINE_SIZE];
-    audit_line_check(line, remote_audit_session_format(&session, line), &session.tunnel);
-    audit_line_check(line, remote_audit_refusal_format(&refusal, line), &session.tunnel);
-}
-
-static void record_check(const char *record, void *)
-{
-    require(record[0] != '\0' && strlen(record) < SERVICE_RECORD_SIZE);
+    audit_line_check(line, remote_audit_session_format(&session, line), tunnel);
+    audit_line_check(line, remote_audit_refusal_format(&refusal, line), tunnel);
 }
 
 static void service_file(const Input &in)
 {
     int fd = memfd_create("service", MFD_CLOEXEC);
     require(write(fd, in.data, in.size) == (ssize_t)in.size && lseek(fd, 0, SEEK_SET) == 0);
-    service_records_read(fd, record_check, nullptr);
+    const auto check = [](const char *record, void *) {
+        require(record[0] != '\0' && strlen(record) < SERVICE_RECORD_SIZE);
+    };
+    service_records_read(fd, check, nullptr);
     close(fd);
 }
 
-static void require_masked(const std::string &text, const char *expected)
+static void require_masked(const std::string &text, const char *expected = nullptr)
 {
     char *masked = log_mask(text.c_str());
     require(masked && (!expected || strcmp(masked, expected) == 0));
     free(masked);
 }
 
-static std::string escaped(const char *text)
-{
-    cJSON *string = cJSON_CreateString(text);
-    char *printed = cJSON_PrintUnformatted(string);
-    std::string result = printed;
-    cJSON_free(printed);
-    cJSON_Delete(string);
-    return result;
-}
-
 // As a line of the log, and as a value, which is hidden to its last byte whatever it is.
 static void masked_line(const Input &in)
 {
-    require_masked(in.text, nullptr);
+    require_masked(in.text);
     if (in.text[0] == '\0')
         return;
+    const auto escaped = [](const std::string &text) {
+        return json_print_and_delete(cJSON_CreateString(text.c_str()));
+    };
     const std::string json = "{\"token\":" + escaped(in.text) + ",\"key\":5}";
-    require_masked(json, "{\"token\":\"***\",\"key\":***}");
-    require_masked("{\"payload\":" + escaped(json.c_str()) + "}",
-                   "{\"payload\":\"{\\\"token\\\":\\\"***\\\",\\\"key\\\":***}\"}");
+    require_masked(json, R"({"token":"***","key":***})");
+    require_masked("{\"payload\":" + escaped(json) + "}", R"({"payload":"{\"token\":\"***\",\"key\":***}"})");
 }
 
 static const struct Target {
     const char *name;
     void (*run)(const Input &in);
-    bool in_pieces; // as long as the first byte of the input says
-    bool accepts;   // NM and the device's services
+    bool in_pieces = false; // as long as the first byte of the input says
+    bool accepts = false;   // NM and the device's services
 } k_targets[] = {
-    {"http_response", http_response, false, false},
-    {"activation", activation, false, true},
-    {"nm_command", nm_command, false, false},
-    {"device_frames", device_frames, true, false},
+    {"http_response", http_response, false, true},
+    {"nm_command", nm_command},
+    {"device_frames", device_frames, true},
     {"web_frames", web_frames, true, true},
     {"telnet_setup", telnet_setup, true, true},
-    {"init_cfg", init_cfg, false, false},
-    {"service_file", service_file, false, false},
+    {"init_cfg", init_cfg},
+    {"service_file", service_file},
     {"web_response", web_response, true, true},
-    {"tls_records", tls_records, false, false},
-    {"masked_line", masked_line, false, false},
-    {"policy", policy, false, false},
-    {"audit", audit, false, false},
+    {"tls_records", tls_records},
+    {"masked_line", masked_line},
+    {"policy", policy},
+    {"audit", audit},
 };
 static const Target *s_target;
 
@@ -393,14 +378,10 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     bool cut = s_target->in_pieces && size > 0;
-    Input in = {data + cut, size - cut, nullptr};
-    char *text = (char *)malloc(in.size + 1);
-    memcpy(text, in.data, in.size);
-    text[in.size] = '\0';
-    in.text = text;
-    world_begin(in.data, in.size, cut ? data[0] : 0, s_target->accepts);
-    s_target->run(in);
+    std::vector<char> text(size - cut + 1);
+    std::copy(data + cut, data + size, text.begin());
+    world_begin(data + cut, size - cut, cut ? data[0] : 0, s_target->accepts);
+    s_target->run({data + cut, size - cut, text.data()});
     world_end();
-    free(text);
     return 0;
 }
