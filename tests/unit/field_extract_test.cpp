@@ -3,27 +3,12 @@
 
 TEST(FieldExtract, Keys)
 {
-    static const struct {
-        const char *msg, *key, *value;
-    } k_cases[] = {
-        {"{\"mode\":\"timing\"}", "mode", "timing"},
-        {"{\"mode\"  :  timing,\"a\":1}", "mode", "timing"},
-        {"{\"mode\":{\"x\":1}}", "mode", "x"},
-        {"{\"mode\":\"a\\|b c\"}", "mode", "a\\|b"}, // bar and backslash belong to a value, a blank ends it
-        {"{\"mode\":\"a%b\"}", "mode", "a"},
-        {"{\"token\":\"a%b c,d\"}", "token", "a%b c"},
-        {"{\"mode\":\"first\",\"mode\":\"second\"}", "mode", "first"},
-        {"{\"mode\":\t\"x\"}", "mode", ""}, // a TAB is none of the characters before a value
-        {"{\"Mode\":\"x\"}", "mode", ""},
-        {"{\"modes\":\"x\"}", "mode", ""},
-        {"", "mode", ""},
-    };
-    for (const auto &c : k_cases) {
+    for (const Texts &row : examples("key-values")) {
         char value[32];
         memset(value, 'x', sizeof(value));
         LogLines log;
-        json_key_extract(c.msg, c.key, value, sizeof(value));
-        EXPECT_STREQ(c.value, value) << c.msg;
+        json_key_extract(row[0].c_str(), row[1].c_str(), value, sizeof(value));
+        EXPECT_EQ(row[2], value) << row[0];
     }
 }
 

@@ -16,44 +16,17 @@ template <class Number> static std::string counters(void (*parse)(FILE *, Number
 
 TEST(Metrics, ProcessorAndMemoryCounters)
 {
-    const struct {
-        const char *text, *total_and_idle;
-    } k_cpu_cases[] = {
-        {"cpu  1 2 3 4 5 6 7 8 9 10\ncpu0 9 9 9 9 9\n", "55 4"},
-        {"cpu  1 2 3 4\n", "10 4"}, // old kernels have few columns
-        {"cpu  1 2 3\n", "0 0"},
-        {"cpu  1 2 3 4 5 6 7 8 9 10 11 12 13\n", "78 4"},
-        {"cpu  5000000000 1 1 18446744073709551000 1\n", "4999999387 18446744073709551000"},
-        {"cpu0 1 2 3 4\nintr 5\nCPU  1 1 1 7 0\n", "10 7"},
-        {"intr 5\n", "0 0"},
-    };
-    for (const auto &c : k_cpu_cases)
-        EXPECT_EQ(counters(metrics_cpu_parse, c.text), c.total_and_idle) << c.text;
-    const struct {
-        const char *text, *total_and_free;
-    } k_memory_cases[] = {
-        {"MemTotal:  61440 kB\nMemFree: 1234 kB\nMemAvailable: 40000 kB\nMemFree: 9 kB\n", "61440 1234"},
-        {"memtotal: 5 kB\nmemfree: 4 kB\n", "5 4"},
-        {"MemTotal: 61440 kB\nMemAvailable: 40000 kB\n", "61440 0"},
-        {"MemTotal: 5000000000 kB\nMemFree:\n", "2147483647 0"},
-        {"Buffers: 1 kB\n", "0 0"},
-    };
-    for (const auto &c : k_memory_cases)
-        EXPECT_EQ(counters(metrics_mem_parse, c.text), c.total_and_free) << c.text;
+    for (const Texts &row : examples("processor-and-memory")) {
+        const char *text = row[1].c_str();
+        EXPECT_EQ(row[2], row[0] == "/proc/stat" ? counters(metrics_cpu_parse, text) : counters(metrics_mem_parse, text))
+            << text;
+    }
 }
 
 TEST(Metrics, BlacklistExcludesByTheEndOfAnEntry)
 {
-    const struct {
-        const char *list, *name;
-        int excluded;
-    } k_cases[] = {
-        {"eth1:wlan0", "eth1", 1}, {"eth1:wlan0", "wlan0", 1}, {"eth1:wlan0", "eth10", 0}, {"eth1:wlan0", "th1", 1},
-        {"eth10:eth1", "eth1", 1}, {"eth10", "eth1", 0},       {"eth1:wlan0", "wlan", 0},  {"", "eth1", 0},
-        {"eth1:wlan0", "", 0},
-    };
-    for (const auto &c : k_cases)
-        EXPECT_EQ(metrics_is_blacklisted(c.list, c.name), c.excluded) << c.list << " " << c.name;
+    for (const Texts &row : examples("interface-blacklist"))
+        EXPECT_EQ(row[2] == "yes", metrics_is_blacklisted(row[0].c_str(), row[1].c_str())) << row[0] << " " << row[1];
 }
 
 TEST(Metrics, AddressesWithTheirPrefixLengths)
