@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <fstream>
+#include <sstream>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -82,6 +84,14 @@ std::string device_cfg_text(const DeviceCfg &cfg)
     for (const auto &row : cfg)
         text += (text.size() > 1 ? ",\n\t" : "\n\t") + quoted(row.first) + ": " + row.second;
     return text + "\n}\n";
+}
+
+std::string file_text(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 bool device_write_file(const std::string &path, const std::string &text)

@@ -18,6 +18,9 @@ void device_cfg_set_text(DeviceCfg *cfg, const std::string &key, const std::stri
 void device_cfg_remove(DeviceCfg *cfg, const std::string &key);
 std::string device_cfg_text(const DeviceCfg &cfg);
 
+// The whole file; empty when it cannot be read.
+std::string file_text(const std::string &path);
+
 // Replaces the file by a rename. False (with a message on stderr) when it cannot be written.
 bool device_write_file(const std::string &path, const std::string &text);
 

@@ -1,11 +1,12 @@
 #include "format_file.h"
 
 #include <ctype.h>
-#include <fstream>
 #include <sstream>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include "device_files.h"
 
 // The byte that stands for \letter; -1 for another letter.
 static int escaped(char letter)
@@ -54,18 +55,10 @@ bool format_parse(const std::string &text, std::string *bytes)
     return true;
 }
 
-static std::string file_read(const std::string &path)
-{
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 std::string format_read(const std::string &path)
 {
     std::string bytes;
-    if (!format_parse(file_read(path), &bytes) || bytes.empty()) {
+    if (!format_parse(file_text(path), &bytes) || bytes.empty()) {
         fprintf(stderr, "%s: not a format file\n", path.c_str());
         bytes.clear();
     }
@@ -114,7 +107,7 @@ static std::vector<std::string> row_parse(const std::string &line)
 std::vector<std::vector<std::string>> format_table(const std::string &path)
 {
     std::vector<std::vector<std::string>> rows;
-    std::istringstream text(file_read(path));
+    std::istringstream text(file_text(path));
     size_t columns = 0; // 0: not behind a line of dashes
     for (std::string line; std::getline(text, line);) {
         const std::vector<std::string> cells = line[0] == '|' ? row_parse(line) : std::vector<std::string>();

@@ -7,7 +7,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <mutex>
@@ -344,14 +343,6 @@ Stage::~Stage()
     nm_sim_stop(nm);
     if (!agent.dir.empty())
         remove_dir(agent.dir);
-}
-
-std::string file_text(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 static int value_in(const std::string &path, const std::string &key)

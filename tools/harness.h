@@ -112,7 +112,6 @@ int proc_rss_kib(int pid);
 int proc_private_kib(int pid); // private pages that have been written to
 bool proc_rss_counts();        // whether RSS is the agent's alone: not under an emulator or a sanitizer
 int proc_cpu_ms(int pid);      // user and system time so far
-std::string file_text(const std::string &path);
 
 // A port of 127.0.0.1 that neither accepts nor refuses connections: connecting to it hangs. -1 on failure. It stays for
 // the rest of this process.

@@ -18,7 +18,8 @@ TEST(Metrics, ProcessorAndMemoryCounters)
 {
     for (const Texts &row : examples("processor-and-memory")) {
         const char *text = row[1].c_str();
-        EXPECT_EQ(row[2], row[0] == "/proc/stat" ? counters(metrics_cpu_parse, text) : counters(metrics_mem_parse, text))
+        EXPECT_EQ(row[2],
+                  row[0] == "/proc/stat" ? counters(metrics_cpu_parse, text) : counters(metrics_mem_parse, text))
             << text;
     }
 }

@@ -1,20 +1,12 @@
 #include "remote/remote_audit.h"
 
 #include <cjson/cJSON.h>
-#include <fstream>
 #include <signal.h>
-#include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include "device_files.h"
 #include "support.h"
-
-static std::string file_now(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 TEST(RemoteAudit, LinesAreWhole)
 {
@@ -63,7 +55,7 @@ TEST(RemoteAudit, FileThatCannotBeWrittenIsToldOnce)
         append(good, "line\n");
         EXPECT_EQ(1, count_of(log.take(), "can be written again, lines lost: 2"));
     }
-    EXPECT_EQ("line\nline\nline\n", file_now(good));
+    EXPECT_EQ("line\nline\nline\n", file_text(good));
     struct stat info;
     EXPECT_EQ(0, stat(good.c_str(), &info));
     EXPECT_EQ(0600u, info.st_mode & 07777);
@@ -87,6 +79,6 @@ TEST(RemoteAudit, LineBehindATornOneStandsAlone)
     setrlimit(RLIMIT_FSIZE, &before);
     append(path, "fourth\n");
     append(path, "fifth\n");
-    EXPECT_EQ("first\nse\nfourth\nfifth\n", file_now(path));
+    EXPECT_EQ("first\nse\nfourth\nfifth\n", file_text(path));
     EXPECT_EQ(1, log.count("cannot be written: "));
 }
