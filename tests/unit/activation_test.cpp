@@ -27,3 +27,17 @@ TEST(activation, answers)
         EXPECT_EQ(nm.port, info_now().nm_port);
     }
 }
+
+TEST(activation, status_texts)
+{
+    LogLines log;
+    std::string texts;
+    for (uint32_t status = DMA_OFFLINE; status <= DMA_ONLINE + 1; status++) {
+        char cause[DMA_CAUSE_SIZE];
+        dma_status_set((DmaStatus)status, DMA_CAUSE_CLEAR);
+        texts += dma_status_describe(cause) + std::string(" ");
+    }
+    EXPECT_EQ(
+        "offline plugin_initialization_failed device_center_request_failed device_activation_failed online offline ",
+        texts);
+}
