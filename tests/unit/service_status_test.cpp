@@ -20,41 +20,26 @@ static std::string service_file(const std::string &content)
 
 static void keep_record(const char *record, void *arg)
 {
-    ((Texts *)arg)->push_back(record);
+    *(std::string *)arg += (((std::string *)arg)->empty() ? "" : ", ") + std::string(record);
 }
 
 TEST(ServiceStatus, RecordsAreCutAtTheirSeparators)
 {
     const std::string full(4095, 'f'), over(4096, 'o');
-    const struct {
-        const char *name;
-        std::string file;
-        Texts records;
-        int invalid; // 1: the log tells of a record that is too long
-    } k_cases[] = {
-        {"empty file", "", {}, 0},
-        {"no separator", "one", {"one"}, 0},
-        {"three, the last one open", "a" + k_sep + "b" + k_sep + "c", {"a", "b", "c"}, 0},
-        {"closed by a separator", "a" + k_sep, {"a"}, 0},
-        {"separators in a row", k_sep + k_sep + "a" + k_sep + k_sep + "b", {"a", "b"}, 0},
-        {"half a separator is text", "a\r\nb\r\n\r" + k_sep + "c", {"a\r\nb\r\n\r", "c"}, 0},
-        {"longest", full + k_sep + full, {full, full}, 0},
-        {"too long with its separator", over + k_sep + "b", {"b"}, 1},
-        {"too long as the rest", "a" + k_sep + over, {"a"}, 0},
-        {"too long for the buffer", "a" + k_sep + std::string(8191, 'x') + k_sep + "b", {"a"}, 0},
-        {"just fits the buffer", std::string(8187, 'x') + k_sep + "b", {"b"}, 1},
-        {"NUL inside", std::string("a\0z", 3) + k_sep + "b", {"a", "b"}, 0},
-        {"NUL in front", std::string("\0z", 2) + k_sep + "b", {"b"}, 0},
-    };
-    for (const auto &c : k_cases) {
-        SCOPED_TRACE(c.name);
-        std::string path = service_file(c.file);
-        int fd = open(path.c_str(), O_RDONLY);
-        Texts records;
+    std::vector<Texts> rows = examples("service-records");
+    const std::vector<Texts> invalid = {{over + k_sep + "b", "b"}, {std::string(8187, 'x') + k_sep + "b", "b"}};
+    rows.insert(rows.end(), invalid.begin(), invalid.end());
+    rows.push_back({full + k_sep + full, full + ", " + full});
+    rows.push_back({"a" + k_sep + over, "a"});
+    rows.push_back({"a" + k_sep + std::string(8191, 'x') + k_sep + "b", "a"}); // does not fit the buffer
+    for (const Texts &row : rows) {
+        SCOPED_TRACE(row[0].substr(0, 60));
+        int fd = open(service_file(row[0]).c_str(), O_RDONLY);
+        std::string records;
         LogLines log;
         service_records_read(fd, keep_record, &records);
-        EXPECT_EQ(log.text(), c.invalid ? "[ERR] Invalid param!\n" : "");
-        EXPECT_EQ(records, c.records);
+        EXPECT_EQ(std::count(invalid.begin(), invalid.end(), row) ? "[ERR] Invalid param!\n" : "", log.text());
+        EXPECT_EQ(row[1], records);
         close(fd);
     }
 }
@@ -69,9 +54,9 @@ TEST(ServiceStatus, RecordsSurviveEveryCutBetweenTwoReads)
         ASSERT_EQ(send(ends[0], file.data(), cut, 0), (ssize_t)cut);
         ASSERT_EQ(send(ends[0], file.data() + cut, file.size() - cut, 0), (ssize_t)(file.size() - cut));
         close(ends[0]);
-        Texts records;
+        std::string records;
         service_records_read(ends[1], keep_record, &records);
-        EXPECT_EQ(records, (Texts{"aa", "b\r", "cc"}));
+        EXPECT_EQ("aa, b\r, cc", records);
         close(ends[1]);
     }
 }
@@ -120,7 +105,11 @@ TEST(ServiceStatus, WithoutTheLockTheFileStaysAsItWas)
     EXPECT_EQ(log.take(), "[WRN] Set file lock failed: Resource temporarily unavailable\n"
                           "[WRN] Set file lock failed again: Resource temporarily unavailable\n");
     EXPECT_EQ(std::filesystem::file_size(path), 5u);
-    close(fd);
+    std::thread device([fd] { usleep(20000), close(fd); }); // lets go before the second attempt
+    service_status_report(1);
+    device.join();
+    EXPECT_EQ(std::filesystem::file_size(path), 0u);
+    (void)log.take();
     unlink(path.c_str());
     service_status_report(1); // the file is missing now: told by the lock
     EXPECT_EQ(log.take(), "[WRN] Set file lock failed: Bad file descriptor\n"

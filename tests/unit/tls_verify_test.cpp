@@ -68,108 +68,40 @@ static void tls_serve(const SimTlsFiles &files, bool is_old, int fd)
     SSL_CTX_free(ctx);
 }
 
-enum ServerKind { TLS, TLS_ASKS, TLS_1_0, PLAIN_TEXT, RESETS, STALLS, TRICKLES };
-
-static void serve(const Certificates &certs, ServerKind kind, const char *certificate, int fd)
+static void serve(const Certificates &certs, const std::string &kind, const std::string &certificate, int fd)
 {
     const struct linger at_once = {1, 0};
-    if (kind == TLS || kind == TLS_ASKS || kind == TLS_1_0)
-        tls_serve(certs.server(certificate, kind == TLS_ASKS ? "ca" : ""), kind == TLS_1_0, fd);
-    if (kind == PLAIN_TEXT)
+    if (kind.substr(0, 3) == "TLS")
+        tls_serve(certs.server(certificate, kind == "TLS, asks" ? "ca" : ""), kind == "TLS 1.0", fd);
+    if (kind == "plain text")
         peer_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
     const std::string hello("\x16\x03\x03\x40\0\x02\0\x3f\xfc\x03\x03", 11); // the beginning of one
-    for (size_t at = 0; kind == TRICKLES && at < hello.size() && send(fd, &hello[at], 1, MSG_NOSIGNAL) == 1; at++)
+    for (size_t at = 0; kind == "trickles" && at < hello.size() && send(fd, &hello[at], 1, MSG_NOSIGNAL) == 1; at++)
         usleep(300000);
-    if (kind == PLAIN_TEXT || kind == STALLS)
+    if (kind == "plain text" || kind == "stalls")
         (void)read_upto(fd, 65536);
-    if (kind == RESETS && readable_within(fd, 5000))
+    if (kind == "resets" && readable_within(fd, 5000))
         setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
     close(fd);
 }
 
-// Without a kind the peer is a TLS server; it was dialled as host.
-struct VerifyRow {
-    const char *certificate, *config;
-    const char *line; // null: accepted
-    const char *host = "nm.test";
-    ServerKind kind = TLS;
-    int64_t clock_s = 0; // 0: now
-};
-
-#define CA "ca_file=<ca>\n"
-#define DEVICE "client_cert=<device>\nclient_key=<device.key>\n"
-#define SUBJECT_NM ", peer's certificate: /CN=NM\n"
-#define NO_SUBJECT ", peer's certificate: none\n"
-#define NO_ISSUER "unable to get local issuer certificate" SUBJECT_NM
-static const VerifyRow k_rows[] = {
-    {"right", CA, nullptr},
-    {"right", CA, nullptr, "127.0.0.1"},
-    {"right", CA "server_name=nm.test", nullptr, "127.0.0.9"},
-    {"right", CA "server_name=other.test", "hostname mismatch" SUBJECT_NM},
-    {"right", CA, "no server name to expect" NO_SUBJECT, ""},
-    {"other-name", CA, "TLS with nm.test refused: hostname mismatch, peer's certificate: /CN=stranger\n"},
-    {"other-name", CA, "127.0.0.1 refused: IP address mismatch, peer's certificate: /CN=stranger\n", "127.0.0.1"},
-    {"common-name", CA, nullptr},
-    {"other-device", CA, "unsuitable certificate purpose" SUBJECT_NM},
-    // dates
-    {"expired", CA, "certificate has expired" SUBJECT_NM},
-    {"expired", CA "check_time=0", nullptr},
-    {"too-early", CA, nullptr, "nm.test", TLS, 86400}, // in 1970
-    {"other-name", CA, "hostname mismatch", "nm.test", TLS, 86400},
-    // chains
-    {"with-middle", CA, nullptr},
-    {"of-middle", CA, NO_ISSUER},
-    {"of-other-ca", CA, NO_ISSUER},
-    {"self-signed", CA, "self-signed certificate" SUBJECT_NM},
-    {"self-signed", "ca_file=<self-signed>", nullptr},
-    // pins, alone: neither name nor date nor CA counts
-    {"expired", "pin_sha256={expired}", nullptr, ""},
-    {"right", "pin_sha256={ca}  {right}", nullptr},
-    {"right", "pin_sha256={ca} {other-ca}", "is not in pin_sha256" SUBJECT_NM},
-    {"right", "pin_sha256={right}x", "is not in pin_sha256" SUBJECT_NM},
-    {"of-other-ca", CA "pin_sha256={of-other-ca}", NO_ISSUER},
-    {"right", CA "pin_sha256={ca}", "is not in pin_sha256" SUBJECT_NM},
-    {"right", CA "pin_sha256={right}", nullptr},
-    // client certificates
-    {"right", CA DEVICE, nullptr, "nm.test", TLS_ASKS},
-    {"right", CA, "alert handshake failure" SUBJECT_NM, "nm.test", TLS_ASKS},
-    {"self-signed", DEVICE, nullptr, "nm.test", TLS_ASKS}, // NM is not verified
-    {"right", CA "client_cert=<device>\nclient_key=<ca.key>", "ca.key' cannot be used: key values mismatch!\n"},
-    {"right", CA "client_cert=<device>", "need each other!\n"},
-    {"right", CA "client_cert=<device>\nclient_key=<gone>", "gone' cannot be used: No such file or directory!\n"},
-    // what cannot be used
-    {"right", "ca_file=<gone>", "gone' cannot be used: No such file or directory!\n"},
-    {"right", "ca_file=<empty>", "empty' cannot be used: "},
-    {"right", "ca_file=<gone>\npin_sha256={right}", "cannot be used: "},
-    {"right", "server_name=nm.test", "server_name needs ca_file or pin_sha256"},
-    {"right", CA "check_time=2", "cannot be used as it stands"},
-    {"right", "ca_flie=<ca>", "cannot be used as it stands"},
-    {"self-signed", "", nullptr, ""},
-    // peers that are no NM
-    {"right", CA, "wrong ssl version" NO_SUBJECT, "nm.test", TLS_1_0},
-    {"", CA, "wrong version number" NO_SUBJECT, "nm.test", PLAIN_TEXT},
-    {"", CA, "Connection reset by peer" NO_SUBJECT, "nm.test", RESETS},
-    {"", CA "handshake_timeout_s=1", "handshake_timeout_s is over" NO_SUBJECT, "nm.test", STALLS},
-    {"", "handshake_timeout_s=1", "handshake_timeout_s is over" NO_SUBJECT, "nm.test", TRICKLES},
-};
-
-// Returns what was logged.
-static std::string row_run(Certificates *certs, const VerifyRow &row)
+// A row of docs/examples/nm-tls.md. clock_s: the agent's, 0: now. Returns what was logged.
+static std::string row_run(Certificates *certs, const Texts &row, int64_t clock_s = 0)
 {
-    SCOPED_TRACE(std::string(row.certificate) + " for " + row.host + ", kind " + std::to_string(row.kind) + ", " +
-                 row.config);
+    const std::string &certificate = row[0], &host = row[2], &kind = row[3], &line = row[4];
+    SCOPED_TRACE(certificate + ", " + row[1] + ", " + host + ", " + kind);
     SocketConn conn;
     int peer = connect_pair(&conn);
-    certs->configure(row.config);
-    g_tls_clock_for_test = row.clock_s;
-    std::thread server([&] { serve(*certs, row.kind, row.certificate, peer); });
+    certs->configure(row[1]);
+    g_tls_clock_for_test = clock_s;
+    std::thread server([&] { serve(*certs, kind, certificate, peer); });
     const int64_t begin_ms = wait_now_ms();
     LogLines log;
-    conn.ssl = tls_init(conn.socket_fd, row.host);
+    conn.ssl = tls_init(conn.socket_fd, host.c_str());
     const int failure = conn.ssl ? 0 : errno;
-    EXPECT_EQ(row.line ? EACCES : 0, failure);
-    EXPECT_TRUE(log.has(row.line ? row.line : "SSL init success!")) << log.text();
-    EXPECT_EQ(row.line ? 1 : 0, log.count("[ERR]")) << log.text();
+    EXPECT_EQ(line.empty() ? 0 : EACCES, failure);
+    EXPECT_TRUE(log.has(line.empty() ? "SSL init success!" : line)) << log.text();
+    EXPECT_EQ(line.empty() ? 0 : 1, log.count("[ERR]")) << log.text();
     EXPECT_LT(wait_now_ms() - begin_ms, 1800);
     socket_close_private(&conn);
     server.join();
@@ -180,13 +112,16 @@ TEST(TlsVerify, CertificatesAgainstConfigurations)
 {
     start_process_once();
     Certificates certs;
-    for (const VerifyRow &row : k_rows)
+    for (const Texts &row : examples("nm-tls"))
         row_run(&certs, row);
+    const int64_t in_1970_s = 86400; // a clock that was never set: no date counts, the name does
+    row_run(&certs, {"too-early", "ca_file=<ca>", "nm.test", "TLS", ""}, in_1970_s);
+    row_run(&certs, {"other-name", "ca_file=<ca>", "nm.test", "TLS", "hostname mismatch"}, in_1970_s);
 
     (void)chmod(certs.file("device.key").c_str(), 0640);
     std::string log;
     for (int i = 0; i < 2; i++)
-        log += row_run(&certs, {"right", CA DEVICE, nullptr, "nm.test", TLS_ASKS});
+        log += row_run(&certs, {"right", "client_cert=<device>\nclient_key=<device.key>", "", "TLS, asks", ""});
     EXPECT_EQ(1, count_of(log, "device.key' can be read by others than its owner!"));
 }
 
