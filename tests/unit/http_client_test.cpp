@@ -206,27 +206,6 @@ TEST(http_client, encryption_is_decided_with_the_port)
     }
 }
 
-// Connecting again leads to the same port, so it is encrypted as before, whatever the method in force says by now.
-TEST(http_client, reconnects_as_before)
-{
-    start_process_once();
-    for (bool was_https : {true, false}) {
-        SCOPED_TRACE(was_https);
-        Peer peer([&](int listener) {
-            for (int i = 0; i < 2; i++)
-                EXPECT_EQ(was_https, TlsPeer().accept_from(listener));
-        });
-        nm_set(peer.port, was_https ? "https" : "http");
-        conn_add(REMOTE_TELNET_SERVER, connect_to(peer.port), 0);
-        nm_set(peer.port, was_https ? "http" : "https");
-        LogLines log;
-        EXPECT_EQ(1, conn_reconnect(REMOTE_TELNET_SERVER));
-        EXPECT_EQ(was_https, log.has("SSL init success!"));
-        EXPECT_TRUE(was_https || !log.has("SSL_connect")); // not even tried
-        conn_remove(REMOTE_TELNET_SERVER, 0);
-    }
-}
-
 // The kept connection never looks a name up: whoever posts on it holds the NM post lock.
 TEST(http_client, kept_connection_wants_an_address)
 {
