@@ -5,17 +5,12 @@ workbench_test.py BUILD_DIR [PICTURES_DIR]
 With PICTURES_DIR it also leaves pictures of the page there, dark and light, wide and narrow. Exit status 77: skipped.
 """
 import http.client
-import http.server
 import os
 import re
-import shutil
 import signal
 import socket
-import socketserver
 import subprocess
 import sys
-import tempfile
-import threading
 import time
 
 try:
@@ -27,11 +22,9 @@ except ImportError:
     webdriver = None
 
 SERIALS = ["SN00000001", "SN00000002"]
-TELNETD = shutil.which("telnetd") or "/usr/sbin/telnetd"
 DRIVER = "/usr/bin/chromedriver"
 WAIT_S = 60
-PAGE = b"<!doctype html><link rel=icon href=data:,><title>device</title><h1>the device's own page</h1>"
-NEEDED = [DRIVER, "/usr/bin/chromium", TELNETD, "/usr/share/javascript/chart.js/chart.min.js",
+NEEDED = [DRIVER, "/usr/bin/chromium", "/usr/share/javascript/chart.js/chart.min.js",
           "/usr/share/nodejs/xterm/lib/public/Terminal.js"]
 
 
@@ -46,78 +39,27 @@ def until(what, holds):
     raise AssertionError("never came: " + what)
 
 
-class DevicePage(http.server.BaseHTTPRequestHandler):
-    def do_GET(self):
-        self.send_response(200)
-        self.send_header("Content-Type", "text/html")
-        self.send_header("Content-Length", str(len(PAGE)))
-        self.end_headers()
-        self.wfile.write(PAGE)
-
-    def log_message(self, *_):
-        pass
-
-
-class DeviceTelnet(socketserver.BaseRequestHandler):
-    def handle(self):
-        subprocess.run([TELNETD, "-h", "-E", "/bin/sh"], stdin=self.request, stdout=self.request,
-                       stderr=subprocess.DEVNULL, check=False)
-
-
-class Server(socketserver.ThreadingTCPServer):
-    allow_reuse_address = True
-    daemon_threads = True
-    block_on_close = False
-
-
-def serve(handler):
-    server = Server(("127.0.0.1", 0), handler)
-    threading.Thread(target=server.serve_forever, daemon=True).start()
-    return server.server_address[1]
-
-
-class Stage:
-    """NM, two devices and two agents in a directory of their own."""
+class Demo:
+    """The demonstration with the workbench: NM, two devices with their agents, a web server and a telnet service."""
 
     def __init__(self, build):
-        self.build, self.dir, self.running = build, tempfile.mkdtemp(prefix="workbench."), []
+        script = os.path.join(os.path.dirname(__file__), "../../scripts/demo")
+        self.process = subprocess.Popen([script, "--console", "--build", build], stdout=subprocess.PIPE, text=True)
+        self.nm_port = int(self.line(r"NM listens on http://127\.0\.0\.1:(\d+)"))
+        self.port = int(self.line(r"in a browser: http://127\.0\.0\.1:(\d+)/"))
 
-    def start(self, name, *words, cwd=None):
-        log = os.path.join(self.dir, name + ".log")
-        with open(log, "wb") as out:
-            process = subprocess.Popen([os.path.join(self.build, words[0]), *words[1:]], stdin=subprocess.PIPE,
-                                       stdout=out, stderr=subprocess.STDOUT, cwd=cwd)
-        self.running.append(process)
-        return process, log
-
-    def line(self, log, pattern):
-        def found():
-            with open(log, encoding="utf-8", errors="replace") as text:
-                return re.search(pattern, text.read())
-        return until(pattern, found)
-
-    def begin(self):
-        _, nm_log = self.start("nm", "nm_simulator", "--console", "0")
-        self.port = int(self.line(nm_log, r"workbench is at http://127\.0\.0\.1:(\d+)/").group(1))
-        nm_port = self.line(nm_log, r"NM listens on http://127\.0\.0\.1:(\d+)").group(1)
-        self.nm_port = int(nm_port)
-        device, log = self.start("device", "device_simulator", "--dir", self.dir, "--nm-port", nm_port, "--count", "2",
-                                 "--set", f"web_port={serve(DevicePage)}", "--set",
-                                 f"telnet_port={serve(DeviceTelnet)}")
-        self.line(log, "device 2: the device listens")
-        for number in ("1", "2"):
-            device.stdin.write(f'device {number}\nanswer reboot {{"type":"upgrade-result","result":"done"}}\n'.encode())
-            folder = os.path.join(self.dir, number)
-            with open(os.path.join(folder, "config.ini"), "w", encoding="utf-8") as ini:
-                ini.write(f"[plugin_config]\nplugin_eth = lo\n[device_info]\ninit_cfg = {folder}/init\n")
-            self.start("agent" + number, "proxy_plugin", cwd=folder)
-        device.stdin.flush()
+    def line(self, pattern):
+        for line in self.process.stdout:
+            print(line, end="", flush=True)
+            found = re.search(pattern, line)
+            if found:
+                return found.group(1)
+        raise AssertionError("never came: " + pattern)
 
     def end(self):
-        """Returns the exit statuses; a sanitizer's report would change them."""
-        for process in reversed(self.running):
-            process.send_signal(signal.SIGTERM)
-        return [process.wait(60) for process in self.running]
+        self.process.send_signal(signal.SIGTERM)
+        print(self.process.communicate()[0])
+        return self.process.returncode
 
 
 def browser_open():
@@ -187,7 +129,7 @@ def devices_and_chart(page):
 
 def command_and_result(page):
     page.click("[data-command=reboot]")
-    result = until("the result of reboot", lambda: re.search(r"result\{[^}]*\"result\":\"done\"",
+    result = until("the result of reboot", lambda: re.search(r"result\{[^}]*\"result\":\"success\"",
                                                              page.text("#timeline")))
     assert '"sessionid":"wb-1"' in result.string
     page.click(f"#devices button[data-serial={SERIALS[1]}]")  # the other device has got nothing of it
@@ -200,7 +142,7 @@ def device_page(page):
     page.click("#web")
     until("a window for the device's page", lambda: len(page.browser.window_handles) == 2)
     page.browser.switch_to.window(next(h for h in page.browser.window_handles if h != own))
-    until("the device's page", lambda: "the device's own page" in page.text("h1"))
+    until("the device's page", lambda: "the device's own page" in page.text("body"))
     page.browser.close()
     page.browser.switch_to.window(own)
     until("a link to it", lambda: page.browser.find_elements(By.ID, "web-link"))
@@ -260,24 +202,21 @@ def pictures(page, directory):
 
 
 def narrow(page):
-    page.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-        "width": 400, "height": 800, "deviceScaleFactor": 1, "mobile": False})
-    until("nothing sticks out at 400 pixels", lambda: page.browser.execute_script(
-        "return document.documentElement.scrollWidth <= 400"))
+    look(page, 400, 800)
+    assert page.browser.execute_script("return document.documentElement.scrollWidth <= 400"), "something sticks out"
 
 
 def main():
     missing = [path for path in NEEDED if not os.path.exists(path)] + ([] if webdriver else ["python3-selenium"])
     if missing:
-        print("skipped, missing (scripts/setup console installs them):", *missing)
+        print("skipped, missing (scripts/setup test installs them):", *missing)
         return 77
-    stage, browser, statuses = Stage(os.path.abspath(sys.argv[1])), None, []
+    demo, browser, status = Demo(sys.argv[1]), None, 1
     try:
-        stage.begin()
-        refuse_foreigners(stage.port)
+        refuse_foreigners(demo.port)
         browser = browser_open()
-        browser.get(f"http://127.0.0.1:{stage.port}/")
-        page = Page(browser, stage.nm_port)
+        browser.get(f"http://127.0.0.1:{demo.port}/")
+        page = Page(browser, demo.nm_port)
         for step in (devices_and_chart, command_and_result, device_page, terminal, misbehaviour):
             print(step.__name__, flush=True)
             try:
@@ -294,12 +233,8 @@ def main():
     finally:
         if browser:
             browser.quit()
-        statuses = stage.end()
-        for name in ("nm", "device"):
-            with open(os.path.join(stage.dir, name + ".log"), encoding="utf-8", errors="replace") as log:
-                print("".join(line for line in log if "==" in line or " #" in line), end="")  # of a sanitizer
-        shutil.rmtree(stage.dir)
-    assert statuses == [0, 0, 15, 15], statuses
+        status = demo.end()
+    assert status == 0, status
     return 0
 
 
