@@ -66,6 +66,7 @@ TEST(TunnelTelnet, FreshSessionAndLostSides)
     TunnelStage stage;
     ASSERT_TRUE(tunnel_stage_start(&stage, false, nullptr, &device));
     TelnetTunnelSim *telnet = stage.telnet.get();
+    const std::pair<int, int> idle = proc_usage_at_rest(stage.agent.pid);
     ASSERT_TRUE(telnet_open(&stage));
     ASSERT_TRUE(held_is(telnet, "session 1\n"));
     telnet->send_init();
@@ -97,6 +98,7 @@ TEST(TunnelTelnet, FreshSessionAndLostSides)
     for (int i = 0; i < 20 && !agent_has_log(stage.agent, "Broken tunnel from 127.0.0.1:"); i++)
         lose(true);
     EXPECT_TRUE(agent_has_log(stage.agent, "Broken tunnel from 127.0.0.1:"));
+    EXPECT_TRUE(proc_usage_returns(stage.agent.pid, idle));
 }
 
 // A device that never stops talking must still hear the interrupt key, also when NM takes only a part of what it says.
@@ -160,6 +162,14 @@ TEST(TunnelTelnet, DeviceThatBlocksOnItsOutput)
     stage.telnet->send_bytes(keys);
     EXPECT_TRUE(held_is(stage.telnet.get(), said.substr(said.size() - 40 * 8192)));
     EXPECT_FALSE(agent_has_log(stage.agent, "send failed"));
+
+    stage.telnet->send_bytes(noise(300000, 99)); // ends the session, with most of it still on the way
+    EXPECT_TRUE(stage.telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; }));
+    ASSERT_TRUE(telnet_open(&stage)); // the next one gets nothing of it
+    stage.telnet->send_bytes(noise(512, 0));
+    EXPECT_TRUE(held_is(stage.telnet.get(), "a\xff\xf2"
+                                            "b" +
+                                                noise(8192, 0)));
 }
 
 // A telnet client that lets the device echo and suppress go-ahead, and refuses all other options.
