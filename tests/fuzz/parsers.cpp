@@ -1,7 +1,6 @@
 // The parsers that read what peers and files say, one target each: fuzz_parsers --target=NAME. Built with libFuzzer by
 // the fuzz preset, else run over the files of corpus/NAME as a test.
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cjson/cJSON.h>
 #include <errno.h>
 #include <stdio.h>
@@ -23,8 +22,6 @@
 #include "nm/init_cfg_internal.h"
 #include "nm/nm_msg.h"
 #include "nm/nm_msg_table.h"
-#include "remote/remote_audit.h"
-#include "remote/remote_policy.h"
 #include "remote/remote_telnet.h"
 #include "remote/remote_telnet_internal.h"
 #include "remote/remote_web.h"
@@ -239,71 +236,6 @@ static void init_cfg(const Input &in)
     require(len == 0 || info.plugin_log_path[len - 1] == '/');
 }
 
-static bool judged(const std::string &allow_hosts, const std::string &host, const char *address)
-{
-    RemoteAccessOptions policy = {};
-    require(text_set(policy.allow_hosts, allow_hosts.c_str()) == 0);
-    return !remote_policy_judge(&policy, 1, host.c_str(), address, [](const char *name, const struct in_addr *) {
-        require(name[0] != '\0' && strlen(name) <= 253);
-        return false;
-    });
-}
-
-// The address, the host's length, the host, and a list of permitted ends. More entries permit more, a bad one nothing.
-static void policy(const Input &in)
-{
-    if (in.size < 5)
-        return;
-    char address[INET_ADDRSTRLEN];
-    require(inet_ntop(AF_INET, in.data, address, sizeof(address)));
-    const std::string all = in.text + 5;
-    const std::string host = all.substr(0, in.data[4] % 64), list = all.substr(host.size()).substr(0, 900);
-    if (list.empty())
-        return;
-    const bool permitted = judged(list, host, address), is_valid = judged(list + " 0.0.0.0/0", host, address);
-    require(!permitted || is_valid);
-    require(judged(list + " " + address, host, address) == is_valid);
-    require(judged(list + " " + address + "/32", host, address) == is_valid);
-    const bool is_either = strcmp(address, "192.0.2.1") == 0 || strcasecmp(host.c_str(), "never.invalid") == 0;
-    require(judged(list + " 192.0.2.1 never.invalid", host, address) == (permitted || (is_valid && is_either)));
-    require(!judged(list + " 1.2.3", host, address) && !judged("1.2.3.4/33 " + list, host, address));
-}
-
-// What a line says of a text: every byte as the character of that number.
-static std::string latin_1(const char *text)
-{
-    std::string utf8;
-    for (const unsigned char *c = (const unsigned char *)text; *c; c++)
-        utf8 += *c < 128 ? std::string(1, (char)*c) : std::string{(char)(0xc0 | *c >> 6), (char)(0x80 | (*c & 63))};
-    return utf8;
-}
-
-static void audit_line_check(const char *line, size_t len, const AuditTunnel &tunnel)
-{
-    require(strlen(line) == len && len < AUDIT_LINE_SIZE && line[len - 1] == '\n');
-    for (size_t i = 0; i < len - 1; i++)
-        require(line[i] >= ' ' && line[i] <= '~');
-    const JsonTree root = json_parse(line);
-    require(root != nullptr);
-    require(json_text(root.get(), "host") == latin_1(tunnel.host));
-    require(json_text(root.get(), "session") == latin_1(tunnel.session_id));
-}
-
-// Two texts of NM, one behind the other, and times and counts out of the first bytes.
-static void audit(const Input &in)
-{
-    int64_t numbers[3] = {};
-    memcpy(numbers, in.data, std::min(in.size, sizeof(numbers)));
-    const std::string text = in.text, host = text.substr(0, 511), id = text.substr(host.size(), 511);
-    const AuditTunnel tunnel = {"web", host.c_str(), "255.255.255.255", "65535", id.c_str()};
-    const uint64_t count = (uint64_t)numbers[2];
-    const AuditSession session = {tunnel, numbers[0], numbers[1], count, count, true, (uint32_t)count, "restart"};
-    const AuditRefusal refusal = {tunnel, numbers[2], "the tunnel end is not in allow_hosts"};
-    char line[AUDIT_LINE_SIZE];
-    audit_line_check(line, remote_audit_session_format(&session, line), tunnel);
-    audit_line_check(line, remote_audit_refusal_format(&refusal, line), tunnel);
-}
-
 static void service_file(const Input &in)
 {
     int fd = memfd_create("service", MFD_CLOEXEC);
@@ -352,8 +284,6 @@ static const struct Target {
     {"web_response", web_response, true, true},
     {"tls_records", tls_records},
     {"masked_line", masked_line},
-    {"policy", policy},
-    {"audit", audit},
 };
 static const Target *s_target;
 

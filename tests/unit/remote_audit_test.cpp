@@ -11,13 +11,13 @@
 TEST(RemoteAudit, LinesAreWhole)
 {
     char line[AUDIT_LINE_SIZE];
-    const AuditTunnel web = {"web", "nm.example", "10.1.2.3", "8443", "a\"\\\n\x7f\xc3\xa9"};
+    const AuditTunnel web = {"web", "nm.example", "10.1.2.3", "8443", " ~\"\\\n\x7f\xc3\xa9"};
     const int64_t after_2038_s = 4102444800;
     AuditSession session = {web, 1700000000, after_2038_s, 5000000000, 18446744073709551615u, true, 3, "idle"};
     size_t len = remote_audit_session_format(&session, line);
     EXPECT_STREQ("{\"event\":\"session\",\"start\":\"2023-11-14T22:13:20Z\",\"end\":\"2100-01-01T00:00:00Z\","
                  "\"kind\":\"web\",\"host\":\"nm.example\",\"tunnel_end\":\"10.1.2.3:8443\","
-                 "\"session\":\"a\\\"\\\\\\u000a\\u007f\\u00c3\\u00a9\",\"from_nm\":5000000000,"
+                 "\"session\":\" ~\\\"\\\\\\u000a\\u007f\\u00c3\\u00a9\",\"from_nm\":5000000000,"
                  "\"to_nm\":18446744073709551615,\"ids\":3,\"ended_by\":\"idle\"}\n",
                  line);
     EXPECT_EQ(strlen(line), len);
@@ -33,6 +33,9 @@ TEST(RemoteAudit, LinesAreWhole)
     EXPECT_STREQ("the service is switched off", cJSON_GetStringValue(cJSON_GetObjectItem(root, "reason")));
     EXPECT_STREQ("1970-01-01T00:00:00Z", cJSON_GetStringValue(cJSON_GetObjectItem(root, "time")));
     cJSON_Delete(root);
+    refusal.time_s = INT64_MAX; // no year has it
+    (void)remote_audit_refusal_format(&refusal, line);
+    EXPECT_EQ(line, strstr(line, "{\"event\":\"refusal\",\"time\":\"\","));
 }
 
 static void append(const std::string &path, const char *line)
