@@ -22,34 +22,18 @@ static std::string ack(const std::string &sessionid, const char *type, const cha
 
 TEST(DevMsgHandle, Acks)
 {
-    const std::string id_429(429, 'i'), id_430(430, 'i');
-    const struct {
-        const char *type;
-        std::string sessionid;
-        int32_t msg_id;
-        const char *response; // null: NM did not answer
-        std::string sent;
-    } cases[] = {
-        {"cfg-result", "s1", -1, "{\"status\":200,\"result\":{\"sessionid\":\"s2\"}}",
-         ack("s2", "cfg-ack", "true", "")},
-        {"backup-result", "s1", -1, "{\"status\":200}", ack("s1", "backup-ack", "true", "")},
-        {"upgrade-result", "s1", -1, "{\"status\":5,\"error\":\"\\\"x\\\"\"}",
-         ack("s1", "upgrade-ack", "false", "\"x\"")},
-        {"cfg-result", "s1", -1, "{\"status\":\"200\"}", ack("s1", "cfg-ack", "false", "")},
-        {"cfg-result", "", -1, nullptr, ack("", "cfg-ack", "false", "")},
-        {"alarm-info", "s1", -1, "", "{\t\"type\":\"alarm-ack\",\t\"msgId\":-1,\t\"result\":false,\t\"ver\":\"\"}"},
-        {"upgrade-result", id_429, -1, nullptr, ack(id_429, "upgrade-ack", "false", "")}, // 506 characters
-        {"upgrade-result", id_430, -1, nullptr, ack(id_430, "upgrade-ack", "false", "").substr(0, 506)},
-        {"cfg-result", "s1", -1, "<html>", "(none)"},
-        {"port-status", "s1", -1, "{\"status\":200}", "(none)"},
-    };
+    std::vector<Texts> rows = examples("acks");
+    for (size_t len : {429, 430}) { // the ack has 506 characters at most
+        const std::string id(len, 'i');
+        rows.push_back({"upgrade-result", id, "none", ack(id, "upgrade-ack", "false", "").substr(0, 506)});
+    }
     int device = device_link();
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.sent);
-        int len = c.response ? (int)strlen(c.response) : 0;
-        bool none = c.sent == "(none)";
-        EXPECT_EQ(dev_msg_ack(c.sessionid.c_str(), c.msg_id, c.type, c.response, len), none ? -1 : 0);
-        EXPECT_EQ(device_read(device, none ? 0 : 5000), c.sent);
+    for (const Texts &row : rows) {
+        SCOPED_TRACE(row[0] + ": " + row[2]);
+        const bool answered = row[2] != "none", none = row[3].empty();
+        EXPECT_EQ(none ? -1 : 0, dev_msg_ack(row[1].c_str(), -1, row[0].c_str(), answered ? row[2].c_str() : nullptr,
+                                             answered ? (int)row[2].size() : 0));
+        EXPECT_EQ(none ? "(none)" : row[3], device_read(device, none ? 0 : 5000));
     }
     conn_remove_all();
     EXPECT_EQ(dev_msg_ack("", -1, "cfg-result", nullptr, 0), 0); // without a link it counts as sent

@@ -284,6 +284,23 @@ TEST(Formats, SimulatedDevice)
     }
 }
 
+// The simulators' own judgement: each fault is named.
+TEST(Formats, FaultsOfRequestsAndFrames)
+{
+    for (const Texts &row : examples("request-faults")) {
+        SCOPED_TRACE(row[0]);
+        std::string text = bytes_of("http-heartbeat-request"), wrong;
+        HttpRequest request;
+        text.replace(text.find(row[0]), row[0].size(), row[1]);
+        if (http_request_cut(text + "POST", &request, &wrong) > 0)
+            wrong = nm_check_request(request, "127.0.0.1:8080", "SN00000001");
+        EXPECT_NE(std::string::npos, wrong.find(row[2])) << wrong;
+    }
+    std::string type;
+    for (const Texts &row : examples("frame-faults"))
+        EXPECT_EQ(row[1] == "yes", device_check_frame(row[0], &type).empty()) << row[0];
+}
+
 TEST(Formats, SimulatedTunnelEnds)
 {
     const uint64_t id = 0xa500000000000001;
