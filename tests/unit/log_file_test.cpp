@@ -1,10 +1,12 @@
 #include <fcntl.h>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "device_files.h"
 #include "nm/init_cfg.h"
 #include "runtime/log.h"
 #include "runtime/log_file.h"
@@ -18,77 +20,43 @@ static void put_file(const std::string &path, size_t size, time_t modified)
     ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
 }
 
-static std::string content_of(const std::string &path)
-{
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-// Expects the slot that is picked after a scan of files (name, size, time), out of 3 slots of 100 bytes.
-struct RingFile {
-    const char *name;
-    size_t size;
-    time_t modified;
-    bool is_link = false; // to a file that is none of the ring
-};
-struct RingCase {
-    const char *what;
-    RingFile files[5];
-    int valid, slot, truncate;
-    const char *name; // of the file that is overwritten, null: the file is used further
-};
-static const RingCase k_ring_cases[] = {
-    {"empty", {}, 0, 0, 1, ""},
-    {"room in the first", {{"0.log", 99, 50}}, 1, 0, 0, nullptr},
-    {"full at the limit, an unused slot is next", {{"0.log", 100, 50}}, 1, 1, 1, ""},
-    {"room wins over an unused slot", {{"0.log", 100, 50}, {"2.log", 0, 60}}, 2, 2, 0, nullptr},
-    {"all full, the oldest", {{"0.log", 100, 50}, {"1.log", 100, 40}, {"2.log", 100, 60}}, 3, 1, 1, "1.log"},
-    {"links to files count as files", {{"0.log", 100, 60, true}, {"1.log", 99, 50, true}}, 2, 1, 0, nullptr},
-    {"all as old, the lowest", {{"0.log", 100, 50}, {"1.log", 100, 50}, {"2.log", 100, 50}}, 3, 0, 1, "0.log"},
-    {"beyond the ring, no number at all, a tail",
-     {{"3.log", 1, 50}, {".log", 100, 50}, {"1.log.old", 100, 50}, {"99999999999999.log", 1, 50}, {"10.log", 1, 50}},
-     3,
-     2,
-     1,
-     ""},
-};
-
-static void ring_case_check(const RingCase &c)
+// A row of docs/examples/log-files.md.
+static void ring_row_check(const Texts &row)
 {
     const TempDir temp;
     const std::string dir = temp.path + "/";
-    for (const RingFile &file : c.files) {
-        if (!file.name)
-            continue;
-        std::string target = dir + (file.is_link ? "to_" : "") + file.name;
-        put_file(target, file.size, file.modified);
-        EXPECT_TRUE(!file.is_link || symlink(target.c_str(), (dir + file.name).c_str()) == 0);
+    std::istringstream files(std::regex_replace(row[1], std::regex(","), ""));
+    std::string name;
+    size_t size;
+    for (time_t modified; files >> name >> size >> modified;) {
+        put_file(dir + name, size, modified);
+        EXPECT_TRUE(name[0] != '@' || symlink((dir + name).c_str(), (dir + name.substr(1)).c_str()) == 0);
     }
     LogLines log(6);
-    EXPECT_EQ(c.valid, log_dir_scan(dir.c_str()));
+    EXPECT_EQ(row[2], std::to_string(log_dir_scan(dir.c_str())));
     int truncate = -1;
     (void)log.take();
-    EXPECT_EQ(c.slot, log_pick_slot(3, 100, &truncate));
-    EXPECT_EQ(c.truncate, truncate);
-    std::string wanted = c.name ? "overwrite log file: '" + (*c.name ? dir + c.name : "") + "' now.\n"
-                                : "less than limit: 100, reuse it.\n";
+    EXPECT_EQ(row[3], std::to_string(log_pick_slot(3, 100, &truncate)));
+    EXPECT_EQ(row[4] == "continue" ? 0 : 1, truncate);
+    const std::string file = row[4].size() > strlen("overwrite ") ? dir + row[4].substr(strlen("overwrite ")) : "";
+    const std::string wanted =
+        truncate ? "overwrite log file: '" + file + "' now.\n" : "less than limit: 100, reuse it.\n";
     EXPECT_EQ(log.text().size() - wanted.size(), log.text().find(wanted));
 }
 
-// The table keeps what earlier scans found, so every case wants a process of its own.
+// The table of files keeps what earlier scans found, so every row wants a process of its own.
 TEST(LogFile, PicksASlot)
 {
-    for (const RingCase &c : k_ring_cases) {
+    for (const Texts &row : examples("log-files")) {
         pid_t child = fork();
         if (child == 0) {
-            SCOPED_TRACE(c.what);
-            ring_case_check(c);
+            SCOPED_TRACE(row[0]);
+            ring_row_check(row);
             _exit(testing::Test::HasFailure());
         }
         int status = -1;
         waitpid(child, &status, 0);
-        EXPECT_EQ(0, status) << c.what;
+        EXPECT_EQ(0, status) << row[0];
     }
 }
 
@@ -119,7 +87,7 @@ TEST(LogFile, FillsAndSplits)
     g_log_std = 0;
     log_close();
     log_close(); // silent without a file
-    std::string first = content_of(logs + "0.log"), second = content_of(logs + "1.log");
+    std::string first = file_text(logs + "0.log"), second = file_text(logs + "1.log");
     EXPECT_EQ(71, count_of(first, line));
     EXPECT_EQ(1, count_of(first, "reaches the limit of a single log file: 65536 bytes, split log file now..."));
     EXPECT_LT(first.find("max_log_file_size: 65536"), first.find("Close log file: " + logs + "0.log"));
