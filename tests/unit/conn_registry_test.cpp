@@ -1,9 +1,5 @@
 #include "peers.h"
 
-#include "runtime/wait.h"
-#include "transport/conn_ref.h"
-#include "transport/conn_send.h"
-#include "transport/connect.h"
 
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
 // and the number is given out again only after the last copy has gone.
@@ -28,7 +24,7 @@ TEST(ConnRegistry, CloseWakesAWaiterAndFreesWithTheLastCopy)
         EXPECT_EQ(1, conn_readable(&copy, 10000));
         EXPECT_LT(wait_now_ms() - start, 5000);
         closer.join();
-        EXPECT_TRUE(peer < 0 || read_upto(peer, 1) == "");
+        EXPECT_TRUE(peer < 0 || fd_read(peer, 1) == "");
         EXPECT_EQ(0, conn_is_current(type, &copy));
         EXPECT_GE(fcntl(copy.socket_fd, F_GETFD), 0);
         conn_drop(&copy);
@@ -83,7 +79,7 @@ static void hammer(ConnectionType type, const std::string &frame)
 {
     Peer peer([&](int listener) {
         for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0; close(fd)) {
-            std::string got = read_upto(fd, 1 << 16), frames;
+            std::string got = fd_read(fd, 1 << 16), frames;
             while (frames.size() < got.size())
                 frames += frame;
             EXPECT_EQ(frames.substr(0, got.size()), got);

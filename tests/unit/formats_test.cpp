@@ -5,7 +5,6 @@
 #include "device_check.h"
 #include "device_files.h"
 #include "device_sim.h"
-#include "format_file.h"
 #include "nm/activation.h"
 #include "nm/heartbeat.h"
 #include "nm/init_cfg.h"
@@ -31,7 +30,7 @@ static std::string bytes_of(const std::string &name)
 static void expect_from(int fd, const char *name)
 {
     const std::string expected = bytes_of(name);
-    EXPECT_EQ(expected, read_upto(fd, expected.size()));
+    EXPECT_EQ(expected, fd_read(fd, expected.size()));
 }
 
 // The device of the files, with an NM that answers with them.
@@ -92,7 +91,7 @@ TEST(Formats, AgentAndDevice)
         SCOPED_TRACE(row.from_device);
         if (row.path)
             stage.nm.answer_set(row.path, {bytes_of(row.answer)});
-        peer_send(stage.device, bytes_of(row.from_device));
+        fd_send(stage.device, bytes_of(row.from_device));
         dev_msg_recv();
         dev_msg_get();
         expect_from(stage.device, row.to_device);
@@ -192,8 +191,8 @@ TEST(Formats, AgentAndTelnetSetUp)
     Peer nm([](int listener) {
         const int fd = accept(listener, nullptr, nullptr);
         expect_from(fd, "tunnel-auth");
-        peer_send(fd, bytes_of("telnet-answer"));
-        peer_send(fd, bytes_of("telnet-init"));
+        fd_send(fd, bytes_of("telnet-answer"));
+        fd_send(fd, bytes_of("telnet-init"));
         close(fd);
     });
     info_edit([&](PluginInfo *next) { endpoint_set(&next->dev_telnet, device_port); });
@@ -320,10 +319,10 @@ TEST(Formats, SimulatedTunnelEnds)
     TunnelSimOptions options;
     options.auth = {"1.0", "SN00000001", "token", 1, "s-2"};
     TelnetTunnelSim nm(options);
-    SocketConn conn = connect_to(std::to_string(nm.command_port()));
-    peer_send(conn.socket_fd, bytes_of("tunnel-auth"));
-    const std::string expected = bytes_of("telnet-answer") + bytes_of("telnet-init");
-    EXPECT_EQ(expected, read_upto(conn.socket_fd, expected.size()));
+    const int agent = client_connect(nm.command_port());
+    fd_send(agent, bytes_of("tunnel-auth"));
+    expect_from(agent, "telnet-answer");
+    expect_from(agent, "telnet-init");
     EXPECT_EQ(Texts{}, nm.stats().problems);
-    socket_close_private(&conn);
+    close(agent);
 }

@@ -68,12 +68,12 @@ TEST(Heartbeat, HungHandshakesGiveWay)
     std::vector<int> hung;
     beats.emplace_back([] { udp_handler(nullptr); });
     int command = accept(tunnel, nullptr, nullptr);
-    EXPECT_EQ('{', read_upto(command, 1)[0]); // the command awaits NM's answer to its authentication, for 5 s
+    EXPECT_EQ('{', fd_read(command, 1)[0]); // the command awaits NM's answer to its authentication, for 5 s
     nm_set(silent_port, "https");
     for (int i = 0; i < 7; i++) {
         beats.emplace_back([] { udp_handler(nullptr); });
         hung.push_back(accept(silent, nullptr, nullptr));
-        EXPECT_EQ(1u, read_upto(hung.back(), 1).size());
+        EXPECT_EQ(1u, fd_read(hung.back(), 1).size());
     }
     nm_set(nm.port);
     udp_handler(nullptr);

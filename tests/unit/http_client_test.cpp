@@ -71,12 +71,12 @@ TEST(http_client, leftovers_never_become_the_next_answer)
         Peer peer([&](int listener) {
             int fd = accept(listener, nullptr, nullptr);
             peer_read_request(fd);
-            peer_send(fd, row.answer);
+            fd_send(fd, row.answer);
             over.get_future().wait();
-            peer_send(fd, row.leftover);
+            fd_send(fd, row.leftover);
             sent.set_value();
             peer_read_request(fd);
-            peer_send(fd, k_ok + "{\"right\":1}");
+            fd_send(fd, k_ok + "{\"right\":1}");
             close(fd);
         });
         nm_set(peer.port);
@@ -105,8 +105,8 @@ TEST(http_client, half_a_record_never_becomes_the_next_answer)
             EXPECT_NE("", first.read());
             first.write(k_ok + "{\"n\":1}");
             over.get_future().wait();
-            peer_send(first.fd, first.record(k_ok + "{\"old\":1}").substr(0, cut));
-            ASSERT_EQ("", read_upto(first.fd, 1)) << "used for a second request";
+            fd_send(first.fd, first.record(k_ok + "{\"old\":1}").substr(0, cut));
+            ASSERT_EQ("", fd_read(first.fd, 1)) << "used for a second request";
             ASSERT_TRUE(second.accept_from(listener));
             EXPECT_NE("", second.read());
             second.write(k_ok + "{\"right\":1}");
@@ -196,7 +196,7 @@ TEST(http_client, encryption_is_decided_with_the_port)
                 usleep(1000);
             nm_set(nm.port, was_https ? "http" : "https");
             int fd = nm.accept_next();
-            std::string said = read_upto(fd, 5), hello = "\x16\x03\x01";
+            std::string said = fd_read(fd, 5), hello = "\x16\x03\x01";
             EXPECT_EQ(was_https ? hello : std::string(row.plain).substr(0, 5), said.substr(0, was_https ? 3 : 5));
             close(fd);
             opener.join();

@@ -36,9 +36,12 @@ inline void start_process_once()
     stop_init(nullptr);
 }
 
+// With a time limit for receiving and accepting, which accepted sockets inherit.
 inline int bound_socket(int type, std::string *port, int recv_buf_size = 0)
 {
     int fd = socket(AF_INET, type, 0);
+    const struct timeval limit = {k_socket_wait_ms / 1000, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
     if (recv_buf_size > 0) // before listen: accepted sockets inherit it
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &recv_buf_size, sizeof(recv_buf_size));
     struct sockaddr_in address = {};
@@ -89,21 +92,6 @@ inline bool readable_within(int fd, int timeout_ms)
     return poll(&one, 1, timeout_ms) > 0;
 }
 
-// Up to len bytes; fewer at the end of the stream or after 5 s of silence.
-inline std::string read_upto(int fd, size_t len)
-{
-    std::string data(len, '\0');
-    size_t got = 0;
-    while (got < len && readable_within(fd, 5000)) {
-        ssize_t count = recv(fd, &data[got], len - got, 0);
-        if (count <= 0)
-            break;
-        got += (size_t)count;
-    }
-    data.resize(got);
-    return data;
-}
-
 // Sends until the peer's and the own buffer stay full.
 inline void fill_buffers(int fd)
 {
@@ -112,11 +100,6 @@ inline void fill_buffers(int fd)
         while (send(fd, data.data(), data.size(), 0) > 0) {
         }
     } while (wait_fd(fd, POLLOUT, 300) == WAIT_READY);
-}
-
-inline void peer_send(int fd, const std::string &text)
-{
-    EXPECT_EQ((ssize_t)text.size(), send(fd, text.data(), text.size(), MSG_NOSIGNAL));
 }
 
 inline int open_descriptors()
@@ -222,7 +205,7 @@ struct Link {
     {
         std::string text;
         for (std::string more = "?"; text.size() < len && !more.empty(); text += more)
-            more = peer.ssl ? peer.read() : read_upto(peer.fd, len);
+            more = peer.ssl ? peer.read() : fd_read(peer.fd, len);
         return text;
     }
 };
@@ -250,13 +233,13 @@ inline std::string peer_read_request(int fd)
 {
     std::string all;
     while (all.find("\r\n\r\n") == std::string::npos) {
-        std::string byte = read_upto(fd, 1);
+        std::string byte = fd_read(fd, 1);
         if (byte.empty())
             return "";
         all += byte;
     }
     size_t length = all.find("Content-Length: ");
-    return length == std::string::npos ? all : all + read_upto(fd, strtoul(all.c_str() + length + 16, nullptr, 10));
+    return length == std::string::npos ? all : all + fd_read(fd, strtoul(all.c_str() + length + 16, nullptr, 10));
 }
 
 // The device A1 and its NM on this port of 127.0.0.1, as after an init cfg.
@@ -352,6 +335,6 @@ inline std::string device_read(int fd, int wait_ms = 5000)
 {
     if (!readable_within(fd, wait_ms))
         return "(none)";
-    std::string length = read_upto(fd, 4);
-    return length.size() == 4 ? read_upto(fd, le32_get(length.data())) : "(end)";
+    std::string length = fd_read(fd, 4);
+    return length.size() == 4 ? fd_read(fd, le32_get(length.data())) : "(end)";
 }

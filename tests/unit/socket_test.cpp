@@ -51,7 +51,7 @@ TEST(Socket, ShortSendAnswersTheFirstCount)
     std::string data(40000, 'x'), got;
     std::thread reader([&] {
         usleep(100000);
-        got = read_upto(link.peer.fd, data.size());
+        got = fd_read(link.peer.fd, data.size());
     });
     size_t accepted = 0;
     LogLines log;
@@ -97,7 +97,7 @@ TEST(Socket, FramesOfSeveralWritersStayWhole)
         });
     std::map<char, int> seen;
     for (int i = 0; i < writers * rounds; i++) {
-        std::string got = read_upto(link.peer.fd, 4 + 20000);
+        std::string got = fd_read(link.peer.fd, 4 + 20000);
         ASSERT_EQ(4u + 20000, got.size());
         ASSERT_TRUE(got == frame_of(got.back(), seen[got.back()]++)) << i;
     }

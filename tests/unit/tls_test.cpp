@@ -24,7 +24,7 @@ TEST(Tls, BytesGoBothWays)
         EXPECT_EQ(0, conn_readable(&link.conn, 0));
         socket_close_private(&link.conn);
         EXPECT_TRUE(log.has("SSL deinit success!"));
-        EXPECT_EQ("", read_upto(link.peer.fd, 1)); // closed without an alert
+        EXPECT_EQ("", fd_read(link.peer.fd, 1)); // closed without an alert
     }
 }
 
@@ -34,9 +34,9 @@ TEST(Tls, ReadableMeansPlaintext)
     Link link(false, true);
     const std::string text(16000, 'r'), record = link.peer.record(text);
     std::thread server([&] {
-        peer_send(link.peer.fd, record.substr(0, record.size() / 2));
+        fd_send(link.peer.fd, record.substr(0, record.size() / 2));
         usleep(300000);
-        peer_send(link.peer.fd, record.substr(record.size() / 2));
+        fd_send(link.peer.fd, record.substr(record.size() / 2));
     });
     EXPECT_TRUE(readable_within(link.conn.socket_fd, 5000));
     int64_t start = wait_now_ms();
@@ -110,15 +110,15 @@ TEST(Tls, HandshakesThatFail)
                  usleep(30000);
                  send(fd, &byte, 1, 0);
              }
-             (void)read_upto(fd, 4096);
+             (void)fd_read(fd, 4096);
          },
          {"SSL_connect failed too much times!", "SSL deinit success!"},
          9},
         {"plain text, after the first call",
          [](int fd) {
              usleep(50000);
-             peer_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
-             (void)read_upto(fd, 4096);
+             fd_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
+             (void)fd_read(fd, 4096);
          },
          {"Try again...", "SSL_connect faild!", "SSL deinit success!"},
          1},

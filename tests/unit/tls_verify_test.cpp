@@ -7,9 +7,7 @@
 #include "nm/init_cfg_internal.h"
 #include "runtime/options.h"
 #include "sim_cert.h"
-#include "transport/conn_send.h"
 #include "transport/http_client.h"
-#include "transport/tls.h"
 #include "transport/tls_verify_internal.h"
 
 // Every certificate of the tests, named as in the rows.
@@ -74,12 +72,12 @@ static void serve(const Certificates &certs, const std::string &kind, const std:
     if (kind.substr(0, 3) == "TLS")
         tls_serve(certs.server(certificate, kind == "TLS, asks" ? "ca" : ""), kind == "TLS 1.0", fd);
     if (kind == "plain text")
-        peer_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
+        fd_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
     const std::string hello("\x16\x03\x03\x40\0\x02\0\x3f\xfc\x03\x03", 11); // the beginning of one
     for (size_t at = 0; kind == "trickles" && at < hello.size() && send(fd, &hello[at], 1, MSG_NOSIGNAL) == 1; at++)
         usleep(300000);
     if (kind == "plain text" || kind == "stalls")
-        (void)read_upto(fd, 65536);
+        (void)fd_read(fd, 65536);
     if (kind == "resets" && readable_within(fd, 5000))
         setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
     close(fd);
@@ -155,12 +153,12 @@ static bool leaks(void (*send_to)(const std::string &port), const std::string &m
         Peer peer([&](int listener) {
             const struct linger at_once = {1, 0};
             for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0; close(fd)) {
-                bytes += read_upto(fd, 1);
+                bytes += fd_read(fd, 1);
                 if (resets) {
                     setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
                 } else {
-                    peer_send(fd, http_ok("{}"));
-                    bytes += read_upto(fd, 65536);
+                    fd_send(fd, http_ok("{}"));
+                    bytes += fd_read(fd, 65536);
                 }
             }
         });

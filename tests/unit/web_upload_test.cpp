@@ -1,5 +1,3 @@
-#include <sys/socket.h>
-
 #include "peers.h"
 #include "remote/web_pool.h"
 #include "remote/web_upload.h"
@@ -58,9 +56,9 @@ static void reuse_check(bool is_slot_free_in_between)
     for (int i = WEB_SLOT_COUNT; i < WEB_SLOT_COUNT + 2; i++)
         devices[i] = pool.accept_next();
     char rest;
-    EXPECT_EQ("first", read_upto(devices[WEB_SLOT_COUNT], 5));
+    EXPECT_EQ("first", fd_read(devices[WEB_SLOT_COUNT], 5));
     EXPECT_EQ(0, recv(devices[WEB_SLOT_COUNT], &rest, 1, 0));
-    EXPECT_EQ("second", read_upto(devices[WEB_SLOT_COUNT + 1], 6));
+    EXPECT_EQ("second", fd_read(devices[WEB_SLOT_COUNT + 1], 6));
     WebSlot slot = {};
     EXPECT_LE(0, web_slot_hold_id(reused, &slot));
     conn_drop(&slot.conn);
@@ -109,7 +107,7 @@ TEST(WebUpload, TheRestOfALostRequestIsDropped)
     forward(id, "new");
     close(pool.accept_next());
     const int device = pool.accept_next();
-    EXPECT_EQ("new", read_upto(device, 3));
+    EXPECT_EQ("new", fd_read(device, 3));
     close(device);
 }
 
