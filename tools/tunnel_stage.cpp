@@ -35,26 +35,31 @@ bool tunnel_stage_start(TunnelStage *stage, bool https, const DeviceService *web
            stage_fast_heartbeat(stage);
 }
 
-static bool tunnel_command(TunnelStage *stage, const char *type, const std::string &action, int port)
+static bool tunnel_command(TunnelStage *stage, const std::string &type, const std::string &action,
+                           const std::string &host, int port)
 {
-    NmTunnel command;
-    command.type = type;
-    command.action = action;
-    command.port = port;
-    command.token = stage->options.auth.token;
-    command.key = stage->options.auth.key;
-    command.session = stage->options.auth.sessionid;
-    return stage_command(stage, nm_command_tunnel(command));
+    const TunnelAuth &auth = stage->options.auth;
+    return stage_command(stage, nm_command_tunnel({type, action, host, port, auth.token, auth.key, auth.sessionid}));
 }
 
 bool web_command(TunnelStage *stage, const std::string &action)
 {
-    return tunnel_command(stage, "remote-web", action, stage->web->command_port());
+    return tunnel_command(stage, "remote-web", action, "127.0.0.1", stage->web->command_port());
 }
 
 bool telnet_command(TunnelStage *stage, const std::string &action)
 {
-    return tunnel_command(stage, "remote-telnet", action, stage->telnet->command_port());
+    return tunnel_command(stage, "remote-telnet", action, "127.0.0.1", stage->telnet->command_port());
+}
+
+bool tunnel_start_at(TunnelStage *stage, const std::string &type, const std::string &host, int port)
+{
+    return tunnel_command(stage, type, "start", host, port);
+}
+
+bool tunnel_is_closed(const TunnelStats &stats)
+{
+    return !stats.connected;
 }
 
 bool web_open(TunnelStage *stage)
@@ -72,14 +77,12 @@ bool telnet_open(TunnelStage *stage)
 
 bool web_close(TunnelStage *stage)
 {
-    return web_command(stage, "stop") &&
-           stage->web->wait(k_wait_ms, [](const WebTunnelStats &stats) { return !stats.connected; });
+    return web_command(stage, "stop") && stage->web->wait(k_wait_ms, tunnel_is_closed);
 }
 
 bool telnet_close(TunnelStage *stage)
 {
-    return telnet_command(stage, "stop") &&
-           stage->telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; });
+    return telnet_command(stage, "stop") && stage->telnet->wait(k_wait_ms, tunnel_is_closed);
 }
 
 void web_request(WebTunnelSim *web, uint64_t id, const std::string &bytes)
@@ -100,6 +103,11 @@ uint64_t web_ask(WebTunnelSim *web, const std::string &bytes)
 bool web_data_is(WebTunnelSim *web, uint64_t id, const std::string &expected)
 {
     return web->wait(k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).data == expected; });
+}
+
+bool web_is_ended(WebTunnelSim *web, uint64_t id)
+{
+    return web->wait(k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).dev_destroys > 0; });
 }
 
 std::string tunnel_problems(const TunnelStage &stage)

@@ -42,19 +42,13 @@ static bool start(TunnelStage *stage, const DeviceService *web, const DeviceServ
     return tunnel_stage_start(stage, false, web, telnet);
 }
 
-static bool is_closed(const TunnelStats &stats)
-{
-    return !stats.connected;
-}
-
 static const char k_web[] = "remote-web", k_telnet[] = "remote-telnet";
 
 // NM asks for a tunnel to its end's port at another host than 127.0.0.1.
 static bool start_at(TunnelStage *stage, const std::string &type, const std::string &host)
 {
-    const TunnelAuth &auth = stage->options.auth;
     const int port = type == k_web ? stage->web->command_port() : stage->telnet->command_port();
-    return stage_command(stage, nm_command_tunnel({type, "start", host, port, auth.token, auth.key, auth.sessionid}));
+    return tunnel_start_at(stage, type, host, port);
 }
 
 // The log of a tunnel end that cannot be reached.
@@ -164,12 +158,12 @@ TEST(RemoteAccess, QuietShellIsEndedAndABusyOneIsNot)
             usleep(300 * 1000);
         }
         EXPECT_TRUE(stage.telnet->stats().connected);
-        EXPECT_TRUE(stage.telnet->wait(k_wait_ms, is_closed));
+        EXPECT_TRUE(stage.telnet->wait(k_wait_ms, tunnel_is_closed));
         EXPECT_TRUE(echo.wait_serving(0));
         EXPECT_TRUE(agent_wait_log(&stage.agent, "[WRN] Remote telnet has carried nothing for 2 s and is ended!"));
     }
     ASSERT_TRUE(web_open(&stage));
-    EXPECT_TRUE(stage.web->wait(k_wait_ms, is_closed)); // without an id
+    EXPECT_TRUE(stage.web->wait(k_wait_ms, tunnel_is_closed)); // without an id
     EXPECT_TRUE(agent_wait_log(&stage.agent, "[WRN] Remote web has carried nothing for 2 s and is ended!"));
     EXPECT_TRUE(audit_has_lines(stage, 3));
     EXPECT_EQ("idle idle idle", audit_values(stage, "ended_by"));
@@ -201,8 +195,8 @@ static bool session_reaches_maximum(int max_s)
             !stage.web->stats().connected)
             return false;
         EXPECT_TRUE(telnet_open(&stage));
-        EXPECT_TRUE(stage.web->wait(k_wait_ms, is_closed));
-        EXPECT_TRUE(stage.telnet->wait(k_wait_ms, is_closed));
+        EXPECT_TRUE(stage.web->wait(k_wait_ms, tunnel_is_closed));
+        EXPECT_TRUE(stage.telnet->wait(k_wait_ms, tunnel_is_closed));
         EXPECT_TRUE(pages.wait_serving(0) && terminal.wait_serving(0));
     }
     const std::string limit = " has been open for " + std::to_string(max_s) + " s and is ended!";

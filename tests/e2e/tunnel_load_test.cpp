@@ -15,11 +15,6 @@ static std::string destroys(const std::vector<uint64_t> &ids)
     return frames;
 }
 
-static bool device_closed(WebTunnelSim *web, uint64_t id)
-{
-    return web->wait(k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).dev_destroys > 0; });
-}
-
 // NM takes 4 KB a second with a small buffer, or 20 over TLS with the system's, whose kernel then opens its window
 // every 6 s: no byte is taken for longer than 2 s, but NM is alive. Then it takes nothing, and is given up after 7 s of
 // that.
@@ -44,12 +39,7 @@ static void slow_nm(bool https)
 
 TEST(TunnelLoad, SlowNmKeepsItsDownload)
 {
-    slow_nm(false);
-}
-
-TEST(TunnelLoad, SlowNmKeepsItsDownloadOverTls)
-{
-    slow_nm(true);
+    side_by_side(2, [](size_t https) { slow_nm(https != 0); });
 }
 
 // Ten ids have every slot, an eleventh waits, and only then NM closes the ten: first with the device's server down, so
@@ -177,7 +167,7 @@ TEST(TunnelLoad, EarlyAnswerArrivesAndEndsTheUpload)
         const uint64_t id = web_ask(web, how + ("\n" + noise(7000, 1)));
         ASSERT_TRUE(eventually([&] { return ended > before; }) && (*how != 'c' || device.wait_serving(1)));
         web_request(web, id, noise(40000, 2));
-        EXPECT_TRUE(device_closed(web, id));
+        EXPECT_TRUE(web_is_ended(web, id));
         const WebIdStats of_id = web->stats().ids.at(id);
         EXPECT_TRUE(of_id.data == refusal) << of_id.data.size();
         EXPECT_EQ(1u, of_id.dev_destroys);
@@ -285,7 +275,7 @@ TEST(TunnelLoad, AnswersOfDevicesThatCloseAtOnce)
             asked[web_ask(stage.web.get(), pause_us)] = pause_us;
         }
         for (const auto &one : asked) {
-            ASSERT_TRUE(device_closed(stage.web.get(), one.first));
+            ASSERT_TRUE(web_is_ended(stage.web.get(), one.first));
             answered += stage.web->stats().ids.at(one.first).data == one.second;
         }
     }

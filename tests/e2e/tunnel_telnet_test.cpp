@@ -30,7 +30,7 @@ TEST(TunnelTelnet, AnswersOfNm)
         ASSERT_TRUE(telnet_command(&stage, "start"));
         EXPECT_TRUE(agent_wait_log(&stage.agent, refusal.line));
         EXPECT_TRUE(agent_wait_log(&stage.agent, "Authentication/INIT failure!"));
-        EXPECT_TRUE(stage.telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; }));
+        EXPECT_TRUE(stage.telnet->wait(k_wait_ms, tunnel_is_closed));
     }
     EXPECT_EQ(0, echo.accepted());
     stage.telnet->set_answers(TELNET_ANSWER_SILENT); // a stop does not sit the 5 s out
@@ -81,7 +81,7 @@ TEST(TunnelTelnet, FreshSessionAndLostSides)
         telnet->send_bytes("-" + std::string(bytes) + "\n");
         EXPECT_TRUE(held_is(telnet, said + noise((unsigned)atoi(bytes), 9)));
         EXPECT_TRUE(agent_wait_log(&stage.agent, "Destroy tunnel"));
-        EXPECT_TRUE(telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; }));
+        EXPECT_TRUE(telnet->wait(k_wait_ms, tunnel_is_closed));
         ASSERT_TRUE(telnet_open(&stage));
         said = "session " + std::to_string(++number) + "\n";
         ASSERT_TRUE(held_is(telnet, said));
@@ -164,7 +164,7 @@ TEST(TunnelTelnet, DeviceThatBlocksOnItsOutput)
     EXPECT_FALSE(agent_has_log(stage.agent, "send failed"));
 
     stage.telnet->send_bytes(noise(300000, 99)); // ends the session, with most of it still on the way
-    EXPECT_TRUE(stage.telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return !stats.connected; }));
+    EXPECT_TRUE(stage.telnet->wait(k_wait_ms, tunnel_is_closed));
     ASSERT_TRUE(telnet_open(&stage)); // the next one gets nothing of it
     stage.telnet->send_bytes(noise(512, 0));
     EXPECT_TRUE(held_is(stage.telnet.get(), "a\xff\xf2"

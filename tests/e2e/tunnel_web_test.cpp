@@ -16,18 +16,10 @@ static void transfers_whole(bool https)
     TunnelStage stage;
     ASSERT_TRUE(tunnel_stage_start(&stage, https, &files, nullptr) && web_open(&stage));
     const int port = stage.web->client_port();
-    bool whole[10] = {};
-    std::vector<std::thread> browsers;
-    for (unsigned i = 0; i < 10; i++) {
-        browsers.emplace_back([&whole, port, i] {
-            const std::string line = std::to_string(k_mib) + " " + std::to_string(i) + "\n";
-            whole[i] = answer_of(port, line) == noise(k_mib, i);
-        });
-    }
-    for (unsigned i = 0; i < 10; i++) {
-        browsers[i].join();
-        EXPECT_TRUE(whole[i]) << "browser " << i;
-    }
+    side_by_side(10, [port](size_t i) {
+        const std::string line = std::to_string(k_mib) + " " + std::to_string(i) + "\n";
+        EXPECT_TRUE(answer_of(port, line) == noise(k_mib, (unsigned)i)) << "browser " << i;
+    });
     for (const char *pace : {"", " 2048 1"}) // the second keeps the agent's send buffer full nearly all the time
         EXPECT_EQ("ok", answer_of(port, "+" + std::to_string(k_mib) + pace + "\n" + noise(k_mib, 1))) << pace;
     EXPECT_EQ(10240u, stage.web->stats().frame_in_max);
@@ -36,12 +28,7 @@ static void transfers_whole(bool https)
 
 TEST(TunnelWeb, TransfersWhole)
 {
-    transfers_whole(false);
-}
-
-TEST(TunnelWeb, TransfersWholeOverTls)
-{
-    transfers_whole(true);
+    side_by_side(2, [](size_t https) { transfers_whole(https != 0); });
 }
 
 // A negative frame size in config.ini counts as the default.
@@ -58,8 +45,7 @@ TEST(TunnelWeb, AnswersInFramesOfTheSetSize)
     config_set(&stage.config, "plugin_config:web_pf_forward_len", "-5");
     ASSERT_TRUE(tunnel_stage_start(&stage, false, &files, nullptr) && web_open(&stage));
     const uint64_t id = web_ask(stage.web.get(), "25000 3\n");
-    ASSERT_TRUE(
-        stage.web->wait(k_wait_ms, [&](const WebTunnelStats &stats) { return stats.ids.at(id).dev_destroys > 0; }));
+    ASSERT_TRUE(web_is_ended(stage.web.get(), id));
     EXPECT_GE(monotonic_ms() - answered_ms, 19); // three frames, 10 ms apart by a clock of whole ms
     const WebIdStats of_id = stage.web->stats().ids.at(id);
     EXPECT_EQ(std::vector<uint32_t>({10240, 10240, 4520}), of_id.frame_sizes);

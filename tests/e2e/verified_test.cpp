@@ -27,12 +27,6 @@ struct VerifiedStage : TunnelStage {
         config_set(&config, "nm_tls:client_key", certs.file("device.key"));
         config_set(&config, "plugin_config:log_secrets", "0");
     }
-    bool tunnel_start(const char *type, const char *host, int port)
-    {
-        const TunnelAuth &auth = options.auth;
-        return stage_command(this,
-                             nm_command_tunnel({type, "start", host, port, auth.token, auth.key, auth.sessionid}));
-    }
     // What must reach nobody but NM, and no log.
     std::vector<std::string> secrets() const
     {
@@ -68,15 +62,6 @@ struct Impostor {
     }
 };
 
-static void expect_ack(Stage *stage, const char *result)
-{
-    const int before = device_sim_count(stage->device, "cfg-ack");
-    ASSERT_TRUE(device_sim_send(stage->device, R"({"type":"cfg-result","sessionid":"s"})"));
-    ASSERT_TRUE(device_sim_wait_for(stage->device, "cfg-ack", before + 1, k_wait_ms));
-    const std::string ack = device_sim_frame(stage->device, "cfg-ack", -1).text;
-    EXPECT_TRUE(text_has(ack, std::string("\"result\":") + result)) << ack;
-}
-
 static const char k_stranger[] = "refused: unable to get local issuer certificate, peer's certificate: /CN=stranger";
 
 // The tunnel end that NM names is another one.
@@ -86,19 +71,19 @@ template <class Sim> static void refuse_tunnel_end(VerifiedStage *stage, const c
     TunnelSimOptions options = stage->options;
     options.tls_files = stage->certs.server("stranger", "ca");
     Sim stranger(options);
-    EXPECT_TRUE(stage->tunnel_start(type, "127.0.0.1", stranger.command_port()));
+    EXPECT_TRUE(tunnel_start_at(stage, type, "127.0.0.1", stranger.command_port()));
     EXPECT_TRUE(agent_wait_log(&stage->agent, std::string("TLS with 127.0.0.1 ") + k_stranger));
     EXPECT_TRUE(stranger.wait(k_wait_ms, [](const TunnelStats &stats) { return stats.closes == 1; }));
     EXPECT_EQ("", stranger.stats().auth_text);
     Impostor impostor;
-    EXPECT_TRUE(stage->tunnel_start(type, "127.0.0.1", impostor.service.port() - 1));
+    EXPECT_TRUE(tunnel_start_at(stage, type, "127.0.0.1", impostor.service.port() - 1));
     EXPECT_TRUE(agent_wait_log(&stage->agent, "TLS with 127.0.0.1 refused: wrong version number"));
     impostor.expect_no_word(*stage);
     options.tls_files = stage->certs.server("nm", "ca"); // of the same CA
     Sim named(options);
-    EXPECT_TRUE(stage->tunnel_start(type, "127.0.0.1", named.command_port()));
+    EXPECT_TRUE(tunnel_start_at(stage, type, "127.0.0.1", named.command_port()));
     EXPECT_TRUE(agent_wait_log(&stage->agent, "TLS with 127.0.0.1 refused: IP address mismatch"));
-    EXPECT_TRUE(stage->tunnel_start(type, "localhost", named.command_port()));
+    EXPECT_TRUE(tunnel_start_at(stage, type, "localhost", named.command_port()));
     EXPECT_TRUE(named.wait(k_wait_ms, [](const TunnelStats &stats) { return stats.authenticated; }));
 }
 
@@ -116,19 +101,15 @@ TEST(Verified, JoinsAndRefusesStrangers)
     refuse_tunnel_end<TelnetTunnelSim>(&stage, "remote-telnet");
     const std::string ca = stage.certs.file("ca"), gone = stage.certs.file("gone");
     ASSERT_EQ(0, rename(ca.c_str(), gone.c_str()));
-    expect_ack(&stage, "false");
+    EXPECT_EQ("false", stage_result(&stage));
     ASSERT_EQ(0, rename(gone.c_str(), ca.c_str()));
-    expect_ack(&stage, "true");
+    EXPECT_EQ("true", stage_result(&stage));
 
     NmOptions options;
     options.https = true;
     options.tls = stage.certs.server("stranger", "ca");
     NmSim *stranger = nm_sim_start(options);
-    NmActivation redirection;
-    redirection.status = 304;
-    redirection.redirect_ip = "localhost";
-    redirection.redirect_port = nm_sim_port(stranger) - 1;
-    nm_sim_set_activation(stage.nm, redirection);
+    nm_sim_set_activation(stage.nm, {304, "", "localhost", nm_sim_port(stranger) - 1, ""});
     nm_sim_ask_restart(stage.nm);
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Will redirect to the new NMS: 127.0.0.1"));
     EXPECT_TRUE(agent_wait_log(&stage.agent, std::string("TLS with localhost ") + k_stranger));

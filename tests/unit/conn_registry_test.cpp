@@ -1,6 +1,5 @@
 #include "peers.h"
 
-
 // Another thread closes while this one waits on the connection: the wait ends at once, the peer sees its end at once,
 // and the number is given out again only after the last copy has gone.
 TEST(ConnRegistry, CloseWakesAWaiterAndFreesWithTheLastCopy)
