@@ -74,10 +74,9 @@ TEST(Ctl, CheckFindsWhatIsBroken)
 TEST(Ctl, Status)
 {
     Stage stage;
-    stage_prepare(&stage, false);
-    config_set(&stage.config, "monitor:state_file", "state");
+    stage.config = {{"monitor:state_file", "state"}};
+    ASSERT_TRUE(stage_online(&stage, false));
     const std::string status = "status --config " + stage.agent.dir + "/config.ini";
-    ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
     ASSERT_TRUE(eventually([&] { return ctl(status).status == 0; }));
     const CtlResult online = ctl(status);
     EXPECT_TRUE(text_has(online.output, "online (told to the device: online)")) << online.output;

@@ -69,9 +69,8 @@ TEST(Sandbox, WholeLifeWithoutCapabilities)
 TEST(Sandbox, UnknownLevelIsTheStrictestThereIs)
 {
     Stage stage;
-    stage_prepare(&stage, false);
-    config_set(&stage.config, "plugin_config:sandbox", "2");
-    ASSERT_TRUE(stage_run(&stage) && stage_wait_online(&stage));
+    stage.config = {{"plugin_config:sandbox", "2"}};
+    ASSERT_TRUE(stage_online(&stage, false));
     EXPECT_TRUE(agent_has_log(stage.agent, "[ERR] Sandbox: level 2 is not built in, level 1 is used!"));
     expect_no_capabilities(stage);
 }

@@ -76,13 +76,11 @@ TEST(ConnRegistry, OldCopiesDoNotTouchTheSuccessor)
 // but for the last one of each connection.
 static void hammer(ConnectionType type, const std::string &frame)
 {
-    Peer peer([&](int listener) {
-        for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0; close(fd)) {
-            std::string got = fd_read(fd, 1 << 16), frames;
-            while (frames.size() < got.size())
-                frames += frame;
-            EXPECT_EQ(frames.substr(0, got.size()), got);
-        }
+    DeviceService peer([&](int fd) {
+        std::string got = fd_read(fd, 1 << 16), frames;
+        while (frames.size() < got.size())
+            frames += frame;
+        EXPECT_EQ(frames.substr(0, got.size()), got);
     });
     auto send_frame = [&] {
         SocketConn copy;
@@ -92,7 +90,7 @@ static void hammer(ConnectionType type, const std::string &frame)
         conn_drop(&copy);
         usleep(100);
     };
-    auto add = [&] { conn_add(type, connect_to(peer.port), 0); };
+    auto add = [&] { conn_add(type, connect_to(port_of(peer)), 0); };
     const std::function<void()> steps[] = {
         [&] { (void)conn_check(type), usleep(500); },
         [&] { (void)poll_conn_readable(type, 5); },
@@ -114,7 +112,6 @@ static void hammer(ConnectionType type, const std::string &frame)
     for (std::thread &thread : threads)
         thread.join();
     conn_remove(type, 0);
-    shutdown(peer.listener, SHUT_RDWR);
 }
 
 TEST(ConnRegistry, ThreadsMeet)
@@ -176,13 +173,14 @@ TEST(ConnRegistry, TlsByTypeAndMethod)
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(conn_type_name(c.type)) + " " + c.method);
         const bool again = c.type == REMOTE_TELNET_SERVER;
-        Peer peer([&](int listener) {
-            for (int i = 0; i <= again; i++)
-                EXPECT_EQ(c.encrypted, TlsPeer().accept_from(listener));
+        DeviceService peer([&](int fd) {
+            TlsPeer tls;
+            tls.fd = dup(fd);
+            EXPECT_EQ(c.encrypted, tls.handshake());
         });
         nm_set("1", c.method);
         LogLines log;
-        conn_add(c.type, connect_to(peer.port), 1);
+        conn_add(c.type, connect_to(port_of(peer)), 1);
         nm_set("1", c.encrypted ? "http" : "https");
         EXPECT_TRUE(!again || conn_reconnect(c.type) == 1);
         conn_remove(c.type, 0);

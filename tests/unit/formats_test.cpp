@@ -188,17 +188,15 @@ TEST(Formats, AgentAndTelnetSetUp)
     Stage stage;
     std::string device_port;
     const int device = listen_socket(&device_port);
-    Peer nm([](int listener) {
-        const int fd = accept(listener, nullptr, nullptr);
+    DeviceService nm([](int fd) {
         expect_from(fd, "tunnel-auth");
         fd_send(fd, bytes_of("telnet-answer"));
         fd_send(fd, bytes_of("telnet-init"));
-        close(fd);
     });
     info_edit([&](PluginInfo *next) { endpoint_set(&next->dev_telnet, device_port); });
     remote_telnet_init();
     std::string command = bytes_of("command-remote-web"); // the other tunnel's differs in the type only
-    command.replace(command.find("7001"), 4, nm.port);
+    command.replace(command.find("7001"), 4, port_of(nm));
     EXPECT_EQ(0, remote_telnet_req_handle(0, nullptr, command.c_str(), (uint32_t)command.size()));
     EXPECT_TRUE(stage.log.has("Creating Remote-telnet tunnel to device successfully!"));
     close(device);

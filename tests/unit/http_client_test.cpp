@@ -68,8 +68,7 @@ TEST(http_client, leftovers_never_become_the_next_answer)
         SCOPED_TRACE(row.name);
         LogLines log;
         std::promise<void> over, sent;
-        Peer peer([&](int listener) {
-            int fd = accept(listener, nullptr, nullptr);
+        DeviceService peer([&](int fd) {
             peer_read_request(fd);
             fd_send(fd, row.answer);
             over.get_future().wait();
@@ -77,9 +76,8 @@ TEST(http_client, leftovers_never_become_the_next_answer)
             sent.set_value();
             peer_read_request(fd);
             fd_send(fd, k_ok + "{\"right\":1}");
-            close(fd);
         });
-        nm_set(peer.port);
+        nm_set(port_of(peer));
         char rsp[512] = {};
         const int64_t begin_ms = wait_now_ms();
         EXPECT_EQ(row.first, http_post_nm("/1", "{}", rsp, sizeof(rsp)));
@@ -99,19 +97,20 @@ TEST(http_client, half_a_record_never_becomes_the_next_answer)
     for (size_t cut : {1, 4, 5, 6, 40}) { // bytes of the record that have come by the second post; 5: its header
         SCOPED_TRACE(cut);
         std::promise<void> over;
-        Peer peer([&](int listener) {
-            TlsPeer first, second;
-            ASSERT_TRUE(first.accept_from(listener));
-            EXPECT_NE("", first.read());
-            first.write(k_ok + "{\"n\":1}");
+        std::atomic<bool> is_first{true};
+        DeviceService peer([&](int fd) {
+            TlsPeer nm;
+            nm.fd = dup(fd);
+            ASSERT_TRUE(nm.handshake());
+            EXPECT_NE("", nm.read());
+            if (!is_first.exchange(false))
+                return nm.write(k_ok + "{\"right\":1}");
+            nm.write(k_ok + "{\"n\":1}");
             over.get_future().wait();
-            fd_send(first.fd, first.record(k_ok + "{\"old\":1}").substr(0, cut));
-            ASSERT_EQ("", fd_read(first.fd, 1)) << "used for a second request";
-            ASSERT_TRUE(second.accept_from(listener));
-            EXPECT_NE("", second.read());
-            second.write(k_ok + "{\"right\":1}");
+            fd_send(fd, nm.record(k_ok + "{\"old\":1}").substr(0, cut));
+            ASSERT_EQ("", fd_read(fd, 1)) << "used for a second request";
         });
-        nm_set(peer.port, "https");
+        nm_set(port_of(peer), "https");
         LogLines log;
         char rsp[512] = {};
         EXPECT_EQ(7, http_post_nm("/1", "{}", rsp, sizeof(rsp)));

@@ -130,11 +130,6 @@ struct TlsPeer {
         if (fd >= 0)
             close(fd);
     }
-    bool accept_from(int listener)
-    {
-        fd = accept(listener, nullptr, nullptr);
-        return handshake();
-    }
     bool handshake()
     {
         ssl = SSL_new(ctx);
@@ -210,23 +205,10 @@ struct Link {
     }
 };
 
-// Plays a script on a thread of its own.
-struct Peer {
-    std::string port;
-    int listener;
-    std::thread thread;
-
-    explicit Peer(std::function<void(int listener)> script)
-    {
-        listener = listen_socket(&port);
-        thread = std::thread(script, listener);
-    }
-    ~Peer()
-    {
-        thread.join();
-        close(listener);
-    }
-};
+inline std::string port_of(const DeviceService &service)
+{
+    return std::to_string(service.port());
+}
 
 // One HTTP request: its head and as many bytes as its Content-Length says. Empty at the end of the connection.
 inline std::string peer_read_request(int fd)
@@ -271,7 +253,7 @@ struct NmPeer {
         for (std::string answer = answer_to(fd); !answer.empty() && fd_send(fd, answer);)
             answer = answer_to(fd);
     }};
-    const std::string port = std::to_string(service.port());
+    const std::string port = port_of(service);
 
     NmPeer()
     {

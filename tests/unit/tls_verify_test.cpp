@@ -140,8 +140,8 @@ static void tunnel_send(const std::string &port)
 {
     SocketConn held;
     (void)conn_add_as(REMOTE_WEB_SERVER, connect_to(port), conn_security_wanted(REMOTE_WEB_SERVER), "nm.test", 0);
-    (void)conn_hold(REMOTE_WEB_SERVER, &held);
-    (void)tcp_send(&held, "/secret", 7);
+    if (conn_hold(REMOTE_WEB_SERVER, &held) && tcp_send(&held, "/secret", 7) > 0)
+        (void)conn_readable(&held, 5000); // the peer has heard it
     conn_drop(&held);
 }
 
@@ -150,22 +150,23 @@ static bool leaks(void (*send_to)(const std::string &port), const std::string &m
 {
     std::string bytes;
     {
-        Peer peer([&](int listener) {
+        std::mutex mutex;
+        DeviceService peer([&](int fd) {
             const struct linger at_once = {1, 0};
-            for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0; close(fd)) {
-                bytes += fd_read(fd, 1);
-                if (resets) {
-                    setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
-                } else {
-                    fd_send(fd, http_ok("{}"));
-                    bytes += fd_read(fd, 65536);
-                }
+            std::string said = fd_read(fd, 1);
+            if (resets) {
+                setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+            } else {
+                fd_send(fd, http_ok("{}"));
+                said += fd_read(fd, 65536);
             }
+            std::lock_guard<std::mutex> lock(mutex);
+            bytes += said;
         });
-        nm_set(peer.port, method.c_str());
-        send_to(peer.port);
+        nm_set(port_of(peer), method.c_str());
+        send_to(port_of(peer));
         conn_remove_all();
-        shutdown(peer.listener, SHUT_RDWR);
+        EXPECT_TRUE(peer.wait_serving(0));
     }
     return count_of(bytes, "/secret") > 0;
 }
@@ -206,12 +207,9 @@ TEST(TlsVerify, ReconnectKeepsTheName)
     start_process_once();
     Certificates certs;
     certs.configure("ca_file=<ca>");
-    Peer peer([&](int listener) {
-        for (int i = 0; i < 3; i++)
-            tls_serve(certs.server("name-only"), false, accept(listener, nullptr, nullptr));
-    });
-    EXPECT_EQ(1, conn_add_as(REMOTE_TELNET_SERVER, connect_to(peer.port), CONN_TLS, "nm.test", 0));
+    DeviceService peer([&](int fd) { tls_serve(certs.server("name-only"), false, fd); });
+    EXPECT_EQ(1, conn_add_as(REMOTE_TELNET_SERVER, connect_to(port_of(peer)), CONN_TLS, "nm.test", 0));
     EXPECT_EQ(1, conn_reconnect(REMOTE_TELNET_SERVER));
-    EXPECT_EQ(0, conn_add_as(REMOTE_TELNET_SERVER, connect_to(peer.port), CONN_TLS, nullptr, 0));
+    EXPECT_EQ(0, conn_add_as(REMOTE_TELNET_SERVER, connect_to(port_of(peer)), CONN_TLS, nullptr, 0));
     conn_remove_all();
 }
