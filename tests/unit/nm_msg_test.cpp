@@ -44,27 +44,19 @@ static std::string nested(size_t depth)
 // Commands that cannot be carried out are told in a line; so is a status that NM does not take.
 TEST(NmMsg, CommandsThatFail)
 {
-    const struct {
-        std::string command;
-        const char *line;
-    } cases[] = {
-        {"{\"type\":1}", "Unknown msg: "},
-        {"{\"type\":" + nested(300) + "}", "Unknown msg: "},
-        {nested(1500), "parsing payload failed!"},
-        {"{\"type\":\"" + std::string(512, 't') + "\"}", "value_len: 512 not enough, needed matched_len: 513"},
-        {"{\"type\":\"remote-web\",\"param\":[]}", "Invalid port: -1!"},
-        {"{\"type\":\"device-status\",\"param\":3}", "Not found string value for key: action!"},
-        {"{\"type\":\"dev-info\"}", "Posting dev status failed!, ret = -1\n[INF] Posting dev status successfully\n"},
-        {"{\"type\":\"port-status\"}", "Querying port status failed!"},
-    };
+    std::vector<Texts> rows = examples("failed-commands");
+    rows.push_back({"{\"type\":" + nested(300) + "}", "Unknown msg: "});
+    rows.push_back({nested(1500), "parsing payload failed!"});
+    rows.push_back(
+        {"{\"type\":\"" + std::string(512, 't') + "\"}", "value_len: 512 not enough, needed matched_len: 513"});
     nm_msg_table_init();
     NmPeer nm;
     nm.answer_set("A1", {""});
     info_edit([](PluginInfo *next) { (void)text_set(next->device_path, "/etc/passwd"); });
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.command.substr(0, 60));
+    for (const Texts &row : rows) {
+        SCOPED_TRACE(row[0].substr(0, 60));
         LogLines log;
-        (void)nm_msg_process(0, answer_with("[" + c.command + "]").c_str());
-        EXPECT_TRUE(log.has(c.line));
+        (void)nm_msg_process(0, answer_with("[" + row[0] + "]").c_str());
+        EXPECT_TRUE(log.has(row[1]));
     }
 }
