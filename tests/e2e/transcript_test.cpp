@@ -37,7 +37,8 @@ static std::string log_by_thread(const Stage &stage)
         if (text_has(line, "[main.cpp:")) // printed by main between lines of other threads
             thread = "proxy_plugin";
         const std::string text = is_line ? match[2].str() : line;
-        if (std::exchange(last[thread], text) != text)
+        // A slot that is still connecting may be looked at, or not.
+        if (std::exchange(last[thread], text) != text && !text_has(text, "[WRN] Invalid socket: "))
             threads[thread] += text + "\n";
     }
     std::string all;
