@@ -106,18 +106,14 @@ TEST(Log, LinesDuringASwap)
 
 TEST(Log, LevelsAndWhatTheyShow)
 {
-    const char *shown[] = {"",
-                           "[ERR] e\n",
-                           "[WRN] w\n[ERR] e\n",
-                           "[WRN] w\n[ERR] e\n",
-                           "[INF] i\n[WRN] w\n[ERR] e\n",
-                           "[DBG] d\n[INF] i\n[WRN] w\n[ERR] e\n"};
+    const std::string all = "[DBG] d\n[INF] i\n[WRN] w\n[ERR] e\n";
+    const char *first[] = {"", "[E", "[W", "[W", "[I", "[D"}; // of those that are shown
     for (uint32_t level = 2; level <= 7; level++) {
         LogLines log(level);
         log_debug("d");
         log_info("i");
         log_warn("w");
         log_error("e");
-        EXPECT_EQ(shown[level - 2], log.take()) << level;
+        EXPECT_EQ(level == 2 ? "" : all.substr(all.find(first[level - 2])), log.take()) << level;
     }
 }
