@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "tunnel_stage.h"
 
@@ -13,6 +14,17 @@ static std::string destroys(const std::vector<uint64_t> &ids)
     for (uint64_t id : ids)
         frames += web_frame(WEB_FRAME_WEB_DESTROY, id);
     return frames;
+}
+
+// Ten ids of that request have every slot.
+static std::vector<uint64_t> ten_served(WebTunnelSim *web, const std::string &request, const std::string &answer)
+{
+    std::vector<uint64_t> ids;
+    for (int i = 0; i < 10; i++) {
+        ids.push_back(web_ask(web, request));
+        EXPECT_TRUE(web_data_is(web, ids[i], answer));
+    }
+    return ids;
 }
 
 // NM takes 4 KB a second with a small buffer, or 20 over TLS with the system's, whose kernel then opens its window
@@ -52,10 +64,10 @@ TEST(TunnelLoad, DestroysBehindARequestThatWaits)
     WebTunnelSim *web = stage.web.get();
     for (bool up : {false, true}) {
         SCOPED_TRACE(up);
-        std::vector<uint64_t> old, fresh;
-        for (int i = 0; i < 10; i++) {
+        std::vector<uint64_t> old = up ? ten_served(web, "old", "old") : std::vector<uint64_t>(), fresh;
+        while (old.size() < 10) {
             old.push_back(web_ask(web, "old"));
-            ASSERT_TRUE(up ? web_data_is(web, old[i], "old") : agent_wait_log(&stage.agent, "Create connection to IP"));
+            ASSERT_TRUE(agent_wait_log(&stage.agent, "Create connection to IP"));
         }
         const uint64_t eleventh = web_ask(web, "eleventh");
         ASSERT_TRUE(agent_wait_log(&stage.agent, "Wait a moment for resource!"));
@@ -104,11 +116,7 @@ TEST(TunnelLoad, NothingStaysBehindAnId)
     for (When when : {DESTROYED_WAITING, DESTROYED_SERVED, NM_LOST}) {
         SCOPED_TRACE(when);
         const int before = device.accepted();
-        std::vector<uint64_t> ten;
-        for (int i = 0; i < 10; i++) {
-            ten.push_back(web_ask(web, "ten\n"));
-            ASSERT_TRUE(web_data_is(web, ten[i], "ten"));
-        }
+        (void)ten_served(web, "ten\n", "ten");
         const uint64_t eleventh = web_ask(web, "eleventh\n");
         ASSERT_TRUE(agent_wait_log(&stage.agent, "no resource, handle directly") &&
                     agent_wait_log(&stage.agent, "Wait a moment for resource!"));
@@ -132,6 +140,55 @@ TEST(TunnelLoad, NothingStaysBehindAnId)
     }
     EXPECT_TRUE(agent_wait_log(&stage.agent, "Server remote-web connection lost! Destroy tunnel now."));
     EXPECT_FALSE(agent_has_log(stage.agent, "The end stage")); // the ten ends of which NM could not be told
+}
+
+// A browser closes its connection and opens one under the same id while the first request still waits for a slot: the
+// first one ends behind its bytes, the second one keeps a connection of its own.
+TEST(TunnelLoad, AnIdIsUsedAgainWhileItsFirstRequestWaits)
+{
+    std::atomic<int> ended{0};
+    DeviceService device([&](int fd) {
+        const std::string said = fd_read(fd, 6);
+        fd_send(fd, said == "first!" ? "" : said);
+        ended += fd_read_all(fd).empty() && said == "first!";
+    });
+    TunnelStage stage;
+    ASSERT_TRUE(tunnel_stage_start(&stage, false, &device, nullptr) && web_open(&stage));
+    WebTunnelSim *web = stage.web.get();
+    for (bool slot_comes_first : {false, true}) {
+        SCOPED_TRACE(slot_comes_first);
+        std::vector<uint64_t> ids = ten_served(web, "others", "others");
+        const uint64_t id = web->open_id();
+        const std::string first = web_frame(WEB_FRAME_REQ, id, "first!") + destroys({id}), slot = destroys({ids[0]});
+        const std::string second = web_frame(WEB_FRAME_REQ, id, "second");
+        web->send_bytes(first + (slot_comes_first ? slot + second : second + slot));
+        EXPECT_TRUE(web_data_is(web, id, "second"));
+        EXPECT_TRUE(eventually([&] { return ended == 1 + slot_comes_first; }));
+        EXPECT_TRUE(device.wait_serving(10)); // the second one's is one of them
+        ids[0] = id;
+        web->send_bytes(destroys(ids));
+        ASSERT_TRUE(device.wait_serving(0));
+    }
+}
+
+// NM has closed the id, and the device takes no byte of what is left: it is given up after 7 s.
+TEST(TunnelLoad, ADeviceThatTakesNothingIsGivenUp)
+{
+    DeviceService deaf(
+        [](int fd) {
+            struct pollfd end = {fd, 0, 0};
+            poll(&end, 1, k_socket_wait_ms);
+        },
+        true, 4096);
+    TunnelStage stage;
+    ASSERT_TRUE(tunnel_stage_start(&stage, false, &deaf, nullptr) && web_open(&stage));
+    const std::pair<int, int> idle = proc_usage_at_rest(stage.agent.pid);
+    const uint64_t id = web_ask(stage.web.get(), noise(200000, 1));
+    stage.web->send_bytes(destroys({id}));
+    ASSERT_TRUE(deaf.wait_serving(1));
+    const long long begin_ms = monotonic_ms();
+    EXPECT_TRUE(proc_usage_returns(stage.agent.pid, idle));
+    EXPECT_NEAR(monotonic_ms() - begin_ms, 7750, 1250);
 }
 
 // The device refuses an upload at its beginning; the browser still sends. NM's way is full, so that the answer waits in
@@ -161,18 +218,27 @@ TEST(TunnelLoad, EarlyAnswerArrivesAndEndsTheUpload)
     web->read_slowly(100000);
     const uint64_t flood = web_ask(web, "flood\n");
     ASSERT_TRUE(web->wait(k_wait_ms, [&](const WebTunnelStats &s) { return s.ids.at(flood).bytes_in > 200000; }));
+    uint64_t id = 0;
     for (const char *how : {"half, reads on", "half, deaf", "close"}) {
         SCOPED_TRACE(how);
         const int accepted = device.accepted(), before = ended;
-        const uint64_t id = web_ask(web, how + ("\n" + noise(7000, 1)));
+        id = web_ask(web, how + ("\n" + noise(7000, 1)));
         ASSERT_TRUE(eventually([&] { return ended > before; }) && (*how != 'c' || device.wait_serving(1)));
         web_request(web, id, noise(40000, 2));
+        for (int i = 0; i < 3 && *how == 'c'; i++) { // its rest, which comes slowly
+            usleep(200 * 1000);
+            web_request(web, id, "rest");
+        }
         EXPECT_TRUE(web_is_ended(web, id));
         const WebIdStats of_id = web->stats().ids.at(id);
         EXPECT_TRUE(of_id.data == refusal) << of_id.data.size();
         EXPECT_EQ(1u, of_id.dev_destroys);
         EXPECT_EQ(accepted + 1, device.accepted());
     }
+    const int accepted = device.accepted();
+    usleep(600 * 1000);
+    web_request(web, id, "close\n"); // what comes after a pause is a new request
+    EXPECT_TRUE(eventually([&] { return device.accepted() == accepted + 1; }));
 }
 
 // One id chatters, two upload to connections that take 4 KB a second and nothing for 8 s: another one's request is
