@@ -2,13 +2,11 @@
 // the fuzz preset, else run over the files of corpus/NAME as a test.
 #include <algorithm>
 #include <cjson/cJSON.h>
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <string>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
@@ -27,17 +25,13 @@
 #include "remote/remote_web.h"
 #include "remote/web_pool.h"
 #include "remote/web_request.h"
-#include "remote/web_response.h"
 #include "runtime/log.h"
 #include "runtime/log_mask.h"
 #include "runtime/plugin_info.h"
 #include "runtime/wait.h"
-#include "sim_tls.h"
 #include "status/service_status_internal.h"
-#include "transport/connect.h"
 #include "transport/field_extract.h"
 #include "transport/http_client_internal.h"
-#include "transport/tls.h"
 #include "world.h"
 
 static void require(bool holds)
@@ -59,10 +53,6 @@ struct Input {
     const uint8_t *data;
     size_t size;
     const char *text; // the same with a NUL behind it, in memory of just that size
-    uint8_t at(size_t i) const
-    {
-        return i < size ? data[i] : 0;
-    }
 };
 
 // The answer to a device's result, and that to the activation.
@@ -102,117 +92,13 @@ static void device_frames(const Input &in)
 }
 
 // Without the thread of the device side.
-static void web_start()
+static void web_frames(const Input &)
 {
     require(web_pool_open() == 0 && web_request_open() == 0);
     require(tunnel_command(remote_web_req_handle, "start"));
-}
-
-static void web_frames(const Input &)
-{
-    web_start();
     while (conn_is_connected(REMOTE_WEB_SERVER) && !wait_is_cut())
         remote_web_turn();
     (void)tunnel_command(remote_web_req_handle, "stop");
-}
-
-static std::string s_read[256]; // from the device and not yet framed, by descriptor, which is the id too
-static std::string s_sent;      // to NM, the begin of a frame
-static int s_open_slots;
-
-// Every frame brings what was read next for its id, or the id's end; the last one ends the tunnel.
-static void frames_sent(const void *bytes, size_t len)
-{
-    s_sent.append((const char *)bytes, len);
-    while (s_sent.size() >= WEB_HEADER_SIZE) {
-        WebHeader header = web_header_get((const uint8_t *)s_sent.data());
-        std::string *read = &s_read[header.msg_id[0]];
-        bool ends = header.type == MSG_TYPE_DEV_DESTROY && header.length == 0 && read->empty();
-        require(ends || (header.type == MSG_TYPE_RESP && header.length > 0 && header.length <= read->size()));
-        if (s_sent.size() < WEB_HEADER_SIZE + header.length)
-            return;
-        require(s_sent.compare(0, 4, "\0\0\xdd\xcc", 4) == 0 &&
-                s_sent.compare(WEB_HEADER_SIZE, header.length, *read, 0, header.length) == 0);
-        read->erase(0, header.length);
-        s_sent.erase(0, WEB_HEADER_SIZE + header.length);
-        s_open_slots -= ends;
-    }
-    if (s_open_slots == 0)
-        web_pool_close();
-}
-
-// The first bytes also say how many slots there are, how much is read and framed at once, and how NM takes it.
-static void web_response(const Input &in)
-{
-    g_http_rsp_len = 1 + 16 * in.at(1);
-    g_http_forward_len = 16 * (int8_t)in.at(2);
-    web_start();
-    s_sent.clear();
-    for (s_open_slots = 0; s_open_slots <= in.at(0) % WEB_SLOT_COUNT; s_open_slots++) {
-        SocketConn device = tcp_connect("127.0.0.1", "2", nullptr, nullptr, 0, 0);
-        uint8_t id[WEB_ID_SIZE] = {(uint8_t)device.socket_fd};
-        require(device.socket_fd > 0 && device.socket_fd < 256 && web_slot_bind(id) == s_open_slots);
-        SocketConn held;
-        require(web_slot_connect(s_open_slots, device, &held) == 0);
-        conn_drop(&held);
-        s_read[id[0]].clear();
-    }
-    g_world_watch.received = [](int fd, const void *bytes, size_t len) { s_read[fd].append((const char *)bytes, len); };
-    g_world_watch.sent = frames_sent;
-    g_world_watch.send_max = in.at(3);
-    g_world_watch.fail_each = in.at(4);
-    require(web_response_start(g_web_pool_generation) == 0);
-    (void)tunnel_command(remote_web_req_handle, "stop");
-}
-
-// After the handshake: records of many sizes and other bytes, cut or together, and the end. The first bytes say how
-// much arrives and is read at once. What is read is what was written, as far as it goes.
-static void tls_records(const Input &in)
-{
-    static SSL_CTX *context = sim_tls_server();
-    static SSL *server;
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) == 0);
-    server = SSL_new(context);
-    SSL_set_fd(server, ends[1]);
-    g_world_watch.peer = [] { (void)(SSL_is_init_finished(server) || SSL_accept(server)); };
-    SocketConn conn = {};
-    conn.socket_fd = ends[0];
-    conn.ssl = tls_init(ends[0], nullptr);
-    require(conn.ssl);
-
-    BIO *wire = BIO_new(BIO_s_mem());
-    SSL_set0_wbio(server, wire);
-    std::string written, got;
-    bool is_clean = true;
-    for (size_t at = 2; at < in.size && written.size() < 1 << 17; at++) {
-        int number = in.data[at] & 127, left = (int)(in.size - at) - 1;
-        if (in.data[at] < 128) {
-            std::string text((size_t)number * 128 + 1, (char)at);
-            require(SSL_write(server, text.data(), (int)text.size()) > 0);
-            written += text;
-        } else if (left > 0) {
-            at += (size_t)BIO_write(wire, in.data + at + 1, number < left ? number + 1 : left);
-            is_clean = false;
-        }
-    }
-
-    const int piece = 1 + 32 * in.at(0), room = 1 + 32 * in.at(1);
-    for (int len = 1; len > 0 && !wait_is_cut();) {
-        char bytes[8192];
-        int arrived = BIO_read(wire, bytes, piece);
-        require(arrived > 0 ? write(ends[1], bytes, (size_t)arrived) == arrived : shutdown(ends[1], SHUT_WR) == 0);
-        require(arrived > 0 || !is_clean || got.size() == written.size()); // before the end, which wakes everybody
-        while (len > 0 && conn_readable(&conn, 10)) {
-            len = conn_recv(&conn, bytes, (size_t)room);
-            require(len >= 0 || errno != EAGAIN);
-            got.append(bytes, len > 0 ? (size_t)len : 0);
-        }
-    }
-    require(written.compare(0, got.size(), got) == 0);
-    SSL_free(server);
-    close(ends[1]);
-    socket_close_private(&conn);
 }
 
 static void telnet_setup(const Input &in)
@@ -281,8 +167,6 @@ static const struct Target {
     {"telnet_setup", telnet_setup, true, true},
     {"init_cfg", init_cfg},
     {"service_file", service_file},
-    {"web_response", web_response, true, true},
-    {"tls_records", tls_records},
     {"masked_line", masked_line},
 };
 static const Target *s_target;

@@ -7,7 +7,6 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,7 +16,6 @@
 #include "runtime/log.h"
 #include "runtime/plugin_info_internal.h"
 #include "runtime/stop.h"
-#include "runtime/wait.h"
 #include "runtime/work_thread.h"
 #include "status/service_status.h"
 #include "transport/conn_registry.h"
@@ -33,15 +31,12 @@ static struct {
     int polls;
     int silences;
     int64_t now_ms;
-    int calls; // that may fail
 } s_world;
-WorldWatch g_world_watch;
 static int s_last_kept_fd; // behind it are those of the input
 
 void world_begin(const uint8_t *data, size_t size, size_t piece, bool accepts)
 {
-    s_world = {data, size, piece ? piece : SIZE_MAX, accepts ? 0 : ECONNREFUSED, 0, 0, 0, 0};
-    g_world_watch = {};
+    s_world = {data, size, piece ? piece : SIZE_MAX, accepts ? 0 : ECONNREFUSED, 0, 0, 0};
     g_exit_flag = 0;
     s_last_kept_fd = s_last_kept_fd > 0 ? s_last_kept_fd : dup(STDERR_FILENO);
     plugin_info_reset_for_test();
@@ -69,14 +64,6 @@ size_t world_bytes_left(void)
     return s_world.left;
 }
 
-static bool fails(void)
-{
-    bool result = g_world_watch.fail_each > 0 && ++s_world.calls % g_world_watch.fail_each == 0;
-    if (result)
-        errno = s_world.calls % 2 ? EAGAIN : ECONNRESET;
-    return result;
-}
-
 // C functions with the C library's own names: the linker prefers these.
 int connect(int, const struct sockaddr *, socklen_t)
 {
@@ -84,28 +71,18 @@ int connect(int, const struct sockaddr *, socklen_t)
     return s_world.connect_error ? -1 : 0;
 }
 
-ssize_t send(int, const void *bytes, size_t len, int)
+ssize_t send(int, const void *, size_t len, int)
 {
-    if (fails())
-        return -1;
-    if (g_world_watch.send_max > 0 && len > g_world_watch.send_max)
-        len = g_world_watch.send_max;
-    if (g_world_watch.sent)
-        g_world_watch.sent(bytes, len);
     return (ssize_t)len;
 }
 
-ssize_t recv(int fd, void *buf, size_t len, int)
+ssize_t recv(int, void *buf, size_t len, int)
 {
-    if (fails())
-        return -1;
     len = len < s_world.piece ? len : s_world.piece;
     len = len < s_world.left ? len : s_world.left;
     memcpy(buf, s_world.bytes, len);
     s_world.bytes += len;
     s_world.left -= len;
-    if (g_world_watch.received)
-        g_world_watch.received(fd, buf, len);
     return (ssize_t)len;
 }
 
@@ -130,16 +107,11 @@ int gethostbyname_r(const char *name, struct hostent *entry, char *buf, size_t b
 // Sockets are always writable, and readable while there are bytes; where nothing is ready the time passes at once.
 int poll(struct pollfd *fds, nfds_t count, int timeout_ms)
 {
-    short events = (short)((fails() ? 0 : POLLOUT) | (s_world.left > 0 ? POLLIN : 0));
-    struct timespec at_once = {};
+    short events = (short)(POLLOUT | (s_world.left > 0 ? POLLIN : 0));
     int ready = 0;
     for (nfds_t i = 0; i < count; i++) {
         fds[i].revents = fds[i].fd > 0 ? (short)(fds[i].events & events) : 0;
         ready += fds[i].revents != 0;
-    }
-    if (g_world_watch.peer) {
-        g_world_watch.peer();
-        ready = (int)syscall(SYS_ppoll, fds, count, &at_once, nullptr, 0);
     }
     if (ready == 0 && timeout_ms > 0) {
         s_world.now_ms += timeout_ms;
@@ -165,14 +137,9 @@ int clock_nanosleep(clockid_t, int, const struct timespec *, struct timespec *)
 }
 
 // No threads beside: they would outlive their input.
-int create_work_thread(void *(*body)(void *), void *arg)
+int create_work_thread(void *(*)(void *), void *)
 {
-    if (!g_world_watch.sent)
-        return -1;
-    CallOff before = wait_call_off_set({nullptr, 0});
-    (void)body(arg);
-    wait_call_off_set(before);
-    return 0;
+    return -1;
 }
 
 void work_thread_set_name(const char *)

@@ -14,13 +14,3 @@ void world_end(void);
 
 // What the peers still have to say.
 size_t world_bytes_left(void);
-
-// What a target wants beyond that, until the next input.
-struct WorldWatch {
-    void (*received)(int fd, const void *bytes, size_t len); // each read
-    void (*sent)(const void *bytes, size_t len);             // each send; with it threads run, at once, to their end
-    size_t send_max;                                         // most bytes that a send takes; 0: all
-    int fail_each;      // one of so many looks for a writable socket, sends and reads fails; 0: none
-    void (*peer)(void); // the peer's turn before each wait; with it waits are real, but time out at once
-};
-extern WorldWatch g_world_watch;

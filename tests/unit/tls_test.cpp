@@ -2,7 +2,6 @@
 
 #include <openssl/err.h>
 
-#include "runtime/stop_internal.h"
 
 TEST(Tls, BytesGoBothWays)
 {
@@ -91,63 +90,4 @@ TEST(Tls, ReaderAndWriterShareASession)
     writer.join();
     conn_ref_shut(link.conn.ref);
     echo.join();
-}
-
-static std::atomic<uint32_t> s_call_offs;
-
-TEST(Tls, HandshakesThatFail)
-{
-    start_process_once();
-    const struct {
-        const char *name;
-        void (*peer)(int fd);
-        Texts lines; // none at all when the wait is cut; no time-out covers a silent peer
-        int again;   // "Try again..." lines
-    } cases[] = {
-        {"too many calls, each brings a byte of an endless server hello",
-         [](int fd) {
-             for (char byte : std::string("\x16\x03\x03\x40\0\x02\0\x3f\xfc\x03\x03", 11)) {
-                 usleep(30000);
-                 send(fd, &byte, 1, 0);
-             }
-             (void)fd_read(fd, 4096);
-         },
-         {"SSL_connect failed too much times!", "SSL deinit success!"},
-         9},
-        {"plain text, after the first call",
-         [](int fd) {
-             usleep(50000);
-             fd_send(fd, "HTTP/1.1 400 Bad Request\r\n\r\n");
-             (void)fd_read(fd, 4096);
-         },
-         {"Try again...", "SSL_connect faild!", "SSL deinit success!"},
-         1},
-        {"end", [](int) { usleep(50000); }, {"SSL_connect faild!", "SSL deinit success!"}, 1},
-        {"silent, stop", [](int) { usleep(200000), stop_request(15); }, {}, 0},
-        {"silent, called off", [](int) { usleep(200000), s_call_offs++; }, {}, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        SocketConn conn;
-        int peer = connect_pair(&conn);
-        wait_call_off_set({&s_call_offs, s_call_offs});
-        int64_t start = wait_now_ms();
-        std::thread server([&] {
-            c.peer(peer);
-            if (!c.lines.empty())
-                shutdown(peer, SHUT_RDWR);
-        });
-        LogLines log;
-        EXPECT_EQ(nullptr, tls_init(conn.socket_fd, nullptr));
-        EXPECT_TRUE(log.has_in_order(c.lines));
-        EXPECT_EQ(c.again, log.count("SSL_connect failed! Try again..."));
-        EXPECT_EQ(c.lines.empty(), log.text().empty());
-        EXPECT_GE(wait_now_ms() - start, c.lines.empty() ? 190 : 0);
-        EXPECT_LT(wait_now_ms() - start, c.lines.empty() ? 1500 : 20000);
-        wait_call_off_set({nullptr, 0});
-        stop_reset_for_test();
-        socket_close_private(&conn);
-        server.join();
-        close(peer);
-    }
 }
