@@ -266,6 +266,25 @@ TEST(Formats, SimulatedNm)
     EXPECT_EQ(bytes_of("command-remote-web"), nm_command_tunnel(tunnel));
 }
 
+// What is queued for one device is handed to that one, what is queued for any to who asks first.
+TEST(Formats, SimulatedNmKeepsItsDevicesApart)
+{
+    NmSim nm;
+    const auto word = [&](const char *serial) { return nm_reply_datagram_locked(&nm, serial).bytes; };
+    const auto command = [&](const std::string &serial) {
+        HttpRequest request;
+        request.path = "/dev-api/" + serial + "/handshake";
+        const std::string answer = nm_reply_request_locked(&nm, "handshake", request).bytes;
+        return answer.substr(answer.find("[") + 1, answer.find("]") - answer.find("[") - 1);
+    };
+    nm.devices["B2"].commands.push_back("{\"n\":1}");
+    nm.devices["A1"].restart_wanted = true;
+    EXPECT_EQ((Texts{"rec", "ACTIVE", "", "ack", "{\"n\":1}"}),
+              (Texts{word("A1"), word("A1"), command("A1"), word("B2"), command("B2")}));
+    nm.devices[""].commands.push_back("{\"n\":2}");
+    EXPECT_EQ((Texts{"ack", "{\"n\":2}", "ACTIVE"}), (Texts{word("A1"), command("A1"), word("B2")}));
+}
+
 TEST(Formats, SimulatedDevice)
 {
     const std::string wire_length(4, '\0');
