@@ -104,7 +104,7 @@ TEST(RemoteAccess, ServiceOff)
 // A private /etc/hosts, where that is permitted.
 static bool hosts_replace(const std::string &path)
 {
-    device_write_file(path, "127.0.0.1 localhost tunnel.test\n");
+    device_write_file(path, "127.0.0.9 tunnel.test\n127.0.0.1 localhost tunnel.test\n");
     return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount(path.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) == 0;
 }
@@ -118,22 +118,17 @@ TEST(RemoteAccess, NameThatStopsResolvingRefuses)
     DeviceService echo(serve_echo);
     TunnelStage stage;
     ASSERT_TRUE(start(&stage, &echo, &echo, {{"remote_access:allow_hosts", "tunnel.test"}}));
-    ASSERT_TRUE(telnet_open(&stage) && telnet_close(&stage)); // NM names the address, which the name has
-    const auto write_hosts = [&](const char *text) {          // in place: the file is mounted
-        const int fd = open(hosts.c_str(), O_WRONLY | O_TRUNC);
-        EXPECT_EQ((ssize_t)strlen(text), write(fd, text, strlen(text)));
-        close(fd);
-    };
+    ASSERT_TRUE(telnet_open(&stage) && telnet_close(&stage)); // NM names an address, which the name has
+    ASSERT_TRUE(start_at(&stage, k_telnet, "tunnel.test"));   // as written: the first address
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "TCP connecting [remote (127.0.0.9:"));
     for (const char *another : {"127.0.0.1 localhost\n", "127.0.0.9 tunnel.test\n"}) { // no address, another one's
-        write_hosts(another);
+        const int fd = open(hosts.c_str(), O_WRONLY | O_TRUNC);                        // in place: the file is mounted
+        EXPECT_EQ((ssize_t)strlen(another), write(fd, another, strlen(another)));
+        close(fd);
         ASSERT_TRUE(telnet_command(&stage, "start"));
         EXPECT_TRUE(agent_wait_log(&stage.agent, "is refused: the tunnel end is not in allow_hosts!"));
     }
     EXPECT_EQ(1, text_count(agent_output(stage.agent), "gethostbyname() failed: tunnel.test"));
-    write_hosts("127.0.0.9 tunnel.test\n127.0.0.1 tunnel.test\n");
-    ASSERT_TRUE(telnet_open(&stage));
-    ASSERT_TRUE(telnet_close(&stage) && start_at(&stage, k_telnet, "tunnel.test")); // as written: the first address
-    EXPECT_TRUE(agent_wait_log(&stage.agent, "TCP connecting [remote (127.0.0.9:"));
     unlink(hosts.c_str());
     rmdir(dir);
 }

@@ -74,12 +74,3 @@ TEST(Sandbox, UnknownLevelIsTheStrictestThereIs)
     EXPECT_TRUE(agent_has_log(stage.agent, "[ERR] Sandbox: level 2 is not built in, level 1 is used!"));
     expect_no_capabilities(stage);
 }
-
-TEST(Sandbox, OffByDefault)
-{
-    Stage stage;
-    ASSERT_TRUE(stage_online(&stage, false));
-    EXPECT_EQ(threads_say(getpid(), {"CapPrm", "CapBnd", "NoNewPrivs"}),
-              threads_say(stage.agent.pid, {"CapPrm", "CapBnd", "NoNewPrivs"}));
-    EXPECT_FALSE(agent_has_log(stage.agent, "Sandbox"));
-}
