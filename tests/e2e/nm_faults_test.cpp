@@ -137,6 +137,7 @@ static void run_black_hole()
     EXPECT_TRUE(device_sim_wait_for(stage.device, "ping", 1, k_wait_ms));
     EXPECT_TRUE(text_has(device_sim_frame(stage.device, "online-status-notify", -1).text, "\"online\""));
     EXPECT_EQ("true", stage_result(&stage));
+    EXPECT_TRUE(nm_sim_wait_for(nm, "udp", nm_sim_count(nm, "udp") + 1, k_wait_ms)); // UDP is back
     keep_connection(&stage);
     EXPECT_TRUE(proc_usage_returns(stage.agent.pid, before));
     EXPECT_EQ("", stage_end(&stage));

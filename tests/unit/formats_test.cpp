@@ -136,6 +136,16 @@ TEST(Formats, AgentAndNm)
     }
     EXPECT_EQ(bytes_of("http-heartbeat-request"), stage.last_request());
     EXPECT_TRUE(stage.log.has("len: 6, buf: ACTIVE"));
+    EXPECT_FALSE(conn_is_connected(NM_UDP_DETECTION));
+    const std::string none, word = bytes_of("http-heartbeat-answer"), rec = http_ok("{\"result\":\"rec\"}");
+    stage.nm.answer_set("heartbeat", {rec, none, none, none, none, word, none});
+    udp_handler(nullptr);
+    EXPECT_EQ(0, (int)g_init_done);
+    g_init_done = 1;
+    for (int i = 1; i <= 10; i++) { // five in a row without an answer ask for a new bring-up
+        udp_handler(nullptr);
+        EXPECT_EQ(i < 10, g_init_done == 1) << i;
+    }
 
     const TempDir dir;
     const std::string file = dir.path + "/service";
