@@ -72,60 +72,6 @@ TEST(ConnRegistry, OldCopiesDoNotTouchTheSuccessor)
     close(peers[1]);
 }
 
-// Adders, removers, senders and readers of one connection at once, for a second. Its peer gets whole frames of it only,
-// but for the last one of each connection.
-static void hammer(ConnectionType type, const std::string &frame)
-{
-    DeviceService peer([&](int fd) {
-        std::string got = fd_read(fd, 1 << 16), frames;
-        while (frames.size() < got.size())
-            frames += frame;
-        EXPECT_EQ(frames.substr(0, got.size()), got);
-    });
-    auto send_frame = [&] {
-        SocketConn copy;
-        SendPart parts[] = {{frame.data(), 4}, {frame.data() + 4, frame.size() - 4}};
-        if (conn_hold(type, &copy))
-            (void)conn_send(&copy, SEND_MESSAGE, parts, 2);
-        conn_drop(&copy);
-        usleep(100);
-    };
-    auto add = [&] { conn_add(type, connect_to(port_of(peer)), 0); };
-    const std::function<void()> steps[] = {
-        [&] { (void)conn_check(type), usleep(500); },
-        [&] { (void)poll_conn_readable(type, 5); },
-        [] { conn_remove_all_but_device(), usleep(2000); },
-        add,
-        add,
-        send_frame,
-        send_frame,
-    };
-    std::atomic<bool> done{false};
-    std::vector<std::thread> threads;
-    for (const auto &step : steps)
-        threads.emplace_back([&done, &step] {
-            while (!done)
-                step();
-        });
-    usleep(1000000);
-    done = true;
-    for (std::thread &thread : threads)
-        thread.join();
-    conn_remove(type, 0);
-}
-
-TEST(ConnRegistry, ThreadsMeet)
-{
-    start_process_once();
-    nm_set("1");
-    g_log_level = 2;
-    int before = open_descriptors();
-    std::thread other(hammer, HTTP, "len!text");
-    hammer(REMOTE_WEB_SERVER, "LEN!TEXT");
-    other.join();
-    EXPECT_EQ(before, open_descriptors());
-}
-
 // Broken, but the test that would find it shut down is cut short: not usable, and no line calls state 1 "not connected:
 // 1". A handshake that is cut short brings no connection, least of all a plain one.
 TEST(ConnRegistry, TestAndHandshakeCutShort)
