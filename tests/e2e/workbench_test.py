@@ -69,7 +69,9 @@ def browser_open():
         options.add_argument(word)
     options.binary_location = "/usr/bin/chromium"
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    return webdriver.Chrome(service=Service(DRIVER), options=options)
+    browser = webdriver.Chrome(service=Service(DRIVER), options=options)
+    browser.set_page_load_timeout(WAIT_S)
+    return browser
 
 
 class Page:
@@ -143,6 +145,18 @@ def device_page(page):
     until("a window for the device's page", lambda: len(page.browser.window_handles) == 2)
     page.browser.switch_to.window(next(h for h in page.browser.window_handles if h != own))
     until("the device's page", lambda: "the device's own page" in page.text("body"))
+    page.browser.execute_async_script("""
+        const load = async number => {
+            const frame = document.body.appendChild(document.createElement('iframe'));
+            frame.src = '/?' + number;
+            await new Promise(done => setTimeout(done, 50 * number));
+            frame.remove();
+            number < 12 ? load(number + 1) : arguments[0]();
+        };
+        load(1);""")  # loads that are cut short, while their pictures are on the way
+    page.browser.refresh()
+    until("its pictures", lambda: page.browser.execute_script(
+        "return [...document.images].filter(picture => picture.naturalWidth > 0).length == 60"))
     page.browser.close()
     page.browser.switch_to.window(own)
     until("a link to it", lambda: page.browser.find_elements(By.ID, "web-link"))
