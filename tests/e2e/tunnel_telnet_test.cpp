@@ -165,49 +165,30 @@ TEST(TunnelTelnet, DeviceThatBlocksOnItsOutput)
                                                 noise(8192, 0)));
 }
 
-// A telnet client, its keyboard and screen the two directions of a connection.
-struct Terminal {
-    explicit Terminal(int port) : client(serve_program({"/bin/busybox", "telnet", "127.0.0.1", std::to_string(port)}))
-    {
-    }
-    ~Terminal()
-    {
-        close(fd);
-    }
-    // Text on the screen, or any of its bytes, behind what was waited for before.
-    bool wait(const std::string &text, bool any = false)
-    {
-        size_t at;
-        char bytes[65536];
-        while ((at = any ? screen.find_first_of(text, seen) : screen.find(text, seen)) == std::string::npos) {
-            const ssize_t got = recv(fd, bytes, sizeof(bytes), 0);
-            if (got <= 0)
-                return false;
-            screen.append(bytes, (size_t)got);
-        }
-        seen = at + 1;
-        return true;
-    }
-    DeviceService client;
-    const int fd = client_connect(client.port());
-    std::string screen;
-    size_t seen = 0;
-};
-
-// Pastes the commands and one that ends them. The milliseconds until all is done; -1 when something is missing.
+// A telnet client pastes the commands and one that ends them. The milliseconds until all is done; -1 when something is
+// missing.
 static long long paste(int port, const std::string &commands, int count)
 {
-    Terminal terminal(port);
-    if (!terminal.wait("#$", true))
-        return -1;
+    DeviceService client(serve_program({"/bin/busybox", "telnet", "127.0.0.1", std::to_string(port)}));
+    const int fd = client_connect(client.port()); // its keyboard and its screen
+    std::string screen;
+    const auto shows = [&](const std::string &text) {
+        char bytes[65536];
+        ssize_t got = 1;
+        while (!text_has(screen, text) && (got = recv(fd, bytes, sizeof(bytes), 0)) > 0)
+            screen.append(bytes, (size_t)got);
+        return got > 0;
+    };
+    bool whole = shows(geteuid() == 0 ? "#" : "$");
     const long long begin_ms = monotonic_ms();
-    std::thread typist([&] { fd_send(terminal.fd, commands + "echo all$((6 * 7))done\r\n"); });
-    bool whole = terminal.wait("all42done");
+    std::thread typist([&] { fd_send(fd, commands + "echo all$((6 * 7))done\r\n"); });
+    whole = whole && shows("all42done");
     const long long took_ms = monotonic_ms() - begin_ms;
-    shutdown(terminal.fd, SHUT_RDWR); // a typist that nobody listens to
+    shutdown(fd, SHUT_RDWR); // a typist that nobody listens to
     typist.join();
+    close(fd);
     for (int i = 0; i < count; i++)
-        whole = whole && text_has(terminal.screen, "=" + std::to_string(i * 7) + "=");
+        whole = whole && text_has(screen, "=" + std::to_string(i * 7) + "=");
     return whole ? took_ms : -1;
 }
 

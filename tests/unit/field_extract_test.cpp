@@ -21,12 +21,9 @@ TEST(FieldExtract, RegexResults)
     } k_cases[] = {
         {"7.log.old", "^([0-9]*)\\.log", 0, "7",
          "[INF] pmatch[1].rm_eo: 1, pmatch[1].rm_so: 0, matched_len: 1, matched value: 7\n"},
-        {".log", "^([0-9]*)\\.log", 0, "",
-         "[INF] pmatch[1].rm_eo: 0, pmatch[1].rm_so: 0, matched_len: 0, matched value: \n"},
         {"notes.txt", "^([0-9]*)\\.log", 1, "", "[INF] No match for REGEX: \"^([0-9]*)\\.log\", msg: notes.txt\n"},
         {"abc", "b", 0, "", "[WRN] Unknown status: 0\n[INF] No match for REGEX: b, msg: abc\n"},
-        {"1234567", "(.*)", 0, "1234567",
-         "[INF] pmatch[1].rm_eo: 7, pmatch[1].rm_so: 0, matched_len: 7, matched value: 1234567\n"},
+        {"1234567", "()", 0, "", "[INF] pmatch[1].rm_eo: 0, pmatch[1].rm_so: 0, matched_len: 0, matched value: \n"},
         {"12345678", "(.*)", -1, "",
          "[INF] pmatch[1].rm_eo: 8, pmatch[1].rm_so: 0, matched_len: 8, matched value: 12345678\n"
          "[WRN] value_len: 8 not enough, needed matched_len: 9, matched_str: 12345678!\n"},
