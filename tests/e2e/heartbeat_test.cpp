@@ -1,7 +1,7 @@
 // Heartbeats over UDP, and which answers are none.
 #include <gtest/gtest.h>
 
-#include "harness.h"
+#include "tunnel_stage.h"
 
 // Each row is one heartbeat of its own; a miss is followed by the same body over HTTP.
 TEST(Heartbeat, DatagramAnswers)
@@ -33,5 +33,25 @@ TEST(Heartbeat, DatagramAnswers)
         EXPECT_EQ(row.is_missed ? 1 : 0, nm_sim_count(stage.nm, "heartbeat") - over_http);
     }
     EXPECT_EQ(nm_sim_request(stage.nm, "udp", -1).body, nm_sim_request(stage.nm, "heartbeat", -1).body);
+    EXPECT_EQ("", stage_end(&stage));
+}
+
+// Eight handshakes at once, one of them at its command, the others with an NM that does not answer their TLS: the ninth
+// takes the place of the oldest without an answer.
+TEST(Heartbeat, HungHandshakesGiveWay)
+{
+    TunnelStage stage;
+    stage.options.mute = true;
+    ASSERT_TRUE(tunnel_stage_start(&stage, true, nullptr, nullptr) && telnet_command(&stage, "start"));
+    ASSERT_TRUE(stage.telnet->wait(k_wait_ms, [](const TelnetTunnelStats &stats) { return stats.connected; }));
+    const int before = nm_sim_connections(stage.nm);
+    stage_nm_silent(&stage);
+    nm_sim_queue(stage.nm, nm_command_forward("ping", ""));
+    EXPECT_TRUE(agent_wait_log(&stage.agent, "Handshaking failed!"));
+    EXPECT_TRUE(nm_sim_wait_connections(stage.nm, before + 8, k_wait_ms));
+    EXPECT_FALSE(nm_sim_wait_connections(stage.nm, before + 9, 0));
+    nm_sim_clear_faults(stage.nm);
+    EXPECT_TRUE(device_sim_wait_for(stage.device, "ping", 1, k_wait_ms));
+    EXPECT_FALSE(agent_has_log(stage.agent, "Process handshake response failed!")); // the command was left alone
     EXPECT_EQ("", stage_end(&stage));
 }
