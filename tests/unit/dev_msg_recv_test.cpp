@@ -47,20 +47,6 @@ static Texts pass(int device, const std::string &bytes, int get_calls)
     return contents;
 }
 
-TEST(DevMsgRecv, StreamCutAtEveryByte)
-{
-    const Receiver to(64, 256);
-    const std::string first = "{\"type\":\"first\"}", last = "{\"n\":2}";
-    const std::string stream = frame(first) + frame("") + frame(last);
-    for (size_t cut = 1; cut < stream.size(); cut++) {
-        SCOPED_TRACE(cut);
-        Texts got = pass(to.device, stream.substr(0, cut), 3);
-        Texts rest = pass(to.device, stream.substr(cut), 3);
-        got.insert(got.end(), rest.begin(), rest.end());
-        EXPECT_EQ(got, (Texts{first, last}));
-    }
-}
-
 TEST(DevMsgRecv, LengthsAtTheEdge)
 {
     const std::string fits(60, 'f'), over(61, 'o'),
