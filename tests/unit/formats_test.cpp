@@ -102,21 +102,20 @@ TEST(Formats, AgentAndDevice)
 TEST(Formats, AgentAndNm)
 {
     Stage stage;
-    const std::string beat = bytes_of("udp-heartbeat");
     const auto beat_once = [&](const char *answer) { // NM's end of one heartbeat over UDP
         std::thread beats([] { udp_handler(nullptr); });
         char got[256];
         sockaddr_in from;
         socklen_t len = sizeof(from);
         const ssize_t size = recvfrom(stage.udp, got, sizeof(got), 0, (sockaddr *)&from, &len);
-        EXPECT_EQ(beat, std::string(got, (size_t)std::max<ssize_t>(size, 0)));
+        EXPECT_EQ(bytes_of("udp-heartbeat"), std::string(got, (size_t)std::max<ssize_t>(size, 0)));
         const std::string word = bytes_of(answer);
         sendto(stage.udp, word.data(), word.size(), 0, (sockaddr *)&from, len);
         beats.join();
     };
     g_init_done = 1;
-    heartbeat_reset();
     beat_once("udp-active");
+    EXPECT_TRUE(stage.log.has("len: 6, buf: ACTIVE"));
     EXPECT_EQ(Texts{}, stage.nm.now(&NmPeer::paths));
     stage.nm.answer_set("handshake", {bytes_of("http-handshake-answer")});
     beat_once("udp-ack");
@@ -124,18 +123,20 @@ TEST(Formats, AgentAndNm)
     expect_from(stage.device, "device-command");
     beat_once("udp-rec");
     EXPECT_EQ(0, (int)g_init_done);
+}
 
+TEST(Formats, AgentAndNmOverHttp)
+{
+    Stage stage;
     g_init_done = 1;
-    heartbeat_reset();
     shutdown(stage.udp, SHUT_RDWR);
-    close(stage.udp); // refused at once
+    close(std::exchange(stage.udp, -1)); // refused at once
     stage.nm.answer_set("heartbeat", {bytes_of("http-heartbeat-answer")});
     for (int i = 1; i <= 5; i++) { // each goes over HTTP too, the ones behind the fifth over HTTP alone
         udp_handler(nullptr);
         EXPECT_EQ(i == 5, stage.log.has("Change to http mode."));
     }
     EXPECT_EQ(bytes_of("http-heartbeat-request"), stage.last_request());
-    EXPECT_TRUE(stage.log.has("len: 6, buf: ACTIVE"));
     EXPECT_FALSE(conn_is_connected(NM_UDP_DETECTION));
     const std::string none, word = bytes_of("http-heartbeat-answer"), rec = http_ok("{\"result\":\"rec\"}");
     stage.nm.answer_set("heartbeat", {rec, none, none, none, none, word, none});
