@@ -2,7 +2,6 @@
 
 #include <openssl/err.h>
 
-
 TEST(Tls, BytesGoBothWays)
 {
     for (const char *signatures : {(const char *)nullptr, "ECDSA+SHA1"}) { // old servers are fine: nothing is verified
